@@ -1,0 +1,17 @@
+/// @file
+/// The diagnostic log function, which the host program supplies: its own, or one of the substitutes in this folder.
+#ifndef ORV_DLOG_H
+#define ORV_DLOG_H
+
+/// Writes one line to the device's diagnostic log.
+///
+/// The library calls it on whatever thread runs the library, so it must be safe to call from any thread.
+///
+/// @param severity   3 (error) in every call of the library
+/// @param sourceTag  name of the reporting source file, such as "LxFileUtils.cpp"
+/// @param format     printf format of the message, without a line feed at the end
+/// Example: extern "C" void __dlog_printf(int, const char*, const char* format, ...) { ...vfprintf(stderr, ...)... }
+extern "C" void __dlog_printf(int severity, const char* sourceTag, const char* format, ...)
+    __attribute__((format(printf, 3, 4)));
+
+#endif  // ORV_DLOG_H

@@ -1,0 +1,526 @@
+// The ten file-system utilities, in five families:
+//   existence test     FileExists
+//   file transfer      RenameFileAcrossFs, CopyFile
+//   directories        DoMakeDirPath, MakeDirPath, GetDirFileList
+//   tables and pages   TextFileTableDelimter, AddTextFileFormattedRow, GenHtmlPagefromTextFile
+//   name-value files   ReadNameValueFromFile
+// Each family's private helpers stand directly above its functions. A helper that reports does so in the name of the
+// public function it serves. Comments that begin with "Deliberate:" mark behaviour that callers rely on, however odd.
+
+#include "LxFileUtils.h"
+
+#include "LxStringUtils.h"
+#include "dlog.h"
+
+#include <alloca.h>
+#include <dirent.h>
+#include <fcntl.h>
+#include <libgen.h>
+#include <limits.h>
+#include <sys/stat.h>
+#include <sys/types.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <cstddef>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <fstream>
+#include <iostream>  // brings in the standard stream initialiser, the only static object of this library
+#include <sstream>
+
+#define LOG_FAILURE(...) __dlog_printf(kSeverityError, kSourceTag, __VA_ARGS__)
+
+namespace orv_fileutils {
+
+namespace {
+
+const int kSeverityError = 3;  // the only severity this library reports
+const char kSourceTag[] = "LxFileUtils.cpp";
+
+const char kRenameFileAcrossFs[] = "RenameFileAcrossFs";
+const char kDoMakeDirPath[] = "DoMakeDirPath";
+const char kMakeDirPath[] = "MakeDirPath";
+const char kGetDirFileList[] = "GetDirFileList";
+const char kGenHtmlPage[] = "GenHtmlPagefromTextFile";
+const char kReadNameValue[] = "ReadNameValueFromFile";
+
+const mode_t kPermissionBits = 0777;  // what a copied file inherits; set-id and sticky bits are not among them
+
+bool IsRegular(const struct stat& status)
+{
+    return (status.st_mode & S_IFMT) == S_IFREG;
+}
+
+}  // namespace
+
+// ---- Existence test
+
+bool FileExists(const char* path)
+{
+    struct stat status;
+    return stat(path, &status) == 0 && IsRegular(status);
+}
+
+// ---- File transfer
+
+namespace {
+
+const std::size_t kCopyBlockBytes = 4096;  // one block per read and write, on the stack
+const char kTempSuffix[] = "_XXXXXX";      // its size counts the NUL: 8 bytes
+
+// Tells whether a move would make the source its own victim: the kernel answers EXDEV also for two mounts of one file
+// system, where both names can be one file. A source that is a symbolic link may go: its target stays.
+bool IsAlreadyInPlace(const char* source, const struct stat& sourceStatus, const char* destination)
+{
+    struct stat status;
+    if (lstat(destination, &status) != 0 || status.st_dev != sourceStatus.st_dev ||
+        status.st_ino != sourceStatus.st_ino) {
+        return false;
+    }
+    return lstat(source, &status) == 0 && !S_ISLNK(status.st_mode);
+}
+
+bool CopyBlocks(int from, int to)
+{
+    char block[kCopyBlockBytes];
+    for (;;) {
+        const ssize_t got = read(from, block, sizeof block);
+        if (got == 0) {
+            return true;
+        }
+        if (got == -1) {
+            return false;  // Deliberate: a failed read is not logged, and EINTR is not retried, here and below.
+        }
+        const ssize_t put = write(to, block, static_cast<std::size_t>(got));
+        if (put != got) {  // Deliberate: a short write fails like -1; the errno printed is then a stale one.
+            LOG_FAILURE("%s: write() failed (%zi, %zi, %i).", kRenameFileAcrossFs, got, put, errno);
+            return false;
+        }
+    }
+}
+
+// Copies the bytes of `source` into the temporary file open as `tempDescriptor`, which is closed in any case.
+bool FillTemporary(const char* source, int tempDescriptor)
+{
+    const int sourceDescriptor = open(source, O_RDONLY);
+    if (sourceDescriptor == -1) {
+        LOG_FAILURE("%s: open(%s) failed (%i).", kRenameFileAcrossFs, source, errno);
+        (void)close(tempDescriptor);
+        return false;
+    }
+    const bool copied = CopyBlocks(sourceDescriptor, tempDescriptor);
+    (void)close(sourceDescriptor);
+    (void)close(tempDescriptor);  // Deliberate: neither result counts, and nothing is flushed to stable storage.
+    return copied;
+}
+
+// Copies `source` into a new file named after the template `tempPath`, renames that over `destination` and removes
+// `source`. Invariant: on return tempPath[0] is not NUL exactly when a temporary file of ours may still exist.
+bool CopyIntoPlace(const char* source, mode_t mode, char* tempPath, const char* destination)
+{
+    const int tempDescriptor = mkstemp(tempPath);
+    if (tempDescriptor == -1) {
+        LOG_FAILURE("%s: mkstemp(%s) failed (%i).", kRenameFileAcrossFs, tempPath, errno);
+        tempPath[0] = '\0';
+        return false;
+    }
+    if (!FillTemporary(source, tempDescriptor)) {
+        return false;  // already logged, where it is to be
+    }
+    if (chmod(tempPath, mode) != 0) {
+        LOG_FAILURE("%s: chmod(%s, %03o) failed (%i).", kRenameFileAcrossFs, tempPath, mode, errno);
+        return false;
+    }
+    if (rename(tempPath, destination) != 0) {
+        LOG_FAILURE("%s: rename(%s, %s) failed (%i).", kRenameFileAcrossFs, tempPath, destination, errno);
+        return false;
+    }
+    tempPath[0] = '\0';
+    if (unlink(source) != 0) {  // Deliberate: the result stays true, for the content stands at the destination.
+        LOG_FAILURE("%s: unlink(%s) failed (%i).", kRenameFileAcrossFs, source, errno);
+    }
+    return true;
+}
+
+// The move across file systems. Call it only for a destination that the kernel has accepted as a path: the stack holds
+// the temporary path, so that a move needs no heap.
+bool MoveByCopy(const char* source, mode_t mode, const char* destination)
+{
+    const std::size_t tempPathBytes = std::strlen(destination) + sizeof kTempSuffix;
+    char* const tempPath = static_cast<char*>(alloca(tempPathBytes));
+    (void)std::snprintf(tempPath, tempPathBytes, "%s%s", destination, kTempSuffix);
+
+    const bool moved = CopyIntoPlace(source, mode, tempPath, destination);
+    if (tempPath[0] != '\0' && unlink(tempPath) != 0) {
+        LOG_FAILURE("%s: unlink(%s) failed (%i).", kRenameFileAcrossFs, tempPath, errno);
+    }
+    return moved;
+}
+
+}  // namespace
+
+bool RenameFileAcrossFs(const std::string& source, const std::string& destination)
+{
+    const char* const sourcePath = source.c_str();
+    const char* const destinationPath = destination.c_str();
+
+    struct stat status;
+    if (stat(sourcePath, &status) != 0) {
+        LOG_FAILURE("%s: stat(%s) failed (%i).", kRenameFileAcrossFs, sourcePath, errno);
+        return false;
+    }
+    if (!IsRegular(status)) {
+        LOG_FAILURE("%s: %s is not a regular file (0x%x).", kRenameFileAcrossFs, sourcePath, status.st_mode & S_IFMT);
+        return false;
+    }
+    if (rename(sourcePath, destinationPath) == 0) {
+        return true;
+    }
+    const int renameError = errno;
+    if (renameError != EXDEV) {
+        LOG_FAILURE("%s: rename(%s, %s) failed (%i).", kRenameFileAcrossFs, sourcePath, destinationPath, renameError);
+        return false;
+    }
+    // EXDEV comes only after the kernel has taken in both paths, so from here on they are no longer than it allows.
+    return IsAlreadyInPlace(sourcePath, status, destinationPath) ||
+           MoveByCopy(sourcePath, status.st_mode & kPermissionBits, destinationPath);
+}
+
+int CopyFile(const std::string& source, const std::string& destination)
+{
+    const int kCopied = 0;
+    const int kNoSource = -1;
+    const int kSourceNotOpened = -2;
+    const int kDestinationNotOpened = -3;
+
+    if (!FileExists(source.c_str())) {
+        return kNoSource;
+    }
+    std::ifstream input;
+    std::ofstream output;  // destroyed, and so closed, before the input
+    input.open(source.c_str(), std::ios::in | std::ios::binary);
+    if (input.rdstate() != std::ios::goodbit) {
+        return kSourceNotOpened;
+    }
+    output.open(destination.c_str(), std::ios::out | std::ios::binary);
+    if (output.rdstate() != std::ios::goodbit) {
+        input.close();
+        return kDestinationNotOpened;
+    }
+    output << input.rdbuf();
+    input.close();
+    output.close();
+    return kCopied;  // Deliberate: whatever the copy and the closes reported; 0 says that both files were opened.
+}
+
+// ---- Directories
+
+namespace {
+
+// Cuts `dirCopy` back from parent to parent, down to the first one that can be queried: the place to build from.
+// A parent that is itself too long for the kernel ends the climb as well: it has no place to build from, and making
+// the directory below it reports just that. False, with a line, at "/" and ".", below which nothing is made.
+bool CutToUsableParent(char* dirCopy)
+{
+    const char* parent;
+    struct stat status;
+    do {
+        parent = dirname(dirCopy);
+        if (std::strcmp(parent, "/") == 0 || std::strcmp(parent, ".") == 0) {
+            LOG_FAILURE("%s: Can't make directory in %s", kDoMakeDirPath, parent);
+            return false;
+        }
+    } while (stat(parent, &status) != 0 && std::strlen(parent) < PATH_MAX);
+    return true;
+}
+
+// Makes the directories of `path`, topmost first, that `dirname` has cut off `dirCopy`. It cuts in place, by a NUL for
+// each level, so putting back the byte of the original gives the next directory down, until the whole path is back.
+bool MakeCutDirs(char* dirCopy, const char* path, unsigned int mode)
+{
+    std::size_t end = std::strlen(dirCopy);
+    while (path[end] != '\0') {
+        dirCopy[end] = path[end];
+        end += std::strlen(dirCopy + end);
+        // EEXIST: another process won the race, or any object stands there already: counts as made.
+        if (mkdir(dirCopy, mode) != 0 && errno != EEXIST) {
+            LOG_FAILURE("%s: could not create subdirectory %s due to error: %s", kDoMakeDirPath, dirCopy,
+                        std::strerror(errno));
+            return false;
+        }
+    }
+    return true;
+}
+
+}  // namespace
+
+bool DoMakeDirPath(const char* path, unsigned int mode)
+{
+    const std::size_t length = std::strlen(path);
+    char* const dirCopy = static_cast<char*>(std::malloc(length + 1));
+    if (dirCopy == nullptr) {
+        LOG_FAILURE("%s: malloc failure (dirCopy)", kDoMakeDirPath);
+        return false;
+    }
+    std::memcpy(dirCopy, path, length + 1);
+    const bool made = CutToUsableParent(dirCopy) && MakeCutDirs(dirCopy, path, mode);
+    std::free(dirCopy);
+    return made;
+}
+
+bool MakeDirPath(const char* path, unsigned int mode, bool applyMode)
+{
+    const std::size_t kMaxPathBytes = 1024;  // still accepted; 1025 is refused
+
+    const std::size_t length = std::strlen(path);
+    if (length > kMaxPathBytes) {
+        LOG_FAILURE("%s: can't make path of unusual size: %d", kMakeDirPath, static_cast<int>(length));
+        return false;
+    }
+    struct stat status;
+    if (stat(path, &status) != 0 && !DoMakeDirPath(path, mode)) {
+        LOG_FAILURE("%s: Create '%s' directory failed.", kMakeDirPath, path);
+        return false;
+    }
+    if (applyMode && chmod(path, mode) != 0) {  // Deliberate: the directory is there, so the result stays true.
+        LOG_FAILURE("%s: Failed to chmod on '%s': errno: %d", kMakeDirPath, path, errno);
+    }
+    return true;
+}
+
+namespace {
+
+// Reads the next entry into `buffer`. `entry` becomes null at the end of the directory; the result is an errno number.
+int ReadEntry(DIR* directory, struct dirent* buffer, struct dirent** entry)
+{
+#pragma GCC diagnostic push
+#pragma GCC diagnostic ignored "-Wdeprecated-declarations"
+    return readdir_r(directory, buffer, entry);  // kept for C libraries whose readdir is not safe for threads
+#pragma GCC diagnostic pop
+}
+
+bool IsGiven(const char* text)
+{
+    return text != nullptr && text[0] != '\0';
+}
+
+bool IsWanted(const struct dirent& entry, const char* includePattern, const char* excludePattern)
+{
+    // Deliberate: the entry's own type decides, without a status query; DT_UNKNOWN and symbolic links are not listed.
+    if (entry.d_type != DT_REG) {
+        return false;
+    }
+    if (IsGiven(includePattern) && !LxStringUtils::WildcardedStringMatch(entry.d_name, includePattern)) {
+        return false;
+    }
+    return !(IsGiven(excludePattern) && LxStringUtils::WildcardedStringMatch(entry.d_name, excludePattern));
+}
+
+}  // namespace
+
+bool GetDirFileList(const char* dirPath, const char* includePattern, const char* excludePattern,
+                    std::list<std::string>& fileList, bool withDirPath, bool clearList, bool logOpenError)
+{
+    if (clearList) {
+        fileList.clear();
+    }
+    if (!IsGiven(dirPath)) {
+        LOG_FAILURE("%s: No directory specified.", kGetDirFileList);
+        return false;
+    }
+    DIR* const directory = opendir(dirPath);
+    if (directory == nullptr) {
+        if (logOpenError) {
+            LOG_FAILURE("%s: Error opening directory folder '%s', errno: %d", kGetDirFileList, dirPath, errno);
+        }
+        return false;
+    }
+    // Deliberate: when memory runs out below, the directory stays open; the list keeps the names it has.
+    const std::size_t dirPathBytes = std::strlen(dirPath);
+    for (;;) {
+        struct dirent buffer;
+        struct dirent* entry;
+        const int error = ReadEntry(directory, &buffer, &entry);
+        if (error != 0) {
+            LOG_FAILURE("%s: readdir_r failed for directory: %s, error: %u", kGetDirFileList, dirPath,
+                        static_cast<unsigned int>(error));
+            (void)closedir(directory);
+            return false;
+        }
+        if (entry == nullptr) {
+            break;
+        }
+        if (!IsWanted(*entry, includePattern, excludePattern)) {
+            continue;
+        }
+        std::string element;
+        if (withDirPath) {
+            element.assign(dirPath, dirPathBytes);
+            if (dirPath[dirPathBytes - 1] != '/') {
+                element += '/';
+            }
+        }
+        element += entry->d_name;
+        fileList.push_front(element);  // in front: where callers find the new names after a failed read
+    }
+    fileList.sort();
+    (void)closedir(directory);
+    return true;
+}
+
+// ---- Tables and pages
+
+namespace {
+
+const char kTableDelimiter = '\n';
+const char kHeadSeparator = ':';
+const char kCellSeparator = ',';
+const char kRowTerminator = ';';
+
+const char kTempPageDirectory[] = "/var/tmp";
+const std::size_t kTempPagePathBytes = 100;  // at most 34 characters are needed
+
+const char kPageHeader[] =
+    "<KPX_PLD ua=\"none\" ln=\"1\" schema=\"1\" source=\"Tarnwick\" destination=\"HTML\" version=\"1\" "
+    "tagNestLevel=\"1\"> "
+    "<!DOCTYPE HTML PUBLIC \"-//W3C//DTD HTML 4.01 Frameset//EN\" \"http://www.w3.org/TR/html4/frameset.dtd\">"
+    "<html><head><meta content=\"text/html; charset=utf-8\" http-equiv=\"Content-Type\" >"
+    "<meta http-equiv=\"refresh\" content=\"10\" > </head><body>";  // reloads every 10 seconds
+const char kPageFooter[] = "</body></html></KPX_PLD>";
+
+void WriteRow(std::ostream& page, const std::string& row)
+{
+    const std::size_t colon = row.find(kHeadSeparator);
+    // Deliberate: without a colon the row is shown twice, as the head cell and, since npos + 1 is 0, as the rest.
+    const std::string rest = row.substr(colon + 1);
+    page << "<tr><td>" << row.substr(0, colon) << "</td>";
+    std::vector<std::string> cells;
+    LxStringUtils::Split(rest, kCellSeparator, cells);
+    for (const std::string& cell : cells) {
+        page << "<td>" << cell << "</td>";
+    }
+    page << "</tr>";
+}
+
+void WriteTable(std::ostream& page, const std::string& line)
+{
+    page << "<table  BORDER=2>";
+    std::vector<std::string> rows;
+    LxStringUtils::Split(line, kRowTerminator, rows);
+    for (const std::string& row : rows) {
+        WriteRow(page, row);
+    }
+    page << "</table>";
+}
+
+// Deliberate: neither stream is tested. A text file that cannot be read gives an empty page, a full disk a short one.
+void WritePage(const char* textFilePath, const char* tempPagePath)
+{
+    std::ifstream text(textFilePath, std::ios::in);
+    std::ofstream page(tempPagePath, std::ios::out | std::ios::trunc);
+    page << kPageHeader;
+    std::string line;
+    while (std::getline(text, line)) {
+        if (line.empty()) {
+            page << "<p></p>";
+        } else {
+            WriteTable(page, line);
+        }
+    }
+    page << kPageFooter;
+    text.close();
+    page.close();
+}
+
+}  // namespace
+
+std::string TextFileTableDelimter()
+{
+    return std::string(1, kTableDelimiter);
+}
+
+std::string AddTextFileFormattedRow(std::vector<std::string>& cells)
+{
+    std::size_t rowBytes = 0;
+    for (const std::string& cell : cells) {
+        rowBytes += cell.size() + 1;
+    }
+    std::string row;
+    row.reserve(rowBytes);
+    for (std::size_t i = 0; i < cells.size(); ++i) {
+        row += cells[i];
+        if (i == 0) {  // Deliberate: tested first, so a row of one cell ends in ":" without a ";".
+            row += kHeadSeparator;
+        } else {
+            row += i + 1 == cells.size() ? kRowTerminator : kCellSeparator;
+        }
+    }
+    return row;
+}
+
+void GenHtmlPagefromTextFile(const char* textFilePath, const char* pagePath)
+{
+    char tempPagePath[kTempPagePathBytes] = {};
+    (void)std::snprintf(tempPagePath, sizeof tempPagePath, "%s/TextToHtml_%u.tmp", kTempPageDirectory,
+                        static_cast<unsigned int>(getpid()));
+    WritePage(textFilePath, tempPagePath);
+    // Deliberate: when the move fails, the temporary file stays; the next call empties and uses it again.
+    if (!RenameFileAcrossFs(tempPagePath, pagePath)) {
+        LOG_FAILURE("%s: RenameFileAcrossFs(%s, %s) failed.", kGenHtmlPage, tempPagePath, pagePath);
+    }
+}
+
+// ---- Name-value files
+
+namespace {
+
+// Stores the entry of a trimmed, non-empty line. False when its name cannot be extracted, which takes memory
+// exhaustion: a non-empty line yields at least one byte.
+bool StoreEntry(const std::string& line, char delimiter, std::map<std::string, std::string>& nameValues)
+{
+    std::istringstream entry(line);
+    std::string name;
+    if (!std::getline(entry, name, delimiter)) {
+        return false;
+    }
+    LxStringUtils::Trim(name);
+    std::string value;
+    if (std::getline(entry, value)) {
+        LxStringUtils::Trim(value);
+    } else {
+        value.clear();  // nothing behind the delimiter, or none: an empty value, whatever a failed extraction left
+    }
+    nameValues[name] = value;
+    return true;
+}
+
+}  // namespace
+
+bool ReadNameValueFromFile(const std::string& filePath, std::map<std::string, std::string>& nameValues, char delimiter,
+                           const std::string& commentPrefix)
+{
+    std::ifstream file(filePath.c_str(), std::ios::in);
+    if (!file) {
+        LOG_FAILURE("%s: Unable to open file \"%s\"", kReadNameValue, filePath.c_str());
+        return false;
+    }
+    int lineNumber = 0;
+    std::string line;
+    while (std::getline(file, line)) {  // Deliberate: a read error ends the file like its end does.
+        ++lineNumber;
+        LxStringUtils::Trim(line);
+        if (line.empty() || (!commentPrefix.empty() && LxStringUtils::StartsWith(line, commentPrefix))) {
+            continue;
+        }
+        if (!StoreEntry(line, delimiter, nameValues)) {
+            LOG_FAILURE("%s: Error processing line %d in file \"%s\".  No delimiter '%c' found.", kReadNameValue,
+                        lineNumber, filePath.c_str(), delimiter);
+            return false;
+        }
+    }
+    return true;
+}
+
+}  // namespace orv_fileutils

@@ -1,0 +1,279 @@
+#include "support/orv_test.h"
+
+#include <dirent.h>
+#include <fcntl.h>
+#include <grp.h>
+#include <sched.h>
+#include <sys/mount.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <cstdarg>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <filesystem>
+#include <fstream>
+#include <mutex>
+#include <sstream>
+#include <utility>
+
+#include "dlog.h"
+
+namespace {
+
+constexpr uid_t kNobody = 65534;
+
+std::mutex callsMutex;
+std::vector<DlogCall>& Calls()
+{
+    static std::vector<DlogCall> calls;
+    return calls;
+}
+
+__attribute__((format(printf, 1, 0))) std::string Expand(const char* format, std::va_list arguments)
+{
+    char* text = nullptr;
+    if (vasprintf(&text, format, arguments) < 0) {
+        return "<not expanded>";
+    }
+    const std::string expanded = text;
+    std::free(text);
+    return expanded;
+}
+
+void WriteWhole(const std::string& path, const std::string& text)
+{
+    std::ofstream file(path);
+    file << text;
+    file.close();
+    ASSERT_TRUE(file) << path << ": " << std::strerror(errno);
+}
+
+// Gives a user without privileges a name space in which it may mount, as its root.
+bool EnterMountNamespace()
+{
+    const uid_t user = geteuid();
+    const gid_t group = getegid();
+    if (unshare(user == 0 ? CLONE_NEWNS : CLONE_NEWNS | CLONE_NEWUSER) != 0) {
+        return false;
+    }
+    if (user != 0) {
+        WriteWhole("/proc/self/setgroups", "deny");
+        WriteWhole("/proc/self/uid_map", "0 " + std::to_string(user) + " 1");
+        WriteWhole("/proc/self/gid_map", "0 " + std::to_string(group) + " 1");
+    }
+    return mount("none", "/", nullptr, MS_REC | MS_PRIVATE, nullptr) == 0;
+}
+
+int ExitStatusOfChild(const std::function<void()>& body)
+{
+    std::fflush(nullptr);
+    const pid_t child = fork();
+    if (child == 0) {
+        body();
+        std::fflush(nullptr);
+        _exit(::testing::Test::HasFailure() ? 1 : 0);
+    }
+    int status = -1;
+    EXPECT_EQ(child, waitpid(child, &status, 0)) << std::strerror(errno);
+    return status;
+}
+
+}  // namespace
+
+void __dlog_printf(int severity, const char* sourceTag, const char* format, ...)
+{
+    std::va_list arguments;
+    va_start(arguments, format);
+    std::va_list again;
+    va_copy(again, arguments);
+    DlogCall call{severity, sourceTag, format, va_arg(again, const char*), Expand(format, arguments)};
+    va_end(again);
+    va_end(arguments);
+    const std::lock_guard<std::mutex> lock(callsMutex);
+    Calls().push_back(std::move(call));
+}
+
+std::vector<DlogCall> TakeDlogCalls()
+{
+    const std::lock_guard<std::mutex> lock(callsMutex);
+    return std::exchange(Calls(), {});
+}
+
+void ExpectReports(const std::vector<Report>& expected)
+{
+    const std::vector<DlogCall> calls = TakeDlogCalls();
+    std::vector<std::string> texts;
+    for (const DlogCall& call : calls) {
+        EXPECT_EQ(3, call.severity) << call.text;
+        EXPECT_EQ("LxFileUtils.cpp", call.sourceTag) << call.text;
+        EXPECT_EQ(call.function + ": ", call.text.substr(0, call.function.size() + 2));
+        texts.push_back(call.format + " | " + call.text);
+    }
+    std::vector<std::string> expectedTexts;
+    for (const Report& report : expected) {
+        expectedTexts.push_back(report.format + " | " + report.text);
+    }
+    EXPECT_EQ(expectedTexts, texts);
+}
+
+TempDir::TempDir(const std::string& base)
+{
+    std::string path = base + "/orv_test.XXXXXX";
+    if (mkdtemp(path.data()) == nullptr || chmod(path.c_str(), 0777) != 0) {
+        ADD_FAILURE() << path << ": " << std::strerror(errno);
+    }
+    path_ = path;
+}
+
+TempDir::~TempDir()
+{
+    std::error_code error;
+    std::filesystem::remove_all(path_, error);
+    EXPECT_FALSE(error) << path_ << ": " << error.message();
+}
+
+std::string TempDir::operator/(const std::string& name) const
+{
+    return path_ + "/" + name;
+}
+
+std::string TempDir::Write(const std::string& name, const std::string& bytes, mode_t mode) const
+{
+    const std::string path = *this / name;
+    WriteFile(path, bytes);
+    EXPECT_EQ(0, chmod(path.c_str(), mode)) << path;
+    return path;
+}
+
+std::string TempDir::Read(const std::string& name) const
+{
+    return ReadFile(*this / name);
+}
+
+std::vector<std::string> TempDir::Names() const
+{
+    return NamesIn(path_);
+}
+
+std::string ReadFile(const std::string& path)
+{
+    std::ifstream file(path, std::ios::binary);
+    EXPECT_TRUE(file) << path << ": " << std::strerror(errno);
+    std::ostringstream bytes;
+    bytes << file.rdbuf();
+    return bytes.str();
+}
+
+void WriteFile(const std::string& path, const std::string& bytes)
+{
+    std::ofstream file(path, std::ios::binary);
+    file << bytes;
+    file.close();
+    EXPECT_TRUE(file) << path << ": " << std::strerror(errno);
+}
+
+std::vector<std::string> NamesIn(const std::string& directory)
+{
+    std::vector<std::string> names;
+    for (const auto& entry : std::filesystem::directory_iterator(directory)) {
+        names.push_back(entry.path().filename());
+    }
+    std::sort(names.begin(), names.end());
+    return names;
+}
+
+struct stat StatusOf(const std::string& path)
+{
+    struct stat status {};
+    EXPECT_EQ(0, lstat(path.c_str(), &status)) << path << ": " << std::strerror(errno);
+    return status;
+}
+
+bool Exists(const std::string& path)
+{
+    struct stat status {};
+    return lstat(path.c_str(), &status) == 0;
+}
+
+mode_t ModeOf(const std::string& path)
+{
+    return StatusOf(path).st_mode & 07777;
+}
+
+std::vector<std::string> OpenDescriptors()
+{
+    std::vector<std::string> descriptors;
+    DIR* const directory = opendir("/proc/self/fd");
+    EXPECT_NE(nullptr, directory);
+    const std::string own = std::to_string(dirfd(directory));
+    while (const dirent* const entry = readdir(directory)) {
+        if (entry->d_name != own && entry->d_name[0] != '.') {
+            descriptors.emplace_back(entry->d_name);
+        }
+    }
+    closedir(directory);
+    std::sort(descriptors.begin(), descriptors.end());
+    return descriptors;
+}
+
+OrvTest::OrvTest() : dir_("/var/tmp"), descriptorsBefore_(OpenDescriptors())
+{
+    (void)TakeDlogCalls();
+}
+
+void OrvTest::TearDown()
+{
+    ExpectReports({});
+    EXPECT_EQ(descriptorsBefore_, OpenDescriptors()) << "descriptors left open, or closed";
+}
+
+TwoFileSystemsTest::TwoFileSystemsTest() : other_("/dev/shm")
+{
+}
+
+void TwoFileSystemsTest::SetUp()
+{
+    ASSERT_NE(StatusOf(dir_.Path()).st_dev, StatusOf(other_.Path()).st_dev)
+        << "/var/tmp and /dev/shm are one file system here; these tests need two";
+}
+
+void RunInChild(const std::function<void()>& body)
+{
+    EXPECT_EQ(0, ExitStatusOfChild(body)) << "failed in the child process";
+}
+
+void RunAsNobody(const std::function<void()>& body)
+{
+    RunInChild([&body] {
+        if (geteuid() == 0) {
+            ASSERT_EQ(0, setgroups(0, nullptr));
+            ASSERT_EQ(0, setgid(kNobody));
+            ASSERT_EQ(0, setuid(kNobody));
+        }
+        body();
+    });
+}
+
+bool CanMount()
+{
+    const int status = ExitStatusOfChild([] { _exit(EnterMountNamespace() ? 0 : 1); });
+    return status == 0;
+}
+
+void RunWithPrivateMounts(const std::function<void()>& body)
+{
+    RunInChild([&body] {
+        ASSERT_TRUE(EnterMountNamespace()) << std::strerror(errno);
+        body();
+    });
+}
+
+void MountTmpfs(const std::string& path, std::size_t bytes)
+{
+    const std::string options = "mode=0777,size=" + std::to_string(bytes);
+    ASSERT_EQ(0, mount("none", path.c_str(), "tmpfs", 0, options.c_str())) << path << ": " << std::strerror(errno);
+}
