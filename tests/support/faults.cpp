@@ -36,6 +36,7 @@ struct Trace {
 thread_local std::vector<ScopedFault*> faults;
 thread_local ShortWrite shortWrite;
 thread_local bool unknownTypes = false;
+thread_local std::string vanishing;  // the path to remove after its status was taken
 thread_local Trace* trace = nullptr;
 
 // The system's own function of that name.
@@ -93,13 +94,24 @@ void Record(const char* name, const Rest&... parts)
     errno = saved;
 }
 
+void RemoveIfVanishing(const char* path)
+{
+    if (vanishing == path && Real<int (*)(const char*)>("unlink")(path) == 0) {
+        vanishing.clear();
+    }
+}
+
 template <typename... Arguments>
 int OnPath(Call call, const char* traceName, const char* realName, const char* path, Arguments... arguments)
 {
     if (trace != nullptr) {
         Record(traceName, "(", Shown(path), ")");
     }
-    return Fails(call) ? -1 : Real<int (*)(const char*, Arguments...)>(realName)(path, arguments...);
+    const int result = Fails(call) ? -1 : Real<int (*)(const char*, Arguments...)>(realName)(path, arguments...);
+    if (call == Call::kStat && !vanishing.empty()) {
+        RemoveIfVanishing(path);
+    }
+    return result;
 }
 
 int Open(const char* realName, const char* path, int flags, mode_t mode)
@@ -190,6 +202,17 @@ ScopedUnknownTypes::ScopedUnknownTypes()
 ScopedUnknownTypes::~ScopedUnknownTypes()
 {
     unknownTypes = false;
+}
+
+ScopedVanishAfterStat::ScopedVanishAfterStat(const std::string& path)
+{
+    vanishing = path;
+}
+
+ScopedVanishAfterStat::~ScopedVanishAfterStat()
+{
+    EXPECT_EQ("", vanishing) << "its status was never taken";
+    vanishing.clear();
 }
 
 ScopedTrace::ScopedTrace()

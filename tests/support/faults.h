@@ -71,6 +71,15 @@ public:
     ScopedUnknownTypes& operator=(const ScopedUnknownTypes&) = delete;
 };
 
+// Removes the file `path` as soon as its status has been queried by this thread: between a test and an open.
+class ScopedVanishAfterStat {
+public:
+    explicit ScopedVanishAfterStat(const std::string& path);
+    ~ScopedVanishAfterStat();
+    ScopedVanishAfterStat(const ScopedVanishAfterStat&) = delete;
+    ScopedVanishAfterStat& operator=(const ScopedVanishAfterStat&) = delete;
+};
+
 // While it lives, calls of this thread are recorded. A path that mkstemp made is written as "<temporary>", and a
 // descriptor as the path that it was opened on: "read(/tmp/a, 4096) = 17".
 class ScopedTrace {

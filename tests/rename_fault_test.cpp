@@ -1,0 +1,340 @@
+// The move when a system call fails that cannot be made to fail for real. The plain rename is refused with EXDEV, so
+// both names may lie in one directory.
+#include "LxFileUtils.h"
+#include "support/faults.h"
+#include "support/messages.h"
+#include "support/orv_test.h"
+
+#include <sys/stat.h>
+
+#include <cerrno>
+#include <cstdio>
+#include <string>
+
+using orv_fileutils::RenameFileAcrossFs;
+using ::testing::ElementsAre;
+using ::testing::MatchesRegex;
+
+namespace {
+
+class RenameFaultTest : public OrvTest {
+protected:
+    RenameFaultTest() : source_(dir_.Write("new", std::string(5000, 'n'))), destination_(dir_.Write("report", "old"))
+    {
+    }
+
+    bool Move() const
+    {
+        return RenameFileAcrossFs(source_, destination_);
+    }
+
+    // The temporary file's name, as a regular expression.
+    std::string Temporary() const
+    {
+        return destination_ + "_......";
+    }
+
+    void ExpectNothingChanged() const
+    {
+        EXPECT_THAT(dir_.Names(), ElementsAre("new", "report")) << "no report_XXXXXX may be left";
+        EXPECT_EQ(std::string(5000, 'n'), dir_.Read("new"));
+        EXPECT_EQ("old", dir_.Read("report"));
+    }
+
+    void ExpectMoved() const
+    {
+        EXPECT_THAT(dir_.Names(), ElementsAre("report"));
+        EXPECT_EQ(std::string(5000, 'n'), dir_.Read("report"));
+    }
+
+    // One report of a text with the temporary file's name in it.
+    static void ExpectReportLike(const std::string& format, const std::string& regex)
+    {
+        const std::vector<DlogCall> calls = TakeDlogCalls();
+        ASSERT_EQ(1U, calls.size());
+        EXPECT_EQ(3, calls[0].severity);
+        EXPECT_EQ("LxFileUtils.cpp", calls[0].sourceTag);
+        EXPECT_EQ("RenameFileAcrossFs", calls[0].function);
+        EXPECT_EQ(format, calls[0].format);
+        EXPECT_THAT(calls[0].text, MatchesRegex(regex));
+    }
+
+    const std::string source_;
+    const std::string destination_;
+};
+
+TEST_F(RenameFaultTest, CopiesWhenTheKernelSaysCrossDevice)
+{
+    const ScopedFault otherFs(Call::kRename, /*nth=*/1, EXDEV);
+
+    EXPECT_TRUE(Move());
+
+    ExpectMoved();
+}
+
+TEST_F(RenameFaultTest, PrintsTheErrnoOfTheQuery)
+{
+    const ScopedFault fault(Call::kStat, /*nth=*/1, EIO);
+
+    EXPECT_FALSE(Move());
+
+    ExpectReports({{messages::kRenameStat, "RenameFileAcrossFs: stat(" + source_ + ") failed (5)."}});
+    ExpectNothingChanged();
+}
+
+TEST_F(RenameFaultTest, DoesNotCopyAfterAnyOtherRefusalOfTheRename)
+{
+    for (const int error : {EPERM, EACCES, EBUSY, EIO, ENOSPC, EROFS, EINVAL, EINTR, ENOENT}) {
+        const ScopedFault fault(Call::kRename, /*nth=*/1, error);
+        const ScopedTrace trace;
+
+        EXPECT_FALSE(Move());
+
+        EXPECT_EQ(2U, trace.Calls().size()) << "stat and rename alone";
+        ExpectReports({{messages::kRenameRename, "RenameFileAcrossFs: rename(" + source_ + ", " + destination_ +
+                                                     ") failed (" + std::to_string(error) + ")."}});
+    }
+    ExpectNothingChanged();
+}
+
+TEST_F(RenameFaultTest, RemovesNothingWhenNoTemporaryFileCouldBeMade)
+{
+    const ScopedFault otherFs(Call::kRename, /*nth=*/1, EXDEV);
+    const ScopedFault fault(Call::kMkstemp, /*nth=*/1, EEXIST);
+    const ScopedTrace trace;
+
+    EXPECT_FALSE(Move());
+
+    EXPECT_EQ("mkstemp(" + destination_ + "_XXXXXX)", trace.Calls().back());
+    ExpectReports(
+        {{messages::kRenameMkstemp, "RenameFileAcrossFs: mkstemp(" + destination_ + "_XXXXXX) failed (17)."}});
+    ExpectNothingChanged();
+}
+
+TEST_F(RenameFaultTest, RemovesTheTemporaryFileWhenTheSourceCannotBeOpened)
+{
+    const ScopedFault otherFs(Call::kRename, /*nth=*/1, EXDEV);
+    const ScopedFault fault(Call::kOpen, /*nth=*/1, EMFILE);
+    const ScopedTrace trace;
+
+    EXPECT_FALSE(Move());
+
+    const std::vector<std::string>& calls = trace.Calls();
+    ASSERT_LE(2U, calls.size());
+    EXPECT_EQ("close(<temporary>)", calls[calls.size() - 2]);
+    EXPECT_EQ("unlink(<temporary>)", calls[calls.size() - 1]);
+    ExpectReports({{messages::kRenameOpen, "RenameFileAcrossFs: open(" + source_ + ") failed (24)."}});
+    ExpectNothingChanged();
+}
+
+TEST_F(RenameFaultTest, GivesUpWithoutALineWhenAReadFails)
+{
+    for (const int nth : {1, 2, 3}) {
+        const ScopedFault otherFs(Call::kRename, /*nth=*/1, EXDEV);
+        const ScopedFault fault(Call::kRead, nth, EIO);
+
+        EXPECT_FALSE(Move());
+    }
+    ExpectReports({});
+    ExpectNothingChanged();
+}
+
+TEST_F(RenameFaultTest, DoesNotRetryAnInterruptedRead)
+{
+    const ScopedFault otherFs(Call::kRename, /*nth=*/1, EXDEV);
+    const ScopedFault fault(Call::kRead, /*nth=*/1, EINTR);
+
+    EXPECT_FALSE(Move());
+
+    ExpectReports({});
+    ExpectNothingChanged();
+}
+
+TEST_F(RenameFaultTest, ClosesSourceThenTemporaryAndRemovesItAfterAFailedRead)
+{
+    const ScopedFault otherFs(Call::kRename, /*nth=*/1, EXDEV);
+    const ScopedFault fault(Call::kRead, /*nth=*/1, EIO);
+    const ScopedTrace trace;
+
+    EXPECT_FALSE(Move());
+
+    EXPECT_THAT(std::vector<std::string>(trace.Calls().end() - 4, trace.Calls().end()),
+                ElementsAre("read(" + source_ + ", 4096) = -1", "close(" + source_ + ")", "close(<temporary>)",
+                            "unlink(<temporary>)"));
+}
+
+TEST_F(RenameFaultTest, ReportsAFailedWrite)
+{
+    const ScopedFault otherFs(Call::kRename, /*nth=*/1, EXDEV);
+    const ScopedFault diskFull(Call::kWrite, /*nth=*/2, ENOSPC);
+
+    EXPECT_FALSE(Move());
+
+    ExpectReports({{messages::kRenameWrite, "RenameFileAcrossFs: write() failed (904, -1, 28)."}});
+    ExpectNothingChanged();
+}
+
+TEST_F(RenameFaultTest, DoesNotRetryAnInterruptedWrite)
+{
+    const ScopedFault otherFs(Call::kRename, /*nth=*/1, EXDEV);
+    const ScopedFault fault(Call::kWrite, /*nth=*/1, EINTR);
+
+    EXPECT_FALSE(Move());
+
+    ExpectReports({{messages::kRenameWrite, "RenameFileAcrossFs: write() failed (4096, -1, 4)."}});
+    ExpectNothingChanged();
+}
+
+TEST_F(RenameFaultTest, TakesAShortWriteForAFailureAndPrintsTheStaleErrno)
+{
+    for (const std::size_t taken : {std::size_t{0}, std::size_t{1}, std::size_t{4095}}) {
+        const ScopedFault otherFs(Call::kRename, /*nth=*/1, EXDEV);
+        const ScopedShortWrite shortWrite(/*nth=*/1, taken);
+
+        EXPECT_FALSE(Move());
+
+        const std::vector<DlogCall> calls = TakeDlogCalls();
+        ASSERT_EQ(1U, calls.size());
+        EXPECT_EQ(messages::kRenameWrite, calls[0].format);
+        EXPECT_THAT(calls[0].text, MatchesRegex("RenameFileAcrossFs: write\\(\\) failed \\(4096, " +
+                                                std::to_string(taken) + ", [0-9]+\\)\\."));
+    }
+    ExpectNothingChanged();
+}
+
+TEST_F(RenameFaultTest, IgnoresTheResultsOfTheTwoCloses)
+{
+    const ScopedFault otherFs(Call::kRename, /*nth=*/1, EXDEV);
+    const ScopedFault first(Call::kClose, /*nth=*/1, EIO);
+    const ScopedFault second(Call::kClose, /*nth=*/2, EDQUOT);
+
+    EXPECT_TRUE(Move());
+
+    ExpectMoved();
+}
+
+TEST_F(RenameFaultTest, ReportsAFailedChmodWithThreeOctalDigits)
+{
+    for (const mode_t mode : {0640U, 0044U, 0007U, 0000U, 04755U}) {
+        ASSERT_EQ(0, chmod(source_.c_str(), mode));
+        const ScopedFault otherFs(Call::kRename, /*nth=*/1, EXDEV);
+        const ScopedFault fault(Call::kChmod, /*nth=*/1, EPERM);
+
+        EXPECT_FALSE(Move());
+
+        char shown[8];
+        std::snprintf(shown, sizeof shown, "%03o", mode & 0777U);
+        ExpectReportLike(messages::kRenameChmod,
+                         "RenameFileAcrossFs: chmod\\(" + Temporary() + ", " + shown + "\\) failed \\(1\\)\\.");
+    }
+    ASSERT_EQ(0, chmod(source_.c_str(), 0644));
+    ExpectNothingChanged();
+}
+
+TEST_F(RenameFaultTest, RemovesTheTemporaryFileWhenItCannotBeRenamed)
+{
+    const ScopedFault otherFs(Call::kRename, /*nth=*/1, EXDEV);
+    const ScopedFault fault(Call::kRename, /*nth=*/2, EIO);
+    const ScopedTrace trace;
+
+    EXPECT_FALSE(Move());
+
+    EXPECT_EQ("unlink(<temporary>)", trace.Calls().back());
+    ExpectReportLike(messages::kRenameRename,
+                     "RenameFileAcrossFs: rename\\(" + Temporary() + ", " + destination_ + "\\) failed \\(5\\)\\.");
+    ExpectNothingChanged();
+}
+
+TEST_F(RenameFaultTest, DoesNotCopyAgainWhenTheFinalRenameSaysCrossDevice)
+{
+    const ScopedFault otherFs(Call::kRename, /*nth=*/1, EXDEV);
+    const ScopedFault fault(Call::kRename, /*nth=*/2, EXDEV);
+
+    EXPECT_FALSE(Move());
+
+    ExpectReportLike(messages::kRenameRename,
+                     "RenameFileAcrossFs: rename\\(" + Temporary() + ", " + destination_ + "\\) failed \\(18\\)\\.");
+    ExpectNothingChanged();
+}
+
+TEST_F(RenameFaultTest, IsTrueWhenOnlyTheSourceCouldNotBeRemoved)
+{
+    const ScopedFault otherFs(Call::kRename, /*nth=*/1, EXDEV);
+    const ScopedFault fault(Call::kUnlink, /*nth=*/1, EBUSY);
+    const ScopedTrace trace;
+
+    EXPECT_TRUE(Move());
+
+    EXPECT_EQ("unlink(" + source_ + ")", trace.Calls().back()) << "there is no temporary file left to remove";
+    ExpectReports({{messages::kRenameUnlink, "RenameFileAcrossFs: unlink(" + source_ + ") failed (16)."}});
+    EXPECT_THAT(dir_.Names(), ElementsAre("new", "report"));
+    EXPECT_EQ(std::string(5000, 'n'), dir_.Read("report"));
+}
+
+TEST_F(RenameFaultTest, ReportsThatTheTemporaryFileCouldNotBeRemoved)
+{
+    const ScopedFault otherFs(Call::kRename, /*nth=*/1, EXDEV);
+    const ScopedFault diskFull(Call::kWrite, /*nth=*/1, ENOSPC);
+    const ScopedFault fault(Call::kUnlink, /*nth=*/1, EPERM);
+
+    EXPECT_FALSE(Move());
+
+    const std::vector<DlogCall> calls = TakeDlogCalls();
+    ASSERT_EQ(2U, calls.size());
+    EXPECT_EQ("RenameFileAcrossFs: write() failed (4096, -1, 28).", calls[0].text);
+    EXPECT_EQ(messages::kRenameUnlink, calls[1].format);
+    EXPECT_THAT(calls[1].text, MatchesRegex("RenameFileAcrossFs: unlink\\(" + Temporary() + "\\) failed \\(1\\)\\."));
+    EXPECT_EQ(3U, dir_.Names().size()) << "the temporary file is left, as the line says";
+    EXPECT_EQ("old", dir_.Read("report"));
+    EXPECT_EQ(std::string(5000, 'n'), dir_.Read("new"));
+}
+
+TEST_F(RenameFaultTest, ReportsBothTheFailedFinalRenameAndTheFailedCleanUp)
+{
+    const ScopedFault otherFs(Call::kRename, /*nth=*/1, EXDEV);
+    const ScopedFault rename(Call::kRename, /*nth=*/2, EIO);
+    const ScopedFault cleanUp(Call::kUnlink, /*nth=*/1, EROFS);
+
+    EXPECT_FALSE(Move());
+
+    const std::vector<DlogCall> calls = TakeDlogCalls();
+    ASSERT_EQ(2U, calls.size());
+    EXPECT_EQ(messages::kRenameRename, calls[0].format);
+    EXPECT_THAT(calls[1].text, MatchesRegex("RenameFileAcrossFs: unlink\\(" + Temporary() + "\\) failed \\(30\\)\\."));
+}
+
+TEST_F(RenameFaultTest, CopiesWhenTheDestinationCannotBeQueried)
+{
+    const ScopedFault otherFs(Call::kRename, /*nth=*/1, EXDEV);
+    const ScopedFault fault(Call::kLstat, /*nth=*/1, EACCES);
+
+    EXPECT_TRUE(Move());
+
+    ExpectMoved();
+}
+
+TEST_F(RenameFaultTest, TouchesNothingWhenBothNamesAreOneFile)
+{
+    const ScopedFault otherFs(Call::kRename, /*nth=*/1, EXDEV);
+    const ScopedTrace trace;
+
+    EXPECT_TRUE(RenameFileAcrossFs(source_, source_));
+
+    EXPECT_THAT(trace.Calls(), ElementsAre("stat(" + source_ + ")", "rename(" + source_ + ", " + source_ + ")",
+                                           "lstat(" + source_ + ")", "lstat(" + source_ + ")"));
+    ExpectNothingChanged();
+}
+
+TEST_F(RenameFaultTest, FitsATemporaryNameOfAnyLength)
+{
+    const std::string longName = dir_ / std::string(5000, 'x');
+    const ScopedFault otherFs(Call::kRename, /*nth=*/1, EXDEV);
+
+    EXPECT_FALSE(RenameFileAcrossFs(source_, longName));
+
+    ExpectReportLike(messages::kRenameMkstemp,
+                     "RenameFileAcrossFs: mkstemp\\(" + longName + "_......\\) failed \\(36\\)\\.");
+    ExpectNothingChanged();
+}
+
+}  // namespace

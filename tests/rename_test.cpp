@@ -1,0 +1,785 @@
+// The move under real conditions: one file system, two file systems, a full one, closed directories, bind mounts.
+#include "LxFileUtils.h"
+#include "support/faults.h"
+#include "support/messages.h"
+#include "support/orv_test.h"
+
+#include <fcntl.h>
+#include <limits.h>
+#include <pthread.h>
+#include <sys/mount.h>
+#include <sys/socket.h>
+#include <sys/stat.h>
+#include <sys/un.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <cstring>
+#include <string>
+#include <thread>
+
+using orv_fileutils::RenameFileAcrossFs;
+using ::testing::ElementsAre;
+using ::testing::IsEmpty;
+
+namespace {
+
+// The status that a move of the very same file must keep.
+void ExpectSameFile(const struct stat& expected, const std::string& path)
+{
+    const struct stat status = StatusOf(path);
+    EXPECT_EQ(expected.st_dev, status.st_dev);
+    EXPECT_EQ(expected.st_ino, status.st_ino);
+    EXPECT_EQ(expected.st_mode, status.st_mode);
+    EXPECT_EQ(expected.st_mtim.tv_sec, status.st_mtim.tv_sec);
+}
+
+std::string Number(long value)
+{
+    return std::to_string(value);
+}
+
+// ---- On one file system
+
+class RenameTest : public OrvTest {};
+
+TEST_F(RenameTest, RenamesOnOneFileSystemWithTwoCallsAndNothingElse)
+{
+    const std::string source = dir_.Write("source", "abc");
+    const std::string destination = dir_ / "destination";
+    const struct stat before = StatusOf(source);
+    const ScopedTrace trace;
+
+    EXPECT_TRUE(RenameFileAcrossFs(source, destination));
+
+    EXPECT_THAT(trace.Calls(), ElementsAre("stat(" + source + ")", "rename(" + source + ", " + destination + ")"));
+    EXPECT_THAT(dir_.Names(), ElementsAre("destination"));
+    ExpectSameFile(before, destination);
+    EXPECT_EQ("abc", dir_.Read("destination"));
+}
+
+TEST_F(RenameTest, ReplacesAnExistingFile)
+{
+    const std::string source = dir_.Write("source", "new");
+    const std::string destination = dir_.Write("destination", "old and longer");
+
+    EXPECT_TRUE(RenameFileAcrossFs(source, destination));
+
+    EXPECT_THAT(dir_.Names(), ElementsAre("destination"));
+    EXPECT_EQ("new", dir_.Read("destination"));
+}
+
+TEST_F(RenameTest, KeepsTheWholeModeOnOneFileSystem)
+{
+    const std::string source = dir_.Write("source", "abc", 07755);
+
+    EXPECT_TRUE(RenameFileAcrossFs(source, dir_ / "destination"));
+
+    EXPECT_EQ(07755U, ModeOf(dir_ / "destination"));
+}
+
+TEST_F(RenameTest, MovesASymbolicLinkItselfOnOneFileSystem)
+{
+    dir_.Write("target", "abc");
+    ASSERT_EQ(0, symlink("target", (dir_ / "link").c_str()));
+
+    EXPECT_TRUE(RenameFileAcrossFs(dir_ / "link", dir_ / "destination"));
+
+    EXPECT_THAT(dir_.Names(), ElementsAre("destination", "target"));
+    EXPECT_TRUE(S_ISLNK(StatusOf(dir_ / "destination").st_mode));
+}
+
+TEST_F(RenameTest, ReplacesASymbolicLinkAtTheDestinationAndNotItsTarget)
+{
+    const std::string source = dir_.Write("source", "new");
+    dir_.Write("target", "old");
+    ASSERT_EQ(0, symlink("target", (dir_ / "link").c_str()));
+
+    EXPECT_TRUE(RenameFileAcrossFs(source, dir_ / "link"));
+
+    EXPECT_THAT(dir_.Names(), ElementsAre("link", "target"));
+    EXPECT_TRUE(S_ISREG(StatusOf(dir_ / "link").st_mode));
+    EXPECT_EQ("old", dir_.Read("target"));
+}
+
+TEST_F(RenameTest, LeavesTwoHardLinksOfOneFileAsTheyAre)
+{
+    const std::string source = dir_.Write("source", "abc");
+    ASSERT_EQ(0, link(source.c_str(), (dir_ / "second").c_str()));
+
+    EXPECT_TRUE(RenameFileAcrossFs(source, dir_ / "second"));
+
+    EXPECT_THAT(dir_.Names(), ElementsAre("second", "source"));
+}
+
+TEST_F(RenameTest, IsTrueForAFileMovedOntoItself)
+{
+    const std::string source = dir_.Write("source", "abc");
+
+    EXPECT_TRUE(RenameFileAcrossFs(source, source));
+
+    EXPECT_EQ("abc", dir_.Read("source"));
+}
+
+TEST_F(RenameTest, MovesNamesWithBlanksLineFeedsAndHighBytes)
+{
+    const std::string source = dir_.Write("a b\nc\xff", "abc");
+
+    EXPECT_TRUE(RenameFileAcrossFs(source, dir_ / "d e\nf\x80"));
+
+    EXPECT_THAT(dir_.Names(), ElementsAre("d e\nf\x80"));
+}
+
+TEST_F(RenameTest, TakesPathsOnlyUpToTheirFirstNul)
+{
+    dir_.Write("source", "abc");
+    const std::string source = (dir_ / "source") + std::string("\0tail", 5);
+    const std::string destination = (dir_ / "destination") + std::string("\0tail", 5);
+
+    EXPECT_TRUE(RenameFileAcrossFs(source, destination));
+
+    EXPECT_THAT(dir_.Names(), ElementsAre("destination"));
+}
+
+TEST_F(RenameTest, ReportsAMissingSource)
+{
+    const std::string source = dir_ / "missing";
+
+    EXPECT_FALSE(RenameFileAcrossFs(source, dir_ / "destination"));
+
+    ExpectReports({{messages::kRenameStat, "RenameFileAcrossFs: stat(" + source + ") failed (2)."}});
+    EXPECT_THAT(dir_.Names(), IsEmpty());
+}
+
+TEST_F(RenameTest, ReportsADanglingLinkAsMissing)
+{
+    ASSERT_EQ(0, symlink("nowhere", (dir_ / "link").c_str()));
+
+    EXPECT_FALSE(RenameFileAcrossFs(dir_ / "link", dir_ / "destination"));
+
+    ExpectReports({{messages::kRenameStat, "RenameFileAcrossFs: stat(" + (dir_ / "link") + ") failed (2)."}});
+    EXPECT_THAT(dir_.Names(), ElementsAre("link"));
+}
+
+TEST_F(RenameTest, ReportsAnEmptySourcePath)
+{
+    EXPECT_FALSE(RenameFileAcrossFs("", dir_ / "destination"));
+
+    ExpectReports({{messages::kRenameStat, "RenameFileAcrossFs: stat() failed (2)."}});
+}
+
+TEST_F(RenameTest, ReportsAnEmptyDestinationPath)
+{
+    const std::string source = dir_.Write("source", "abc");
+
+    EXPECT_FALSE(RenameFileAcrossFs(source, ""));
+
+    ExpectReports({{messages::kRenameRename, "RenameFileAcrossFs: rename(" + source + ", ) failed (2)."}});
+    EXPECT_EQ("abc", dir_.Read("source"));
+}
+
+TEST_F(RenameTest, RefusesADirectoryThatAPlainRenameWouldMove)
+{
+    const std::string source = dir_ / "directory";
+    ASSERT_EQ(0, mkdir(source.c_str(), 0755));
+
+    EXPECT_FALSE(RenameFileAcrossFs(source, dir_ / "destination"));
+
+    ExpectReports(
+        {{messages::kRenameNotRegular, "RenameFileAcrossFs: " + source + " is not a regular file (0x4000)."}});
+    EXPECT_THAT(dir_.Names(), ElementsAre("directory"));
+}
+
+TEST_F(RenameTest, RefusesAFifoWithItsTypeBitsAlone)
+{
+    const std::string source = dir_ / "fifo";
+    ASSERT_EQ(0, mkfifo(source.c_str(), 0644));
+
+    EXPECT_FALSE(RenameFileAcrossFs(source, dir_ / "destination"));
+
+    ExpectReports(
+        {{messages::kRenameNotRegular, "RenameFileAcrossFs: " + source + " is not a regular file (0x1000)."}});
+    EXPECT_THAT(dir_.Names(), ElementsAre("fifo"));
+}
+
+TEST_F(RenameTest, RefusesACharacterDevice)
+{
+    EXPECT_FALSE(RenameFileAcrossFs("/dev/null", dir_ / "destination"));
+
+    ExpectReports({{messages::kRenameNotRegular, "RenameFileAcrossFs: /dev/null is not a regular file (0x2000)."}});
+    EXPECT_THAT(dir_.Names(), IsEmpty());
+}
+
+TEST_F(RenameTest, RefusesASocket)
+{
+    const std::string source = dir_ / "socket";
+    sockaddr_un address{};
+    address.sun_family = AF_UNIX;
+    source.copy(address.sun_path, sizeof address.sun_path - 1);
+    const int descriptor = socket(AF_UNIX, SOCK_STREAM, 0);
+    ASSERT_EQ(0, bind(descriptor, reinterpret_cast<const sockaddr*>(&address), sizeof address));
+    close(descriptor);
+
+    EXPECT_FALSE(RenameFileAcrossFs(source, dir_ / "destination"));
+
+    ExpectReports(
+        {{messages::kRenameNotRegular, "RenameFileAcrossFs: " + source + " is not a regular file (0xc000)."}});
+}
+
+TEST_F(RenameTest, ReportsADirectoryAtTheDestination)
+{
+    const std::string source = dir_.Write("source", "abc");
+    const std::string destination = dir_ / "directory";
+    ASSERT_EQ(0, mkdir(destination.c_str(), 0755));
+
+    EXPECT_FALSE(RenameFileAcrossFs(source, destination));
+
+    ExpectReports({{messages::kRenameRename, "RenameFileAcrossFs: rename(" + source + ", " + destination +
+                                                 ") failed (" + Number(EISDIR) + ")."}});
+    EXPECT_THAT(dir_.Names(), ElementsAre("directory", "source"));
+    EXPECT_EQ("abc", dir_.Read("source"));
+}
+
+TEST_F(RenameTest, ReportsAMissingDestinationDirectory)
+{
+    const std::string source = dir_.Write("source", "abc");
+    const std::string destination = dir_ / "missing/destination";
+
+    EXPECT_FALSE(RenameFileAcrossFs(source, destination));
+
+    ExpectReports(
+        {{messages::kRenameRename, "RenameFileAcrossFs: rename(" + source + ", " + destination + ") failed (2)."}});
+    EXPECT_EQ("abc", dir_.Read("source"));
+}
+
+TEST_F(RenameTest, ReportsThatADirectoryIsClosedToTheCaller)
+{
+    ASSERT_EQ(0, mkdir((dir_ / "closed").c_str(), 0755));
+    const std::string source = dir_.Write("closed/source", "abc");
+    const std::string destination = dir_ / "destination";
+
+    RunAsNobody([&] {
+        EXPECT_FALSE(RenameFileAcrossFs(source, destination));
+
+        ExpectReports({{messages::kRenameRename,
+                        "RenameFileAcrossFs: rename(" + source + ", " + destination + ") failed (13)."}});
+    });
+    EXPECT_EQ("abc", ReadFile(source));
+    EXPECT_THAT(dir_.Names(), ElementsAre("closed"));
+}
+
+TEST_F(RenameTest, ReportsASourceThatTheCallerMayNotSearchFor)
+{
+    ASSERT_EQ(0, mkdir((dir_ / "closed").c_str(), 0700));
+    const std::string source = dir_.Write("closed/source", "abc");
+
+    RunAsNobody([&] {
+        if (geteuid() == StatusOf(dir_.Path()).st_uid) {
+            EXPECT_EQ(0, chmod((dir_ / "closed").c_str(), 0));
+        }
+        EXPECT_FALSE(RenameFileAcrossFs(source, dir_ / "destination"));
+
+        ExpectReports({{messages::kRenameStat, "RenameFileAcrossFs: stat(" + source + ") failed (13)."}});
+    });
+    EXPECT_EQ(0, chmod((dir_ / "closed").c_str(), 0700));
+}
+
+TEST_F(RenameTest, ReportsPathsOfMegabytesAsTooLong)
+{
+    const std::string source = dir_.Write("source", "abc");
+    const std::string tooLong = dir_ / std::string(9000000, 'x');
+
+    EXPECT_FALSE(RenameFileAcrossFs(source, tooLong));
+
+    ExpectReports(
+        {{messages::kRenameRename, "RenameFileAcrossFs: rename(" + source + ", " + tooLong + ") failed (36)."}});
+    EXPECT_EQ("abc", dir_.Read("source"));
+
+    EXPECT_FALSE(RenameFileAcrossFs(tooLong, source));
+
+    ExpectReports({{messages::kRenameStat, "RenameFileAcrossFs: stat(" + tooLong + ") failed (36)."}});
+    EXPECT_EQ("abc", dir_.Read("source"));
+}
+
+// ---- Across file systems
+
+class RenameAcrossTest : public TwoFileSystemsTest {
+protected:
+    // What the contract says a copy of `bytes` does: every call in its order, in blocks of 4096 bytes.
+    static std::vector<std::string> CallsOfACopy(const std::string& source, const std::string& destination,
+                                                 std::size_t bytes)
+    {
+        std::vector<std::string> calls = {
+            "stat(" + source + ")",       "rename(" + source + ", " + destination + ")",
+            "lstat(" + destination + ")", "mkstemp(" + destination + "_XXXXXX)",
+            "open(" + source + ", 0)",
+        };
+        for (std::size_t left = bytes; left > 0; left -= std::min<std::size_t>(left, 4096)) {
+            const std::string count = std::to_string(std::min<std::size_t>(left, 4096));
+            calls.push_back("read(" + source + ", 4096) = " + count);
+            calls.push_back("write(<temporary>, " + count + ")");
+        }
+        calls.insert(calls.end(), {
+                                      "read(" + source + ", 4096) = 0",
+                                      "close(" + source + ")",
+                                      "close(<temporary>)",
+                                      "chmod(<temporary>)",
+                                      "rename(<temporary>, " + destination + ")",
+                                      "unlink(" + source + ")",
+                                  });
+        return calls;
+    }
+};
+
+class RenameAcrossSizeTest : public RenameAcrossTest, public ::testing::WithParamInterface<std::size_t> {};
+
+TEST_P(RenameAcrossSizeTest, CopiesEveryByteInBlocksAndFlushesNothing)
+{
+    std::string bytes(GetParam(), '\0');
+    for (std::size_t i = 0; i < bytes.size(); ++i) {
+        bytes[i] = static_cast<char>(i * 31 + i / 256);
+    }
+    const std::string source = dir_.Write("source", bytes, 0640);
+    const std::string destination = other_ / "destination";
+    const ScopedTrace trace;
+
+    EXPECT_TRUE(RenameFileAcrossFs(source, destination));
+
+    EXPECT_EQ(CallsOfACopy(source, destination, bytes.size()), trace.Calls());
+    EXPECT_THAT(dir_.Names(), IsEmpty());
+    EXPECT_THAT(other_.Names(), ElementsAre("destination"));
+    EXPECT_TRUE(bytes == other_.Read("destination"));
+    EXPECT_EQ(0640U, ModeOf(destination));
+    EXPECT_EQ(1U, StatusOf(destination).st_nlink);
+}
+
+INSTANTIATE_TEST_SUITE_P(Sizes, RenameAcrossSizeTest, ::testing::Values(0, 1, 4095, 4096, 4097, 10000, 1 << 20));
+
+TEST_F(RenameAcrossTest, AlsoMovesFromTheOtherFileSystemBack)
+{
+    const std::string source = other_.Write("source", "abc");
+
+    EXPECT_TRUE(RenameFileAcrossFs(source, dir_ / "destination"));
+
+    EXPECT_THAT(other_.Names(), IsEmpty());
+    EXPECT_EQ("abc", dir_.Read("destination"));
+}
+
+TEST_F(RenameAcrossTest, ReplacesAnExistingFileByANewOne)
+{
+    const std::string source = dir_.Write("source", "new", 0600);
+    const std::string destination = other_.Write("destination", "old and longer", 0666);
+    const int reader = open(destination.c_str(), O_RDONLY);
+    ASSERT_NE(-1, reader);
+
+    EXPECT_TRUE(RenameFileAcrossFs(source, destination));
+
+    EXPECT_EQ("new", other_.Read("destination"));
+    EXPECT_EQ(0600U, ModeOf(destination));
+    char old[32];
+    EXPECT_EQ(14, read(reader, old, sizeof old)) << "a reader of the old file must keep all of it";
+    close(reader);
+}
+
+TEST_F(RenameAcrossTest, DropsSetIdAndStickyBits)
+{
+    for (const mode_t special : {04000U, 02000U, 01000U, 07000U}) {
+        const std::string source = dir_.Write("source", "abc", special | 0755);
+        ASSERT_EQ(special | 0755, ModeOf(source));
+
+        EXPECT_TRUE(RenameFileAcrossFs(source, other_ / "destination"));
+
+        EXPECT_EQ(0755U, ModeOf(other_ / "destination"));
+    }
+}
+
+TEST_F(RenameAcrossTest, GivesTheCopyItsModeWhateverTheUmask)
+{
+    const mode_t before = umask(0077);
+    for (const mode_t mode : {0777U, 0666U, 0604U, 0000U}) {
+        const std::string source = dir_.Write("source", "abc", mode);
+
+        // Mode 0 keeps ordinary users from reading their own file.
+        if (geteuid() == 0 || (mode & 0400) != 0) {
+            EXPECT_TRUE(RenameFileAcrossFs(source, other_ / "destination"));
+            EXPECT_EQ(mode, ModeOf(other_ / "destination"));
+        }
+    }
+    umask(before);
+}
+
+TEST_F(RenameAcrossTest, DoesNotCarryOverTimes)
+{
+    const std::string source = dir_.Write("source", "abc");
+    const timespec old[2] = {{1000000000, 0}, {1000000000, 0}};
+    ASSERT_EQ(0, utimensat(AT_FDCWD, source.c_str(), old, 0));
+
+    EXPECT_TRUE(RenameFileAcrossFs(source, other_ / "destination"));
+
+    EXPECT_LT(1000000000, StatusOf(other_ / "destination").st_mtim.tv_sec);
+}
+
+TEST_F(RenameAcrossTest, CopiesTheTargetOfASymbolicLinkAndRemovesTheLink)
+{
+    dir_.Write("target", "abc", 0640);
+    ASSERT_EQ(0, symlink("target", (dir_ / "link").c_str()));
+
+    EXPECT_TRUE(RenameFileAcrossFs(dir_ / "link", other_ / "destination"));
+
+    EXPECT_THAT(dir_.Names(), ElementsAre("target"));
+    EXPECT_EQ("abc", other_.Read("destination"));
+    EXPECT_TRUE(S_ISREG(StatusOf(other_ / "destination").st_mode));
+    EXPECT_EQ(0640U, ModeOf(other_ / "destination"));
+}
+
+TEST_F(RenameAcrossTest, MovesALinkOntoItsOwnTargetAndKeepsTheContent)
+{
+    const std::string target = other_.Write("target", "abc");
+    ASSERT_EQ(0, symlink(target.c_str(), (dir_ / "link").c_str()));
+
+    EXPECT_TRUE(RenameFileAcrossFs(dir_ / "link", target));
+
+    EXPECT_THAT(dir_.Names(), IsEmpty());
+    EXPECT_EQ("abc", other_.Read("target"));
+}
+
+TEST_F(RenameAcrossTest, ReplacesALinkAtTheDestinationAndNotItsTarget)
+{
+    const std::string source = dir_.Write("source", "new");
+    other_.Write("target", "old");
+    ASSERT_EQ(0, symlink("target", (other_ / "link").c_str()));
+
+    EXPECT_TRUE(RenameFileAcrossFs(source, other_ / "link"));
+
+    EXPECT_EQ("old", other_.Read("target"));
+    EXPECT_EQ("new", other_.Read("link"));
+    EXPECT_TRUE(S_ISREG(StatusOf(other_ / "link").st_mode));
+}
+
+TEST_F(RenameAcrossTest, ReplacesALinkToTheSourceItself)
+{
+    const std::string source = dir_.Write("source", "abc");
+    ASSERT_EQ(0, symlink(source.c_str(), (other_ / "link").c_str()));
+
+    EXPECT_TRUE(RenameFileAcrossFs(source, other_ / "link"));
+
+    EXPECT_THAT(dir_.Names(), IsEmpty());
+    EXPECT_EQ("abc", other_.Read("link"));
+    EXPECT_TRUE(S_ISREG(StatusOf(other_ / "link").st_mode));
+}
+
+TEST_F(RenameAcrossTest, ReportsADirectoryAtTheDestination)
+{
+    const std::string source = dir_.Write("source", "abc");
+    const std::string destination = other_ / "directory";
+    ASSERT_EQ(0, mkdir(destination.c_str(), 0755));
+
+    EXPECT_FALSE(RenameFileAcrossFs(source, destination));
+
+    // The kernel finds the other file system first, so it is the rename of the copy that fails, on a name of its own.
+    const std::vector<DlogCall> calls = TakeDlogCalls();
+    ASSERT_EQ(1U, calls.size());
+    EXPECT_EQ(messages::kRenameRename, calls[0].format);
+    EXPECT_THAT(calls[0].text, ::testing::MatchesRegex("RenameFileAcrossFs: rename\\(" + destination + "_......, " +
+                                                       destination + "\\) failed \\(21\\)\\."));
+    EXPECT_THAT(other_.Names(), ElementsAre("directory"));
+    EXPECT_EQ("abc", dir_.Read("source"));
+}
+
+TEST_F(RenameAcrossTest, ReportsADestinationDirectoryThatIsClosedToTheCaller)
+{
+    ASSERT_EQ(0, mkdir((other_ / "closed").c_str(), 0555));
+    const std::string source = dir_.Write("source", "abc");
+    const std::string destination = other_ / "closed/destination";
+
+    RunAsNobody([&] {
+        EXPECT_FALSE(RenameFileAcrossFs(source, destination));
+
+        const std::vector<DlogCall> calls = TakeDlogCalls();
+        ASSERT_EQ(1U, calls.size());
+        EXPECT_EQ(messages::kRenameMkstemp, calls[0].format);
+        EXPECT_THAT(calls[0].text, ::testing::MatchesRegex("RenameFileAcrossFs: mkstemp\\(" + destination +
+                                                           "_......\\) failed \\(13\\)\\."));
+    });
+    EXPECT_THAT(NamesIn(other_ / "closed"), IsEmpty());
+    EXPECT_EQ("abc", dir_.Read("source"));
+}
+
+TEST_F(RenameAcrossTest, ReportsASourceThatTheCallerMayNotRead)
+{
+    const std::string source = dir_.Write("source", "abc", 0);
+    const std::string destination = other_.Write("destination", "old");
+
+    RunAsNobody([&] {
+        EXPECT_FALSE(RenameFileAcrossFs(source, destination));
+
+        ExpectReports({{messages::kRenameOpen, "RenameFileAcrossFs: open(" + source + ") failed (13)."}});
+    });
+    EXPECT_THAT(other_.Names(), ElementsAre("destination"));
+    EXPECT_EQ("old", other_.Read("destination"));
+    EXPECT_TRUE(Exists(source));
+}
+
+TEST_F(RenameAcrossTest, IsTrueWithALineWhenTheSourceCannotBeRemoved)
+{
+    ASSERT_EQ(0, mkdir((dir_ / "closed").c_str(), 0755));
+    const std::string source = dir_.Write("closed/source", "abc", 0444);
+    ASSERT_EQ(0, chmod((dir_ / "closed").c_str(), 0555));
+
+    RunAsNobody([&] {
+        EXPECT_TRUE(RenameFileAcrossFs(source, other_ / "destination"));
+
+        ExpectReports({{messages::kRenameUnlink, "RenameFileAcrossFs: unlink(" + source + ") failed (13)."}});
+    });
+    EXPECT_THAT(other_.Names(), ElementsAre("destination"));
+    EXPECT_EQ("abc", other_.Read("destination"));
+    EXPECT_EQ("abc", ReadFile(source));
+    EXPECT_EQ(0, chmod((dir_ / "closed").c_str(), 0755));
+}
+
+TEST_F(RenameAcrossTest, NeedsRoomForSevenMoreBytesInTheName)
+{
+    const std::string fits(NAME_MAX - 7, 'x');
+    EXPECT_TRUE(RenameFileAcrossFs(dir_.Write("source", "abc"), other_ / fits));
+    EXPECT_THAT(other_.Names(), ElementsAre(fits));
+
+    const std::string destination = other_ / (fits + 'x');
+    EXPECT_FALSE(RenameFileAcrossFs(dir_.Write("source", "abc"), destination));
+
+    const std::vector<DlogCall> calls = TakeDlogCalls();
+    ASSERT_EQ(1U, calls.size());
+    EXPECT_EQ(messages::kRenameMkstemp, calls[0].format);
+    EXPECT_THAT(calls[0].text, ::testing::MatchesRegex("RenameFileAcrossFs: mkstemp\\(" + destination +
+                                                       "_......\\) failed \\(36\\)\\."));
+    EXPECT_EQ("abc", dir_.Read("source"));
+    EXPECT_THAT(other_.Names(), ElementsAre(fits));
+}
+
+TEST_F(RenameAcrossTest, TakesTheLengthOfTheDestinationUpToItsFirstNul)
+{
+    dir_.Write("source", "abc");
+    const std::string destination = (other_ / "destination") + '\0' + std::string(9000000, 'x');
+
+    EXPECT_TRUE(RenameFileAcrossFs(dir_ / "source", destination));
+
+    EXPECT_THAT(other_.Names(), ElementsAre("destination"));
+}
+
+TEST_F(RenameAcrossTest, MakesDoWithTheLongestPathThatTheKernelTakes)
+{
+    const std::string source = dir_.Write("source", "abc");
+    std::string directory = other_.Path();
+    while (directory.size() + 200 < PATH_MAX - 50) {
+        directory += "/" + std::string(199, 'd');
+        ASSERT_EQ(0, mkdir(directory.c_str(), 0755));
+    }
+    const std::string destination = directory + "/" + std::string(PATH_MAX - 1 - directory.size() - 1, 'x');
+    ASSERT_EQ(static_cast<std::size_t>(PATH_MAX - 1), destination.size());
+
+    EXPECT_FALSE(RenameFileAcrossFs(source, destination)) << "the name of the temporary file is 7 bytes longer";
+
+    const std::vector<DlogCall> calls = TakeDlogCalls();
+    ASSERT_EQ(1U, calls.size());
+    EXPECT_EQ(messages::kRenameMkstemp, calls[0].format);
+    EXPECT_THAT(calls[0].text, ::testing::MatchesRegex("RenameFileAcrossFs: mkstemp\\(" + destination +
+                                                       "_......\\) failed \\(36\\)\\."));
+    EXPECT_EQ("abc", dir_.Read("source"));
+
+    const std::string shorter = destination.substr(0, destination.size() - 7);
+    EXPECT_TRUE(RenameFileAcrossFs(source, shorter));
+    EXPECT_EQ("abc", ReadFile(shorter));
+}
+
+TEST_F(RenameAcrossTest, WorksOnAThreadWithASmallStack)
+{
+    const std::string source = dir_.Write("source", std::string(10000, 'x'));
+    const std::string destination = other_ / "destination";
+    struct Move {
+        const std::string& source;
+        const std::string& destination;
+        bool done;
+    } move{source, destination, false};
+#if defined(__SANITIZE_ADDRESS__)
+    const std::size_t stackBytes = std::size_t{1} << 20;  // the sanitizer's own frames are larger
+#else
+    const std::size_t stackBytes = std::size_t{64} << 10;
+#endif
+    pthread_attr_t attributes;
+    ASSERT_EQ(0, pthread_attr_init(&attributes));
+    ASSERT_EQ(0, pthread_attr_setstacksize(&attributes, stackBytes));
+
+    pthread_t thread;
+    ASSERT_EQ(0, pthread_create(
+                     &thread, &attributes,
+                     [](void* argument) -> void* {
+                         Move* const job = static_cast<Move*>(argument);
+                         const std::string tooLong(9000000, 'x');
+                         job->done = !RenameFileAcrossFs(job->source, tooLong) &&
+                                     RenameFileAcrossFs(job->source, job->destination);
+                         return nullptr;
+                     },
+                     &move));
+    ASSERT_EQ(0, pthread_join(thread, nullptr));
+    pthread_attr_destroy(&attributes);
+
+    EXPECT_TRUE(move.done);
+    EXPECT_EQ(1U, TakeDlogCalls().size()) << "of the too long destination";
+    EXPECT_EQ(std::string(10000, 'x'), other_.Read("destination"));
+}
+
+TEST_F(RenameAcrossTest, MovesOntoOneDestinationFromManyThreadsLeaveOneWholeFile)
+{
+    constexpr int kThreads = 8;
+    const std::string destination = other_ / "destination";
+    std::vector<std::thread> threads;
+    for (int i = 0; i < kThreads; ++i) {
+        dir_.Write("source" + Number(i), std::string(20000, static_cast<char>('a' + i)));
+    }
+
+    for (int i = 0; i < kThreads; ++i) {
+        threads.emplace_back(
+            [this, i, &destination] { EXPECT_TRUE(RenameFileAcrossFs(dir_ / ("source" + Number(i)), destination)); });
+    }
+    for (std::thread& thread : threads) {
+        thread.join();
+    }
+
+    EXPECT_THAT(dir_.Names(), IsEmpty());
+    EXPECT_THAT(other_.Names(), ElementsAre("destination"));
+    const std::string content = other_.Read("destination");
+    EXPECT_EQ(std::string(20000, content.at(0)), content);
+}
+
+// ---- With mounts of its own
+
+class RenameMountTest : public OrvTest {
+protected:
+    void SetUp() override
+    {
+        if (!CanMount()) {
+            ORV_SKIP("no private mounts here: needs root or user namespaces");
+        }
+    }
+};
+
+TEST_F(RenameMountTest, KeepsAFileWhoseTwoNamesLieOnTwoMountsOfOneFileSystem)
+{
+    ASSERT_EQ(0, mkdir((dir_ / "real").c_str(), 0755));
+    ASSERT_EQ(0, mkdir((dir_ / "bound").c_str(), 0755));
+    const std::string source = dir_.Write("real/file", "abc");
+    const struct stat before = StatusOf(source);
+
+    RunWithPrivateMounts([&] {
+        const std::string destination = dir_ / "bound/file";
+        ASSERT_EQ(0, mount((dir_ / "real").c_str(), (dir_ / "bound").c_str(), nullptr, MS_BIND, nullptr));
+        ASSERT_EQ(-1, rename(source.c_str(), destination.c_str()));
+        ASSERT_EQ(EXDEV, errno);
+        const ScopedTrace trace;
+
+        EXPECT_TRUE(RenameFileAcrossFs(source, destination));
+
+        EXPECT_THAT(trace.Calls(), ElementsAre("stat(" + source + ")", "rename(" + source + ", " + destination + ")",
+                                               "lstat(" + destination + ")", "lstat(" + source + ")"));
+        EXPECT_THAT(NamesIn(dir_ / "real"), ElementsAre("file"));
+        ExpectSameFile(before, source);
+        EXPECT_EQ("abc", ReadFile(destination));
+        ExpectReports({});
+    });
+}
+
+TEST_F(RenameMountTest, MovesBetweenTwoMountsOfOneFileSystem)
+{
+    ASSERT_EQ(0, mkdir((dir_ / "real").c_str(), 0755));
+    ASSERT_EQ(0, mkdir((dir_ / "bound").c_str(), 0755));
+    const std::string source = dir_.Write("real/file", "abc");
+
+    RunWithPrivateMounts([&] {
+        ASSERT_EQ(0, mount((dir_ / "real").c_str(), (dir_ / "bound").c_str(), nullptr, MS_BIND, nullptr));
+
+        EXPECT_TRUE(RenameFileAcrossFs(source, dir_ / "bound/other name"));
+
+        EXPECT_THAT(NamesIn(dir_ / "real"), ElementsAre("other name"));
+        EXPECT_EQ("abc", dir_.Read("real/other name"));
+    });
+}
+
+TEST_F(RenameMountTest, RemovesALinkThatLeadsToTheDestinationOnAnotherMount)
+{
+    ASSERT_EQ(0, mkdir((dir_ / "real").c_str(), 0755));
+    ASSERT_EQ(0, mkdir((dir_ / "bound").c_str(), 0755));
+    dir_.Write("real/file", "abc");
+    const std::string source = dir_ / "real/link";
+    ASSERT_EQ(0, symlink("file", source.c_str()));
+
+    RunWithPrivateMounts([&] {
+        ASSERT_EQ(0, mount((dir_ / "real").c_str(), (dir_ / "bound").c_str(), nullptr, MS_BIND, nullptr));
+
+        EXPECT_TRUE(RenameFileAcrossFs(source, dir_ / "bound/file"));
+
+        EXPECT_THAT(NamesIn(dir_ / "real"), ElementsAre("file"));
+        EXPECT_EQ("abc", dir_.Read("real/file"));
+    });
+}
+
+TEST_F(RenameMountTest, LeavesEverythingAloneWhenTheDestinationIsFull)
+{
+    const std::string full = dir_ / "full";
+    ASSERT_EQ(0, mkdir(full.c_str(), 0755));
+    const std::string source = dir_.Write("source", std::string(100000, 'x'));
+
+    RunWithPrivateMounts([&] {
+        MountTmpfs(full, 64 << 10);
+        WriteFile(full + "/report", "old");
+
+        EXPECT_FALSE(RenameFileAcrossFs(source, full + "/report"));
+
+        ExpectReports({{messages::kRenameWrite, "RenameFileAcrossFs: write() failed (4096, -1, 28)."}});
+        EXPECT_THAT(NamesIn(full), ElementsAre("report"));
+        EXPECT_EQ("old", ReadFile(full + "/report"));
+        EXPECT_EQ(std::string(100000, 'x'), ReadFile(source));
+    });
+}
+
+TEST_F(RenameMountTest, ReportsAReadOnlyDestination)
+{
+    const std::string readOnly = dir_ / "readonly";
+    ASSERT_EQ(0, mkdir(readOnly.c_str(), 0755));
+    const std::string source = dir_.Write("source", "abc");
+
+    RunWithPrivateMounts([&] {
+        MountTmpfs(readOnly, 64 << 10);
+        ASSERT_EQ(0, mount("none", readOnly.c_str(), nullptr, MS_REMOUNT | MS_RDONLY, nullptr));
+        const std::string destination = readOnly + "/destination";
+
+        EXPECT_FALSE(RenameFileAcrossFs(source, destination));
+
+        const std::vector<DlogCall> calls = TakeDlogCalls();
+        ASSERT_EQ(1U, calls.size());
+        EXPECT_EQ(messages::kRenameMkstemp, calls[0].format);
+        EXPECT_THAT(calls[0].text, ::testing::MatchesRegex("RenameFileAcrossFs: mkstemp\\(" + destination +
+                                                           "_......\\) failed \\(30\\)\\."));
+        EXPECT_EQ("abc", ReadFile(source));
+    });
+}
+
+TEST_F(RenameMountTest, IsTrueWithALineWhenTheSourceIsOnAReadOnlyFileSystem)
+{
+    const std::string readOnly = dir_ / "readonly";
+    ASSERT_EQ(0, mkdir(readOnly.c_str(), 0755));
+
+    RunWithPrivateMounts([&] {
+        MountTmpfs(readOnly, 64 << 10);
+        const std::string source = readOnly + "/source";
+        WriteFile(source, "abc");
+        ASSERT_EQ(0, mount("none", readOnly.c_str(), nullptr, MS_REMOUNT | MS_RDONLY, nullptr));
+
+        EXPECT_TRUE(RenameFileAcrossFs(source, dir_ / "destination"));
+
+        ExpectReports({{messages::kRenameUnlink, "RenameFileAcrossFs: unlink(" + source + ") failed (30)."}});
+        EXPECT_EQ("abc", dir_.Read("destination"));
+        EXPECT_EQ("abc", ReadFile(source));
+    });
+}
+
+}  // namespace
