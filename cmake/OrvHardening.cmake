@@ -15,8 +15,8 @@ if(ORV_HARDEN AND NOT ORV_SANITIZE)
     endif()
   endforeach()
   # glibc accepts _FORTIFY_SOURCE only together with optimisation.
-  target_compile_options(OrvHardening INTERFACE $<$<NOT:$<CONFIG:Debug>>:-U_FORTIFY_SOURCE>)
-  target_compile_definitions(OrvHardening INTERFACE $<$<NOT:$<CONFIG:Debug>>:_FORTIFY_SOURCE=2>)
+  target_compile_options(
+    OrvHardening INTERFACE "$<$<NOT:$<CONFIG:Debug>>:SHELL:-U_FORTIFY_SOURCE -D_FORTIFY_SOURCE=2>")
   foreach(flag relro now noexecstack)
     check_linker_flag(CXX "LINKER:-z,${flag}" ORV_HAS_LINKER_${flag})
     if(ORV_HAS_LINKER_${flag})

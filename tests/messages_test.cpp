@@ -2,6 +2,7 @@
 // run out ("Error processing line") stands with the memory tests.
 #include "support/messages.h"
 #include "LxFileUtils.h"
+#include "support/cases.h"
 #include "support/faults.h"
 #include "support/orv_test.h"
 
@@ -132,12 +133,7 @@ TEST_P(MessageTest, IsWrittenByteForByte)
     EXPECT_EQ(expected.substr(0, expected.find(':')), calls[0].function);
 }
 
-std::string CaseName(const ::testing::TestParamInfo<MessageCase>& message)
-{
-    return message.param.name;
-}
-
-INSTANTIATE_TEST_SUITE_P(Each, MessageTest, ::testing::ValuesIn(kMessages), CaseName);
+INSTANTIATE_TEST_SUITE_P(Each, MessageTest, ::testing::ValuesIn(kMessages), CaseName<MessageCase>);
 
 class MessagePairTest : public OrvTest {};
 

@@ -6,7 +6,6 @@
 
 #include <fcntl.h>
 #include <limits.h>
-#include <pthread.h>
 #include <sys/mount.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
@@ -595,35 +594,13 @@ TEST_F(RenameAcrossTest, WorksOnAThreadWithASmallStack)
 {
     const std::string source = dir_.Write("source", std::string(10000, 'x'));
     const std::string destination = other_ / "destination";
-    struct Move {
-        const std::string& source;
-        const std::string& destination;
-        bool done;
-    } move{source, destination, false};
-#if defined(__SANITIZE_ADDRESS__)
-    const std::size_t stackBytes = std::size_t{1} << 20;  // the sanitizer's own frames are larger
-#else
-    const std::size_t stackBytes = std::size_t{64} << 10;
-#endif
-    pthread_attr_t attributes;
-    ASSERT_EQ(0, pthread_attr_init(&attributes));
-    ASSERT_EQ(0, pthread_attr_setstacksize(&attributes, stackBytes));
+    const std::string tooLong(9000000, 'x');
 
-    pthread_t thread;
-    ASSERT_EQ(0, pthread_create(
-                     &thread, &attributes,
-                     [](void* argument) -> void* {
-                         Move* const job = static_cast<Move*>(argument);
-                         const std::string tooLong(9000000, 'x');
-                         job->done = !RenameFileAcrossFs(job->source, tooLong) &&
-                                     RenameFileAcrossFs(job->source, job->destination);
-                         return nullptr;
-                     },
-                     &move));
-    ASSERT_EQ(0, pthread_join(thread, nullptr));
-    pthread_attr_destroy(&attributes);
+    RunOnSmallStack([&] {
+        EXPECT_FALSE(RenameFileAcrossFs(source, tooLong));
+        EXPECT_TRUE(RenameFileAcrossFs(source, destination));
+    });
 
-    EXPECT_TRUE(move.done);
     EXPECT_EQ(1U, TakeDlogCalls().size()) << "of the too long destination";
     EXPECT_EQ(std::string(10000, 'x'), other_.Read("destination"));
 }

@@ -15,6 +15,7 @@
 #include <cstdarg>
 #include <cstdlib>
 #include <map>
+#include <utility>
 
 #include "gtest/gtest.h"
 
@@ -38,6 +39,7 @@ thread_local ShortWrite shortWrite;
 thread_local bool unknownTypes = false;
 thread_local std::string vanishing;  // the path to remove after its status was taken
 thread_local Trace* trace = nullptr;
+thread_local ScopedAction* scopedAction = nullptr;
 
 // The system's own function of that name.
 template <typename Function>
@@ -52,6 +54,9 @@ Function Real(const char* name)
 
 const ScopedFault* FaultFor(Call call)
 {
+    if (scopedAction != nullptr) {
+        scopedAction->RunIfDue(call);
+    }
     const ScopedFault* hit = nullptr;
     for (ScopedFault* const fault : faults) {
         if (fault->Hits(call)) {
@@ -213,6 +218,26 @@ ScopedVanishAfterStat::~ScopedVanishAfterStat()
 {
     EXPECT_EQ("", vanishing) << "its status was never taken";
     vanishing.clear();
+}
+
+ScopedAction::ScopedAction(Call call, int nth, std::function<void()> action)
+    : call_(call), left_(nth), action_(std::move(action))
+{
+    scopedAction = this;
+}
+
+ScopedAction::~ScopedAction()
+{
+    EXPECT_TRUE(ran_) << "the action was never due";
+    scopedAction = nullptr;
+}
+
+void ScopedAction::RunIfDue(Call call)
+{
+    if (call == call_ && --left_ == 0) {
+        ran_ = true;
+        action_();
+    }
 }
 
 ScopedTrace::ScopedTrace()

@@ -5,6 +5,7 @@
 
 #include <sys/types.h>
 
+#include <functional>
 #include <string>
 #include <vector>
 
@@ -78,6 +79,26 @@ public:
     ~ScopedVanishAfterStat();
     ScopedVanishAfterStat(const ScopedVanishAfterStat&) = delete;
     ScopedVanishAfterStat& operator=(const ScopedVanishAfterStat&) = delete;
+};
+
+// While it lives, `action` runs once, on this thread: just before its `nth` (1-based) `call` from now on, or just after
+// it where that closes something. What another process may do at that moment, or what the moment looks like. Its
+// destructor fails the test when the action never ran. One at a time.
+class ScopedAction {
+public:
+    ScopedAction(Call call, int nth, std::function<void()> action);
+    ~ScopedAction();
+    ScopedAction(const ScopedAction&) = delete;
+    ScopedAction& operator=(const ScopedAction&) = delete;
+
+    // For the wrappers: counts an occurrence, and runs the action when it is the one.
+    void RunIfDue(Call call);
+
+private:
+    Call call_;
+    int left_;
+    std::function<void()> action_;
+    bool ran_ = false;
 };
 
 // While it lives, calls of this thread are recorded. A path that mkstemp made is written as "<temporary>", and a

@@ -3,6 +3,7 @@
 #include <dirent.h>
 #include <fcntl.h>
 #include <grp.h>
+#include <pthread.h>
 #include <sched.h>
 #include <sys/mount.h>
 #include <sys/wait.h>
@@ -256,6 +257,28 @@ void RunAsNobody(const std::function<void()>& body)
         }
         body();
     });
+}
+
+void RunOnSmallStack(const std::function<void()>& body)
+{
+#if defined(__SANITIZE_ADDRESS__)
+    constexpr long kStackBytes = 1L << 20;  // the sanitizer's own frames are larger
+#else
+    constexpr long kStackBytes = 64L << 10;
+#endif
+    const long stackBytes = std::max(kStackBytes, sysconf(_SC_THREAD_STACK_MIN));
+    pthread_attr_t attributes;
+    ASSERT_EQ(0, pthread_attr_init(&attributes));
+    ASSERT_EQ(0, pthread_attr_setstacksize(&attributes, static_cast<std::size_t>(stackBytes)));
+
+    const auto run = [](void* argument) -> void* {
+        (*static_cast<const std::function<void()>*>(argument))();
+        return nullptr;
+    };
+    pthread_t thread;
+    ASSERT_EQ(0, pthread_create(&thread, &attributes, run, const_cast<std::function<void()>*>(&body)));
+    ASSERT_EQ(0, pthread_join(thread, nullptr));
+    (void)pthread_attr_destroy(&attributes);
 }
 
 bool CanMount()

@@ -106,6 +106,9 @@ void RunInChild(const std::function<void()>& body);
 // Runs `body` in a child without privileges: files that user and mode protect are out of its reach.
 void RunAsNobody(const std::function<void()>& body);
 
+// Runs `body` on a thread with a stack of 64 KiB, or of the smallest size that the system allows.
+void RunOnSmallStack(const std::function<void()>& body);
+
 // True where private mounts can be made: as root, or with user namespaces.
 bool CanMount();
 

@@ -1,0 +1,16 @@
+# GTest::gmock and GTest::gtest_main: the system's, or built from the sources that Debian packages for that purpose where
+# the system's does not fit: for another machine and for the other std::string.
+if(NOT CMAKE_CROSSCOMPILING AND ORV_CXX11_ABI)
+  find_package(GTest REQUIRED)
+  return()
+endif()
+
+set(ORV_GOOGLETEST_SOURCE /usr/src/googletest CACHE PATH "Sources of GoogleTest (Debian package googletest)")
+set(INSTALL_GTEST OFF)
+set(BUILD_SHARED_LIBS OFF)
+set(CMAKE_COMPILE_WARNING_AS_ERROR OFF) # the sources are not ours
+add_subdirectory(${ORV_GOOGLETEST_SOURCE} googletest EXCLUDE_FROM_ALL)
+unset(CMAKE_COMPILE_WARNING_AS_ERROR)
+if(NOT ORV_CXX11_ABI)
+  target_compile_definitions(gtest PUBLIC _GLIBCXX_USE_CXX11_ABI=0)
+endif()

@@ -1,0 +1,800 @@
+#include "LxFileUtils.h"
+#include "support/cases.h"
+#include "support/faults.h"
+#include "support/messages.h"
+#include "support/orv_test.h"
+
+#include <fcntl.h>
+#include <sys/mount.h>
+#include <sys/stat.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <atomic>
+#include <cerrno>
+#include <fstream>
+#include <functional>
+#include <sstream>
+#include <string>
+#include <thread>
+#include <vector>
+
+using orv_fileutils::AddTextFileFormattedRow;
+using orv_fileutils::GenHtmlPagefromTextFile;
+using orv_fileutils::TextFileTableDelimter;
+using ::testing::PrintToString;
+using namespace std::string_literals;
+
+namespace {
+
+constexpr char kHeader[] =
+    "<KPX_PLD ua=\"none\" ln=\"1\" schema=\"1\" source=\"Tarnwick\" destination=\"HTML\" version=\"1\""
+    " tagNestLevel=\"1\">"
+    " "
+    "<!DOCTYPE HTML PUBLIC \"-//W3C//DTD HTML 4.01 Frameset//EN\" \"http://www.w3.org/TR/html4/frameset.dtd\">"
+    "<html><head>"
+    "<meta content=\"text/html; charset=utf-8\" http-equiv=\"Content-Type\" >"
+    "<meta http-equiv=\"refresh\" content=\"10\" >"
+    " "
+    "</head><body>";
+constexpr char kFooter[] = "</body></html></KPX_PLD>";
+constexpr std::size_t kHeaderBytes = 340;
+
+std::string Page(const std::string& body)
+{
+    return kHeader + body + kFooter;
+}
+
+// A table of one row: a head cell and one further cell.
+std::string Table(const std::string& head, const std::string& cell)
+{
+    return "<table  BORDER=2><tr><td>" + head + "</td><td>" + cell + "</td></tr></table>";
+}
+
+// Where this process builds its pages.
+std::string TemporaryPage()
+{
+    return "/var/tmp/TextToHtml_" + std::to_string(getpid()) + ".tmp";
+}
+
+void Generate(const std::string& text, const std::string& page)
+{
+    GenHtmlPagefromTextFile(text.c_str(), page.c_str());
+}
+
+// The two lines of a move that failed in `call`, such as "stat(PATH)".
+void ExpectFailedMove(const std::string& format, const std::string& call, int error, const std::string& page)
+{
+    ExpectReports({{format, "RenameFileAcrossFs: " + call + " failed (" + std::to_string(error) + ")."},
+                   {messages::kPageMove,
+                    "GenHtmlPagefromTextFile: RenameFileAcrossFs(" + TemporaryPage() + ", " + page + ") failed."}});
+}
+
+using Names = std::vector<std::string>;
+
+class HtmlPageTest : public TwoFileSystemsTest {
+protected:
+    void TearDown() override
+    {
+        EXPECT_NE(0, unlink(TemporaryPage().c_str())) << "the temporary page was left behind";
+        TwoFileSystemsTest::TearDown();
+    }
+
+    // For tests whose page stays in the temporary file: takes it away.
+    static std::string TakeTemporaryPage()
+    {
+        const std::string page = ReadFile(TemporaryPage());
+        EXPECT_EQ(0, unlink(TemporaryPage().c_str()));
+        return page;
+    }
+};
+
+// ---- What the page holds
+
+class GoldenPageTest : public HtmlPageTest, public ::testing::WithParamInterface<const char*> {};
+
+TEST_P(GoldenPageTest, IsTheExpectedOne)
+{
+    const std::string golden = std::string(ORV_TEST_DATA "/pages/") + GetParam();
+    const std::string page = dir_ / "page";
+
+    Generate(golden + ".txt", page);
+
+    EXPECT_EQ(ReadFile(golden + ".html"), ReadFile(page));
+    EXPECT_EQ(Names{"page"}, dir_.Names());
+}
+
+INSTANTIATE_TEST_SUITE_P(Pages, GoldenPageTest,
+                         ::testing::Values("blanks", "colon_alone", "cr_lf", "empty", "empty_cells", "final_line_feed",
+                                           "marks_inside_cells", "markup", "no_final_line_feed", "nul", "one_cell_row",
+                                           "one_cell_row_before_another", "row_terminator_twice",
+                                           "row_terminators_alone", "row_without_colon", "row_without_colon_but_commas",
+                                           "spacer", "spacer_between_tables", "spacers_around_a_table",
+                                           "tables_without_spacer", "terminator_in_a_cell", "two_rows", "two_spacers",
+                                           "utf8"),
+                         [](const auto& golden) { return std::string(golden.param); });
+
+TEST_F(HtmlPageTest, TheHeaderHas340Bytes)
+{
+    const std::string page = dir_ / "page";
+
+    Generate("/dev/null", page);
+
+    EXPECT_EQ(kHeaderBytes, sizeof kHeader - 1);
+    EXPECT_EQ(kHeaderBytes + sizeof kFooter - 1, ReadFile(page).size());
+    EXPECT_EQ(kHeader, ReadFile(page).substr(0, kHeaderBytes));
+}
+
+TEST_F(HtmlPageTest, NamesTheSystemIdentifierOfTheFramesetDtd)
+{
+    const std::string page = dir_ / "page";
+
+    Generate("/dev/null", page);
+
+    EXPECT_THAT(ReadFile(page), ::testing::HasSubstr(" \"http://www.w3.org/TR/html4/frameset.dtd\"><html>"));
+}
+
+TEST_F(HtmlPageTest, ShowsRowsAsTheyWereWritten)
+{
+    std::vector<std::string> first = {"Port", "1", "up"};
+    std::vector<std::string> second = {"Port", "2", "down"};
+    std::vector<std::string> none;
+    const std::string text =
+        dir_.Write("text", AddTextFileFormattedRow(first) + AddTextFileFormattedRow(none) +
+                               AddTextFileFormattedRow(second) + TextFileTableDelimter() + TextFileTableDelimter());
+
+    Generate(text, dir_ / "page");
+
+    EXPECT_EQ(Page("<table  BORDER=2><tr><td>Port</td><td>1</td><td>up</td></tr>"
+                   "<tr><td>Port</td><td>2</td><td>down</td></tr></table><p></p>"),
+              dir_.Read("page"));
+}
+
+TEST_F(HtmlPageTest, TakesTheRowBehindAOneCellRowForItsCells)
+{
+    std::vector<std::string> total = {"Total"};
+    std::vector<std::string> port = {"Port", "1", "up"};
+    const std::string text =
+        dir_.Write("text", AddTextFileFormattedRow(total) + AddTextFileFormattedRow(port) + TextFileTableDelimter());
+
+    Generate(text, dir_ / "page");
+
+    EXPECT_EQ(Page("<table  BORDER=2><tr><td>Total</td><td>Port:1</td><td>up</td></tr></table>"), dir_.Read("page"));
+}
+
+TEST_F(HtmlPageTest, CarriesEveryByteValueButTheMarks)
+{
+    std::string bytes;
+    for (const char byte : AllBytes()) {
+        if ("\n:,;"s.find(byte) == std::string::npos) {
+            bytes += byte;
+        }
+    }
+    const std::string text = dir_.Write("text", bytes + ":" + bytes + ";\n");
+
+    Generate(text, dir_ / "page");
+
+    EXPECT_EQ(252U, bytes.size());
+    EXPECT_EQ(Page(Table(bytes, bytes)), dir_.Read("page"));
+}
+
+TEST_F(HtmlPageTest, TakesALineOfMegabytes)
+{
+    const std::string cell(3 << 20, 'x');
+    const std::string text = dir_.Write("text", "A:" + cell + ";\nB:2;\n");
+
+    Generate(text, dir_ / "page");
+
+    EXPECT_EQ(Page(Table("A", cell) + Table("B", "2")), dir_.Read("page"));
+}
+
+// Text for a page of two megabytes, and the body of that page.
+struct Lines {
+    std::string text;
+    std::string body;
+};
+
+Lines ManyLines()
+{
+    Lines lines;
+    for (int i = 0; i < 40000; ++i) {
+        lines.text += std::to_string(i) + ":x;\n";
+        lines.body += Table(std::to_string(i), "x");
+    }
+    return lines;
+}
+
+TEST_F(HtmlPageTest, TakesManyLines)
+{
+    const std::string text = dir_.Write("text", ManyLines().text);
+
+    Generate(text, dir_ / "page");
+
+    EXPECT_EQ(Page(ManyLines().body), dir_.Read("page"));
+}
+
+// An incomplete page: the whole one was cut off somewhere behind its header.
+void ExpectBeginning(const std::string& whole, const std::string& page)
+{
+    EXPECT_LT(kHeaderBytes, page.size());
+    EXPECT_GT(whole.size(), page.size());
+    EXPECT_TRUE(whole.compare(0, page.size(), page) == 0) << "not the beginning of the page";
+}
+
+// Pieces end at a delimiter; an empty one at the end does not count, unless the text itself is empty.
+std::vector<std::string> PiecesByModel(const std::string& text, char delimiter)
+{
+    std::vector<std::string> pieces;
+    std::istringstream stream(text);
+    for (std::string piece; std::getline(stream, piece, delimiter);) {
+        pieces.push_back(piece);
+    }
+    return text.empty() ? std::vector<std::string>{""} : pieces;
+}
+
+std::string RowByModel(const std::string& row)
+{
+    std::string head = row;
+    std::string rest = row;
+    if (row.find(':') != std::string::npos) {
+        head.erase(head.find(':'));
+        rest.erase(0, rest.find(':') + 1);
+    }
+    std::string shown = "<tr><td>" + head + "</td>";
+    for (const std::string& cell : PiecesByModel(rest, ',')) {
+        shown += "<td>" + cell + "</td>";
+    }
+    return shown + "</tr>";
+}
+
+std::string PageByModel(const std::string& text)
+{
+    std::string body;
+    std::istringstream lines(text);
+    for (std::string line; std::getline(lines, line);) {
+        if (line.empty()) {
+            body += "<p></p>";
+            continue;
+        }
+        body += "<table  BORDER=2>";
+        for (const std::string& row : PiecesByModel(line, ';')) {
+            body += RowByModel(row);
+        }
+        body += "</table>";
+    }
+    return Page(body);
+}
+
+TEST_F(HtmlPageTest, AgreesWithAModelForAnyTextAndHoldsNoLineFeed)
+{
+    const std::string page = dir_ / "page";
+    Random random(1);
+    std::size_t lines = 0;
+    for (int i = 0; i < 1000; ++i) {
+        const std::string text = random.Text("ab<:::,,;;\n\n\r\0\xFF"s, 600);
+        for (const char byte : text) {
+            lines += byte == '\n';
+        }
+        other_.Write("text", text);
+
+        Generate(other_ / "text", page);
+
+        const std::string generated = ReadFile(page);
+        ASSERT_EQ(PageByModel(text), generated) << PrintToString(text);
+        ASSERT_EQ(std::string::npos, generated.find('\n')) << PrintToString(text);
+    }
+    EXPECT_LT(20000U, lines);
+}
+
+// ---- The text file
+
+TEST_F(HtmlPageTest, LeavesTheTextFileAlone)
+{
+    const std::string text = dir_.Write("text", "A:1;\n", 0640);
+    const struct stat before = StatusOf(text);
+
+    Generate(text, dir_ / "page");
+
+    const struct stat after = StatusOf(text);
+    EXPECT_EQ("A:1;\n", dir_.Read("text"));
+    EXPECT_EQ(before.st_ino, after.st_ino);
+    EXPECT_EQ(before.st_mode, after.st_mode);
+    EXPECT_EQ(before.st_mtim.tv_nsec, after.st_mtim.tv_nsec);
+    EXPECT_EQ((Names{"page", "text"}), dir_.Names());
+}
+
+TEST_F(HtmlPageTest, ReadsATextFileThatMayOnlyBeRead)
+{
+    const std::string text = dir_.Write("text", "A:1;\n", 0444);
+
+    RunAsNobody([&] {
+        Generate(text, dir_ / "page");
+
+        EXPECT_EQ(Page(Table("A", "1")), dir_.Read("page"));
+        EXPECT_FALSE(Exists(TemporaryPage()));
+        ExpectReports({});
+    });
+}
+
+TEST_F(HtmlPageTest, AMissingTextFileGivesAnEmptyPage)
+{
+    dir_.Write("page", "old");
+
+    Generate(dir_ / "missing", dir_ / "page");
+
+    EXPECT_EQ(Page(""), dir_.Read("page"));
+    EXPECT_EQ(Names{"page"}, dir_.Names());
+}
+
+TEST_F(HtmlPageTest, AnEmptyTextFilePathGivesAnEmptyPage)
+{
+    dir_.Write("page", "old");
+
+    Generate("", dir_ / "page");
+
+    EXPECT_EQ(Page(""), dir_.Read("page"));
+}
+
+TEST_F(HtmlPageTest, AnEmptyTextFileGivesAnEmptyPage)
+{
+    dir_.Write("page", "old");
+    const std::string text = dir_.Write("text", "");
+
+    Generate(text, dir_ / "page");
+
+    EXPECT_EQ(Page(""), dir_.Read("page"));
+}
+
+TEST_F(HtmlPageTest, ADirectoryAsTextFileGivesAnEmptyPage)
+{
+    dir_.Write("page", "old");
+
+    Generate(dir_.Path(), dir_ / "page");
+
+    EXPECT_EQ(Page(""), dir_.Read("page"));
+}
+
+TEST_F(HtmlPageTest, AnUnreadableTextFileGivesAnEmptyPage)
+{
+    dir_.Write("page", "old", 0666);
+    const std::string text = dir_.Write("text", "A:1;\n", 0);
+
+    RunAsNobody([&] {
+        Generate(text, dir_ / "page");
+
+        EXPECT_EQ(Page(""), dir_.Read("page"));
+        EXPECT_FALSE(Exists(TemporaryPage()));
+        ExpectReports({});
+    });
+}
+
+TEST_F(HtmlPageTest, AReadErrorEndsThePageBehindTheLastWholeLine)
+{
+    const std::string text = dir_.Write("text", "A:1;\nB:" + std::string(1 << 20, 'x') + ";\nC:3;\n");
+    const ScopedFault fault(Call::kRead, /*nth=*/2, EIO);
+
+    Generate(text, dir_ / "page");
+
+    EXPECT_EQ(Page(Table("A", "1")), dir_.Read("page"));
+}
+
+TEST_F(HtmlPageTest, ResolvesRelativePathsAgainstTheCurrentDirectory)
+{
+    dir_.Write("text", "A:1;\n");
+
+    RunInChild([&] {
+        ASSERT_EQ(0, chdir(dir_.Path().c_str()));
+
+        GenHtmlPagefromTextFile("text", "page");
+
+        EXPECT_EQ(Page(Table("A", "1")), dir_.Read("page"));
+        EXPECT_FALSE(Exists(TemporaryPage()));
+        ExpectReports({});
+    });
+}
+
+TEST_F(HtmlPageTest, ReplacesTheTextFileWhenThePageHasItsPath)
+{
+    const std::string text = dir_.Write("text", "A:1;\n");
+
+    Generate(text, text);
+
+    EXPECT_EQ(Page(Table("A", "1")), dir_.Read("text"));
+    EXPECT_EQ(Names{"text"}, dir_.Names());
+}
+
+// ---- The temporary file
+
+TEST_F(HtmlPageTest, IsWrittenToTheTemporaryFileAndThenMoved)
+{
+    const std::string text = dir_.Write("text", "A:1;\n");
+    const std::string page = dir_ / "page";
+    const ScopedTrace trace;
+
+    Generate(text, page);
+
+    std::vector<std::string> calls = trace.Calls();
+    ASSERT_LT(2U, calls.size());
+    EXPECT_EQ("rename(" + TemporaryPage() + ", " + page + ")", calls[calls.size() - 1]);
+    EXPECT_EQ("stat(" + TemporaryPage() + ")", calls[calls.size() - 2]);
+    EXPECT_THAT(calls[calls.size() - 3], ::testing::StartsWith("write("));
+    calls.resize(calls.size() - 2);
+    EXPECT_THAT(calls,
+                ::testing::Each(::testing::AnyOf(::testing::StartsWith("read("), ::testing::StartsWith("write("))));
+}
+
+TEST_F(HtmlPageTest, EmptiesAndReusesATemporaryFileLeftBehind)
+{
+    const std::string text = dir_.Write("text", "A:1;\n");
+    WriteFile(TemporaryPage(), std::string(100000, 'x'));
+    const ino_t left = StatusOf(TemporaryPage()).st_ino;
+
+    Generate(text, dir_ / "page");
+
+    EXPECT_EQ(Page(Table("A", "1")), dir_.Read("page"));
+    EXPECT_EQ(left, StatusOf(dir_ / "page").st_ino);
+}
+
+TEST_F(HtmlPageTest, OverwritesTheTemporaryFileOfAnEarlierCallWhoseMoveFailed)
+{
+    const std::string text = dir_.Write("text", "A:1;\nB:2;\n");
+    Generate(text, dir_ / "missing/page");
+    ExpectFailedMove(messages::kRenameRename, "rename(" + TemporaryPage() + ", " + dir_ / "missing/page" + ")", ENOENT,
+                     dir_ / "missing/page");
+    ASSERT_TRUE(Exists(TemporaryPage()));
+    dir_.Write("text", "C:3;\n");
+
+    Generate(text, dir_ / "page");
+
+    EXPECT_EQ(Page(Table("C", "3")), dir_.Read("page"));
+}
+
+// Text and page lie outside /var/tmp, which the tests cover with mounts of their own.
+class TemporaryDirectoryTest : public HtmlPageTest {
+protected:
+    void WithPrivateMounts(const std::function<void()>& body)
+    {
+        text_ = other_.Write("text", "A:1;\n");
+        page_ = other_.Write("page", "old");
+        RunWithPrivateMounts(body);
+        EXPECT_EQ((Names{"page", "text"}), other_.Names());
+    }
+
+    std::string text_;
+    std::string page_;
+};
+
+TEST_F(TemporaryDirectoryTest, AnUnwritableOneIsReportedAndThePageStays)
+{
+    if (!CanMount()) {
+        ORV_SKIP("mounts are not allowed here");
+    }
+    WithPrivateMounts([this] {
+        ASSERT_EQ(0, mount("none", "/var/tmp", "tmpfs", MS_RDONLY, nullptr));
+        const Names descriptors = OpenDescriptors();
+
+        Generate(text_, page_);
+
+        ExpectFailedMove(messages::kRenameStat, "stat(" + TemporaryPage() + ")", ENOENT, page_);
+        EXPECT_EQ("old", ReadFile(page_));
+        EXPECT_EQ(Names{}, NamesIn("/var/tmp"));
+        EXPECT_EQ(descriptors, OpenDescriptors());
+    });
+}
+
+TEST_F(TemporaryDirectoryTest, AMissingOneIsReportedAndThePageStays)
+{
+    if (!CanMount()) {
+        ORV_SKIP("mounts are not allowed here");
+    }
+    WithPrivateMounts([this] {
+        MountTmpfs("/var", 1 << 20);
+
+        Generate(text_, page_);
+
+        ExpectFailedMove(messages::kRenameStat, "stat(" + TemporaryPage() + ")", ENOENT, page_);
+        EXPECT_EQ("old", ReadFile(page_));
+        EXPECT_EQ(Names{}, NamesIn("/var"));
+    });
+}
+
+TEST_F(TemporaryDirectoryTest, AFullOneGivesAnIncompletePageWithoutAReport)
+{
+    if (!CanMount()) {
+        ORV_SKIP("mounts are not allowed here");
+    }
+    WithPrivateMounts([this] {
+        MountTmpfs("/var/tmp", 64 << 10);
+        WriteFile(text_, ManyLines().text);
+
+        Generate(text_, page_);
+
+        ExpectBeginning(Page(ManyLines().body), ReadFile(page_));
+        EXPECT_EQ(Names{}, NamesIn("/var/tmp"));
+        ExpectReports({});
+    });
+}
+
+TEST_F(TemporaryDirectoryTest, OneThatIsFullFromTheStartGivesAnEmptyFileWithoutAReport)
+{
+    if (!CanMount()) {
+        ORV_SKIP("mounts are not allowed here");
+    }
+    WithPrivateMounts([this] {
+        MountTmpfs("/var/tmp", 64 << 10);
+        std::ofstream("/var/tmp/filler") << std::string(128 << 10, 'x');  // as far as there is space
+
+        Generate(text_, page_);
+
+        EXPECT_EQ("", ReadFile(page_));
+        EXPECT_EQ(Names{"filler"}, NamesIn("/var/tmp"));
+        ExpectReports({});
+    });
+}
+
+TEST_F(HtmlPageTest, AWriteErrorGivesAnIncompletePageWithoutAReport)
+{
+    dir_.Write("page", "old");
+    const std::string text = dir_.Write("text", ManyLines().text);
+    const ScopedFault fault(Call::kWrite, /*nth=*/1, EIO);
+
+    Generate(text, dir_ / "page");
+
+    ExpectBeginning(Page(ManyLines().body), dir_.Read("page"));
+}
+
+TEST_F(HtmlPageTest, MovesATemporaryFileThatMayNotBeWrittenIntoPlaceUnchanged)
+{
+    dir_.Write("page", "old", 0666);
+    const std::string text = dir_.Write("text", "A:1;\n");
+
+    RunAsNobody([&] {
+        if (geteuid() == 0) {
+            ADD_FAILURE() << "still root, whom no mode keeps from writing";
+        }
+        WriteFile(TemporaryPage(), "left behind");
+        ASSERT_EQ(0, chmod(TemporaryPage().c_str(), 0444));
+
+        Generate(text, dir_ / "page");
+
+        EXPECT_EQ("left behind", dir_.Read("page"));
+        EXPECT_EQ(0444U, ModeOf(dir_ / "page"));
+        EXPECT_FALSE(Exists(TemporaryPage()));
+        ExpectReports({});
+    });
+}
+
+TEST_F(HtmlPageTest, ADirectoryWithTheNameOfTheTemporaryFileIsReported)
+{
+    dir_.Write("page", "old");
+    const std::string text = dir_.Write("text", "A:1;\n");
+    ASSERT_EQ(0, mkdir(TemporaryPage().c_str(), 0755));
+
+    Generate(text, dir_ / "page");
+
+    ExpectReports(
+        {{messages::kRenameNotRegular, "RenameFileAcrossFs: " + TemporaryPage() + " is not a regular file (0x4000)."},
+         {messages::kPageMove,
+          "GenHtmlPagefromTextFile: RenameFileAcrossFs(" + TemporaryPage() + ", " + dir_ / "page" + ") failed."}});
+    EXPECT_EQ("old", dir_.Read("page"));
+    EXPECT_EQ(0, rmdir(TemporaryPage().c_str()));
+}
+
+// ---- The move that fails
+
+TEST_F(HtmlPageTest, LeavesTheTemporaryFileWhenThePagesDirectoryIsMissing)
+{
+    const std::string text = dir_.Write("text", "A:1;\n");
+    const std::string page = dir_ / "missing/page";
+
+    Generate(text, page);
+
+    ExpectFailedMove(messages::kRenameRename, "rename(" + TemporaryPage() + ", " + page + ")", ENOENT, page);
+    EXPECT_EQ(Page(Table("A", "1")), TakeTemporaryPage());
+    EXPECT_EQ(Names{"text"}, dir_.Names());
+}
+
+TEST_F(HtmlPageTest, LeavesTheTemporaryFileWhenADirectoryStandsAtThePagePath)
+{
+    const std::string text = dir_.Write("text", "A:1;\n");
+    const std::string page = dir_ / "page";
+    ASSERT_EQ(0, mkdir(page.c_str(), 0755));
+
+    Generate(text, page);
+
+    ExpectFailedMove(messages::kRenameRename, "rename(" + TemporaryPage() + ", " + page + ")", EISDIR, page);
+    EXPECT_EQ(Page(Table("A", "1")), TakeTemporaryPage());
+    EXPECT_EQ((Names{"page", "text"}), dir_.Names());
+    EXPECT_EQ(Names{}, NamesIn(page));
+}
+
+TEST_F(HtmlPageTest, LeavesTheTemporaryFileWhenThePagePathIsEmpty)
+{
+    const std::string text = dir_.Write("text", "A:1;\n");
+
+    Generate(text, "");
+
+    ExpectFailedMove(messages::kRenameRename, "rename(" + TemporaryPage() + ", )", ENOENT, "");
+    EXPECT_EQ(Page(Table("A", "1")), TakeTemporaryPage());
+}
+
+TEST_F(HtmlPageTest, LeavesTheOldPageWhenItMayNotBeReplaced)
+{
+    const std::string text = dir_.Write("text", "A:1;\n");
+    const std::string page = dir_.Write("page", "old");
+    {
+        const ScopedFault fault(Call::kRename, /*nth=*/1, EACCES);
+        Generate(text, page);
+    }
+
+    ExpectFailedMove(messages::kRenameRename, "rename(" + TemporaryPage() + ", " + page + ")", EACCES, page);
+    EXPECT_EQ("old", ReadFile(page));
+    EXPECT_EQ(Page(Table("A", "1")), TakeTemporaryPage());
+}
+
+TEST_F(HtmlPageTest, ReportsAFailedReadOfTheMoveByItsOwnLineAlone)
+{
+    const std::string page = other_.Write("page", "old");
+    {
+        const ScopedFault fault(Call::kRead, /*nth=*/1, EIO);  // a missing text file is not read
+        Generate(dir_ / "missing", page);
+    }
+
+    ExpectReports({{messages::kPageMove,
+                    "GenHtmlPagefromTextFile: RenameFileAcrossFs(" + TemporaryPage() + ", " + page + ") failed."}});
+    EXPECT_EQ("old", ReadFile(page));
+    EXPECT_EQ(Names{"page"}, other_.Names());
+    EXPECT_EQ(Page(""), TakeTemporaryPage());
+}
+
+TEST_F(HtmlPageTest, ReportsAMissingDirectoryOnAnotherFileSystem)
+{
+    const std::string text = dir_.Write("text", "A:1;\n");
+    const std::string page = other_ / "missing/page";
+
+    Generate(text, page);
+
+    ExpectFailedMove(messages::kRenameRename, "rename(" + TemporaryPage() + ", " + page + ")", ENOENT, page);
+    EXPECT_EQ(Page(Table("A", "1")), TakeTemporaryPage());
+    EXPECT_EQ(Names{}, other_.Names());
+}
+
+// ---- The page in its place, on the file system of the temporary file and on another
+
+class Umask {
+public:
+    explicit Umask(mode_t mask) : before_(umask(mask))
+    {
+    }
+    ~Umask()
+    {
+        umask(before_);
+    }
+    Umask(const Umask&) = delete;
+    Umask& operator=(const Umask&) = delete;
+
+private:
+    mode_t before_;
+};
+
+class PagePlaceTest : public HtmlPageTest, public ::testing::WithParamInterface<bool> {
+protected:
+    const TempDir& Place() const
+    {
+        return GetParam() ? dir_ : other_;
+    }
+};
+
+INSTANTIATE_TEST_SUITE_P(Places, PagePlaceTest, ::testing::Bool(), [](const auto& place) {
+    return std::string(place.param ? "SameFileSystem" : "OtherFileSystem");
+});
+
+TEST_P(PagePlaceTest, IsCreated)
+{
+    const std::string text = Place().Write("text", "A:1;\n");
+
+    Generate(text, Place() / "page");
+
+    EXPECT_EQ(Page(Table("A", "1")), Place().Read("page"));
+    EXPECT_EQ((Names{"page", "text"}), Place().Names());
+    EXPECT_FALSE(Exists(TemporaryPage()));
+}
+
+TEST_P(PagePlaceTest, HasTheModeOfANewFileWhateverTheOldPageHad)
+{
+    const std::string page = Place().Write("page", "old", 0600);
+    for (const mode_t mask : {0U, 022U, 027U, 077U, 0111U}) {
+        const Umask umask(mask);
+
+        Generate("/dev/null", page);
+
+        EXPECT_EQ(0666U & ~mask, ModeOf(page)) << "mask " << mask;
+        EXPECT_EQ(Page(""), Place().Read("page"));
+    }
+}
+
+TEST_P(PagePlaceTest, IsANewFileSoThatReadersKeepTheOldOne)
+{
+    const std::string page = Place().Write("page", "old");
+    const std::string text = Place().Write("text", "A:1;\n");
+    const ino_t old = StatusOf(page).st_ino;
+    std::ifstream reader(page);
+
+    Generate(text, page);
+
+    std::string line;
+    EXPECT_TRUE(std::getline(reader, line));
+    EXPECT_EQ("old", line);
+    EXPECT_NE(old, StatusOf(page).st_ino);
+    EXPECT_EQ(Page(Table("A", "1")), ReadFile(page));
+    EXPECT_EQ((Names{"page", "text"}), Place().Names());
+}
+
+TEST_P(PagePlaceTest, ReplacesALinkAndNotItsTarget)
+{
+    const std::string target = Place().Write("target", "old");
+    const std::string page = Place() / "page";
+    ASSERT_EQ(0, symlink("target", page.c_str()));
+
+    Generate("/dev/null", page);
+
+    EXPECT_TRUE(S_ISREG(StatusOf(page).st_mode));
+    EXPECT_EQ(Page(""), ReadFile(page));
+    EXPECT_EQ("old", ReadFile(target));
+}
+
+TEST_P(PagePlaceTest, ReadersSeeWholePagesWhileItIsReplaced)
+{
+    const std::string cell(20000, 'x');
+    const std::string first = Place().Write("first", "A:" + cell + ";\n");
+    const std::string second = Place().Write("second", "B:" + cell + cell + ";\n");
+    const std::string page = Place() / "page";
+    Generate(first, page);
+    std::atomic<int> reads{0};
+    std::atomic<bool> done{false};
+    std::thread reader([&] {
+        while (!done) {
+            const std::string seen = ReadFile(page);
+            EXPECT_TRUE(seen == Page(Table("A", cell)) || seen == Page(Table("B", cell + cell)))
+                << seen.size() << " bytes";
+            ++reads;
+        }
+    });
+
+    for (int i = 0; i < 200 || reads < 200; ++i) {
+        Generate(i % 2 == 0 ? second : first, page);
+    }
+    done = true;
+    reader.join();
+
+    EXPECT_EQ((Names{"first", "page", "second"}), Place().Names());
+}
+
+TEST_P(PagePlaceTest, ProcessesMayWriteOnePageAtOnce)
+{
+    const std::string cell(20000, 'x');
+    const std::string own = Place().Write("own", "A:" + cell + ";\n");
+    const std::string others = Place().Write("others", "B:" + cell + cell + ";\n");
+    const std::string page = Place() / "page";
+    Generate(own, page);
+    const pid_t child = fork();
+    if (child == 0) {
+        for (int i = 0; i < 100; ++i) {
+            Generate(others, page);
+        }
+        _exit(Exists(TemporaryPage()) || !TakeDlogCalls().empty() ? 1 : 0);
+    }
+
+    for (int i = 0; i < 100; ++i) {
+        Generate(own, page);
+        const std::string seen = ReadFile(page);
+        EXPECT_TRUE(seen == Page(Table("A", cell)) || seen == Page(Table("B", cell + cell))) << seen.size() << " bytes";
+    }
+
+    int status = -1;
+    EXPECT_EQ(child, waitpid(child, &status, 0));
+    EXPECT_EQ(0, status);
+    EXPECT_EQ((Names{"others", "own", "page"}), Place().Names());
+}
+
+}  // namespace
