@@ -1,0 +1,56 @@
+// A library that a test loads while it runs, and not when the program starts.
+#ifndef ORV_TESTS_LOADED_LIBRARY_H
+#define ORV_TESTS_LOADED_LIBRARY_H
+
+#include <dlfcn.h>
+
+#include <fstream>
+#include <string>
+#include <vector>
+
+// Loads the library at `path` with all its symbols bound; unloads it with the object.
+class LoadedLibrary {
+public:
+    explicit LoadedLibrary(const char* path) : handle_(dlopen(path, RTLD_NOW | RTLD_LOCAL))
+    {
+        if (handle_ == nullptr) {
+            error_ = dlerror();
+        }
+    }
+    ~LoadedLibrary()
+    {
+        if (handle_ != nullptr) {
+            dlclose(handle_);
+        }
+    }
+    LoadedLibrary(const LoadedLibrary&) = delete;
+    LoadedLibrary& operator=(const LoadedLibrary&) = delete;
+
+    const std::string& Error() const  // empty when it was loaded
+    {
+        return error_;
+    }
+    void* Find(const std::string& symbol) const
+    {
+        return handle_ == nullptr ? nullptr : dlsym(handle_, symbol.c_str());
+    }
+
+private:
+    void* handle_;
+    std::string error_;
+};
+
+// The lines of this process's memory map that name one of the product's libraries.
+inline std::vector<std::string> MappedProductLibraries()
+{
+    std::vector<std::string> lines;
+    std::ifstream maps("/proc/self/maps");
+    for (std::string line; std::getline(maps, line);) {
+        if (line.find("/libOrv") != std::string::npos) {
+            lines.push_back(line);
+        }
+    }
+    return lines;
+}
+
+#endif  // ORV_TESTS_LOADED_LIBRARY_H

@@ -1,0 +1,264 @@
+// The substitute that writes reports to standard error.
+
+#include "dlog.h"
+#include "support/new_fault.h"
+
+#include <fcntl.h>
+#include <sys/socket.h>
+#include <sys/types.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <cstddef>
+#include <cstring>
+#include <fstream>
+#include <map>
+#include <sstream>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "gmock/gmock.h"
+#include "gtest/gtest.h"
+
+using ::testing::ElementsAre;
+
+namespace {
+
+// Makes `descriptor` this process's standard error while it lives.
+class ScopedStderr {
+public:
+    explicit ScopedStderr(int descriptor) : saved_(dup(STDERR_FILENO))
+    {
+        EXPECT_EQ(STDERR_FILENO, dup2(descriptor, STDERR_FILENO)) << std::strerror(errno);
+    }
+    ~ScopedStderr()
+    {
+        EXPECT_EQ(STDERR_FILENO, dup2(saved_, STDERR_FILENO));
+        close(saved_);
+    }
+    ScopedStderr(const ScopedStderr&) = delete;
+    ScopedStderr& operator=(const ScopedStderr&) = delete;
+
+private:
+    int saved_;
+};
+
+// What `body` writes to standard error, one string for each write: packets keep their bounds. For short lines only,
+// which the socket holds until they are read.
+template <typename Body>
+std::vector<std::string> WritesOf(Body body)
+{
+    int ends[2];
+    EXPECT_EQ(0, socketpair(AF_UNIX, SOCK_SEQPACKET, 0, ends)) << std::strerror(errno);
+    {
+        const ScopedStderr packets(ends[0]);
+        body();
+    }
+    close(ends[0]);
+    std::vector<std::string> writes;
+    char packet[65536];
+    for (ssize_t bytes; (bytes = read(ends[1], packet, sizeof packet)) > 0;) {
+        writes.emplace_back(packet, static_cast<std::size_t>(bytes));
+    }
+    close(ends[1]);
+    return writes;
+}
+
+// What `body` writes to standard error when that is a file.
+template <typename Body>
+std::string FileOf(Body body)
+{
+    char path[] = "/var/tmp/orv_test.XXXXXX";
+    const int descriptor = mkstemp(path);
+    EXPECT_NE(-1, descriptor) << std::strerror(errno);
+    {
+        const ScopedStderr file(descriptor);
+        body();
+    }
+    close(descriptor);
+    std::ostringstream bytes;
+    bytes << std::ifstream(path, std::ios::binary).rdbuf();
+    EXPECT_EQ(0, unlink(path));
+    return bytes.str();
+}
+
+const char kLostLine[] = "dlog: out of memory, a report was lost\n";
+
+TEST(DlogStderrTest, WritesSeverityTagAndMessageAsOneLineInOneWrite)
+{
+    const auto writes = WritesOf([] { __dlog_printf(3, "LxFileUtils.cpp", "%s: No directory specified.", "GetDir"); });
+
+    EXPECT_THAT(writes, ElementsAre("[3] LxFileUtils.cpp: GetDir: No directory specified.\n"));
+}
+
+TEST(DlogStderrTest, WritesEachReportForItself)
+{
+    const auto writes = WritesOf([] {
+        __dlog_printf(0, "a", "first");
+        __dlog_printf(-1, "b", "second");
+    });
+
+    EXPECT_THAT(writes, ElementsAre("[0] a: first\n", "[-1] b: second\n"));
+}
+
+TEST(DlogStderrTest, ExpandsEveryConversionThatTheLibraryUses)
+{
+    const auto writes = WritesOf([] {
+        const ssize_t error = -1;
+        __dlog_printf(3, "tag", "%s %d %i %u %x %03o %zi %c 100%%", "text", -17, -28, 4000000000U, 0xc000U, 07U, error,
+                      '=');
+    });
+
+    EXPECT_THAT(writes, ElementsAre("[3] tag: text -17 -28 4000000000 c000 007 -1 = 100%\n"));
+}
+
+TEST(DlogStderrTest, WritesAnEmptyMessage)
+{
+    const auto writes = WritesOf([] { __dlog_printf(3, "tag", "%s", ""); });
+
+    EXPECT_THAT(writes, ElementsAre("[3] tag: \n"));
+}
+
+TEST(DlogStderrTest, EscapesALineFeedSoThatAPathCannotForgeALine)
+{
+    const auto writes = WritesOf([] { __dlog_printf(3, "tag", "open(%s)\n", "a\n[3] LxFileUtils.cpp: forged"); });
+
+    EXPECT_THAT(writes, ElementsAre("[3] tag: open(a\\n[3] LxFileUtils.cpp: forged)\\n\n"));
+}
+
+TEST(DlogStderrTest, EscapesABackslashSoThatAnEscapeCannotBeForged)
+{
+    const auto writes = WritesOf([] { __dlog_printf(3, "tag", "%s", "a\\nb"); });
+
+    EXPECT_THAT(writes, ElementsAre("[3] tag: a\\\\nb\n"));
+}
+
+TEST(DlogStderrTest, EscapesTheSourceTagToo)
+{
+    const auto writes = WritesOf([] { __dlog_printf(3, "t\na\\g", "message"); });
+
+    EXPECT_THAT(writes, ElementsAre("[3] t\\na\\\\g: message\n"));
+}
+
+TEST(DlogStderrTest, EscapesControlCharactersInHexadecimalAndPassesEveryOtherByte)
+{
+    const char digits[] = "0123456789abcdef";
+    for (int value = 1; value < 256; ++value) {
+        const std::string byte(1, static_cast<char>(value));
+        std::string expected = byte;
+        if (value == '\n') {
+            expected = "\\n";
+        } else if (value == '\\') {
+            expected = "\\\\";
+        } else if (value < ' ' || value == 127) {
+            expected = std::string("\\x") + digits[value / 16] + digits[value % 16];
+        }
+
+        const auto writes = WritesOf([&byte] { __dlog_printf(3, "tag", "<%s>", byte.c_str()); });
+
+        EXPECT_THAT(writes, ElementsAre("[3] tag: <" + expected + ">\n")) << "byte " << value;
+    }
+}
+
+TEST(DlogStderrTest, WritesAMessageOfAMegabyteWhole)
+{
+    const std::string megabyte(1 << 20, 'm');
+
+    const std::string written = FileOf([&megabyte] { __dlog_printf(3, "tag", "%s.", megabyte.c_str()); });
+
+    EXPECT_EQ("[3] tag: " + megabyte + ".\n", written);
+}
+
+TEST(DlogStderrTest, WritesTheFormatWhereTheMessageCannotBeExpanded)
+{
+    const wchar_t noCharacter[] = {0x7FFFFFFF, 0};
+
+    const auto writes = WritesOf([&noCharacter] { __dlog_printf(3, "tag", "open(%ls)\n", noCharacter); });
+
+    EXPECT_THAT(writes, ElementsAre("[3] tag: open(%ls)\\n\n"));
+}
+
+TEST(DlogStderrTest, PreservesErrno)
+{
+    int after = 0;
+
+    const auto writes = WritesOf([&after] {
+        errno = EXDEV;
+        __dlog_printf(3, "tag", "%ls", L"\x7FFFFFFF");  // printf itself sets EILSEQ
+        after = errno;
+    });
+
+    EXPECT_EQ(EXDEV, after);
+    EXPECT_EQ(1U, writes.size());
+}
+
+TEST(DlogStderrTest, LosesTheLineButNotErrnoWhereStandardErrorIsClosed)
+{
+    int after = 0;
+
+    const auto writes = WritesOf([&after] {
+        close(STDERR_FILENO);
+        errno = EXDEV;
+        __dlog_printf(3, "tag", "nobody hears this");
+        after = errno;
+    });
+
+    EXPECT_EQ(EXDEV, after);
+    EXPECT_THAT(writes, ElementsAre());
+}
+
+TEST(DlogStderrTest, DoesNotMixTheLinesOfSeveralThreads)
+{
+    const int kThreads = 4;
+    const int kLines = 500;
+    const std::string filler(300, '.');
+
+    const std::string written = FileOf([&] {
+        std::vector<std::thread> threads;
+        for (int thread = 0; thread < kThreads; ++thread) {
+            threads.emplace_back([&filler, thread] {
+                for (int line = 0; line < kLines; ++line) {
+                    __dlog_printf(thread, "tag", "%s %d", filler.c_str(), line);
+                }
+            });
+        }
+        for (std::thread& thread : threads) {
+            thread.join();
+        }
+    });
+
+    std::istringstream lines(written);
+    std::map<std::string, int> linesOf;  // the next line of each severity, which stands for the thread
+    for (std::string line; std::getline(lines, line);) {
+        const std::string severity = line.substr(0, 3);
+        ASSERT_EQ(severity + " tag: " + filler + " " + std::to_string(linesOf[severity]++), line);
+    }
+    EXPECT_EQ((std::map<std::string, int>{{"[0]", kLines}, {"[1]", kLines}, {"[2]", kLines}, {"[3]", kLines}}),
+              linesOf);
+}
+
+TEST(DlogStderrTest, SaysSoWhereALineIsLostForLackOfMemory)
+{
+    const std::string text(100, 't');
+    bool fired = true;
+    int failures = 0;
+    for (int nth = 1; fired; ++nth) {
+        int after = 0;
+
+        const auto writes = WritesOf([&] {
+            const ScopedNewFault fault(nth);
+            errno = EXDEV;
+            __dlog_printf(3, "tag", "%s", text.c_str());
+            after = errno;
+            fired = fault.Fired();
+        });
+
+        EXPECT_EQ(EXDEV, after) << "allocation " << nth;
+        EXPECT_THAT(writes, ElementsAre(fired ? kLostLine : "[3] tag: " + text + "\n")) << "allocation " << nth;
+        failures += fired ? 1 : 0;
+    }
+    EXPECT_GE(failures, 2) << "the message and the line are allocated";
+}
+
+}  // namespace
