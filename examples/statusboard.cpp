@@ -1,0 +1,199 @@
+// A status page of this machine: load, file systems, network interfaces and the files of one directory, as tables in
+// an HTML page that browsers reload every 10 seconds. statusboard.conf explains the settings.
+// Exit status: 0 published, or --watch ended by SIGINT or SIGTERM; 1 failure, which ends --watch too; 2 wrong usage.
+
+#include <LxFileUtils.h>
+
+#include <getopt.h>
+#include <ifaddrs.h>
+#include <mntent.h>
+#include <net/if.h>
+#include <signal.h>
+#include <sys/stat.h>
+#include <sys/statvfs.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <cstring>
+#include <ctime>
+#include <fstream>
+#include <iostream>
+#include <set>
+#include <stdexcept>
+
+namespace {
+
+typedef std::map<std::string, std::string> Settings;
+
+void Require(bool condition, const std::string& message)
+{
+    if (!condition) {
+        throw std::runtime_error(message);
+    }
+}
+
+// The table file has no quoting and the page no escaping: whatever separates cells or is markup becomes a character
+// reference. Its closing semicolon would end the row, so it goes without; a digit behind it would then be read as a
+// part of it, and becomes a reference too. Browsers show the original text.
+std::string SafeCell(const std::string& text)
+{
+    static const std::string kSpecial = "&<>\";,:\r\n";
+    std::string safe;
+    bool referred = false;
+    for (const char c : text) {
+        referred = kSpecial.find(c) != std::string::npos || (referred && c >= '0' && c <= '9');
+        safe += referred ? "&#" + std::to_string(static_cast<int>(c)) : std::string(1, c);
+    }
+    return safe;
+}
+
+// Give it two cells at least, if only an empty one: a row of one cell would swallow the row behind it.
+std::string Row(std::vector<std::string> cells)
+{
+    std::transform(cells.begin(), cells.end(), cells.begin(), SafeCell);
+    return orv_fileutils::AddTextFileFormattedRow(cells);
+}
+
+std::string TitleTable(const std::string& title)
+{
+    char host[65] = {};
+    (void)gethostname(host, sizeof host - 1);
+    char now[64] = {};
+    const std::time_t seconds = std::time(nullptr);
+    (void)std::strftime(now, sizeof now, "%Y-%m-%d %H:%M:%S %Z", std::localtime(&seconds));
+    return Row({title, ""}) + Row({"Host", host}) + Row({"Time", now});
+}
+
+std::string SystemTable()
+{
+    std::string one, five, fifteen;
+    std::ifstream("/proc/loadavg") >> one >> five >> fifteen;
+    long uptime = 0;  // in whole seconds; the fraction is left in the file
+    std::ifstream("/proc/uptime") >> uptime;
+    return Row({"System", ""}) + Row({"Load over 1, 5 and 15 minutes", one + " " + five + " " + fifteen}) +
+           Row({"Uptime", std::to_string(uptime / 86400) + " days, " + std::to_string(uptime / 3600 % 24) + " hours"});
+}
+
+// A device that is mounted twice is shown once; what has no blocks (proc, sysfs) or cannot be queried not at all.
+std::string FileSystemTable()
+{
+    std::string table = Row({"File system", "Type", "MiB", "MiB used", "Use"});
+    std::set<dev_t> seen;
+    std::FILE* const mounts = setmntent("/proc/mounts", "r");
+    while (const struct mntent* const mount = mounts ? getmntent(mounts) : nullptr) {
+        struct statvfs space;
+        struct stat root;
+        if (statvfs(mount->mnt_dir, &space) == 0 && space.f_blocks != 0 && stat(mount->mnt_dir, &root) == 0 &&
+            seen.insert(root.st_dev).second) {
+            const unsigned long long used = space.f_blocks - space.f_bfree;
+            table +=
+                Row({mount->mnt_dir, mount->mnt_type, std::to_string(space.f_blocks * space.f_frsize >> 20),
+                     std::to_string(used * space.f_frsize >> 20), std::to_string(100 * used / space.f_blocks) + " %"});
+        }
+    }
+    (void)endmntent(mounts);
+    return table;
+}
+
+std::string InterfaceTable()
+{
+    std::string table = Row({"Network interface", "State"});
+    std::set<std::string> seen;  // an interface comes once for each of its addresses
+    struct ifaddrs* all = nullptr;
+    for (const struct ifaddrs* one = getifaddrs(&all) == 0 ? all : nullptr; one; one = one->ifa_next) {
+        if (seen.insert(one->ifa_name).second) {
+            table += Row({one->ifa_name, (one->ifa_flags & IFF_RUNNING) != 0 ? "up" : "down"});
+        }
+    }
+    freeifaddrs(all);
+    return table;
+}
+
+std::string FilesTable(const Settings& settings)
+{
+    const std::string& directory = settings.at("directory");
+    std::list<std::string> names;
+    Require(orv_fileutils::GetDirFileList(directory.c_str(), settings.at("include").c_str(),
+                                          settings.at("exclude").c_str(), names, false, true, true),
+            "cannot list the directory '" + directory + "'");
+    std::string table = Row({"Files in " + directory, "Bytes"});
+    const std::string inside = directory + "/";
+    for (const std::string& name : names) {
+        struct stat file;
+        table += Row({name, stat((inside + name).c_str(), &file) == 0 ? std::to_string(file.st_size) : "gone"});
+    }
+    return table;
+}
+
+void WriteTables(const Settings& settings, const std::string& path)
+{
+    const std::string end = orv_fileutils::TextFileTableDelimter();  // of a table; alone, it is a spacer
+    const std::string text = TitleTable(settings.at("title")) + end + end + SystemTable() + end + end +
+                             FileSystemTable() + end + end + InterfaceTable() + end + end + FilesTable(settings) + end;
+    std::ofstream file(path.c_str());
+    file << text;
+    file.close();
+    const bool usable = file.good() && access(path.c_str(), R_OK) == 0;  // else the page would be an empty one
+    Require(usable, "cannot write and read '" + path + "': " + std::strerror(errno));
+}
+
+void Publish(const Settings& settings)
+{
+    const std::string& page = settings.at("page");
+    const std::string above = page.substr(0, page.rfind('/') + 1);  // empty: the current directory
+    Require(above.empty() || orv_fileutils::MakeDirPath(above.c_str(), 0755, false), "cannot make '" + above + "'");
+    WriteTables(settings, page + ".txt");
+    struct stat before = {}, after = {};
+    (void)lstat(page.c_str(), &before);
+    orv_fileutils::GenHtmlPagefromTextFile((page + ".txt").c_str(), page.c_str());
+    (void)lstat(page.c_str(), &after);
+    (void)unlink(("/var/tmp/TextToHtml_" + std::to_string(getpid()) + ".tmp").c_str());  // left after a failed move
+    Require(after.st_ino != before.st_ino, "cannot publish '" + page + "'");             // a new page is a new file
+}
+
+Settings ReadSettings(const std::string& path, const char* page)
+{
+    Settings settings = {{"include", ""}, {"exclude", ""}};
+    Require(orv_fileutils::FileExists(path.c_str()), "'" + path + "' is not a file");
+    Require(orv_fileutils::ReadNameValueFromFile(path, settings, '=', "#"), "cannot read '" + path + "'");
+    settings["page"] = page ? page : settings["page"];
+    for (const char* const name : {"title", "directory", "page", "period"}) {
+        Require(!settings[name].empty(), path + ": missing setting '" + name + "'");
+    }
+    const std::string& period = settings["period"];
+    Require(period.size() <= 5 && period.find_first_not_of("0123456789") == std::string::npos && std::stol(period) > 0,
+            path + ": bad period '" + period + "', must be a number of seconds from 1 to 99999");
+    return settings;
+}
+
+}  // namespace
+
+int main(int argc, char** argv)
+{
+    const char* page = nullptr;
+    int option, watch = 0;
+    const struct option options[] = {{"page", 1, nullptr, 'p'}, {"watch", 0, &watch, 1}, {nullptr, 0, nullptr, 0}};
+    while ((option = getopt_long(argc, argv, "", options, nullptr)) == 'p' || option == 0) {
+        page = option == 'p' ? optarg : page;
+    }
+    if (option != -1 || optind + 1 != argc) {
+        std::cerr << "Usage: statusboard [--watch] [--page PATH] SETTINGS   (one settings file)\n";
+        return 2;
+    }
+    try {
+        const Settings settings = ReadSettings(argv[optind], page);
+        const struct timespec period = {std::stol(settings.at("period")), 0};
+        sigset_t stop;  // blocked, so that they end the wait between two pages and nothing else
+        (void)sigemptyset(&stop);
+        (void)sigaddset(&stop, SIGINT);
+        (void)sigaddset(&stop, SIGTERM);
+        (void)sigprocmask(watch != 0 ? SIG_BLOCK : SIG_UNBLOCK, &stop, nullptr);
+        do {
+            Publish(settings);
+        } while (watch != 0 && sigtimedwait(&stop, nullptr, &period) < 0);
+    } catch (const std::exception& failure) {
+        std::cerr << "statusboard: " << failure.what() << std::endl;
+        return 1;
+    }
+}
