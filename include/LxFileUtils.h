@@ -262,8 +262,9 @@ void GenHtmlPagefromTextFile(const char* textFilePath, const char* pagePath);
 ///   "ReadNameValueFromFile: Unable to open file "PATH""
 ///   "ReadNameValueFromFile: Error processing line NUMBER in file "PATH".  No delimiter 'C' found."   seen only when
 ///                                                          memory runs out; lines count from 1, every one of the file
-/// Disk: untouched. Threads: any. Exceptions: `std::bad_alloc`; the map keeps the entries of earlier lines. Memory
-/// exhaustion while a line or a value is read ends the reading, or gives an empty value.
+/// Disk: untouched. Threads: any. Exceptions: `std::bad_alloc`; the map keeps the entries of earlier lines, and may
+/// hold the name of the current one with an empty value. Memory exhaustion while a line or a value is read ends the
+/// reading, or gives an empty value.
 /// @code
 /// std::map<std::string, std::string> settings;
 /// if (!orv_fileutils::ReadNameValueFromFile("/etc/app.conf", settings, '=', "#")) return;

@@ -10,7 +10,6 @@
 
 #include <algorithm>
 #include <cerrno>
-#include <cstdlib>
 #include <filesystem>
 #include <iterator>
 #include <list>
@@ -209,7 +208,7 @@ void CloseLeaked(const std::vector<std::string>& before, const std::string& path
     std::set_difference(now.begin(), now.end(), before.begin(), before.end(), std::back_inserter(leaked));
     ASSERT_EQ(1U, leaked.size());
     EXPECT_EQ(path, std::filesystem::read_symlink("/proc/self/fd/" + leaked[0]));
-    EXPECT_EQ(0, close(std::atoi(leaked[0].c_str())));
+    EXPECT_EQ(0, close(std::stoi(leaked[0])));
 }
 
 // The directory handle stays open; that is the one thing that the library leaves behind.
