@@ -107,6 +107,7 @@ TEST_F(FileExistsTest, IsFalseWhereTheCallerMayNotSearch)
         EXPECT_FALSE(FileExists(file.c_str()));
         EXPECT_EQ(EACCES, errno);
     });
+    EXPECT_EQ(0, chmod((dir_ / "closed").c_str(), 0700)) << "so that its owner can remove it";
 }
 
 TEST_F(FileExistsTest, LeavesErrnoAsTheFailedQuerySetIt)

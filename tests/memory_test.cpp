@@ -11,12 +11,14 @@
 #include <algorithm>
 #include <cerrno>
 #include <filesystem>
+#include <functional>
 #include <iterator>
 #include <list>
 #include <map>
 #include <new>
 #include <set>
 #include <string>
+#include <utility>
 #include <vector>
 
 namespace {
@@ -62,6 +64,18 @@ TEST_F(MemoryTest, AMoveAcrossFileSystemsAllocatesNothing)
     EXPECT_EQ(0, allocations);
 }
 
+TEST_F(MemoryTest, ARowIsAllocatedOnceInItsFullSize)
+{
+    std::vector<std::string> cells(20, std::string(50, 'x'));
+
+    const ScopedHeapCount heap;
+    const std::string row = orv_fileutils::AddTextFileFormattedRow(cells);
+    const int allocations = heap.Allocations();
+
+    EXPECT_EQ(20U * 51, row.size());
+    EXPECT_EQ(1, allocations);
+}
+
 TEST_F(MemoryTest, TheHeapCounterSeesWhatAListingAllocates)
 {
     std::list<std::string> names;
@@ -90,38 +104,56 @@ TEST_F(MemoryTest, DoMakeDirPathReportsThatItsWorkingCopyCannotBeAllocated)
 
 // ---- Memory exhaustion at every allocation in turn
 
-// How a call ended one of whose allocations failed.
-struct Outcome {
-    bool fired;  // false in the last run of a sweep, in which no allocation failed
-    bool threw;  // std::bad_alloc
-};
+using Outcomes = std::vector<std::string>;
 
-// Runs `act` with its first, its second, ... allocation failing, up to a run without failure; `prepare` runs before,
-// `check`, which gets an Outcome, after each. No run may leave a descriptor open. Returns the number of failures.
-template <typename Prepare, typename Act, typename Check>
-int SweepAllocations(Prepare prepare, Act act, Check check)
+// The std::string from before C++11 has no room for short texts in itself, and its copies share the text.
+#if _GLIBCXX_USE_CXX11_ABI
+constexpr bool kOldStrings = false;
+#else
+constexpr bool kOldStrings = true;
+#endif
+
+// Runs `act` with its first, its second, ... allocation failing (alone, or with all that follow) up to a run without
+// failure; `prepare` runs before each. `outcome`, which is told whether act threw std::bad_alloc, checks how it ended
+// and puts it into words. Gives these in order, equal neighbours once, so that it does not count how many allocations
+// the standard library makes for one purpose. No run may leave a descriptor open.
+Outcomes Sweep(Failing failing, const std::function<void()>& prepare, const std::function<void()>& act,
+               const std::function<std::string(bool threw)>& outcome)
 {
+    Outcomes outcomes;
     for (int nth = 1;; ++nth) {
         SCOPED_TRACE("allocation " + std::to_string(nth));
         prepare();
         const std::vector<std::string> descriptors = OpenDescriptors();
-        Outcome outcome{};
+        bool threw = false;
+        bool fired = false;
         {
-            const ScopedAllocationFault fault(nth);
+            const ScopedAllocationFault fault(nth, failing);
             try {
                 act();
             } catch (const std::bad_alloc&) {
-                outcome.threw = true;
+                threw = true;
             }
-            outcome.fired = fault.Fired();
+            fired = fault.Fired();
         }
-        check(outcome);
+        const std::string words = (fired ? "" : "without failure: ") + outcome(threw);
         EXPECT_EQ(descriptors, OpenDescriptors());
-        EXPECT_TRUE(outcome.fired || !outcome.threw);
-        if (!outcome.fired) {
-            return nth - 1;
+        if (outcomes.empty() || outcomes.back() != words) {
+            outcomes.push_back(words);
+        }
+        if (!fired) {
+            EXPECT_FALSE(threw);
+            return outcomes;
         }
     }
+}
+
+// An outcome for each run, in the order in which later and later allocations fail.
+void ExpectBothSweeps(const Outcomes& expected, const std::function<void()>& prepare, const std::function<void()>& act,
+                      const std::function<std::string(bool threw)>& outcome)
+{
+    EXPECT_EQ(expected, Sweep(Failing::kOnce, prepare, act, outcome));
+    EXPECT_EQ(expected, Sweep(Failing::kFromThereOn, prepare, act, outcome));
 }
 
 bool IsBeginningOf(const std::string& whole, const std::string& text)
@@ -129,7 +161,68 @@ bool IsBeginningOf(const std::string& whole, const std::string& text)
     return whole.compare(0, text.size(), text) == 0;
 }
 
+const auto kNothing = [] {};
+
 class MemoryExhaustionTest : public MemoryTest {};
+
+TEST_F(MemoryExhaustionTest, FileExistsAndMovesHaveNothingThatCouldFail)
+{
+    const std::string bytes(10000, 'x');
+    const std::string source = dir_ / "source";
+    const std::string missing = dir_ / "missing";
+    const std::string near = dir_ / "near";
+    const std::string far = other_ / "far";
+
+    ExpectBothSweeps(
+        {"without failure: moved twice"}, [&] { dir_.Write("source", bytes); },
+        [&] {
+            (void)orv_fileutils::FileExists(source.c_str());
+            (void)orv_fileutils::RenameFileAcrossFs(missing, near);
+            (void)orv_fileutils::RenameFileAcrossFs(source, near);
+            (void)orv_fileutils::RenameFileAcrossFs(near, far);
+        },
+        [&](bool) {
+            ExpectReports({{messages::kRenameStat, "RenameFileAcrossFs: stat(" + missing + ") failed (2)."}});
+            EXPECT_EQ(std::vector<std::string>{}, dir_.Names());
+            EXPECT_EQ(bytes, other_.Read("far"));
+            return "moved twice";
+        });
+}
+
+TEST_F(MemoryExhaustionTest, MakingDirectoriesFailsWithItsLinesAndMakesNone)
+{
+    const std::string path = dir_ / "a/b";
+    bool workerMade = false;
+    bool made = false;
+
+    ExpectBothSweeps(
+        {"refused", "without failure: made"},
+        [&] {
+            (void)rmdir(path.c_str());
+            (void)rmdir((dir_ / "a").c_str());
+        },
+        [&] { made = orv_fileutils::MakeDirPath(path.c_str(), 0755, /*applyMode=*/true); },
+        [&](bool threw) {
+            EXPECT_FALSE(threw);
+            EXPECT_EQ(made, Exists(path));
+            EXPECT_EQ(made, Exists(dir_ / "a"));
+            if (!made) {
+                ExpectReports({{messages::kWorkerMalloc, "DoMakeDirPath: malloc failure (dirCopy)"},
+                               {messages::kMakeFailed, "MakeDirPath: Create '" + path + "' directory failed."}});
+            }
+            return made ? "made" : "refused";
+        });
+    ExpectBothSweeps(
+        {"refused", "without failure: made"}, kNothing,
+        [&] { workerMade = orv_fileutils::DoMakeDirPath(path.c_str(), 0755); },
+        [&](bool threw) {
+            EXPECT_FALSE(threw);
+            if (!workerMade) {
+                ExpectReports({{messages::kWorkerMalloc, "DoMakeDirPath: malloc failure (dirCopy)"}});
+            }
+            return workerMade ? "made" : "refused";
+        });
+}
 
 TEST_F(MemoryExhaustionTest, SplitThrowsAndTheVectorHoldsTheFirstPieces)
 {
@@ -138,17 +231,47 @@ TEST_F(MemoryExhaustionTest, SplitThrowsAndTheVectorHoldsTheFirstPieces)
     const std::vector<std::string> expected = {"before", piece + "1", piece + "2", piece + "3"};
     std::vector<std::string> pieces;
 
-    const int failures = SweepAllocations([&] { pieces = std::vector<std::string>{"before"}; },
-                                          [&] { LxStringUtils::Split(text, ';', pieces); },
-                                          [&](Outcome outcome) {
-                                              EXPECT_EQ(outcome.fired, outcome.threw);
-                                              ASSERT_FALSE(pieces.empty());
-                                              ASSERT_GE(expected.size(), pieces.size());
-                                              EXPECT_TRUE(std::equal(pieces.begin(), pieces.end(), expected.begin()));
-                                              EXPECT_EQ(outcome.threw, pieces.size() < expected.size());
-                                          });
+    ExpectBothSweeps(
+        {"threw, 1", "threw, 2", "threw, 3", "without failure: 4"},
+        [&] { pieces = std::vector<std::string>{"before"}; }, [&] { LxStringUtils::Split(text, ';', pieces); },
+        [&](bool threw) {
+            EXPECT_GE(expected.size(), pieces.size());
+            EXPECT_TRUE(std::equal(pieces.begin(), pieces.end(), expected.begin()));
+            return (threw ? "threw, " : "") + std::to_string(pieces.size());
+        });
+}
 
-    EXPECT_LE(3, failures);
+TEST_F(MemoryExhaustionTest, TheOtherStringOperationsHaveNothingThatCouldFail)
+{
+    const std::string original = "  \t" + std::string(100, 'x') + " \r\n";
+    const std::string pattern = "*x?x*";
+    std::string text;
+    bool matches = false;
+
+    ExpectBothSweeps(
+        {"without failure: trimmed"}, [&] { text.assign(original.data(), original.size()); },
+        [&] {
+            LxStringUtils::Trim(text);
+            matches = LxStringUtils::StartsWith(text, text) && LxStringUtils::WildcardedStringMatch(text, pattern);
+        },
+        [&](bool) {
+            EXPECT_TRUE(matches);
+            EXPECT_EQ(std::string(100, 'x'), text);
+            return "trimmed";
+        });
+}
+
+TEST_F(MemoryExhaustionTest, TheTableDelimiterIsTooShortToFailInAStringWithRoomForShortTexts)
+{
+    std::string delimiter;
+
+    ExpectBothSweeps(
+        kOldStrings ? Outcomes{"threw", "without failure: delimiter"} : Outcomes{"without failure: delimiter"},
+        [&] { delimiter.clear(); }, [&] { delimiter = orv_fileutils::TextFileTableDelimter(); },
+        [&](bool threw) {
+            EXPECT_EQ(threw ? "" : "\n", delimiter);
+            return threw ? "threw" : "delimiter";
+        });
 }
 
 TEST_F(MemoryExhaustionTest, AddTextFileFormattedRowThrowsAndLeavesTheCellsAlone)
@@ -157,47 +280,36 @@ TEST_F(MemoryExhaustionTest, AddTextFileFormattedRowThrowsAndLeavesTheCellsAlone
     std::vector<std::string> cells = expected;
     std::string row;
 
-    const int failures = SweepAllocations(
-        [&] { row.clear(); }, [&] { row = orv_fileutils::AddTextFileFormattedRow(cells); },
-        [&](Outcome outcome) {
-            EXPECT_EQ(outcome.fired, outcome.threw);
-            EXPECT_EQ(outcome.threw ? "" : expected[0] + ":" + expected[1] + "," + expected[2] + ";", row);
+    ExpectBothSweeps(
+        {"threw", "without failure: row"}, [&] { row.clear(); },
+        [&] { row = orv_fileutils::AddTextFileFormattedRow(cells); },
+        [&](bool threw) {
+            EXPECT_EQ(threw ? "" : expected[0] + ":" + expected[1] + "," + expected[2] + ";", row);
             EXPECT_EQ(expected, cells);
+            return threw ? "threw" : "row";
         });
-
-    EXPECT_LE(1, failures);
 }
 
-TEST_F(MemoryExhaustionTest, CopyFileThrowsOrEndsEarly)
+// The stream reports that it could not open; its buffer throws. Once both are open the copy needs no memory.
+TEST_F(MemoryExhaustionTest, CopyFileGivesItsCodeForAStreamAndThrowsForABuffer)
 {
     const std::string bytes(100000, 'x');
     const std::string source = dir_.Write("source", bytes);
     const std::string destination = dir_ / "destination";
     int result = 1;
-    bool threw = false;
 
-    const int failures = SweepAllocations(
+    ExpectBothSweeps(
+        {"-2, old", "threw, old", "-3, old", "threw, empty", "without failure: 0, copy"},
         [&] { dir_.Write("destination", "old"); }, [&] { result = orv_fileutils::CopyFile(source, destination); },
-        [&](Outcome outcome) {
+        [&](bool threw) {
             const std::string copy = dir_.Read("destination");
-            if (outcome.threw) {
-                threw = true;
-                EXPECT_TRUE(copy == "old" || copy.empty()) << copy.size();
-            } else if (!outcome.fired) {
-                EXPECT_EQ(0, result);
-                EXPECT_EQ(bytes, copy);
-            } else if (result == 0) {
-                EXPECT_TRUE(IsBeginningOf(bytes, copy)) << copy.size();
-            } else {
-                EXPECT_TRUE(result == -2 || result == -3) << result;
-                EXPECT_EQ("old", copy);
-            }
             EXPECT_EQ(bytes, dir_.Read("source"));
             EXPECT_EQ((std::vector<std::string>{"destination", "source"}), dir_.Names());
+            return (threw ? "threw" : std::to_string(result)) + ", " +
+                   (copy.empty()    ? "empty"
+                    : copy == bytes ? "copy"
+                                    : copy);
         });
-
-    EXPECT_LE(2, failures);
-    EXPECT_TRUE(threw);
 }
 
 // Closes the one descriptor that was opened since `before`, which must be one of `path`.
@@ -211,166 +323,301 @@ void CloseLeaked(const std::vector<std::string>& before, const std::string& path
     EXPECT_EQ(0, close(std::stoi(leaked[0])));
 }
 
-// The directory handle stays open; that is the one thing that the library leaves behind.
-TEST_F(MemoryExhaustionTest, GetDirFileListThrowsAndTheListKeepsWhatItHas)
-{
-    std::list<std::string> expected;
-    for (int i = 0; i < 5; ++i) {
-        expected.push_back(dir_.Write("a name too long for the string object itself " + std::to_string(i), ""));
+class ListingExhaustionTest : public MemoryExhaustionTest {
+protected:
+    ListingExhaustionTest()
+    {
+        for (int i = 0; i < 5; ++i) {
+            expected_.push_back(dir_.Write("a name too long for the string object itself " + std::to_string(i), ""));
+        }
     }
-    std::list<std::string> names;
-    std::vector<std::string> descriptors;
-    bool listed = false;
-    std::set<std::size_t> sizes;  // of the lists that an exception left
 
-    const int failures = SweepAllocations(
-        [&] {
-            names = std::list<std::string>{"old"};
-            descriptors = OpenDescriptors();
-        },
-        [&] {
-            listed = orv_fileutils::GetDirFileList(dir_.Path().c_str(), "*", "", names, /*withDirPath=*/true,
-                                                   /*clearList=*/false, /*logOpenError=*/true);
-        },
-        [&](Outcome outcome) {
-            if (outcome.threw) {
-                CloseLeaked(descriptors, dir_.Path());
-                sizes.insert(names.size());
-                ASSERT_FALSE(names.empty());
-                EXPECT_EQ("old", names.back());
-                names.pop_back();
+    Outcomes SweepListing(Failing failing, bool clearList)
+    {
+        std::list<std::string> names;
+        std::vector<std::string> descriptors;
+        bool listed = false;
+        return Sweep(
+            failing,
+            [&] {
+                names = std::list<std::string>{"old"};
+                descriptors = OpenDescriptors();
+            },
+            [&] {
+                listed = orv_fileutils::GetDirFileList(dir_.Path().c_str(), "*name too long for the string object*",
+                                                       "no such name, also one too long for the object", names,
+                                                       /*withDirPath=*/true, clearList, /*logOpenError=*/true);
+            },
+            [&](bool threw) {
+                if (!clearList) {
+                    EXPECT_TRUE(!names.empty() && (listed || names.back() == "old"));
+                    names.remove("old");
+                }
                 const std::set<std::string> unique(names.begin(), names.end());
                 EXPECT_EQ(names.size(), unique.size());
-                EXPECT_TRUE(std::includes(expected.begin(), expected.end(), unique.begin(), unique.end()));
-            } else if (outcome.fired) {
-                EXPECT_FALSE(listed);
-                EXPECT_EQ(std::list<std::string>{"old"}, names);
-                ExpectReports({{messages::kListOpen, "GetDirFileList: Error opening directory folder '" + dir_.Path() +
-                                                         "', errno: " + std::to_string(ENOMEM)}});
-            } else {
-                EXPECT_TRUE(listed);
-                names.remove("old");
-                EXPECT_EQ(expected, names);
-            }
-        });
+                EXPECT_TRUE(std::includes(expected_.begin(), expected_.end(), unique.begin(), unique.end()));
+                if (threw) {
+                    CloseLeaked(descriptors, dir_.Path());
+                    return "threw, " + std::to_string(names.size());
+                }
+                if (!listed) {
+                    EXPECT_EQ(std::list<std::string>{}, names);
+                    ExpectReports({{messages::kListOpen, "GetDirFileList: Error opening directory folder '" +
+                                                             dir_.Path() + "', errno: " + std::to_string(ENOMEM)}});
+                    return std::string("not opened");
+                }
+                EXPECT_EQ(expected_, names);
+                return std::string("listed");
+            });
+    }
 
-    EXPECT_LE(1 + 2 * 5, failures);
-    EXPECT_EQ((std::set<std::size_t>{1, 2, 3, 4, 5}), sizes);
+    std::list<std::string> expected_;
+};
+
+// The directory handle stays open; that is the one thing that the library leaves behind.
+TEST_F(ListingExhaustionTest, GetDirFileListThrowsAndTheListKeepsWhatItHas)
+{
+    const Outcomes expected = {
+        "not opened", "threw, 0", "threw, 1", "threw, 2", "threw, 3", "threw, 4", "without failure: listed"};
+
+    EXPECT_EQ(expected, SweepListing(Failing::kOnce, /*clearList=*/false));
+    EXPECT_EQ(expected, SweepListing(Failing::kFromThereOn, /*clearList=*/false));
+    EXPECT_EQ(expected, SweepListing(Failing::kOnce, /*clearList=*/true));
+    EXPECT_EQ(expected, SweepListing(Failing::kFromThereOn, /*clearList=*/true));
 }
 
-TEST_F(MemoryExhaustionTest, GenHtmlPagefromTextFileThrowsOrEndsThePageEarly)
-{
-    const std::string temporary = "/var/tmp/TextToHtml_" + std::to_string(getpid()) + ".tmp";
-    const std::string page = dir_ / "page";
-    const std::string cell(100, 'x');
-    std::string lines;
-    std::vector<std::string> pages;  // with no line of the text, with its first, with its first two, ...
-    for (int i = 0; i <= 4; ++i) {
-        const std::string text = dir_.Write("text", lines);
-        orv_fileutils::GenHtmlPagefromTextFile(text.c_str(), page.c_str());
-        pages.push_back(dir_.Read("page"));
-        // Longer from line to line, so that each line needs memory of its own.
-        lines +=
-            cell + std::to_string(i) + ":" + std::string(100U << i, 'y') + "," + cell + ";" + cell + ":" + cell + ";\n";
+class PageExhaustionTest : public MemoryExhaustionTest {
+protected:
+    PageExhaustionTest()
+    {
+        const std::string cell(100, 'x');
+        std::string lines;
+        for (std::size_t i = 0; i <= kLines; ++i) {
+            dir_.Write("text", lines);
+            orv_fileutils::GenHtmlPagefromTextFile(text_.c_str(), page_.c_str());
+            pages_.push_back(dir_.Read("page"));
+            // Longer from line to line, so that each line needs memory of its own.
+            lines += i == kLines ? ""
+                                 : cell + ":" + std::string(100U << (2 * i), 'y') + "," + cell + ";" + cell + ":" +
+                                       cell + ";\n";
+        }
     }
-    const std::string text = dir_ / "text";  // holds the first four
-    int thrown = 0;
-    int cut = 0;
-    int refused = 0;
 
-    SweepAllocations(
-        [&] { dir_.Write("page", "old"); }, [&] { orv_fileutils::GenHtmlPagefromTextFile(text.c_str(), page.c_str()); },
-        [&](Outcome outcome) {
-            const std::string written = dir_.Read("page");
-            if (outcome.threw) {
-                ++thrown;
-                EXPECT_EQ("old", written);
-            } else if (!outcome.fired) {
-                EXPECT_EQ(pages.back(), written);
-            } else if (written == "old") {
-                ++refused;  // the temporary file could not be opened
-                ExpectReports({{messages::kRenameStat, "RenameFileAcrossFs: stat(" + temporary + ") failed (2)."},
-                               {messages::kPageMove, "GenHtmlPagefromTextFile: RenameFileAcrossFs(" + temporary + ", " +
-                                                         page + ") failed."}});
-            } else {
-                ++cut;
-                EXPECT_THAT(pages, ::testing::Contains(written));
-            }
-            EXPECT_EQ((std::vector<std::string>{"page", "text"}), dir_.Names());
-            (void)unlink(temporary.c_str());  // left behind by an exception
-        });
+    // What stands at the temporary path, which is then removed.
+    std::string TakeTemporary() const
+    {
+        if (!Exists(temporary_)) {
+            return "none";
+        }
+        const std::string bytes = ReadFile(temporary_);
+        EXPECT_EQ(0, unlink(temporary_.c_str()));
+        const auto page = std::find(pages_.begin(), pages_.end(), bytes);
+        if (page != pages_.end()) {
+            return "of " + std::to_string(page - pages_.begin()) + " lines";
+        }
+        EXPECT_TRUE(IsBeginningOf(pages_.back(), bytes)) << bytes;
+        return bytes.empty() ? "empty" : "begun";
+    }
 
-    EXPECT_LE(4 * 4, thrown);
-    EXPECT_LE(1, cut);
-    EXPECT_EQ(1, refused);
+    Outcomes SweepPage(Failing failing)
+    {
+        return Sweep(
+            failing, [&] { dir_.Write("page", "old"); },
+            [&] { orv_fileutils::GenHtmlPagefromTextFile(text_.c_str(), page_.c_str()); },
+            [&](bool threw) {
+                EXPECT_EQ((std::vector<std::string>{"page", "text"}), dir_.Names());
+                const std::string written = dir_.Read("page");
+                const std::string temporary = TakeTemporary();
+                if (threw) {
+                    EXPECT_EQ("old", written);
+                    return "threw, temporary page " + temporary;
+                }
+                EXPECT_EQ("none", temporary);
+                if (written == "old") {
+                    ExpectReports({{messages::kRenameStat, "RenameFileAcrossFs: stat(" + temporary_ + ") failed (2)."},
+                                   {messages::kPageMove, "GenHtmlPagefromTextFile: RenameFileAcrossFs(" + temporary_ +
+                                                             ", " + page_ + ") failed."}});
+                    return std::string("refused");
+                }
+                const auto page = std::find(pages_.begin(), pages_.end(), written);
+                EXPECT_NE(pages_.end(), page) << written;
+                return "page of " + std::to_string(page - pages_.begin()) + " lines";
+            });
+    }
+
+    static constexpr std::size_t kLines = 3;
+    const std::string temporary_ = "/var/tmp/TextToHtml_" + std::to_string(getpid()) + ".tmp";
+    const std::string text_ = dir_ / "text";
+    const std::string page_ = dir_ / "page";
+    std::vector<std::string> pages_;  // with no line of the text, with its first, with its first two, ...
+};
+
+// A stream that cannot open is not noticed; a line that finds no memory ends the text; all else throws.
+TEST_F(PageExhaustionTest, GenHtmlPagefromTextFileThrowsOrEndsThePageEarly)
+{
+    const Outcomes expected = {"page of 0 lines",  // the text was not opened
+                               "threw, temporary page none",
+                               "refused",
+                               "threw, temporary page empty",
+                               "page of 0 lines",  // the first line was not read
+                               "threw, temporary page begun",
+                               "page of 1 lines",
+                               "threw, temporary page begun",
+                               "page of 2 lines",
+                               "threw, temporary page begun",
+                               "threw, temporary page of 3 lines",  // no memory for the arguments of the move
+                               "without failure: page of 3 lines"};
+
+    EXPECT_EQ(expected, SweepPage(Failing::kOnce));
+}
+
+// What the streams swallow comes out at the arguments of the move: no torn page is published.
+TEST_F(PageExhaustionTest, GenHtmlPagefromTextFileAlwaysThrowsWhenNoMemoryComesBack)
+{
+    const Outcomes expected = {"threw, temporary page none",       "threw, temporary page empty",
+                               "threw, temporary page of 0 lines", "threw, temporary page begun",
+                               "threw, temporary page of 1 lines", "threw, temporary page begun",
+                               "threw, temporary page of 2 lines", "threw, temporary page begun",
+                               "threw, temporary page of 3 lines", "without failure: page of 3 lines"};
+
+    EXPECT_EQ(expected, SweepPage(Failing::kFromThereOn));
 }
 
 using NameValues = std::map<std::string, std::string>;
 
-TEST_F(MemoryExhaustionTest, ReadNameValueFromFileThrowsOrReportsTheLineOrEndsEarly)
-{
-    const std::string longText(100, 'x');
-    const std::vector<NameValues::value_type> entries = {
-        {"1" + longText, "a" + longText}, {"2" + longText, "b" + longText}, {"3" + longText, "c" + longText}};
-    const std::vector<int> lineNumbers = {3, 4, 6};
-    const std::string file =
-        dir_.Write("file", "# a comment longer than a string object itself\n\n" + entries[0].first + "=" +
-                               entries[0].second + "\n" + entries[1].first + " = " + entries[1].second + "\n  \n" +
-                               entries[2].first + "=" + entries[2].second + "\n");
-    NameValues nameValues;
-    bool read = false;
-    int thrown = 0;
-    std::set<int> reportedLines;
+class NameValueExhaustionTest : public MemoryExhaustionTest {
+protected:
+    NameValueExhaustionTest()
+    {
+        // Each longer than all before, so that each needs memory of its own.
+        for (std::size_t i = 0; i < 3; ++i) {
+            entries_.emplace_back(std::to_string(i) + std::string(100U << (3 * i), 'n'),
+                                  std::string(200U << (3 * i), 'v'));
+        }
+        file_ = dir_.Write("file", "# a comment longer than a string object itself\n\n" + entries_[0].first + "=" +
+                                       entries_[0].second + "\n" + entries_[1].first + " = " + entries_[1].second +
+                                       "\n  \n" + entries_[2].first + "=" + entries_[2].second + "\n");
+    }
 
-    SweepAllocations(
-        [&] {
-            nameValues = NameValues{{"0 old", "value"}};
-        },
-        [&] { read = orv_fileutils::ReadNameValueFromFile(file, nameValues, '=', "#"); },
-        [&](Outcome outcome) {
-            // The entries of the first lines; the value of one may be missing, when there was no memory for it.
-            ASSERT_EQ(1U, nameValues.count("0 old"));
-            EXPECT_EQ("value", nameValues["0 old"]);
-            nameValues.erase("0 old");
-            ASSERT_GE(entries.size(), nameValues.size());
-            const std::size_t stored = nameValues.size();
-            int missing = 0;
-            for (std::size_t i = 0; i < stored; ++i) {
-                ASSERT_EQ(1U, nameValues.count(entries[i].first));
-                const std::string& value = nameValues[entries[i].first];
-                missing += value.empty();
-                EXPECT_TRUE(value.empty() || value == entries[i].second) << value;
+    // The state of the map as the letters of its entries in order: V as it should be, E with an empty value.
+    std::string Letters(const NameValues& nameValues) const
+    {
+        EXPECT_EQ(1U, nameValues.count("old"));
+        EXPECT_EQ("value", nameValues.at("old"));
+        std::string letters;
+        std::size_t known = 1;
+        for (const auto& entry : entries_) {
+            const auto found = nameValues.find(entry.first);
+            if (found == nameValues.end()) {
+                continue;
             }
-            EXPECT_GE(1, missing);
+            ++known;
+            EXPECT_TRUE(found->second.empty() || found->second == entry.second) << found->second;
+            letters += found->second.empty() ? "E" : "V";
+        }
+        EXPECT_EQ(known, nameValues.size());
+        return letters;
+    }
 
-            if (outcome.threw) {
-                ++thrown;
-            } else if (!outcome.fired) {
-                EXPECT_TRUE(read);
-                EXPECT_EQ(3U, stored);
-                EXPECT_EQ(0, missing);
-            } else if (!read) {
+    Outcomes SweepReading(Failing failing)
+    {
+        const std::string commentPrefix = "#";
+        const std::string notOpened = "ReadNameValueFromFile: Unable to open file \"" + file_ + "\"";
+        NameValues nameValues;
+        bool read = false;
+        return Sweep(
+            failing,
+            [&] {
+                nameValues = NameValues{{"old", "value"}};
+            },
+            [&] { read = orv_fileutils::ReadNameValueFromFile(file_, nameValues, '=', commentPrefix); },
+            [&](bool threw) {
+                const std::string letters = Letters(nameValues);
+                if (threw) {
+                    return "threw " + letters;
+                }
+                if (read) {
+                    return "true " + letters;
+                }
+                const int line = std::vector<int>{3, 4, 6}.at(letters.size());
+                const std::string notCut = "ReadNameValueFromFile: Error processing line " + std::to_string(line) +
+                                           " in file \"" + file_ + "\".  No delimiter '=' found.";
                 const std::vector<DlogCall> calls = TakeDlogCalls();
-                ASSERT_EQ(1U, calls.size());
+                EXPECT_EQ(1U, calls.size());
                 EXPECT_EQ(3, calls[0].severity);
                 EXPECT_EQ("LxFileUtils.cpp", calls[0].sourceTag);
-                EXPECT_EQ(0, missing);
-                if (calls[0].format == messages::kNameValueOpen) {
-                    EXPECT_EQ(0U, stored);
-                    EXPECT_EQ("ReadNameValueFromFile: Unable to open file \"" + file + "\"", calls[0].text);
-                } else {
-                    ASSERT_GT(entries.size(), stored);
-                    reportedLines.insert(lineNumbers[stored]);
-                    EXPECT_EQ(messages::kNameValueLine, calls[0].format);
-                    EXPECT_EQ("ReadNameValueFromFile: Error processing line " + std::to_string(lineNumbers[stored]) +
-                                  " in file \"" + file + "\".  No delimiter '=' found.",
-                              calls[0].text);
-                }
-            }
-        });
+                const bool open = calls[0].format != messages::kNameValueOpen;
+                EXPECT_EQ(open ? messages::kNameValueLine : messages::kNameValueOpen, calls[0].format);
+                EXPECT_EQ(open ? notCut : notOpened, calls[0].text);
+                return (open ? "line " + std::to_string(line) + " " : "not opened ") + letters;
+            });
+    }
 
-    EXPECT_LE(3, thrown);
-    EXPECT_EQ((std::set<int>{3, 4, 6}), reportedLines);
+    // Without those where the value is not copied into the map, when copying needs no memory.
+    static Outcomes WhereCopied(Outcomes outcomes)
+    {
+        const auto needsCopy = [](const std::string& words) {
+            return IsBeginningOf(words, "threw ") && words.back() == 'E';
+        };
+        if (kOldStrings) {
+            outcomes.erase(std::remove_if(outcomes.begin(), outcomes.end(), needsCopy), outcomes.end());
+        }
+        return outcomes;
+    }
+
+    std::vector<std::pair<std::string, std::string>> entries_;
+    std::string file_;
+};
+
+TEST_F(NameValueExhaustionTest, ReadNameValueFromFileThrowsOrReportsTheLineOrEndsEarlyOrLosesAValue)
+{
+    const Outcomes expected = {"not opened ",
+                               "threw ",     // no buffer for the file
+                               "true ",      // the first entry's line was not read
+                               "threw ",     // the line was not copied
+                               "line 3 ",    // its name was not cut off
+                               "true EVV",   // its value was not cut off
+                               "threw ",     // no room in the map
+                               "threw E",    // the value was not copied into the map
+                               "true V",     // the same with the second entry
+                               "threw V",    //
+                               "line 4 V",   //
+                               "true VEV",   //
+                               "threw V",    //
+                               "threw VE",   //
+                               "true VV",    // and with the third
+                               "threw VV",   //
+                               "line 6 VV",  //
+                               "true VVE",   //
+                               "threw VV",   //
+                               "threw VVE",  //
+                               "without failure: true VVV"};
+
+    EXPECT_EQ(WhereCopied(expected), SweepReading(Failing::kOnce));
+}
+
+TEST_F(NameValueExhaustionTest, ReadNameValueFromFileThrowsWhereItWouldLoseAValueWhenNoMemoryComesBack)
+{
+    const Outcomes expected = {"not opened ",
+                               "threw ",     // no buffer for the file
+                               "true ",      // the first entry's line was not read
+                               "threw ",     // the line was not copied
+                               "line 3 ",    // its name was not cut off
+                               "threw ",     // its value was not cut off, or no room in the map
+                               "threw E",    // the value was not copied into the map
+                               "true V",     // the same with the second entry
+                               "threw V",    //
+                               "line 4 V",   //
+                               "threw V",    //
+                               "threw VE",   //
+                               "true VV",    // and with the third
+                               "threw VV",   //
+                               "line 6 VV",  //
+                               "threw VV",   //
+                               "threw VVE",  //
+                               "without failure: true VVV"};
+
+    EXPECT_EQ(WhereCopied(expected), SweepReading(Failing::kFromThereOn));
 }
 
 }  // namespace

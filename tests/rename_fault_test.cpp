@@ -6,6 +6,7 @@
 #include "support/orv_test.h"
 
 #include <sys/stat.h>
+#include <unistd.h>
 
 #include <cerrno>
 #include <cstdio>
@@ -323,6 +324,19 @@ TEST_F(RenameFaultTest, TouchesNothingWhenBothNamesAreOneFile)
     EXPECT_THAT(trace.Calls(), ElementsAre("stat(" + source_ + ")", "rename(" + source_ + ", " + source_ + ")",
                                            "lstat(" + source_ + ")", "lstat(" + source_ + ")"));
     ExpectNothingChanged();
+}
+
+TEST_F(RenameFaultTest, ReportsThatTheSourceVanishedWhileTheTwoNamesOfOneFileWereCompared)
+{
+    ASSERT_EQ(0, unlink(destination_.c_str()));
+    ASSERT_EQ(0, link(source_.c_str(), destination_.c_str()));
+    const ScopedFault otherFs(Call::kRename, /*nth=*/1, EXDEV);
+    const ScopedAction race(Call::kLstat, /*nth=*/2, [this] { EXPECT_EQ(0, unlink(source_.c_str())); });
+
+    EXPECT_FALSE(Move());
+
+    ExpectReports({{messages::kRenameOpen, "RenameFileAcrossFs: open(" + source_ + ") failed (2)."}});
+    ExpectMoved();  // by the other process: the file is as it was, under the name that is left
 }
 
 TEST_F(RenameFaultTest, FitsATemporaryNameOfAnyLength)

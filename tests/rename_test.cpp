@@ -681,6 +681,28 @@ TEST_F(RenameMountTest, MovesBetweenTwoMountsOfOneFileSystem)
     });
 }
 
+TEST_F(RenameMountTest, MovesOntoAFileThatHasTheSourcesInodeNumberOnAnotherFileSystem)
+{
+    ASSERT_EQ(0, mkdir((dir_ / "one").c_str(), 0755));
+    ASSERT_EQ(0, mkdir((dir_ / "other").c_str(), 0755));
+
+    RunWithPrivateMounts([&] {
+        // Fresh file systems of one type number their files alike.
+        MountTmpfs(dir_ / "one", 64 << 10);
+        MountTmpfs(dir_ / "other", 64 << 10);
+        const std::string source = dir_.Write("one/file", "new");
+        const std::string destination = dir_.Write("other/file", "old");
+        ASSERT_EQ(StatusOf(source).st_ino, StatusOf(destination).st_ino);
+
+        EXPECT_TRUE(RenameFileAcrossFs(source, destination));
+
+        EXPECT_EQ("new", ReadFile(destination));
+        EXPECT_THAT(NamesIn(dir_ / "one"), ElementsAre());
+        EXPECT_THAT(NamesIn(dir_ / "other"), ElementsAre("file"));
+        ExpectReports({});
+    });
+}
+
 TEST_F(RenameMountTest, RemovesALinkThatLeadsToTheDestinationOnAnotherMount)
 {
     ASSERT_EQ(0, mkdir((dir_ / "real").c_str(), 0755));

@@ -3,6 +3,8 @@
 #ifndef ORV_TESTS_HEAP_H
 #define ORV_TESTS_HEAP_H
 
+// The allocations that the capture of diagnostic calls makes (orv_test.h) neither count nor fail.
+
 // Counts the calls of malloc while it lives.
 class ScopedHeapCount {
 public:
@@ -14,11 +16,13 @@ public:
     int Allocations() const;
 };
 
-// While it lives, the `nth` (1-based) allocation fails. Read Fired() to learn whether there was such a one: a sweep
-// ends where there is none.
+enum class Failing { kOnce, kFromThereOn };
+
+// While it lives, the `nth` (1-based) allocation fails, alone or with all that follow. Read Fired() to learn whether
+// there was such a one: a sweep ends where there is none.
 class ScopedAllocationFault {
 public:
-    explicit ScopedAllocationFault(int nth);
+    explicit ScopedAllocationFault(int nth, Failing failing = Failing::kOnce);
     ~ScopedAllocationFault();
     ScopedAllocationFault(const ScopedAllocationFault&) = delete;
     ScopedAllocationFault& operator=(const ScopedAllocationFault&) = delete;

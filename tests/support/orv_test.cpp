@@ -27,6 +27,7 @@ namespace {
 
 constexpr uid_t kNobody = 65534;
 
+thread_local bool capturing = false;
 std::mutex callsMutex;
 std::vector<DlogCall>& Calls()
 {
@@ -87,6 +88,7 @@ int ExitStatusOfChild(const std::function<void()>& body)
 
 void __dlog_printf(int severity, const char* sourceTag, const char* format, ...)
 {
+    capturing = true;
     std::va_list arguments;
     va_start(arguments, format);
     std::va_list again;
@@ -96,6 +98,12 @@ void __dlog_printf(int severity, const char* sourceTag, const char* format, ...)
     va_end(arguments);
     const std::lock_guard<std::mutex> lock(callsMutex);
     Calls().push_back(std::move(call));
+    capturing = false;
+}
+
+bool IsCapturingDlogCall()
+{
+    return capturing;
 }
 
 std::vector<DlogCall> TakeDlogCalls()

@@ -24,6 +24,9 @@ struct DlogCall {
 // Takes the calls captured since the last time.
 std::vector<DlogCall> TakeDlogCalls();
 
+// True on a thread whose call is being captured: what is allocated then is not the library's doing.
+bool IsCapturingDlogCall();
+
 // What a test expects of one call: the unexpanded format and the expanded text. Severity, source tag and the function
 // name at the start of the text are the same rule for all.
 struct Report {
