@@ -1,0 +1,14 @@
+// Trim. The input is the text.
+#include "LxStringUtils.h"
+#include "fuzz.h"
+
+int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size)
+{
+    const std::string text(data, data + size);
+    std::string trimmed = text;
+
+    LxStringUtils::Trim(trimmed);
+
+    Require(trimmed == TrimmedByModel(text), "the trimmed text is that of the model");
+    return 0;
+}

@@ -1,0 +1,35 @@
+// Publishes one page: the service that security_test.py attacks. It waits for the end of its standard input first, so
+// that the test can plant objects under its process id. A minute later it is gone in any case: a FIFO blocks it.
+//
+// Usage: security_page USER_ID TABLE_FILE PAGE
+#include "LxFileUtils.h"
+
+#include <grp.h>
+#include <unistd.h>
+
+#include <cstdlib>
+
+namespace {
+
+const unsigned int kLifeSeconds = 60;
+
+// Only after the start, so that the program may lie where that user cannot go.
+bool BecomeUser(uid_t user)
+{
+    return user == 0 || (setgroups(0, nullptr) == 0 && setgid(user) == 0 && setuid(user) == 0);
+}
+
+}  // namespace
+
+int main(int argc, char** argv)
+{
+    if (argc != 4 || !BecomeUser(static_cast<uid_t>(std::strtoul(argv[1], nullptr, 10)))) {
+        return 2;
+    }
+    alarm(kLifeSeconds);
+    char byte;
+    while (read(STDIN_FILENO, &byte, 1) > 0) {
+    }
+    orv_fileutils::GenHtmlPagefromTextFile(argv[2], argv[3]);
+    return 0;
+}
