@@ -79,7 +79,8 @@ bool IsAlreadyInPlace(const char* source, const struct stat& sourceStatus, const
         status.st_ino != sourceStatus.st_ino) {
         return false;
     }
-    return lstat(source, &status) == 0 && !S_ISLNK(status.st_mode);
+    // When that cannot be told, the file is left in place: removing the link later is easy, removing the file is final.
+    return lstat(source, &status) != 0 || !S_ISLNK(status.st_mode);
 }
 
 bool CopyBlocks(int from, int to)
