@@ -31,7 +31,7 @@ int Amount(int usual, int full)
 
 void PrintFigure(const std::string& text)
 {
-    std::cout << "[  FIGURE  ] " << text << std::endl;
+    std::cout << "campaign: " << text << std::endl;
 }
 
 // The whole file through one open, in pieces small enough that a file that changes below the reader shows. Not by a

@@ -1295,7 +1295,7 @@ void FaultCampaignTest::SingleFaults(const Scenario& scenario)
             }
         }
     }
-    std::printf("campaign: %s: %d runs, %d faults\n", scenario.name.c_str(), runs_ - runsBefore,
+    std::printf("scenario: %s: %d runs, %d faults\n", scenario.name.c_str(), runs_ - runsBefore,
                 firedFaults_ - faultsBefore);
 }
 
@@ -1332,7 +1332,7 @@ void FaultCampaignTest::DoubleFaults(const Scenario& scenario)
             }
         }
     }
-    std::printf("campaign: pairs, %s: %d runs, %d faults\n", scenario.name.c_str(), runs_ - runsBefore,
+    std::printf("scenario: pairs, %s: %d runs, %d faults\n", scenario.name.c_str(), runs_ - runsBefore,
                 firedFaults_ - faultsBefore);
 }
 

@@ -191,7 +191,7 @@ void KillTest::KillMoves(const std::string& bytes, bool overAFile)
                        CheckRepeatedMove(bytes);
                    },
                    runs_, kills_);
-    std::printf("campaign: kill, move of %zu bytes%s: %d runs, %d faults\n", bytes.size(),
+    std::printf("scenario: kill, move of %zu bytes%s: %d runs, %d faults\n", bytes.size(),
                 overAFile ? " over a file" : "", runs_ - runsBefore, runs_ - runsBefore);
 }
 
@@ -258,7 +258,7 @@ void KillTest::KillPages(const std::string& text, bool overAPage)
             EXPECT_FALSE(Exists(TemporaryPageOf(getpid())));
         },
         runs_, kills_);
-    std::printf("campaign: kill, page of %zu bytes%s: %d runs, %d faults\n", whole.size(),
+    std::printf("scenario: kill, page of %zu bytes%s: %d runs, %d faults\n", whole.size(),
                 overAPage ? " over a page" : "", runs_ - runsBefore, runs_ - runsBefore);
 }
 

@@ -376,7 +376,7 @@ def measure(program, new_page):
                     key = (what, service, place, settings.get(setting))
                     results.setdefault(key, {}).setdefault(result, []).append((settings, planter))
                     attacks += 1
-    print(f"{attacks} attacks")
+    print(f"security: {attacks} attacks")
     return results
 
 
@@ -424,7 +424,7 @@ def compare(results, expected):
         if list(measured) != [expected.get(key)]:
             failures.append(f"{key}\n  document: {expected.get(key)}\n  measured: {measured}")
     print("\n".join(failures))
-    print(f"{len(expected)} cases of the document, {len(failures)} wrong")
+    print(f"security: {len(expected)} cases of the document, {len(failures)} wrong")
     return not failures
 
 

@@ -400,7 +400,7 @@ class Lab:
 
     def summary(self, title):
         print(f"{title}: " + ", ".join(f"{count} {name}" for name, count in self.counts.items()))
-        print(f"{title}: {self.checks} checks, {self.failures} failed, {len(self.skips)} skipped"
+        print(f"realfs: {title}: {self.checks} checks, {self.failures} failed, {len(self.skips)} skipped"
               + (f": {', '.join(self.skips)}" if self.skips else ""), flush=True)
 
 

@@ -35,7 +35,7 @@ constexpr int kEndMark = -1001;
 
 constexpr std::size_t kHeapBytes = 8U << 20;      // more than any scenario allocates
 constexpr std::size_t kReportBytes = 4U << 20;    // what a child hands over
-constexpr std::size_t kMostCalls = 2000 * 1000;   // of one run: more means that it does not end
+constexpr std::size_t kMostCalls = 2000000;       // of one run: more means that it does not end
 constexpr std::size_t kMostPathBytes = 4096 + 1;  // as the kernel takes them
 
 // ---- Which argument of a call is what
@@ -101,7 +101,7 @@ public:
 
     int Number()
     {
-        return std::atoi(Text().c_str());
+        return std::stoi(Text());
     }
 
     std::vector<std::string> Texts()
@@ -156,7 +156,7 @@ void ReadReport(TracedRun& run)
     run.lines.resize(static_cast<std::size_t>(report.Number()));
     for (DlogCall& line : run.lines) {
         const std::vector<std::string> texts = report.Texts();
-        line = DlogCall{std::atoi(texts[0].c_str()), texts[1], texts[2], texts[3], texts[4]};
+        line = DlogCall{std::stoi(texts[0]), texts[1], texts[2], texts[3], texts[4]};
     }
     run.descriptorsBefore = report.Texts();
     run.descriptorsAfter = report.Texts();
