@@ -63,11 +63,11 @@ namespace {
 const char kUsage[] =
     "Usage: orv_bench [MODE] [--filter=REGEX | --only=NAME] [--benchmark_...]\n"
     "  (no mode)          compares each contender's outcome with the floor's, then measures CPU time\n"
-    "  --list             prints the contenders: name, unit, units, heavy, in memory\n"
+    "  --list             prints the contenders: name, unit, units, heavy, in memory, process\n"
     "  --check            only compares the outcomes\n"
     "  --unchecked        only measures\n"
     "  --peak             prints by how many bytes one call lets the peak of memory grow\n"
-    "  --count            makes one call of each of ours, for callgrind --instr-atstart=no\n"
+    "  --count            makes one call of each of ours but the heavy ones, for callgrind --instr-atstart=no\n"
     "  --filter=REGEX     only names WORKLOAD/CONTENDER that it is found in\n"
     "  --only=NAME        only that one\n";
 
@@ -117,8 +117,9 @@ void List(const std::vector<const Contender*>& chosen)
 {
     for (const Contender* contender : chosen) {
         const Workload& workload = contender->workload;
-        (void)std::printf("%s\t%s\t%.0f\t%d\t%d\n", contender->FullName().c_str(), workload.unit.c_str(),
-                          workload.units, workload.heavy ? 1 : 0, workload.inMemory ? 1 : 0);
+        (void)std::printf("%s\t%s\t%.0f\t%d\t%d\t%d\n", contender->FullName().c_str(), workload.unit.c_str(),
+                          workload.units, workload.heavy ? 1 : 0, workload.inMemory ? 1 : 0,
+                          contender->process ? 1 : 0);
     }
 }
 
@@ -150,6 +151,15 @@ bool Check(const std::vector<const Contender*>& chosen)
         }
     }
     return same;
+}
+
+void Count(const std::vector<const Contender*>& chosen)
+{
+    for (const Contender* contender : chosen) {
+        if (contender->name == "ours" && !contender->workload.heavy) {
+            contender->count(contender->workload.name);
+        }
+    }
 }
 
 void Measure(const std::vector<const Contender*>& chosen, int argc, char** argv)
@@ -193,9 +203,7 @@ int Run(int argc, char** argv)
             (void)std::printf("%s\t%ld\n", contender->FullName().c_str(), contender->peak());
         }
     } else if (options.mode == "--count") {
-        for (const Contender* contender : chosen) {
-            contender->count(contender->FullName());
-        }
+        Count(chosen);
     } else if (options.mode.empty() || options.mode == "--unchecked") {
         if (options.mode.empty() && !Check(chosen)) {
             return 1;

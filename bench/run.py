@@ -1,0 +1,415 @@
+#!/usr/bin/env python3
+"""Runs the benchmark program in rounds and says how this library stands beside its floor and its peers.
+
+Each measurement is a process of its own. A round measures every contender once, those of a workload one after the
+other, so that whatever else the machine does strikes them alike; what counts is the median, over the rounds, of the
+ratios within a round. All figures are CPU time. Files lie in memory: below /dev/shm, and where a second file system is
+needed in /var/tmp, which is a tmpfs of this run alone if mounting is allowed.
+"""
+
+import argparse
+import json
+import os
+import pathlib
+import platform
+import re
+import shutil
+import statistics
+import subprocess
+import sys
+import tempfile
+import time
+
+ROOT = pathlib.Path(__file__).resolve().parent.parent
+STORED_COUNTS = ROOT / "bench" / "instructions.txt"
+GROWN = 1.02  # more instructions than that are reported
+OTHER_PARENT = "/var/tmp"
+PRIVATE = "ORV_BENCH_PRIVATE"  # in the environment: /var/tmp is this run's own
+
+# Workloads, the aim for ours/floor, and aims for ours/peer by a pattern of the peer's name.
+AIMS = [
+    (r"^move/same$", 1.02, {}),
+    (r"^move/across", 1.05, {}),
+    (r"^exists/", 1.02, {"GLib": 1.0, "std::": 1.0}),
+    (r"^make_path/", 1.04, {"std::": 1.0, "Boost": 1.0}),
+    (r"^copy/file:(0|4096)$", 1.45, {}),
+    (r"^copy/", 1.10, {}),
+    (r"^list/.*:100$", 1.12, {".": 0.80}),
+    (r"^list/.*:10000$", 1.15, {".": 0.75}),
+    (r"^list/.*:200000$", 1.4, {".": 0.80}),
+    (r"^list/", 1.4, {".": 0.85}),
+    (r"^match/typical$", 1.1, {"GPatternSpec": 0.65, "fnmatch": 1.0}),
+    (r"^match/", None, {".": 1.0}),
+    (r"^split/pieces:8$", 1.2, {"Abseil": 0.6}),
+    (r"^split/", 1.5, {"Abseil": 0.6}),
+    (r"^trim/", 1.05, {"Abseil": 1.0, "Boost": 1.0}),
+    (r"^row/cells:8$", 1.0, {"Abseil": 0.55}),
+    (r"^row/", 1.0, {}),
+    (r"^page/rows:10$", 1.35, {".": 0.60}),
+    (r"^page/", 2.2, {".": 0.60}),
+    (r"^name_value/.*:100$", 1.75, {"inih": 1.0, "GKeyFile": 1.0}),
+    (r"^name_value/sorted", 1.1, {"inih": 1.0, "GKeyFile": 1.0}),
+    (r"^name_value/repeating", 1.65, {"inih": 1.0, "GKeyFile": 1.0}),
+    (r"^name_value/distinct", 1.15, {"inih": 1.0}),
+    (r"^name_value/", 1.4, {"inih": 1.0}),
+]
+
+
+def fail(message):
+    sys.exit(f"script/bench: {message}")
+
+
+class Contender:
+    def __init__(self, line):
+        name, unit, units, heavy, in_memory, process = line.split("\t")
+        self.name = name
+        self.workload, self.contender = re.match(r"([^/]+/[^/]+)/(.*)", name).groups()
+        self.unit = unit
+        self.units = int(units)
+        self.heavy = heavy == "1"
+        self.in_memory = in_memory == "1" and process == "0"
+        self.nanoseconds = []  # of CPU time per call, one figure per round
+        self.peak = None  # bytes
+
+
+class Workload:
+    def __init__(self, name, contenders):
+        self.name = name
+        self.contenders = contenders
+        self.ours = self.find("ours")
+        self.floor = self.find("floor")
+        self.peers = [c for c in contenders if c not in (self.ours, self.floor)]
+        self.aim, self.peer_aims = next((floor, peers) for pattern, floor, peers in AIMS if re.search(pattern, name))
+
+    def find(self, name):
+        return next((c for c in self.contenders if c.contender == name), None)
+
+    def best_peer(self):
+        return min(self.peers, key=lambda peer: statistics.median(peer.nanoseconds), default=None)
+
+
+def ratios(ours, other):
+    """The ratio in each round."""
+    return [a / b for a, b in zip(ours.nanoseconds, other.nanoseconds)]
+
+
+def ratio(ours, other):
+    return statistics.median(ratios(ours, other))
+
+
+def spread(values):
+    """Half the width of the middle half of the values, relative to their median."""
+    if len(values) < 2:
+        return 0.0
+    low, middle, high = statistics.quantiles(values, n=4, method="inclusive")
+    return (high - low) / 2 / middle
+
+
+class Runner:
+    """Starts the benchmark program in the directories of this run."""
+
+    def __init__(self, program):
+        self.program = program
+        self.directories = []
+        self.environment = dict(os.environ)
+        for variable, parent in (("ORV_BENCH_DIR", "/dev/shm"), ("ORV_BENCH_OTHER_DIR", OTHER_PARENT)):
+            directory = tempfile.mkdtemp(prefix="orv-bench-", dir=parent)
+            self.directories.append(directory)
+            self.environment[variable] = directory
+
+    def __enter__(self):
+        return self
+
+    def __exit__(self, *_):
+        for directory in self.directories:
+            shutil.rmtree(directory, ignore_errors=True)
+
+    def run(self, *arguments, prefix=()):
+        done = subprocess.run(
+            [*prefix, self.program, *arguments], env=self.environment, stdout=subprocess.PIPE, text=True, check=False,
+            stderr=subprocess.PIPE)
+        if done.returncode != 0:
+            fail(f"orv_bench {' '.join(arguments)}: status {done.returncode}\n{done.stderr}")
+        return done.stdout
+
+    def measure(self, contender, seconds):
+        output = self.run("--unchecked", f"--only={contender.name}", "--benchmark_format=json",
+                          f"--benchmark_min_time={seconds}")
+        result = json.loads(output)["benchmarks"][0]
+        if result.get("error_occurred"):
+            fail(f"{contender.name}: {result['error_message']}")
+        manual = result["name"].endswith("/manual_time")
+        return result["real_time" if manual else "cpu_time"]
+
+    def filesystems(self):
+        return [f"{kind} ({parent})" for kind, parent in zip(
+            (subprocess.check_output(["stat", "-f", "-c", "%T", d], text=True).strip() for d in self.directories),
+            ("/dev/shm", OTHER_PARENT))]
+
+
+def host(runner):
+    model = re.search(r"model name\s*: (.*)", pathlib.Path("/proc/cpuinfo").read_text())
+    compiler = subprocess.check_output(["g++", "--version"], text=True).splitlines()[0]
+    return {
+        "processor": f"{model.group(1) if model else platform.machine()}, {os.cpu_count()} of them",
+        "system": f"{platform.system()} {platform.release()}, {' '.join(platform.libc_ver())}",
+        "compiler": compiler,
+        "file systems": ", ".join(runner.filesystems()),
+    }
+
+
+def measure_all(runner, workloads, rounds, heavy_rounds, seconds):
+    for number in range(rounds):
+        start = time.monotonic()
+        for workload in workloads:
+            if workload.ours.heavy and number >= heavy_rounds:
+                continue
+            turn = number % len(workload.contenders)
+            for contender in workload.contenders[turn:] + workload.contenders[:turn]:
+                contender.nanoseconds.append(runner.measure(contender, seconds))
+        print(f"round {number + 1} of {rounds}: {time.monotonic() - start:.0f} s", file=sys.stderr)
+
+
+def measure_peaks(runner, workloads):
+    for workload in workloads:
+        for contender in workload.contenders:
+            if contender.in_memory:
+                output = runner.run("--peak", f"--only={contender.name}")
+                contender.peak = int(output.split("\t")[1])
+
+
+def in_words(nanoseconds):
+    for limit, divisor, unit in ((1e3, 1, "ns"), (1e6, 1e3, "us"), (1e9, 1e6, "ms")):
+        if nanoseconds < limit:
+            return f"{nanoseconds / divisor:.3g} {unit}"
+    return f"{nanoseconds / 1e9:.3g} s"
+
+
+def table(header, rows):
+    """A Markdown table that is readable as text, too."""
+    widths = [max(len(str(row[i])) for row in [header, *rows]) for i in range(len(header))]
+    lines = ["| " + " | ".join(str(cell).ljust(width) for cell, width in zip(row, widths)) + " |"
+             for row in [header, *rows]]
+    lines.insert(1, "|" + "|".join("-" * (width + 2) for width in widths) + "|")
+    return "\n".join(lines)
+
+
+def with_mark(value, aim):
+    return f"{value:.2f}" + ("" if aim is None or round(value, 2) <= aim else " !")
+
+
+def summary(workloads):
+    rows = []
+    for workload in workloads:
+        to_floor = ratios(workload.ours, workload.floor)
+        peer = workload.best_peer()
+        aims = [f"{p.contender} {with_mark(ratio(workload.ours, p), aim)} ({aim:.2f})"
+                for pattern, aim in workload.peer_aims.items() if pattern != "." for p in workload.peers
+                if re.search(pattern, p.contender)]
+        best_aim = workload.peer_aims.get(".")
+        rows.append((
+            workload.name, in_words(statistics.median(workload.ours.nanoseconds)),
+            with_mark(statistics.median(to_floor), workload.aim), "" if workload.aim is None else workload.aim,
+            f"{100 * spread(to_floor):.1f} %", with_mark(ratio(workload.ours, peer), best_aim) if peer else "",
+            f"{best_aim:.2f}" if best_aim else "", peer.contender if peer else "", "; ".join(aims)))
+    return table(("workload", "ours", "ours/floor", "aim", "spread", "ours/best peer", "aim", "which peer",
+                  "named peers (aim)"), rows)
+
+
+def details(workloads):
+    rows = []
+    for workload in workloads:
+        for contender in workload.contenders:
+            rows.append((workload.name, contender.contender, in_words(statistics.median(contender.nanoseconds)),
+                         f"{100 * spread(contender.nanoseconds):.1f} %", f"{ratio(workload.ours, contender):.2f}"))
+    return table(("workload", "contender", "CPU time per call", "spread", "ours / it"), rows)
+
+
+def growth(workloads):
+    series = {}
+    for workload in workloads:
+        if ":" in workload.name and workload.ours.units > 0:
+            series.setdefault(workload.name.split(":")[0], []).append(workload)
+    rows = []
+    for name, sizes in series.items():
+        if len(sizes) > 1:
+            costs = [", ".join(f"{w.name.split(':')[1]}: {statistics.median(c.nanoseconds) / c.units:.3g}"
+                               for w, c in ((w, w.find(who)) for w in sizes)) for who in ("ours", "floor")]
+            rows.append((name, f"ns per {sizes[0].ours.unit}", *costs))
+    return table(("series", "unit", "ours, by size", "floor, by size"), rows) if rows else ""
+
+
+def memory(workloads):
+    rows = [(w.name, ", ".join(f"{c.contender}: {c.peak // 1024} KiB" for c in w.contenders if c.peak is not None))
+            for w in workloads if w.ours.peak is not None]
+    return table(("workload", "growth of peak memory in one call"), rows) if rows else ""
+
+
+def write_results(workloads, facts, directory):
+    parts = [("", "\n".join(f"- {name}: {value}" for name, value in facts.items())), ("Summary", summary(workloads)),
+             ("Growth", growth(workloads)), ("Memory", memory(workloads)), ("All contenders", details(workloads))]
+    text = "\n\n".join((f"## {title}\n\n" if title else "# Benchmark results\n\n") + body
+                       for title, body in parts if body)
+    directory.mkdir(parents=True, exist_ok=True)
+    (directory / "results.md").write_text(text + "\n")
+    (directory / "results.json").write_text(json.dumps({
+        "facts": facts,
+        "workloads": {
+            w.name: {
+                "unit": w.ours.unit,
+                "units": w.ours.units,
+                "aim": w.aim,
+                "contenders": {
+                    c.contender: {
+                        "nanoseconds": c.nanoseconds,
+                        "peak_bytes": c.peak,
+                        "ours_by_this": ratio(w.ours, c),
+                    } for c in w.contenders
+                },
+            } for w in workloads
+        },
+    }, indent=1) + "\n")
+    print(text.split("\n\n## All contenders")[0])
+    print(f"\nEvery contender: {directory / 'results.md'}, {directory / 'results.json'}. "
+          "\"!\" marks what misses its aim.")
+
+
+def choose(runner, arguments):
+    contenders = [Contender(line) for line in runner.run("--list", f"--filter={arguments.filter}").splitlines()]
+    if arguments.quick:
+        contenders = [c for c in contenders if not c.heavy]
+    by_workload = {}
+    for contender in contenders:
+        by_workload.setdefault(contender.workload, []).append(contender)
+    workloads = [Workload(name, group) for name, group in by_workload.items()]
+    for workload in workloads:
+        if workload.ours is None or workload.floor is None:
+            fail(f"the filter leaves {workload.name} without ours or without the floor")
+    return workloads
+
+
+def exactly(workloads):
+    """A filter that fits these and no others."""
+    return "^(" + "|".join(re.escape(w.name) for w in workloads) + ")/"
+
+
+def benchmark(runner, arguments):
+    workloads = choose(runner, arguments)
+    runner.run("--check", f"--filter={exactly(workloads)}")
+    heavy_rounds = min(arguments.rounds, 3)
+    measure_all(runner, workloads, arguments.rounds, heavy_rounds, arguments.seconds)
+    measure_peaks(runner, workloads)
+    facts = host(runner)
+    facts["rounds"] = f"{arguments.rounds}, of the longest workloads {heavy_rounds}"
+    write_results(workloads, facts, arguments.output)
+
+
+# ---- Instruction counts
+
+
+def count_instructions(runner, pattern, directory):
+    directory.mkdir(parents=True, exist_ok=True)
+    for old in directory.glob("callgrind.out*"):
+        old.unlink()
+    runner.run("--count", f"--filter={pattern}",
+               prefix=("valgrind", "--quiet", "--tool=callgrind", "--instr-atstart=no",
+                       f"--callgrind-out-file={directory}/callgrind.out"))
+    counts = {}
+    for dump in directory.glob("callgrind.out.*"):
+        text = dump.read_text()
+        name = re.search(r"^desc: Trigger: Client Request: (.*)$", text, re.MULTILINE)
+        total = re.search(r"^(?:summary|totals): (\d+)", text, re.MULTILINE)
+        if name and total:
+            counts[name.group(1)] = int(total.group(1))
+    return counts
+
+
+def stored_counts():
+    lines = STORED_COUNTS.read_text().splitlines() if STORED_COUNTS.exists() else []
+    return {name: int(count) for name, count in (line.split() for line in lines if not line.startswith("#"))}
+
+
+def store_counts(counts, facts):
+    header = ["# Instructions of one call of each workload, counted by callgrind; written by script/bench --instructions",
+              f"# --store. {facts['compiler']}, {facts['system']}"]
+    STORED_COUNTS.write_text("\n".join(header + [f"{name} {count}" for name, count in counts.items()]) + "\n")
+    print(f"{STORED_COUNTS} holds {len(counts)} figures.")
+
+
+def instructions(runner, arguments):
+    workloads = [w.name for w in choose(runner, arguments)]
+    counts = count_instructions(runner, arguments.filter, arguments.output / "callgrind")
+    counts = {name: counts[name] for name in workloads if name in counts}
+    stored = stored_counts()
+    rows = []
+    grown = []
+    for name, count in counts.items():
+        before = stored.get(name)
+        change = "" if before is None else f"{100 * (count / before - 1):+.1f} %"
+        rows.append((name, count, "new" if before is None else before, change))
+        if before is not None and count > before * GROWN:
+            grown.append(name)
+    print(table(("workload", "instructions", "stored", "change"), rows))
+    left_out = [name for name in workloads if name not in counts]
+    if left_out:
+        print("Not counted, for they take too long: " + ", ".join(left_out))
+    if arguments.store:
+        store_counts({**stored, **counts}, host(runner))
+        return
+    print("Grown: " + (", ".join(grown) if grown else "none"))
+    if grown:
+        sys.exit(1)
+
+
+# ---- The command line
+
+
+def be_private():
+    """As root, gives this run a /var/tmp of its own, in memory: the pages' temporary files go there."""
+    if os.environ.get(PRIVATE) or os.geteuid() != 0 or str(ROOT).startswith(OTHER_PARENT + "/"):
+        return
+    mount = "mount -t tmpfs -o mode=1777,size=50% orv-bench " + OTHER_PARENT
+    if subprocess.run(["unshare", "--mount", "sh", "-c", mount], stderr=subprocess.DEVNULL, check=False).returncode == 0:
+        os.environ[PRIVATE] = "1"
+        script = [sys.executable, *sys.argv]
+        os.execvp("unshare", ["unshare", "--mount", "sh", "-c", mount + ' && exec "$@"', "sh", *script])
+
+
+def parse():
+    parser = argparse.ArgumentParser(prog="script/bench", description=__doc__,
+                                     formatter_class=argparse.RawDescriptionHelpFormatter)
+    parser.add_argument("--program", default=ROOT / "build" / "bench" / "bench" / "orv_bench", type=pathlib.Path,
+                        help="the benchmark program")
+    parser.add_argument("--output", default=ROOT / "build" / "bench", type=pathlib.Path,
+                        help="directory of results.md and results.json")
+    parser.add_argument("--filter", default="", metavar="REGEX",
+                        help="only workloads that it is found in, such as ^list/ or page/rows:10$")
+    parser.add_argument("--rounds", type=int, default=None, metavar="N", help="7 if not given")
+    parser.add_argument("--quick", action="store_true",
+                        help="about a minute: one short round, and not the longest workloads")
+    parser.add_argument("--list", action="store_true", help="list the contenders")
+    parser.add_argument("--instructions", action="store_true",
+                        help="count instructions and compare them with bench/instructions.txt")
+    parser.add_argument("--store", action="store_true", help="with --instructions: write that file")
+    arguments = parser.parse_args()
+    if arguments.rounds is None:
+        arguments.rounds = 1 if arguments.quick else 7
+    arguments.seconds = 0.001 if arguments.quick else 0.05
+    return arguments
+
+
+def main():
+    arguments = parse()
+    be_private()
+    with Runner(arguments.program) as runner:
+        if arguments.list:
+            for workload in choose(runner, arguments):
+                print(f"{workload.name}: {', '.join(c.contender for c in workload.contenders)}")
+        elif arguments.instructions:
+            instructions(runner, arguments)
+        else:
+            benchmark(runner, arguments)
+
+
+if __name__ == "__main__":
+    main()
