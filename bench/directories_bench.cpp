@@ -224,17 +224,12 @@ bool PeerWants(const Filter& filter, const char* name)
            (filter.exclude.empty() || fnmatch(filter.exclude.c_str(), name, 0) != 0);
 }
 
-// scandir(3) gives its function no argument but the entry.
+// scandir(3) gives its function no argument but the entry. In the C locale alphasort compares bytes.
 const Directory* scanned = nullptr;
 
 int IsWantedByScan(const struct dirent* entry)
 {
     return entry->d_type == DT_REG && PeerWants(scanned->filter, entry->d_name) ? 1 : 0;
-}
-
-int CompareNames(const struct dirent** left, const struct dirent** right)
-{
-    return std::strcmp((*left)->d_name, (*right)->d_name);
 }
 
 // What scandir(3) returns.
@@ -243,7 +238,7 @@ public:
     explicit Scan(const Directory& directory) : directory_(&directory)
     {
         scanned = &directory;
-        count_ = scandir(directory.path.c_str(), &entries_, IsWantedByScan, CompareNames);
+        count_ = scandir(directory.path.c_str(), &entries_, IsWantedByScan, alphasort);
     }
 
     ~Scan()

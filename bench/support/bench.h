@@ -122,11 +122,11 @@ inline void StartCount()
 #endif
 }
 
-inline void EndCount([[maybe_unused]] const std::string& name)
+inline void EndCount([[maybe_unused]] const char* name)
 {
 #ifdef ORV_BENCH_VALGRIND
+    CALLGRIND_DUMP_STATS_AT(name);  // first: stopping forgets the counts
     CALLGRIND_STOP_INSTRUMENTATION;
-    CALLGRIND_DUMP_STATS_AT(name.c_str());
 #endif
 }
 
@@ -168,7 +168,7 @@ Contender& Add(const Workload& workload, const std::string& name, const Make& ma
         Call(fixture, run);  // symbols get resolved, buffers their size
         StartCount();
         Call(fixture, run);
-        EndCount(countName);
+        EndCount(countName.c_str());
     };
     Contenders().push_back(std::move(contender));
     return Contenders().back();
