@@ -5,6 +5,7 @@
 #include "support/files.h"
 
 #include <dirent.h>
+#include <endian.h>
 #include <fcntl.h>
 #include <fnmatch.h>
 #include <sys/stat.h>
@@ -12,6 +13,7 @@
 
 #include <algorithm>
 #include <cerrno>
+#include <cstdint>
 #include <cstdlib>
 #include <cstring>
 #include <filesystem>
@@ -189,31 +191,60 @@ bool FloorWants(const Filter& filter, const char* name, std::size_t bytes)
            (prefix.empty() || text.substr(0, prefix.size()) != prefix);
 }
 
-// The container floor: names gathered in one block and sorted by reference, then a list made once, in order.
+// A name in the block of all names. Its first bytes, as numbers, decide most comparisons.
+struct NameKey {
+    std::uint64_t first = 0;
+    std::uint64_t second = 0;
+    std::uint32_t place;
+    std::uint32_t bytes;
+
+    NameKey(const char* name, std::size_t nameBytes, std::size_t namePlace)
+        : place(static_cast<std::uint32_t>(namePlace)), bytes(static_cast<std::uint32_t>(nameBytes))
+    {
+        char head[kHeadBytes] = {};
+        std::memcpy(head, name, std::min(nameBytes, kHeadBytes));
+        std::memcpy(&first, head, sizeof first);
+        std::memcpy(&second, head + sizeof first, sizeof second);
+        first = be64toh(first);
+        second = be64toh(second);
+    }
+
+    static constexpr std::size_t kHeadBytes = 16;
+};
+
+// The container floor: names gathered in one block and sorted by their keys, then a list made once, in order.
 std::list<std::string> FloorList(const Directory& directory)
 {
     std::string block;
-    std::vector<std::pair<std::size_t, std::size_t>> places;
+    std::vector<NameKey> names;
     ReadNames(directory, [&](const char* name) {
         const std::size_t bytes = std::strlen(name);
         if (FloorWants(directory.filter, name, bytes)) {
-            places.emplace_back(block.size(), bytes);
+            names.emplace_back(name, bytes, block.size());
             block.append(name, bytes);
         }
     });
-    std::vector<std::string_view> names;
-    names.reserve(places.size());
-    for (const auto& [place, bytes] : places) {
-        names.emplace_back(block.data() + place, bytes);
-    }
-    std::sort(names.begin(), names.end());
+    std::sort(names.begin(), names.end(), [&block](const NameKey& left, const NameKey& right) {
+        if (left.first != right.first) {
+            return left.first < right.first;
+        }
+        if (left.second != right.second) {
+            return left.second < right.second;
+        }
+        return block.compare(left.place, left.bytes, block, right.place, right.bytes) < 0;
+    });
     std::list<std::string> list;
-    const std::string prefix = directory.filter.withPath ? directory.path + '/' : std::string();
-    for (const std::string_view name : names) {
-        list.emplace_back();
-        std::string& element = list.back();
-        element.reserve(prefix.size() + name.size());
-        element.append(prefix).append(name);
+    if (!directory.filter.withPath) {
+        for (const NameKey& name : names) {
+            list.emplace_back(block, name.place, name.bytes);
+        }
+        return list;
+    }
+    const std::string prefix = directory.path + '/';
+    for (const NameKey& name : names) {
+        std::string& element = list.emplace_back();
+        element.reserve(prefix.size() + name.bytes);
+        element.append(prefix).append(block, name.place, name.bytes);
     }
     return list;
 }

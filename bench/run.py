@@ -8,6 +8,7 @@ needed in /var/tmp, which is a tmpfs of this run alone if mounting is allowed.
 """
 
 import argparse
+import collections
 import json
 import os
 import pathlib
@@ -23,8 +24,13 @@ import time
 ROOT = pathlib.Path(__file__).resolve().parent.parent
 STORED_COUNTS = ROOT / "bench" / "instructions.txt"
 GROWN = 1.02  # more instructions than that are reported
+PROFILED = 0.03  # functions with a smaller share are not printed
 OTHER_PARENT = "/var/tmp"
 PRIVATE = "ORV_BENCH_PRIVATE"  # in the environment: /var/tmp is this run's own
+
+# Peers that are compiled in where their packages are installed.
+OPTIONAL_PEERS = {"Abseil": "libabsl-dev", "Boost": "libboost-filesystem-dev", "GLib": "libglib2.0-dev",
+                  "inih": "libinih-dev"}
 
 # Workloads, the aim for ours/floor, and aims for ours/peer by a pattern of the peer's name.
 AIMS = [
@@ -274,10 +280,21 @@ def write_results(workloads, facts, directory):
           "\"!\" marks what misses its aim.")
 
 
+def missing_peers(contenders):
+    return [f"{peer} ({package})" for peer, package in OPTIONAL_PEERS.items()
+            if not any(c.contender.startswith(peer) for c in contenders)]
+
+
 def choose(runner, arguments):
+    contenders = [Contender(line) for line in runner.run("--list").splitlines()]
+    missing = missing_peers(contenders)
+    if missing:
+        message = f"{len(missing)} peers are not compiled in: {', '.join(missing)}"
+        if os.environ.get("ORV_NO_SKIP"):
+            fail(message)
+        print(message, file=sys.stderr)
     by_workload = {}
-    for line in runner.run("--list").splitlines():
-        contender = Contender(line)
+    for contender in contenders:
         if re.search(arguments.filter, contender.workload) and not (arguments.quick and contender.heavy):
             by_workload.setdefault(contender.workload, []).append(contender)
     if not by_workload:
@@ -304,21 +321,52 @@ def benchmark(runner, arguments):
 # ---- Instruction counts
 
 
+class Dump:
+    """What callgrind counted in one call: instructions by function, without those of the functions it calls."""
+
+    def __init__(self, text, names):
+        self.name = re.search(r"^desc: Trigger: Client Request: (.*)$", text, re.MULTILINE).group(1)
+        self.functions = collections.Counter()
+        function = None
+        of_a_call = False  # the next figure counts what a called function took, and stands with that one, too
+        for line in text.splitlines():
+            if match := re.match(r"c?fn=\((\d+)\)(?: (.*))?$", line):
+                if match.group(2):
+                    names[match.group(1)] = match.group(2)
+                if line.startswith("fn"):
+                    function = match.group(1)
+            elif line.startswith("calls="):
+                of_a_call = True
+            elif match := re.match(r"(?:[+-]?\d+|\*) (\d+)$", line):
+                if not of_a_call:
+                    self.functions[function] += int(match.group(1))
+                of_a_call = False
+        self.total = sum(self.functions.values())
+
+
 def count_instructions(runner, pattern, directory):
+    """The dumps by name of contender, and the names of the functions, which the first dump that meets one gives."""
     directory.mkdir(parents=True, exist_ok=True)
     for old in directory.glob("callgrind.out*"):
         old.unlink()
     runner.run("--count", f"--filter={pattern}",
                prefix=("valgrind", "--quiet", "--tool=callgrind", "--instr-atstart=no",
                        f"--callgrind-out-file={directory}/callgrind.out"))
-    counts = {}
-    for dump in directory.glob("callgrind.out.*"):
-        text = dump.read_text()
-        name = re.search(r"^desc: Trigger: Client Request: (.*)$", text, re.MULTILINE)
-        total = re.search(r"^totals: (\d+)", text, re.MULTILINE)
-        if name and total:
-            counts[name.group(1)] = int(total.group(1))
-    return counts
+    names = {}
+    files = sorted(directory.glob("callgrind.out.*"), key=lambda file: int(file.suffix[1:]))
+    texts = [file.read_text() for file in files]
+    dumps = [Dump(text, names) for text in texts if "Client Request: " in text]
+    return {dump.name: dump for dump in dumps}, names
+
+
+def print_profile(dump, names):
+    print(f"\n{dump.name}: {dump.total}")
+    for function, count in dump.functions.most_common():
+        if count < PROFILED * dump.total:
+            break
+        name = re.sub(r"std::(__cxx11::)?basic_string<char, std::char_traits<char>, std::allocator<char> ?>", "string",
+                      names[function])
+        print(f"  {100 * count / dump.total:4.1f} %  {name[:100]}")
 
 
 def stored_counts():
@@ -335,28 +383,31 @@ def store_counts(counts, facts):
 
 def instructions(runner, arguments):
     workloads = choose(runner, arguments)
-    counts = count_instructions(runner, exactly(workloads), arguments.output / "callgrind")
-    names = [w.name for w in workloads]
-    counts = {name: counts[name] for name in names if name in counts}
+    dumps, names = count_instructions(runner, exactly(workloads), arguments.output / "callgrind")
     stored = stored_counts()
+    counts = {}
     rows = []
     grown = []
-    for name, count in counts.items():
+    for name in (w.name for w in workloads if w.ours.name in dumps):
+        count = counts[name] = dumps[name + "/ours"].total
+        floor = dumps[name + "/floor"].total
         before = stored.get(name)
-        change = "" if before is None else f"{100 * (count / before - 1):+.1f} %"
-        rows.append((name, count, "new" if before is None else before, change))
+        change = "new" if before is None else f"{100 * (count / before - 1):+.1f} %"
+        rows.append((name, count, f"{count / floor:.2f}", before or "", change))
         if before is not None and count > before * GROWN:
             grown.append(name)
-    print(table(("workload", "instructions", "stored", "change"), rows))
-    left_out = [name for name in names if name not in counts]
+    print(table(("workload", "instructions", "ours/floor", "stored", "change"), rows))
+    left_out = [w.name for w in workloads if w.name not in counts]
     if left_out:
         print("Not counted, for they take too long: " + ", ".join(left_out))
+    if arguments.profile:
+        for dump in dumps.values():
+            print_profile(dump, names)
     if arguments.store:
         store_counts({**stored, **counts}, host(runner))
-        return
-    print("Grown: " + (", ".join(grown) if grown else "none"))
-    if grown:
-        sys.exit(1)
+    else:
+        print("Grown: " + (", ".join(grown) if grown else "none"))
+        sys.exit(1 if grown else 0)
 
 
 # ---- The command line
@@ -382,16 +433,18 @@ def parse():
                         help="directory of results.md and results.json")
     parser.add_argument("--filter", default="", metavar="REGEX",
                         help="only workloads that it is found in, such as ^list/ or page/rows:10$")
-    parser.add_argument("--rounds", type=int, default=None, metavar="N", help="7 if not given")
+    parser.add_argument("--rounds", type=int, default=None, metavar="N", help="5 if not given")
     parser.add_argument("--quick", action="store_true",
                         help="about a minute: one short round, and not the longest workloads")
     parser.add_argument("--list", action="store_true", help="list the contenders")
     parser.add_argument("--instructions", action="store_true",
                         help="count instructions and compare them with bench/instructions.txt")
     parser.add_argument("--store", action="store_true", help="with --instructions: write that file")
+    parser.add_argument("--profile", action="store_true",
+                        help="with --instructions: print in which functions they are")
     arguments = parser.parse_args()
     if arguments.rounds is None:
-        arguments.rounds = 1 if arguments.quick else 7
+        arguments.rounds = 1 if arguments.quick else 5
     arguments.seconds = 0.001 if arguments.quick else 0.05
     return arguments
 

@@ -67,7 +67,7 @@ const char kUsage[] =
     "  --check            only compares the outcomes\n"
     "  --unchecked        only measures\n"
     "  --peak             prints by how many bytes one call lets the peak of memory grow\n"
-    "  --count            makes one call of each of ours but the heavy ones, for callgrind --instr-atstart=no\n"
+    "  --count            makes one call of ours and of the floor, unless heavy, for callgrind --instr-atstart=no\n"
     "  --filter=REGEX     only names WORKLOAD/CONTENDER that it is found in\n"
     "  --only=NAME        only that one\n";
 
@@ -156,8 +156,8 @@ bool Check(const std::vector<const Contender*>& chosen)
 void Count(const std::vector<const Contender*>& chosen)
 {
     for (const Contender* contender : chosen) {
-        if (contender->name == "ours" && !contender->workload.heavy) {
-            contender->count(contender->workload.name);
+        if ((contender->name == "ours" || contender->name == "floor") && !contender->workload.heavy) {
+            contender->count(contender->FullName());
         }
     }
 }
