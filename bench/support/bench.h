@@ -140,7 +140,7 @@ void Call(Fixture& fixture, const Run& run)
 
 /// Adds a contender: `make()` gives its fixture, `run(fixture)` is the call that is measured.
 template <typename Make, typename Run>
-Contender& Add(const Workload& workload, const std::string& name, const Make& make, const Run& run)
+Contender& Add(const Workload& workload, const std::string& name, Make make, Run run)
 {
     Contender contender;
     contender.workload = workload;
@@ -176,7 +176,7 @@ Contender& Add(const Workload& workload, const std::string& name, const Make& ma
 
 /// Adds a contender that is a program of its own: `run(fixture)` starts it and waits for its end.
 template <typename Make, typename Run>
-void AddProcess(const Workload& workload, const std::string& name, const Make& make, const Run& run)
+void AddProcess(const Workload& workload, const std::string& name, Make make, Run run)
 {
     Contender& contender = Add(workload, name, make, run);
     contender.process = true;
