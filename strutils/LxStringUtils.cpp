@@ -2,27 +2,107 @@
 
 #include "LxStringUtils.h"
 
+#include <algorithm>
 #include <cstddef>
+#include <cstring>
 
 namespace LxStringUtils {
 
+namespace {
+
+bool IsWhiteSpace(char c)
+{
+    return c == ' ' || (c >= '\t' && c <= '\r');  // \t \n \v \f \r
+}
+
+// Whether a byte of a pattern, not a star, takes this byte of a text.
+bool Takes(char wildcard, char byte)
+{
+    return wildcard == '?' || wildcard == byte;
+}
+
+// Whether the `bytes` bytes of `segment`, a part of a pattern without stars, take as many bytes of `text`.
+bool TakesAll(const char* segment, std::size_t bytes, const char* text)
+{
+    for (std::size_t i = 0; i < bytes; ++i) {
+        if (!Takes(segment[i], text[i])) {
+            return false;
+        }
+    }
+    return true;
+}
+
+// The first place between `text` and `end` that the segment takes, or null. The segment's first plain byte tells where
+// to look; a long segment of plain bytes is left to memmem, whose time is linear.
+const char* FindSegment(const char* segment, std::size_t bytes, const char* text, const char* end)
+{
+    const std::size_t kLongBytes = 16;  // below that, memmem's preparation costs more than it saves
+
+    const std::size_t length = static_cast<std::size_t>(end - text);
+    if (bytes >= kLongBytes && std::memchr(segment, '?', bytes) == nullptr) {
+        return static_cast<const char*>(memmem(text, length, segment, bytes));
+    }
+    if (length < bytes) {
+        return nullptr;
+    }
+    std::size_t plain = 0;
+    while (plain != bytes && segment[plain] == '?') {
+        ++plain;
+    }
+    if (plain == bytes) {
+        return text;
+    }
+    const char* const lastPlace = end - bytes;
+    for (const char* place = text; place <= lastPlace; ++place) {
+        const void* const found =
+            std::memchr(place + plain, segment[plain], static_cast<std::size_t>(lastPlace - place) + 1);
+        if (found == nullptr) {
+            return nullptr;
+        }
+        place = static_cast<const char*>(found) - plain;
+        if (TakesAll(segment, bytes, place)) {
+            return place;
+        }
+    }
+    return nullptr;
+}
+
+}  // namespace
+
 void Split(const std::string& text, char delimiter, std::vector<std::string>& pieces)
 {
-    std::size_t start = 0;
-    for (std::size_t end = text.find(delimiter); end != std::string::npos; end = text.find(delimiter, start)) {
-        pieces.push_back(text.substr(start, end - start));
-        start = end + 1;
+    if (pieces.capacity() == 0) {  // a new vector need not grow step by step
+        pieces.reserve(static_cast<std::size_t>(std::count(text.begin(), text.end(), delimiter)) + 1);
     }
-    if (start < text.size() || start == 0) {  // start == 0: no delimiter, so even an empty text is a piece
-        pieces.push_back(text.substr(start));
+    const char* const begin = text.data();
+    const char* const end = begin + text.size();
+    const char* start = begin;
+    while (const void* const found = std::memchr(start, delimiter, static_cast<std::size_t>(end - start))) {
+        const char* const pieceEnd = static_cast<const char*>(found);
+        pieces.emplace_back(start, pieceEnd);
+        start = pieceEnd + 1;
+    }
+    if (start != end || start == begin) {  // at the begin: no delimiter, so even an empty text is a piece
+        pieces.emplace_back(start, end);
     }
 }
 
 void Trim(std::string& text)
 {
-    static const char kWhiteSpace[] = " \t\n\v\f\r";
-    text.erase(text.find_last_not_of(kWhiteSpace) + 1);  // npos + 1 is 0: nothing but white space
-    text.erase(0, text.find_first_not_of(kWhiteSpace));
+    const char* const begin = text.data();
+    const char* end = begin + text.size();
+    while (end != begin && IsWhiteSpace(end[-1])) {
+        --end;
+    }
+    const char* start = begin;
+    while (start != end && IsWhiteSpace(*start)) {
+        ++start;
+    }
+    const std::size_t leading = static_cast<std::size_t>(start - begin);
+    text.resize(static_cast<std::size_t>(end - begin));
+    if (leading != 0) {
+        text.erase(0, leading);
+    }
 }
 
 bool StartsWith(const std::string& text, const std::string& prefix)
@@ -32,28 +112,41 @@ bool StartsWith(const std::string& text, const std::string& prefix)
 
 bool WildcardedStringMatch(const std::string& text, const std::string& pattern)
 {
-    // Only the last star ever needs another try: if the part of the pattern before it fits at all, giving an earlier
-    // star more text cannot make the rest fit better. So the time is bounded by a product, not by a power.
-    std::size_t textAt = 0;
-    std::size_t patternAt = 0;
-    std::size_t afterStar = std::string::npos;  // the pattern behind the last star seen
-    std::size_t starEnd = 0;                    // where in the text that star's run ends for now
-    while (textAt < text.size()) {
-        const bool patternLeft = patternAt < pattern.size();
-        if (patternLeft && pattern[patternAt] == '*') {
-            afterStar = ++patternAt;
-            starEnd = textAt;
-        } else if (patternLeft && (pattern[patternAt] == '?' || pattern[patternAt] == text[textAt])) {
-            ++patternAt;
-            ++textAt;
-        } else if (afterStar != std::string::npos) {
-            patternAt = afterStar;
-            textAt = ++starEnd;
-        } else {
+    const char* at = text.data();
+    const char* end = at + text.size();
+    const char* segment = pattern.data();
+    const char* patternEnd = segment + pattern.size();
+
+    // What stands before the first star and behind the last one has one place only.
+    for (; segment != patternEnd && *segment != '*'; ++segment, ++at) {
+        if (at == end || !Takes(*segment, *at)) {
             return false;
         }
     }
-    return pattern.find_first_not_of('*', patternAt) == std::string::npos;
+    if (segment == patternEnd) {
+        return at == end;
+    }
+    for (; patternEnd[-1] != '*'; --patternEnd, --end) {
+        if (at == end || !Takes(patternEnd[-1], end[-1])) {
+            return false;
+        }
+    }
+    // Each segment between stars belongs at the first place that it takes: that leaves the others the most room. So no
+    // star is tried twice.
+    while (++segment < patternEnd) {
+        const char* star = segment;
+        while (*star != '*') {
+            ++star;
+        }
+        const std::size_t bytes = static_cast<std::size_t>(star - segment);
+        at = FindSegment(segment, bytes, at, end);
+        if (at == nullptr) {
+            return false;
+        }
+        at += bytes;
+        segment = star;
+    }
+    return true;
 }
 
 }  // namespace LxStringUtils

@@ -392,6 +392,26 @@ TEST(WildcardedStringMatchTest, AgreesWithAModelThatTriesAllPositions)
     EXPECT_GT(48000, matches);
 }
 
+// Parts of a pattern between stars from 1 to 40 bytes long, with and without question marks, are found wherever they
+// stand, and not where one byte is another.
+TEST(WildcardedStringMatchTest, FindsPartsOfEveryLengthBetweenStars)
+{
+    for (std::size_t bytes = 1; bytes <= 40; ++bytes) {
+        const std::string part = std::string(bytes - 1, 'a') + 'b';
+        for (std::size_t mark = 0; mark <= bytes; ++mark) {
+            std::string wild = part;
+            wild.replace(mark == bytes ? 0 : mark, mark == bytes ? 0 : 1, mark == bytes ? "" : "?");
+            for (const char* const before : {"", "a", "ab", "bbbbbbbbbbbbbbbbbbbbbbbbbbbbbbbbbbbbbbbbbbbbbbbb"}) {
+                for (const std::string& text : {before + part + "c", before + part.substr(1) + "c"}) {
+                    const std::string pattern = '*' + wild + "*c";
+                    ASSERT_EQ(MatchesByModel(text, pattern), WildcardedStringMatch(text, pattern))
+                        << text << " " << pattern;
+                }
+            }
+        }
+    }
+}
+
 // The system's matcher agrees on all patterns without brackets and NUL bytes.
 TEST(WildcardedStringMatchTest, AgreesWithTheFileNameMatcherOfTheSystem)
 {
