@@ -21,13 +21,17 @@
 #include <sys/types.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <cstddef>
+#include <cstdint>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
 #include <fstream>
 #include <iostream>  // brings in the standard stream initialiser, the only static object of this library
+#include <memory>
+#include <new>
 #include <sstream>
 
 #define LOG_FAILURE(...) __dlog_printf(kSeverityError, kSourceTag, __VA_ARGS__)
@@ -307,16 +311,77 @@ bool IsGiven(const char* text)
     return text != nullptr && text[0] != '\0';
 }
 
-bool IsWanted(const struct dirent& entry, const char* includePattern, const char* excludePattern)
+// An absent pattern, which is empty here, is never tried.
+bool IsWanted(const std::string& name, const std::string& includePattern, const std::string& excludePattern)
 {
-    // Deliberate: the entry's own type decides, without a status query; DT_UNKNOWN and symbolic links are not listed.
-    if (entry.d_type != DT_REG) {
+    if (!includePattern.empty() && !LxStringUtils::WildcardedStringMatch(name, includePattern)) {
         return false;
     }
-    if (IsGiven(includePattern) && !LxStringUtils::WildcardedStringMatch(entry.d_name, includePattern)) {
-        return false;
+    return excludePattern.empty() || !LxStringUtils::WildcardedStringMatch(name, excludePattern);
+}
+
+// A name's place in a list, and eight of its bytes as a number: numbers are in the order of their bytes. Where the name
+// ends, zeros stand behind it.
+struct KeyedName {
+    std::uint64_t key;
+    std::list<std::string>::iterator name;
+};
+
+bool operator<(const KeyedName& left, const KeyedName& right)
+{
+    return left.key < right.key;
+}
+
+std::uint64_t KeyOf(const std::string& name, std::size_t start)
+{
+    std::uint64_t key = 0;
+    for (std::size_t i = start; i < start + sizeof key; ++i) {
+        key = (key << 8U) | (i < name.size() ? static_cast<unsigned char>(name[i]) : 0U);
     }
-    return !(IsGiven(excludePattern) && LxStringUtils::WildcardedStringMatch(entry.d_name, excludePattern));
+    return key;
+}
+
+// Sorts names that are equal up to `start` and hold no NUL: by the next eight bytes, then those with equal ones by the
+// bytes behind. Numbers side by side compare much faster than strings all over the heap.
+void SortByKeys(KeyedName* begin, KeyedName* end, std::size_t start)
+{
+    for (KeyedName* each = begin; each != end; ++each) {
+        each->key = KeyOf(*each->name, start);
+    }
+    std::sort(begin, end);
+    while (begin != end) {
+        KeyedName* groupEnd = begin + 1;
+        while (groupEnd != end && groupEnd->key == begin->key) {
+            ++groupEnd;
+        }
+        const bool isNameLeft = (begin->key & 0xffU) != 0;
+        if (isNameLeft && groupEnd - begin > 1) {
+            SortByKeys(begin, groupEnd, start + sizeof begin->key);
+        }
+        begin = groupEnd;
+    }
+}
+
+// Sorts the list, at whose front stand `newNames` file names, each behind the same `prefixBytes` bytes.
+void SortList(std::list<std::string>& fileList, std::size_t newNames, std::size_t prefixBytes)
+{
+    const std::unique_ptr<KeyedName[]> names(new (std::nothrow) KeyedName[newNames]);
+    if (!names) {
+        fileList.sort();  // slower, but it needs no memory
+        return;
+    }
+    std::list<std::string> oldNames;
+    auto next = fileList.begin();
+    for (std::size_t i = 0; i < newNames; ++i) {
+        names[i].name = next++;
+    }
+    oldNames.splice(oldNames.end(), fileList, next, fileList.end());
+    SortByKeys(names.get(), names.get() + newNames, prefixBytes);
+    for (std::size_t i = 0; i < newNames; ++i) {
+        fileList.splice(fileList.end(), fileList, names[i].name);
+    }
+    oldNames.sort();
+    fileList.merge(oldNames);
 }
 
 }  // namespace
@@ -339,7 +404,15 @@ bool GetDirFileList(const char* dirPath, const char* includePattern, const char*
         return false;
     }
     // Deliberate: when memory runs out below, the directory stays open; the list keeps the names it has.
-    const std::size_t dirPathBytes = std::strlen(dirPath);
+    const std::string include(IsGiven(includePattern) ? includePattern : "");
+    const std::string exclude(IsGiven(excludePattern) ? excludePattern : "");
+    std::string path(withDirPath ? dirPath : "");
+    if (withDirPath && path.back() != '/') {
+        path += '/';
+    }
+    const std::size_t prefixBytes = path.size();
+    std::size_t newNames = 0;
+    std::string name;
     for (;;) {
         struct dirent buffer;
         struct dirent* entry;
@@ -353,20 +426,20 @@ bool GetDirFileList(const char* dirPath, const char* includePattern, const char*
         if (entry == nullptr) {
             break;
         }
-        if (!IsWanted(*entry, includePattern, excludePattern)) {
+        // Deliberate: the entry's own type decides, without a status query; DT_UNKNOWN and links are not listed.
+        if (entry->d_type != DT_REG) {
             continue;
         }
-        std::string element;
-        if (withDirPath) {
-            element.assign(dirPath, dirPathBytes);
-            if (dirPath[dirPathBytes - 1] != '/') {
-                element += '/';
-            }
+        name = entry->d_name;
+        if (!IsWanted(name, include, exclude)) {
+            continue;
         }
-        element += entry->d_name;
-        fileList.push_front(element);  // in front: where callers find the new names after a failed read
+        path.resize(prefixBytes);
+        path += name;
+        fileList.push_front(path);  // in front: where callers find the new names after a failed read
+        ++newNames;
     }
-    fileList.sort();
+    SortList(fileList, newNames, prefixBytes);
     (void)closedir(directory);
     return true;
 }
@@ -391,30 +464,44 @@ const char kPageHeader[] =
     "<meta http-equiv=\"refresh\" content=\"10\" > </head><body>";  // reloads every 10 seconds
 const char kPageFooter[] = "</body></html></KPX_PLD>";
 
-void WriteRow(std::ostream& page, const std::string& row)
-{
-    const std::size_t colon = row.find(kHeadSeparator);
-    // Deliberate: without a colon the row is shown twice, as the head cell and, since npos + 1 is 0, as the rest.
-    const std::string rest = row.substr(colon + 1);
-    page << "<tr><td>" << row.substr(0, colon) << "</td>";
-    std::vector<std::string> cells;
-    LxStringUtils::Split(rest, kCellSeparator, cells);
-    for (const std::string& cell : cells) {
-        page << "<td>" << cell << "</td>";
+// Builds the markup of a table, all in one string, for a stream costs more for each piece than the piece. The buffers
+// are members to serve all rows and tables.
+class TableMarkup {
+public:
+    const std::string& Of(const std::string& line)
+    {
+        markup_ = "<table  BORDER=2>";
+        rows_.clear();
+        LxStringUtils::Split(line, kRowTerminator, rows_);
+        for (const std::string& row : rows_) {
+            AddRow(row);
+        }
+        markup_ += "</table>";
+        return markup_;
     }
-    page << "</tr>";
-}
 
-void WriteTable(std::ostream& page, const std::string& line)
-{
-    page << "<table  BORDER=2>";
-    std::vector<std::string> rows;
-    LxStringUtils::Split(line, kRowTerminator, rows);
-    for (const std::string& row : rows) {
-        WriteRow(page, row);
+private:
+    void AddRow(const std::string& row)
+    {
+        const std::size_t colon = row.find(kHeadSeparator);
+        // Deliberate: without a colon the row is shown twice, as the head cell and, since npos + 1 is 0, as the rest.
+        rest_.assign(row, colon + 1, std::string::npos);
+        cells_.clear();
+        LxStringUtils::Split(rest_, kCellSeparator, cells_);
+        markup_ += "<tr><td>";
+        markup_.append(row, 0, colon);
+        for (const std::string& cell : cells_) {
+            markup_ += "</td><td>";
+            markup_ += cell;
+        }
+        markup_ += "</td></tr>";
     }
-    page << "</table>";
-}
+
+    std::string markup_;
+    std::string rest_;  // of a row, behind its head
+    std::vector<std::string> rows_;
+    std::vector<std::string> cells_;
+};
 
 // Deliberate: neither stream is tested. A text file that cannot be read gives an empty page, a full disk a short one.
 void WritePage(const char* textFilePath, const char* tempPagePath)
@@ -422,12 +509,13 @@ void WritePage(const char* textFilePath, const char* tempPagePath)
     std::ifstream text(textFilePath, std::ios::in);
     std::ofstream page(tempPagePath, std::ios::out | std::ios::trunc);
     page << kPageHeader;
+    TableMarkup table;
     std::string line;
     while (std::getline(text, line)) {
         if (line.empty()) {
             page << "<p></p>";
         } else {
-            WriteTable(page, line);
+            page << table.Of(line);
         }
     }
     page << kPageFooter;
@@ -448,15 +536,14 @@ std::string AddTextFileFormattedRow(std::vector<std::string>& cells)
     for (const std::string& cell : cells) {
         rowBytes += cell.size() + 1;
     }
-    std::string row;
-    row.reserve(rowBytes);
-    for (std::size_t i = 0; i < cells.size(); ++i) {
-        row += cells[i];
-        if (i == 0) {  // Deliberate: tested first, so a row of one cell ends in ":" without a ";".
-            row += kHeadSeparator;
-        } else {
-            row += i + 1 == cells.size() ? kRowTerminator : kCellSeparator;
-        }
+    std::string row(rowBytes, kCellSeparator);
+    char* at = &row[0];
+    for (const std::string& cell : cells) {
+        at = std::copy(cell.begin(), cell.end(), at) + 1;
+    }
+    if (!cells.empty()) {
+        row[rowBytes - 1] = kRowTerminator;
+        row[cells[0].size()] = kHeadSeparator;  // Deliberate: last, so a row of one cell ends in ":" without a ";".
     }
     return row;
 }
@@ -477,25 +564,49 @@ void GenHtmlPagefromTextFile(const char* textFilePath, const char* pagePath)
 
 namespace {
 
-// Stores the entry of a trimmed, non-empty line. False when its name cannot be extracted, which takes memory
-// exhaustion: a non-empty line yields at least one byte.
-bool StoreEntry(const std::string& line, char delimiter, std::map<std::string, std::string>& nameValues)
-{
-    std::istringstream entry(line);
-    std::string name;
-    if (!std::getline(entry, name, delimiter)) {
-        return false;
+// Stores the entries of lines in a map. The stream serves all lines, for it costs more to build than a line to read.
+class EntryReader {
+public:
+    explicit EntryReader(std::map<std::string, std::string>& nameValues) : nameValues_(nameValues)
+    {
     }
-    LxStringUtils::Trim(name);
-    std::string value;
-    if (std::getline(entry, value)) {
-        LxStringUtils::Trim(value);
-    } else {
-        value.clear();  // nothing behind the delimiter, or none: an empty value, whatever a failed extraction left
+
+    // Takes a trimmed, non-empty line. False when its name cannot be extracted, which takes memory exhaustion: such a
+    // line yields at least one byte.
+    bool Store(const std::string& line, char delimiter)
+    {
+        entry_.clear();
+        entry_.str(line);
+        if (!std::getline(entry_, name_, delimiter)) {
+            return false;
+        }
+        LxStringUtils::Trim(name_);
+        if (std::getline(entry_, value_)) {
+            LxStringUtils::Trim(value_);
+        } else {
+            value_.clear();  // nothing behind the delimiter, or none: an empty value, whatever the extraction left
+        }
+        Assign();
+        return true;
     }
-    nameValues[name] = value;
-    return true;
-}
+
+private:
+    // Does what nameValues_[name_] = value_ does, but names that come sorted need no search.
+    void Assign()
+    {
+        const bool isLast = nameValues_.empty() || nameValues_.rbegin()->first < name_;
+        auto place = isLast ? nameValues_.end() : nameValues_.lower_bound(name_);
+        if (isLast || name_ < place->first) {
+            place = nameValues_.emplace_hint(place, name_, std::string());
+        }
+        place->second = value_;
+    }
+
+    std::map<std::string, std::string>& nameValues_;
+    std::istringstream entry_;
+    std::string name_;
+    std::string value_;
+};
 
 }  // namespace
 
@@ -507,6 +618,7 @@ bool ReadNameValueFromFile(const std::string& filePath, std::map<std::string, st
         LOG_FAILURE("%s: Unable to open file \"%s\"", kReadNameValue, filePath.c_str());
         return false;
     }
+    EntryReader entries(nameValues);
     int lineNumber = 0;
     std::string line;
     while (std::getline(file, line)) {  // Deliberate: a read error ends the file like its end does.
@@ -515,7 +627,7 @@ bool ReadNameValueFromFile(const std::string& filePath, std::map<std::string, st
         if (line.empty() || (!commentPrefix.empty() && LxStringUtils::StartsWith(line, commentPrefix))) {
             continue;
         }
-        if (!StoreEntry(line, delimiter, nameValues)) {
+        if (!entries.Store(line, delimiter)) {
             LOG_FAILURE("%s: Error processing line %d in file \"%s\".  No delimiter '%c' found.", kReadNameValue,
                         lineNumber, filePath.c_str(), delimiter);
             return false;

@@ -20,6 +20,7 @@
 
 using orv_fileutils::GetDirFileList;
 using ::testing::ElementsAre;
+using ::testing::ElementsAreArray;
 using ::testing::IsEmpty;
 
 namespace {
@@ -349,6 +350,34 @@ TEST_F(DirListTest, NamesAreSortedByUnsignedByteValue)
     EXPECT_TRUE(List(dir_.Path()));
 
     EXPECT_THAT(names_, ElementsAre("\x01", "10", "9", "A", "B.txt", "a", "a.txt", "z", "\x7f", "\x80", "\xff"));
+}
+
+// Names that are equal for up to 249 bytes, and names that end where others go on.
+TEST_F(DirListTest, NamesThatBeginAlikeAreSorted)
+{
+    std::vector<std::string> names;
+    for (std::size_t bytes = 1; bytes < 250; ++bytes) {
+        const std::string same(bytes, 'm');
+        names.insert(names.end(), {same, same + "\x80", same + "\xff.x", same + "\x01", same + "az", same + "b"});
+    }
+    WriteAll(names);
+    std::sort(names.begin(), names.end());
+
+    EXPECT_TRUE(List(dir_.Path()));
+
+    EXPECT_THAT(names_, ElementsAreArray(names));
+}
+
+TEST_F(DirListTest, OldElementsThatHoldANulOrAMegabyteAreSortedIn)
+{
+    using std::string_literals::operator""s;
+    WriteAll({"b", "bb"});
+    const std::string megabyte(1024UL * 1024, 'b');
+    names_ = {megabyte, "b\0\0"s, megabyte, "c", "b\0"s, ""};
+
+    EXPECT_TRUE(Add(dir_.Path()));
+
+    EXPECT_THAT(names_, ElementsAre("", "b", "b\0"s, "b\0\0"s, "bb", megabyte, megabyte, "c"));
 }
 
 TEST_F(DirListTest, OldElementsAreSortedInWithTheNewAndEqualOnesKept)
