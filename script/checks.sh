@@ -9,6 +9,8 @@ suite_packages=(cmake ninja-build g++ clang libgtest-dev libgmock-dev python3 bi
 # shellcheck disable=SC2034
 campaign_packages=(manpages-dev e2fsprogs xfsprogs btrfs-progs squashfs-tools erofs-utils libfuse3-dev pkg-config
     clang-19 llvm-19 libclang-rt-19-dev libclang-rt-14-dev python3-clang-19)
+# shellcheck disable=SC2034
+bench_packages=(libbenchmark-dev pkg-config libabsl-dev libboost-filesystem-dev libglib2.0-dev libinih-dev valgrind)
 
 passed=0
 failed=0
