@@ -350,7 +350,7 @@ void SortByKeys(KeyedName* begin, KeyedName* end, std::size_t start)
     }
     std::sort(begin, end);
     while (begin != end) {
-        KeyedName* groupEnd = begin + 1;
+        KeyedName* groupEnd = begin;
         while (groupEnd != end && groupEnd->key == begin->key) {
             ++groupEnd;
         }

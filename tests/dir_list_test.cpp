@@ -13,6 +13,7 @@
 #include <algorithm>
 #include <cerrno>
 #include <cstring>
+#include <filesystem>
 #include <list>
 #include <string>
 #include <thread>
@@ -94,6 +95,17 @@ protected:
     {
         for (int i = 0; i < 50; ++i) {
             dir_.Write("file" + std::to_string(10 + i * 37 % 50), "");
+        }
+    }
+
+    // Has the kernel give the entries of a directory that is being read once more.
+    static void Rewind(const std::string& path)
+    {
+        for (const std::string& number : OpenDescriptors()) {
+            std::error_code ignored;
+            if (std::filesystem::read_symlink("/proc/self/fd/" + number, ignored) == path) {
+                EXPECT_EQ(0, lseek(std::stoi(number), 0, SEEK_SET));
+            }
         }
     }
 
@@ -362,6 +374,42 @@ TEST_F(DirListTest, NamesThatBeginAlikeAreSorted)
     }
     WriteAll(names);
     std::sort(names.begin(), names.end());
+
+    EXPECT_TRUE(List(dir_.Path()));
+
+    EXPECT_THAT(names_, ElementsAreArray(names));
+}
+
+TEST_F(DirListTest, TwoNamesThatBeginAlikeAreSortedWhicheverIsReadFirst)
+{
+    WriteAll({"eight by1", "eight by2", "EIGHT BY2", "EIGHT BY1", "seven b\x01z", "seven b\x01y", "SEVEN B\x01Y",
+              "SEVEN B\x01Z"});
+
+    EXPECT_TRUE(List(dir_.Path()));
+
+    EXPECT_THAT(names_, ElementsAre("EIGHT BY1", "EIGHT BY2", "SEVEN B\x01Y", "SEVEN B\x01Z", "eight by1", "eight by2",
+                                    "seven b\x01y", "seven b\x01z"));
+}
+
+// As can happen while others change the directory.
+TEST_F(DirListTest, NamesThatAreReadTwiceAreListedTwice)
+{
+    WriteAll({"a", "a name of more than sixteen bytes", "b"});
+    const ScopedAction atTheEnd(Call::kReaddir, /*nth=*/2 + 3 + 1, [&] { Rewind(dir_.Path()); });
+
+    EXPECT_TRUE(List(dir_.Path()));
+
+    EXPECT_THAT(names_, ElementsAre("a", "a", "a name of more than sixteen bytes", "a name of more than sixteen bytes",
+                                    "b", "b"));
+}
+
+TEST_F(DirListTest, NamesThatAllBeginAlikeAreSorted)
+{
+    std::vector<std::string> names;
+    for (int i = 100; i < 300; ++i) {
+        names.push_back("the same eight bytes " + std::to_string(i));
+    }
+    WriteAll({names.rbegin(), names.rend()});
 
     EXPECT_TRUE(List(dir_.Path()));
 

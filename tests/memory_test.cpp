@@ -327,9 +327,10 @@ class ListingExhaustionTest : public MemoryExhaustionTest {
 protected:
     ListingExhaustionTest()
     {
-        for (int i = 0; i < 5; ++i) {
-            expected_.push_back(dir_.Write("a name too long for the string object itself " + std::to_string(i), ""));
+        for (const char* const last : {"0", "3", "1", "4", "2"}) {  // not in order, whichever way they are read
+            expected_.push_back(dir_.Write(std::string("a name too long for the string object itself ") + last, ""));
         }
+        expected_.sort();
     }
 
     Outcomes SweepListing(Failing failing, bool clearList)
