@@ -1,6 +1,7 @@
 // SIGKILL before and after every system call of a move across file systems and of a page, and at random times. What is
-// left must be the old or the new, never a part, and the same call again must complete. ORV_FULL in the environment
-// makes the random kills 10,000 and adds a file of 1 MiB.
+// left must be the old or the new, never a part, and the same call again must complete. Also at every call of what
+// makes directories, copies in place and only reads. ORV_FULL in the environment makes the random kills 10,000 and adds
+// a file of 1 MiB.
 
 #include "LxFileUtils.h"
 #include "support/tracer.h"
@@ -17,6 +18,7 @@
 #include <cstdlib>
 #include <filesystem>
 #include <functional>
+#include <map>
 #include <string>
 #include <vector>
 
@@ -273,6 +275,179 @@ TEST_F(KillTest, APageKilledAtAnyCallIsOldOrNewAndCanBeRepeated)
 
     EXPECT_LE(100, kills_);
     std::printf("campaign: kill, pages: %d runs, %d faults\n", runs_, kills_);
+}
+
+// ---- What makes directories
+
+using Modes = std::map<std::string, mode_t>;  // type and mode of each object, by its path
+
+Modes ModesBelow(const std::string& directory)
+{
+    Modes modes;
+    for (const auto& entry : std::filesystem::recursive_directory_iterator(directory)) {
+        modes[entry.path()] = StatusOf(entry.path()).st_mode;
+    }
+    return modes;
+}
+
+constexpr mode_t kMode = 0731;
+constexpr mode_t kMask = 0012;
+constexpr mode_t kOldMode = 0700;
+
+// The ways to make directories.
+struct Maker {
+    const char* name;
+    bool (*make)(const std::string& path);
+    bool setsMode;
+    std::size_t linesOfARefusal;
+};
+
+const Maker kMakers[] = {
+    {"worker", [](const std::string& path) { return orv_fileutils::DoMakeDirPath(path.c_str(), kMode); }, false, 1},
+    {"entry point", [](const std::string& path) { return orv_fileutils::MakeDirPath(path.c_str(), kMode, false); },
+     false, 2},
+    {"entry point with mode",
+     [](const std::string& path) { return orv_fileutils::MakeDirPath(path.c_str(), kMode, true); }, true, 2},
+};
+
+// A directory with something in it to keep, in which the levels of a path are made.
+class KillDirectoriesTest : public KillTest {
+protected:
+    KillDirectoriesTest() : maskBefore_(umask(kMask))
+    {
+        for (const char* const name : {"a", "b", "c", "d"}) {
+            levels_.push_back((levels_.empty() ? base_ : levels_.back()) + "/" + name);
+        }
+    }
+    ~KillDirectoriesTest() override
+    {
+        (void)umask(maskBefore_);
+    }
+
+    void KillDirectories(const Maker& maker, const std::string& path, std::size_t standing);
+    void KillRefusals(const Maker& maker, const std::string& path);
+
+    const std::string base_ = dir_ / "base";
+    std::vector<std::string> levels_;  // below base_
+    int halfway_ = 0;                  // kills that left a part of the path
+    int finished_ = 0;                 // kills that left all of it with the mode that chmod gave
+
+private:
+    Modes Arrange(std::size_t standing) const;
+    void CheckKilled(const Modes& before, const TracedRun& run);
+
+    mode_t maskBefore_;
+};
+
+// The first `standing` levels are there, and a file that is in nobody's way.
+Modes KillDirectoriesTest::Arrange(std::size_t standing) const
+{
+    std::filesystem::remove_all(base_);
+    EXPECT_EQ(0, mkdir(base_.c_str(), kOldMode));
+    WriteFile(base_ + "/bystander", kOld);
+    for (std::size_t level = 0; level < standing; ++level) {
+        EXPECT_EQ(0, mkdir(levels_[level].c_str(), kOldMode));
+    }
+    return ModesBelow(dir_.Path());
+}
+
+// What is there beyond `before` must be a chain of levels without a gap.
+void KillDirectoriesTest::CheckKilled(const Modes& before, const TracedRun& run)
+{
+    const Modes after = ModesBelow(dir_.Path());
+    Modes expected = before;
+    for (const std::string& level : levels_) {
+        if (after.count(level) == 0) {
+            break;
+        }
+        expected.emplace(level, S_IFDIR | (kMode & ~kMask));
+    }
+    const std::string& path = levels_.back();
+    if (run.calls.back().name == "chmod" && after.count(path) != 0 && after.at(path) == (S_IFDIR | kMode)) {
+        expected[path] = S_IFDIR | kMode;
+        ++finished_;
+    }
+    EXPECT_EQ(expected, after);
+    halfway_ += after.size() > before.size() && after.count(path) == 0 ? 1 : 0;
+}
+
+void KillDirectoriesTest::KillDirectories(const Maker& maker, const std::string& path, std::size_t standing)
+{
+    const int runsBefore = runs_;
+    Modes before;
+    KillEverywhere([&] { before = Arrange(standing); },
+                   [&] {
+                       return Answer{maker.make(path) ? "true" : "false", {}};
+                   },
+                   [&](const TracedRun& run) {
+                       CheckKilled(before, run);
+
+                       EXPECT_TRUE(maker.make(path));
+
+                       EXPECT_EQ(0U, TakeDlogCalls().size());
+                       Modes expected = before;
+                       for (const std::string& level : levels_) {
+                           expected.emplace(level, S_IFDIR | (kMode & ~kMask));
+                       }
+                       if (maker.setsMode) {
+                           expected[levels_.back()] = S_IFDIR | kMode;
+                       }
+                       EXPECT_EQ(expected, ModesBelow(dir_.Path()));
+                   },
+                   runs_, kills_);
+    std::printf("scenario: kill, %s, %zu directories of %zu: %d runs, %d faults\n", maker.name,
+                levels_.size() - standing, levels_.size(), runs_ - runsBefore, runs_ - runsBefore);
+}
+
+// A path that may not be made: neither the killed call nor the next one makes any of it.
+void KillDirectoriesTest::KillRefusals(const Maker& maker, const std::string& path)
+{
+    const Modes before = ModesBelow(dir_.Path());
+    const std::string top = path.substr(0, path.find('/', 1));
+    ASSERT_FALSE(Exists(top)) << top;
+    KillEverywhere([] {},
+                   [&] {
+                       return Answer{maker.make(path) ? "true" : "false", {}};
+                   },
+                   [&](const TracedRun&) {
+                       EXPECT_FALSE(Exists(top));
+
+                       EXPECT_FALSE(maker.make(path));
+
+                       EXPECT_EQ(maker.linesOfARefusal, TakeDlogCalls().size());
+                       EXPECT_FALSE(Exists(top));
+                       EXPECT_EQ(before, ModesBelow(dir_.Path()));
+                   },
+                   runs_, kills_);
+}
+
+TEST_F(KillDirectoriesTest, APathKilledAtAnyCallIsAChainFromTheTopAndCanBeRepeated)
+{
+    for (const Maker& maker : kMakers) {
+        for (const char* const end : {"", "/"}) {
+            for (std::size_t standing = 0; standing <= levels_.size(); ++standing) {
+                SCOPED_TRACE(maker.name + (", " + std::to_string(standing)) + " directories stand, the path ends in '" +
+                             end + "'");
+                KillDirectories(maker, levels_.back() + end, standing);
+            }
+        }
+    }
+    const std::string inRoot = "/orv_kill_test." + std::to_string(getpid());
+    const std::filesystem::path here = std::filesystem::current_path();
+    std::filesystem::current_path(dir_.Path());
+    for (const Maker& maker : kMakers) {
+        for (const char* const path : {"/x/y", "/x/y/z"}) {
+            SCOPED_TRACE(path);
+            KillRefusals(maker, inRoot + path);
+            KillRefusals(maker, path + 1);
+        }
+    }
+    std::filesystem::current_path(here);
+
+    EXPECT_LE(300, kills_);
+    EXPECT_LE(60, halfway_);
+    EXPECT_LE(10, finished_);
+    std::printf("campaign: kill, directories: %d runs, %d faults, %d halfway\n", runs_, kills_, halfway_);
 }
 
 // ---- Kills at random times
