@@ -18,6 +18,7 @@
 #include <cstdlib>
 #include <filesystem>
 #include <functional>
+#include <list>
 #include <map>
 #include <string>
 #include <vector>
@@ -448,6 +449,147 @@ TEST_F(KillDirectoriesTest, APathKilledAtAnyCallIsAChainFromTheTopAndCanBeRepeat
     EXPECT_LE(60, halfway_);
     EXPECT_LE(10, finished_);
     std::printf("campaign: kill, directories: %d runs, %d faults, %d halfway\n", runs_, kills_, halfway_);
+}
+
+// ---- What copies in place, and what only reads
+
+// All of a file that a call may change; not the time of its last reading.
+struct FileState {
+    ino_t inode;
+    mode_t mode;
+    nlink_t links;
+    std::string bytes;
+    time_t seconds;
+    long nanoseconds;
+
+    bool operator==(const FileState& other) const
+    {
+        return inode == other.inode && mode == other.mode && links == other.links && bytes == other.bytes &&
+               seconds == other.seconds && nanoseconds == other.nanoseconds;
+    }
+};
+
+FileState StateOf(const std::string& path)
+{
+    const struct stat status = StatusOf(path);
+    return {status.st_ino,  status.st_mode,        status.st_nlink,
+            ReadFile(path), status.st_mtim.tv_sec, status.st_mtim.tv_nsec};
+}
+
+class KillCopyTest : public KillTest {
+protected:
+    void KillCopies(const std::string& bytes, const std::string* old);
+    void CheckKilledCopy(const std::string& bytes, const std::string* old, ino_t inode);
+
+    int touched_ = 0;  // kills that left the destination neither as it was nor whole
+};
+
+// The destination is as it was, or it holds a beginning of the source: in the old file, or in a new one.
+void KillCopyTest::CheckKilledCopy(const std::string& bytes, const std::string* old, ino_t inode)
+{
+    if (!Exists(destination_)) {
+        EXPECT_EQ(nullptr, old);
+        return;
+    }
+    const std::string copied = ReadFile(destination_);
+    const bool isOld = old != nullptr && copied == *old;
+    EXPECT_TRUE(isOld || copied == bytes.substr(0, copied.size())) << copied.size() << " bytes";
+    EXPECT_EQ(old != nullptr ? kOldMode : 0666U & ~kMask, ModeOf(destination_));
+    EXPECT_TRUE(old == nullptr || StatusOf(destination_).st_ino == inode);
+    touched_ += !isOld && copied != bytes ? 1 : 0;
+}
+
+void KillCopyTest::KillCopies(const std::string& bytes, const std::string* old)
+{
+    const int runsBefore = runs_;
+    WriteFile(source_, bytes);
+    const FileState source = StateOf(source_);
+    ino_t inode = 0;
+    KillEverywhere(
+        [&] {
+            (void)unlink(destination_.c_str());
+            if (old != nullptr) {
+                inode = StatusOf(other_.Write("destination", *old, kOldMode)).st_ino;
+            }
+        },
+        [&] {
+            return Answer{std::to_string(orv_fileutils::CopyFile(source_, destination_)), {}};
+        },
+        [&](const TracedRun&) {
+            CheckKilledCopy(bytes, old, inode);
+            EXPECT_TRUE(source == StateOf(source_));
+
+            EXPECT_EQ(0, orv_fileutils::CopyFile(source_, destination_));
+
+            EXPECT_EQ(0U, TakeDlogCalls().size());
+            EXPECT_EQ(bytes, ReadFile(destination_));
+            EXPECT_EQ(old != nullptr ? kOldMode : 0666U & ~kMask, ModeOf(destination_));
+            EXPECT_TRUE(source == StateOf(source_));
+            EXPECT_EQ(std::vector<std::string>{"source"}, dir_.Names());
+            EXPECT_EQ(std::vector<std::string>{"destination"}, other_.Names());
+        },
+        runs_, kills_);
+    std::printf("scenario: kill, copy of %zu bytes over %s: %d runs, %d faults\n", bytes.size(),
+                old == nullptr ? "nothing" : (std::to_string(old->size()) + " bytes").c_str(), runs_ - runsBefore,
+                runs_ - runsBefore);
+}
+
+TEST_F(KillCopyTest, ACopyKilledAtAnyCallLeavesABeginningAndTheSourceAndCanBeRepeated)
+{
+    const mode_t maskBefore = umask(kMask);
+    const std::string shortOne = kOld;
+    const std::string longOne(100000, 'o');
+    for (const std::size_t bytes : {0U, 1U, 4095U, 8191U, 8192U, 100000U}) {
+        for (const std::string* const old : {static_cast<const std::string*>(nullptr), &shortOne, &longOne}) {
+            SCOPED_TRACE(bytes);
+            KillCopies(BytesOfLength(bytes), old);
+        }
+    }
+    (void)umask(maskBefore);
+
+    EXPECT_LE(300, kills_);
+    EXPECT_LE(60, touched_);
+    std::printf("campaign: kill, copies: %d runs, %d faults, %d halfway\n", runs_, kills_, touched_);
+}
+
+TEST_F(KillTest, AFunctionThatOnlyReadsChangesNothingWhereverItIsKilled)
+{
+    WriteFile(source_, "name = value\n" + std::string(20000, 'x') + " = y\n");
+    ASSERT_EQ(0, mkdir((dir_ / "directory").c_str(), kOldMode));
+    const FileState file = StateOf(source_);
+    const Modes before = ModesBelow(dir_.Path());
+    const auto exists = [this] { return orv_fileutils::FileExists(source_.c_str()); };
+    const auto lists = [this] {
+        std::list<std::string> names;
+        return orv_fileutils::GetDirFileList(dir_.Path().c_str(), "s*", nullptr, names, false, true, true) &&
+               names == std::list<std::string>{"source"};
+    };
+    const auto reads = [this] {
+        std::map<std::string, std::string> values;
+        return orv_fileutils::ReadNameValueFromFile(source_, values, '=', "#") && values.size() == 2;
+    };
+
+    for (const std::function<bool()>& call :
+         {std::function<bool()>(exists), std::function<bool()>(lists), std::function<bool()>(reads)}) {
+        KillEverywhere([] {},
+                       [&] {
+                           return Answer{call() ? "true" : "false", {}};
+                       },
+                       [&](const TracedRun&) {
+                           EXPECT_TRUE(file == StateOf(source_));
+                           EXPECT_EQ(before, ModesBelow(dir_.Path()));
+
+                           EXPECT_TRUE(call());
+
+                           EXPECT_EQ(0U, TakeDlogCalls().size());
+                           EXPECT_TRUE(file == StateOf(source_));
+                           EXPECT_EQ(before, ModesBelow(dir_.Path()));
+                       },
+                       runs_, kills_);
+    }
+
+    EXPECT_LE(20, kills_);
+    std::printf("campaign: kill, readers: %d runs, %d faults\n", runs_, kills_);
 }
 
 // ---- Kills at random times
