@@ -12,11 +12,13 @@
 
 #include <atomic>
 #include <cerrno>
+#include <cstring>
 #include <fstream>
 #include <functional>
 #include <sstream>
 #include <string>
 #include <thread>
+#include <tuple>
 #include <vector>
 
 using orv_fileutils::AddTextFileFormattedRow;
@@ -730,17 +732,139 @@ TEST_P(PagePlaceTest, IsANewFileSoThatReadersKeepTheOldOne)
     EXPECT_EQ((Names{"page", "text"}), Place().Names());
 }
 
-TEST_P(PagePlaceTest, ReplacesALinkAndNotItsTarget)
+// What may stand at the page's path and gives way to it. Beside it stand a file, a directory and the text file.
+struct Occupant {
+    std::string name;
+    std::function<int(const std::string& page, const TempDir& place)> make;
+};
+
+int MakeNothing(const std::string&, const TempDir&)
 {
-    const std::string target = Place().Write("target", "old");
-    const std::string page = Place() / "page";
-    ASSERT_EQ(0, symlink("target", page.c_str()));
+    return 0;
+}
 
-    Generate("/dev/null", page);
+int MakeFile(const std::string& page, const TempDir&)
+{
+    return close(creat(page.c_str(), 0400));
+}
 
-    EXPECT_TRUE(S_ISREG(StatusOf(page).st_mode));
-    EXPECT_EQ(Page(""), ReadFile(page));
-    EXPECT_EQ("old", ReadFile(target));
+int MakeFifo(const std::string& page, const TempDir&)
+{
+    return mkfifo(page.c_str(), 0600);
+}
+
+std::function<int(const std::string&, const TempDir&)> LinkTo(const std::string& target)
+{
+    return [target](const std::string& page, const TempDir&) { return symlink(target.c_str(), page.c_str()); };
+}
+
+std::function<int(const std::string&, const TempDir&)> HardLinkOf(const std::string& name)
+{
+    return [name](const std::string& page, const TempDir& place) { return link((place / name).c_str(), page.c_str()); };
+}
+
+class PageOccupantTest : public HtmlPageTest,
+                         public ::testing::WithParamInterface<std::tuple<Occupant, /*same file system*/ bool>> {};
+
+INSTANTIATE_TEST_SUITE_P(Occupants, PageOccupantTest,
+                         ::testing::Combine(::testing::Values(Occupant{"Nothing", MakeNothing},
+                                                              Occupant{"File", MakeFile}, Occupant{"Fifo", MakeFifo},
+                                                              Occupant{"LinkToAFile", LinkTo("file")},
+                                                              Occupant{"LinkToTheText", LinkTo("text")},
+                                                              Occupant{"LinkToADirectory", LinkTo("directory")},
+                                                              Occupant{"DanglingLink", LinkTo("missing")},
+                                                              Occupant{"LinkToItself", LinkTo("page")},
+                                                              Occupant{"HardLinkOfAFile", HardLinkOf("file")},
+                                                              Occupant{"HardLinkOfTheText", HardLinkOf("text")}),
+                                            ::testing::Bool()),
+                         [](const auto& occupant) {
+                             return std::get<0>(occupant.param).name +
+                                    (std::get<1>(occupant.param) ? "OnTheSameFileSystem" : "OnAnotherFileSystem");
+                         });
+
+TEST_P(PageOccupantTest, IsReplacedByANewFileAndNothingElseChanges)
+{
+    const TempDir& place = std::get<1>(GetParam()) ? dir_ : other_;
+    const std::string text = place.Write("text", "A:1;\n");
+    const std::string file = place.Write("file", "old", 0640);
+    const std::string page = place / "page";
+    ASSERT_EQ(0, mkdir((place / "directory").c_str(), 0755));
+    const ino_t inodes[] = {StatusOf(text).st_ino, StatusOf(file).st_ino};
+    ASSERT_EQ(0, std::get<0>(GetParam()).make(page, place)) << std::strerror(errno);
+    const Umask mask(027);
+
+    Generate(text, page);
+
+    const struct stat status = StatusOf(page);
+    EXPECT_EQ(Page(Table("A", "1")), ReadFile(page));
+    EXPECT_EQ(S_IFREG | 0640U, status.st_mode);
+    EXPECT_EQ(1U, status.st_nlink);
+    EXPECT_EQ((Names{"directory", "file", "page", "text"}), place.Names());
+    EXPECT_EQ(Names{}, NamesIn(place / "directory"));
+    EXPECT_EQ("A:1;\n", ReadFile(text));
+    EXPECT_EQ("old", ReadFile(file));
+    EXPECT_EQ(inodes[0], StatusOf(text).st_ino);
+    EXPECT_EQ(inodes[1], StatusOf(file).st_ino);
+    EXPECT_EQ(1U, StatusOf(text).st_nlink);
+    EXPECT_EQ(1U, StatusOf(file).st_nlink);
+    EXPECT_FALSE(Exists(TemporaryPage()));
+    ExpectReports({});
+}
+
+// The two lines of a move to another file system that failed at its temporary copy, whose name is its own.
+void ExpectFailedCopy(const std::string& format, const std::string& pattern, const std::string& page)
+{
+    const std::vector<DlogCall> calls = TakeDlogCalls();
+    ASSERT_EQ(2U, calls.size());
+    EXPECT_EQ(format, calls[0].format);
+    EXPECT_THAT(calls[0].text, ::testing::MatchesRegex("RenameFileAcrossFs: " + pattern));
+    EXPECT_EQ(messages::kPageMove, calls[1].format);
+    EXPECT_EQ("GenHtmlPagefromTextFile: RenameFileAcrossFs(" + TemporaryPage() + ", " + page + ") failed.",
+              calls[1].text);
+}
+
+TEST_F(HtmlPageTest, LeavesADirectoryAtThePagePathOnAnotherFileSystem)
+{
+    const std::string text = dir_.Write("text", "A:1;\n");
+    const std::string page = other_ / "page";
+    ASSERT_EQ(0, mkdir(page.c_str(), 0755));
+    WriteFile(page + "/file", "old");
+
+    Generate(text, page);
+
+    ExpectFailedCopy(messages::kRenameRename, "rename\\(" + page + "_......, " + page + "\\) failed \\(21\\)\\.", page);
+    EXPECT_EQ(Page(Table("A", "1")), TakeTemporaryPage());
+    EXPECT_EQ(Names{"page"}, other_.Names());
+    EXPECT_EQ(Names{"file"}, NamesIn(page));
+    EXPECT_EQ("old", ReadFile(page + "/file"));
+}
+
+// A directory that its user may read but not write, with a page in it that he might write: a page is never written in
+// place.
+TEST_P(PagePlaceTest, LeavesAPageInADirectoryThatTheCallerMayNotWrite)
+{
+    const std::string text = Place().Write("text", "A:1;\n");
+    const std::string directory = Place() / "closed";
+    const std::string page = directory + "/page";
+    ASSERT_EQ(0, mkdir(directory.c_str(), 0755));
+    WriteFile(page, "old");
+    ASSERT_EQ(0, chmod(page.c_str(), 0666));
+    ASSERT_EQ(0, chmod(directory.c_str(), 0555));
+
+    RunAsNobody([&] {
+        Generate(text, page);
+
+        if (GetParam()) {
+            ExpectFailedMove(messages::kRenameRename, "rename(" + TemporaryPage() + ", " + page + ")", EACCES, page);
+        } else {
+            ExpectFailedCopy(messages::kRenameMkstemp, "mkstemp\\(" + page + "_......\\) failed \\(13\\)\\.", page);
+        }
+        EXPECT_EQ(Page(Table("A", "1")), TakeTemporaryPage());
+    });
+    EXPECT_EQ(Names{"page"}, NamesIn(directory));
+    EXPECT_EQ("old", ReadFile(page));
+    EXPECT_EQ(0666U, ModeOf(page));
+    ASSERT_EQ(0, chmod(directory.c_str(), 0755));  // so that it can be removed without being root
 }
 
 TEST_P(PagePlaceTest, ReadersSeeWholePagesWhileItIsReplaced)
