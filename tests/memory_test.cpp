@@ -1,6 +1,7 @@
 // What must not allocate, and what happens when memory runs out.
 #include "LxFileUtils.h"
 #include "LxStringUtils.h"
+#include "support/cases.h"
 #include "support/faults.h"
 #include "support/heap.h"
 #include "support/messages.h"
@@ -10,6 +11,8 @@
 
 #include <algorithm>
 #include <cerrno>
+#include <cstdlib>
+#include <cstring>
 #include <filesystem>
 #include <functional>
 #include <iterator>
@@ -101,6 +104,85 @@ TEST_F(MemoryTest, DoMakeDirPathReportsThatItsWorkingCopyCannotBeAllocated)
     ExpectReports({{messages::kWorkerMalloc, "DoMakeDirPath: malloc failure (dirCopy)"}});
     EXPECT_EQ(std::vector<std::string>{}, dir_.Names());
 }
+
+// ---- The faults themselves
+
+struct Allocator {
+    std::string name;
+    bool (*allocates)();  // and releases; false when there was no memory
+};
+
+bool Releases(void* block)
+{
+    std::free(block);
+    return block != nullptr;
+}
+
+bool AllocatesByRealloc()
+{
+    void* volatile none = nullptr;  // if the compiler knew that, it would call malloc
+    return Releases(std::realloc(none, 100));
+}
+
+bool AllocatesByNew()
+{
+    try {
+        ::operator delete(::operator new(100));
+        return true;
+    } catch (const std::bad_alloc&) {
+        return false;
+    }
+}
+
+bool AllocatesByNewThatDoesNotThrow()
+{
+    void* const block = ::operator new(100, std::nothrow);
+    ::operator delete(block);
+    return block != nullptr;
+}
+
+bool AllocatesInTheCLibrary()
+{
+    return Releases(strdup("abc"));
+}
+
+class AllocationFaultTest : public OrvTest, public ::testing::WithParamInterface<Allocator> {};
+
+TEST_P(AllocationFaultTest, FailsTheOneThatWasAskedForAndOnRequestAllThatFollow)
+{
+    const auto allocates = GetParam().allocates;
+    for (const Failing failing : {Failing::kOnce, Failing::kFromThereOn}) {
+        const ScopedHeapCount heap;
+        bool allocated[4];
+        bool fired[4];
+        int error = 0;
+        {
+            const ScopedAllocationFault fault(3, failing);
+            for (int i = 0; i < 4; ++i) {
+                errno = 0;
+                allocated[i] = allocates();
+                error = allocated[i] ? error : errno;
+                fired[i] = fault.Fired();
+            }
+        }
+        const bool allocatedAfterwards = allocates();
+        const int allocations = heap.Allocations();
+
+        EXPECT_THAT(allocated, ::testing::ElementsAre(true, true, false, failing == Failing::kOnce));
+        EXPECT_THAT(fired, ::testing::ElementsAre(false, false, true, true));
+        EXPECT_EQ(ENOMEM, error);
+        EXPECT_TRUE(allocatedAfterwards);
+        EXPECT_LE(5, allocations);  // an exception is allocated, too
+    }
+}
+
+INSTANTIATE_TEST_SUITE_P(Allocators, AllocationFaultTest,
+                         ::testing::Values(Allocator{"malloc", [] { return Releases(std::malloc(100)); }},
+                                           Allocator{"calloc", [] { return Releases(std::calloc(10, 10)); }},
+                                           Allocator{"realloc", AllocatesByRealloc}, Allocator{"new", AllocatesByNew},
+                                           Allocator{"newThatDoesNotThrow", AllocatesByNewThatDoesNotThrow},
+                                           Allocator{"strdup", AllocatesInTheCLibrary}),
+                         CaseName<Allocator>);
 
 // ---- Memory exhaustion at every allocation in turn
 

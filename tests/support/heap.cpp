@@ -22,6 +22,20 @@ bool Fails()
     return true;
 }
 
+// Counts an allocation; true, with errno set, when it is to fail.
+bool IsToFail()
+{
+    if (IsCapturingDlogCall()) {
+        return false;
+    }
+    ++allocations;
+    if (!Fails()) {
+        return false;
+    }
+    errno = ENOMEM;
+    return true;
+}
+
 }  // namespace
 
 ScopedHeapCount::ScopedHeapCount()
@@ -55,18 +69,24 @@ bool ScopedAllocationFault::Fired() const
 
 extern "C" {
 
-void* __libc_malloc(std::size_t bytes);  // the C library's malloc under its other name
+// The C library's functions under their other names.
+void* __libc_malloc(std::size_t bytes);
+void* __libc_calloc(std::size_t count, std::size_t bytes);
+void* __libc_realloc(void* block, std::size_t bytes);
 
 void* malloc(std::size_t bytes)
 {
-    if (!IsCapturingDlogCall()) {
-        ++allocations;
-        if (Fails()) {
-            errno = ENOMEM;
-            return nullptr;
-        }
-    }
-    return __libc_malloc(bytes);
+    return IsToFail() ? nullptr : __libc_malloc(bytes);
+}
+
+void* calloc(std::size_t count, std::size_t bytes)
+{
+    return IsToFail() ? nullptr : __libc_calloc(count, bytes);
+}
+
+void* realloc(void* block, std::size_t bytes)
+{
+    return IsToFail() ? nullptr : __libc_realloc(block, bytes);
 }
 
 }  // extern "C"

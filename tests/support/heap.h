@@ -1,11 +1,12 @@
-// Counts and fails allocations of the calling thread. The program that links this replaces malloc, which operator new
-// and the C library call too; so it is for programs that run without a sanitizer, which replaces malloc itself.
+// Counts and fails allocations of the calling thread. The program that links this replaces malloc, calloc and realloc,
+// which operator new and the C library call too; so it is for programs that run without a sanitizer, which replaces them
+// itself.
 #ifndef ORV_TESTS_HEAP_H
 #define ORV_TESTS_HEAP_H
 
 // The allocations that the capture of diagnostic calls makes (orv_test.h) neither count nor fail.
 
-// Counts the calls of malloc while it lives.
+// Counts the calls of malloc, calloc and realloc while it lives.
 class ScopedHeapCount {
 public:
     ScopedHeapCount();
