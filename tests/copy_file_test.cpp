@@ -221,6 +221,24 @@ TEST_F(CopyFileTest, AnswersZeroOnAFullDisk)
     });
 }
 
+TEST_F(CopyFileTest, LeavesABeginningWhenTheProcessDiesOfTheFileSizeLimit)
+{
+    const std::string bytes = Bytes(100000);
+    const std::string source = dir_.Write("source", bytes);
+    const std::string destination = dir_.Write("copy", "old", 0600);
+
+    RunIntoFileSizeLimit(20000, [&] { (void)CopyFile(source, destination); });
+
+    EXPECT_TRUE(bytes.substr(0, 20000) == ReadFile(destination));
+    EXPECT_EQ(0600U, ModeOf(destination));
+    EXPECT_TRUE(bytes == ReadFile(source));
+    EXPECT_THAT(dir_.Names(), ElementsAre("copy", "source"));
+
+    EXPECT_EQ(0, CopyFile(source, destination));
+
+    EXPECT_TRUE(bytes == ReadFile(destination));
+}
+
 TEST_F(CopyFileTest, AnswersZeroAfterAReadError)
 {
     const std::string bytes = Bytes(100000);

@@ -5,6 +5,7 @@
 #include "support/orv_test.h"
 
 #include <fcntl.h>
+#include <sys/mman.h>
 #include <sys/mount.h>
 #include <sys/stat.h>
 #include <sys/wait.h>
@@ -53,10 +54,15 @@ std::string Table(const std::string& head, const std::string& cell)
     return "<table  BORDER=2><tr><td>" + head + "</td><td>" + cell + "</td></tr></table>";
 }
 
-// Where this process builds its pages.
+// Where a process, and where this one, builds its pages.
+std::string TemporaryPageOf(pid_t process)
+{
+    return "/var/tmp/TextToHtml_" + std::to_string(process) + ".tmp";
+}
+
 std::string TemporaryPage()
 {
-    return "/var/tmp/TextToHtml_" + std::to_string(getpid()) + ".tmp";
+    return TemporaryPageOf(getpid());
 }
 
 void Generate(const std::string& text, const std::string& page)
@@ -865,6 +871,32 @@ TEST_P(PagePlaceTest, LeavesAPageInADirectoryThatTheCallerMayNotWrite)
     EXPECT_EQ("old", ReadFile(page));
     EXPECT_EQ(0666U, ModeOf(page));
     ASSERT_EQ(0, chmod(directory.c_str(), 0755));  // so that it can be removed without being root
+}
+
+TEST_P(PagePlaceTest, StaysOldWhenTheProcessDiesOfTheFileSizeLimit)
+{
+    const std::string text = Place().Write("text", ManyLines().text);
+    const std::string page = Place().Write("page", "old", 0600);
+    pid_t* const child =
+        static_cast<pid_t*>(mmap(nullptr, sizeof(pid_t), PROT_READ | PROT_WRITE, MAP_SHARED | MAP_ANONYMOUS, -1, 0));
+    ASSERT_NE(MAP_FAILED, static_cast<void*>(child));
+
+    RunIntoFileSizeLimit(20000, [&] {
+        *child = getpid();
+        Generate(text, page);
+    });
+
+    const std::string temporaryPage = TemporaryPageOf(*child);
+    EXPECT_EQ(Page(ManyLines().body).substr(0, 20000), ReadFile(temporaryPage));
+    EXPECT_EQ(0, unlink(temporaryPage.c_str()));
+    EXPECT_EQ("old", ReadFile(page));
+    EXPECT_EQ(0600U, ModeOf(page));
+    EXPECT_EQ((Names{"page", "text"}), Place().Names());
+
+    Generate(text, page);
+
+    EXPECT_EQ(Page(ManyLines().body), ReadFile(page));
+    EXPECT_EQ(0, munmap(child, sizeof(pid_t)));
 }
 
 TEST_P(PagePlaceTest, ReadersSeeWholePagesWhileItIsReplaced)

@@ -628,6 +628,30 @@ TEST_F(RenameAcrossTest, MovesOntoOneDestinationFromManyThreadsLeaveOneWholeFile
     EXPECT_EQ(std::string(20000, content.at(0)), content);
 }
 
+TEST_F(RenameAcrossTest, LosesNothingWhenTheProcessDiesOfTheFileSizeLimit)
+{
+    const std::string bytes(10000, 'x');
+    const std::string source = dir_.Write("source", bytes, 0640);
+    const std::string destination = other_.Write("destination", "old", 0600);
+
+    RunIntoFileSizeLimit(8192, [&] { (void)RenameFileAcrossFs(source, destination); });
+
+    EXPECT_EQ(bytes, ReadFile(source));
+    EXPECT_EQ(0640U, ModeOf(source));
+    EXPECT_EQ("old", ReadFile(destination));
+    EXPECT_EQ(0600U, ModeOf(destination));
+    const std::vector<std::string> names = other_.Names();
+    ASSERT_EQ(2U, names.size());
+    EXPECT_THAT(names[1], ::testing::MatchesRegex("destination_......"));
+    EXPECT_EQ(bytes.substr(0, 8192), other_.Read(names[1]));
+
+    EXPECT_TRUE(RenameFileAcrossFs(source, destination));
+
+    EXPECT_EQ(bytes, ReadFile(destination));
+    EXPECT_THAT(dir_.Names(), IsEmpty());
+    EXPECT_THAT(other_.Names(), ElementsAre("destination", names[1]));
+}
+
 // ---- With mounts of its own
 
 class RenameMountTest : public OrvTest {

@@ -6,11 +6,13 @@
 #include <pthread.h>
 #include <sched.h>
 #include <sys/mount.h>
+#include <sys/resource.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
 #include <algorithm>
 #include <cerrno>
+#include <csignal>
 #include <cstdarg>
 #include <cstdio>
 #include <cstdlib>
@@ -265,6 +267,20 @@ void RunAsNobody(const std::function<void()>& body)
         }
         body();
     });
+}
+
+void RunIntoFileSizeLimit(std::size_t bytes, const std::function<void()>& body)
+{
+    const int status = ExitStatusOfChild([&] {
+        const rlimit files{bytes, bytes};
+        const rlimit cores{0, 0};
+        ASSERT_EQ(0, setrlimit(RLIMIT_CORE, &cores));
+        ASSERT_EQ(0, setrlimit(RLIMIT_FSIZE, &files));
+        ASSERT_NE(SIG_ERR, std::signal(SIGXFSZ, SIG_DFL));
+        body();
+    });
+    EXPECT_TRUE(WIFSIGNALED(status)) << status;
+    EXPECT_EQ(SIGXFSZ, WTERMSIG(status));
 }
 
 void RunOnSmallStack(const std::function<void()>& body)

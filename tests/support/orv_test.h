@@ -109,6 +109,10 @@ void RunInChild(const std::function<void()>& body);
 // Runs `body` in a child without privileges: files that user and mode protect are out of its reach.
 void RunAsNobody(const std::function<void()>& body);
 
+// Runs `body` in a forked child that may write files of `bytes` at most and, as usual, dies of SIGXFSZ where one would
+// grow beyond; fails the test when it does not.
+void RunIntoFileSizeLimit(std::size_t bytes, const std::function<void()>& body);
+
 // Runs `body` on a thread with a stack of 64 KiB, or of the smallest size that the system allows.
 void RunOnSmallStack(const std::function<void()>& body);
 
