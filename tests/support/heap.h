@@ -1,6 +1,6 @@
 // Counts and fails allocations of the calling thread. The program that links this replaces malloc, calloc and realloc,
-// which operator new and the C library call too; so it is for programs that run without a sanitizer, which replaces them
-// itself.
+// which operator new and the C library call too; so it is for programs that run without a sanitizer, which replaces
+// them itself.
 #ifndef ORV_TESTS_HEAP_H
 #define ORV_TESTS_HEAP_H
 
