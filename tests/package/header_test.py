@@ -17,8 +17,10 @@ import tempfile
 import building
 
 STANDARDS = ["c++98", "c++03", "c++11", "c++14", "c++17", "c++20"]
-HEADERS = ["include/LxFileUtils.h", "strutils/LxStringUtils.h", "dlog/dlog.h"]
-SOURCES = ["src/LxFileUtils.cpp", "strutils/LxStringUtils.cpp", "dlog/dlog_stderr.cpp"]
+HEADERS = ["include/LxFileUtils.h", "strutils/LxStringUtils.h", "dlog/dlog.h", "dlog/dlog_memory.h"]
+SOURCES = ["src/LxFileUtils.cpp", "strutils/LxStringUtils.cpp"] + [
+    f"dlog/dlog_{name}.cpp" for name in ("text", "stderr", "syslog", "memory")
+]
 INCLUDES = [f"-I{os.path.join(building.ROOT, folder)}" for folder in ("include", "strutils", "dlog")]
 STRICT = ["-pedantic-errors", "-Wall", "-Wextra", "-Werror"]
 MAIN = "int main() { return 0; }\n"

@@ -1,0 +1,38 @@
+// Hands each report to syslog(3) as "SOURCE: MESSAGE". Severities are those of syslog: 3 is LOG_ERR. Identity, facility
+// and options are the program's, by openlog(3); without it they are the program's name and LOG_USER.
+
+#include "dlog.h"
+#include "dlog_text.h"
+
+#include <syslog.h>
+
+#include <cerrno>
+#include <cstdarg>
+#include <new>
+#include <string>
+
+namespace {
+
+// A number that is no severity would be read as a facility.
+int Priority(int severity)
+{
+    return severity >= LOG_EMERG && severity <= LOG_DEBUG ? severity : LOG_ERR;
+}
+
+}  // namespace
+
+void __dlog_printf(int severity, const char* sourceTag, const char* format, ...)
+{
+    const int callersErrno = errno;
+    std::va_list arguments;
+    va_start(arguments, format);
+    try {
+        std::string line;
+        dlog_text::AppendReport(line, sourceTag, format, arguments);
+        syslog(Priority(severity), "%s", line.c_str());
+    } catch (const std::bad_alloc&) {
+        syslog(Priority(severity), "dlog: out of memory, a report was lost");
+    }
+    va_end(arguments);
+    errno = callersErrno;
+}

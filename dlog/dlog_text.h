@@ -1,0 +1,17 @@
+// What the substitutes in this folder share: the text of a report, safe to be one line of a log.
+#ifndef ORV_DLOG_TEXT_H
+#define ORV_DLOG_TEXT_H
+
+#include <cstdarg>
+#include <string>
+
+namespace dlog_text {
+
+// Appends "SOURCE: MESSAGE" to `line`. Control characters and backslashes are escaped as in C, so that a path that
+// holds a line feed cannot forge a second line. Throws std::bad_alloc.
+__attribute__((format(printf, 3, 0))) void AppendReport(std::string& line, const char* sourceTag, const char* format,
+                                                        std::va_list arguments);
+
+}  // namespace dlog_text
+
+#endif  // ORV_DLOG_TEXT_H

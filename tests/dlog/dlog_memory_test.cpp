@@ -1,0 +1,213 @@
+// The substitute that keeps the last reports in memory.
+
+#include "dlog_memory.h"
+#include "LxFileUtils.h"
+#include "dlog.h"
+#include "support/new_fault.h"
+
+#include <cerrno>
+#include <cstddef>
+#include <cstdlib>
+#include <set>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "gmock/gmock.h"
+#include "gtest/gtest.h"
+
+using ::testing::ElementsAre;
+using ::testing::IsEmpty;
+
+namespace {
+
+class DlogMemoryTest : public ::testing::Test {
+protected:
+    void SetUp() override
+    {
+        dlog_memory::SetLimit(dlog_memory::kDefaultLimit);
+        dlog_memory::Clear();
+    }
+};
+
+void Report(int number)
+{
+    __dlog_printf(3, "tag", "%d", number);
+}
+
+TEST_F(DlogMemoryTest, KeepsALineForEachReportInOrder)
+{
+    __dlog_printf(3, "LxFileUtils.cpp", "%s: stat(%s) failed (%i).", "RenameFileAcrossFs", "a", 2);
+    __dlog_printf(-1, "b", "second %zi %03o %c", static_cast<ssize_t>(-1), 07U, '=');
+
+    EXPECT_THAT(dlog_memory::Lines(),
+                ElementsAre("[3] LxFileUtils.cpp: RenameFileAcrossFs: stat(a) failed (2).", "[-1] b: second -1 007 ="));
+    EXPECT_EQ(2U, dlog_memory::Total());
+}
+
+TEST_F(DlogMemoryTest, KeepsWhatTheLibraryReports)
+{
+    std::list<std::string> names;
+
+    EXPECT_FALSE(orv_fileutils::GetDirFileList("", nullptr, nullptr, names, false, true, true));
+
+    EXPECT_THAT(dlog_memory::Lines(), ElementsAre("[3] LxFileUtils.cpp: GetDirFileList: No directory specified."));
+}
+
+TEST_F(DlogMemoryTest, EscapesControlCharactersAndBackslashes)
+{
+    __dlog_printf(3, "t\ng", "%s", "a\n[3] forged\\\x1b\x7f");
+
+    EXPECT_THAT(dlog_memory::Lines(), ElementsAre("[3] t\\ng: a\\n[3] forged\\\\\\x1b\\x7f"));
+}
+
+TEST_F(DlogMemoryTest, DropsTheOldestBeyondTheLimitAndCountsThemStill)
+{
+    dlog_memory::SetLimit(2);
+
+    for (int number = 1; number <= 3; ++number) {
+        Report(number);
+    }
+
+    EXPECT_THAT(dlog_memory::Lines(), ElementsAre("[3] tag: 2", "[3] tag: 3"));
+    EXPECT_EQ(3U, dlog_memory::Total());
+}
+
+TEST_F(DlogMemoryTest, KeepsAHundredLinesUnlessTold)
+{
+    for (int number = 0; number < 101; ++number) {
+        Report(number);
+    }
+
+    const std::vector<std::string> lines = dlog_memory::Lines();
+    ASSERT_EQ(100U, lines.size());
+    EXPECT_EQ("[3] tag: 1", lines.front());
+    EXPECT_EQ("[3] tag: 100", lines.back());
+}
+
+TEST_F(DlogMemoryTest, ALowerLimitDropsOldLinesAtOnceAndAHigherOneBringsNoneBack)
+{
+    for (int number = 1; number <= 3; ++number) {
+        Report(number);
+    }
+
+    dlog_memory::SetLimit(1);
+    dlog_memory::SetLimit(10);
+
+    EXPECT_THAT(dlog_memory::Lines(), ElementsAre("[3] tag: 3"));
+}
+
+TEST_F(DlogMemoryTest, ALimitOfNoneOnlyCounts)
+{
+    dlog_memory::SetLimit(0);
+
+    Report(1);
+
+    EXPECT_THAT(dlog_memory::Lines(), IsEmpty());
+    EXPECT_EQ(1U, dlog_memory::Total());
+}
+
+TEST_F(DlogMemoryTest, ClearForgetsLinesAndCountButNotTheLimit)
+{
+    dlog_memory::SetLimit(1);
+    Report(1);
+
+    dlog_memory::Clear();
+
+    EXPECT_THAT(dlog_memory::Lines(), IsEmpty());
+    EXPECT_EQ(0U, dlog_memory::Total());
+    Report(2);
+    Report(3);
+    EXPECT_THAT(dlog_memory::Lines(), ElementsAre("[3] tag: 3"));
+}
+
+TEST_F(DlogMemoryTest, CutsALineThatIsLongerThanTheBound)
+{
+    const std::string start = "[3] tag: ";
+    const std::string fits(dlog_memory::kMaxLineBytes - start.size(), 'm');
+
+    __dlog_printf(3, "tag", "%s", fits.c_str());
+    __dlog_printf(3, "tag", "%sx", fits.c_str());
+
+    EXPECT_THAT(dlog_memory::Lines(), ElementsAre(start + fits, start + fits.substr(0, fits.size() - 3) + "..."));
+}
+
+TEST_F(DlogMemoryTest, PreservesErrno)
+{
+    errno = EXDEV;
+    __dlog_printf(3, "tag", "%ls", L"\x7FFFFFFF");  // printf itself sets EILSEQ
+
+    EXPECT_EQ(EXDEV, errno);
+}
+
+TEST_F(DlogMemoryTest, TakesReportsOfSeveralThreadsWhileOthersRead)
+{
+    const int kThreads = 4;
+    const int kLines = 500;
+    dlog_memory::SetLimit(kThreads * kLines);
+
+    std::vector<std::thread> threads;
+    for (int thread = 0; thread < kThreads; ++thread) {
+        threads.emplace_back([thread] {
+            for (int line = 0; line < kLines; ++line) {
+                Report(thread * kLines + line);
+                EXPECT_LE(1U, dlog_memory::Lines().size());
+            }
+        });
+    }
+    for (std::thread& thread : threads) {
+        thread.join();
+    }
+
+    const std::vector<std::string> lines = dlog_memory::Lines();
+    std::set<std::string> expected;
+    for (int number = 0; number < kThreads * kLines; ++number) {
+        expected.insert("[3] tag: " + std::to_string(number));
+    }
+    EXPECT_EQ(expected, std::set<std::string>(lines.begin(), lines.end()));
+    EXPECT_EQ(expected.size(), lines.size());
+    EXPECT_EQ(expected.size(), dlog_memory::Total());
+}
+
+TEST_F(DlogMemoryTest, CountsWhatIsLostForLackOfMemory)
+{
+    const std::string text(100, 't');
+    bool fired = true;
+    int failures = 0;
+    for (int nth = 1; fired; ++nth) {
+        dlog_memory::Clear();
+        {
+            const ScopedNewFault fault(nth);
+            errno = EXDEV;
+            __dlog_printf(3, "tag", "%s", text.c_str());
+            fired = fault.Fired();
+        }
+        EXPECT_EQ(EXDEV, errno) << "allocation " << nth;
+        EXPECT_EQ(fired ? 0U : 1U, dlog_memory::Lines().size()) << "allocation " << nth;
+        EXPECT_EQ(1U, dlog_memory::Total()) << "allocation " << nth;
+        failures += fired ? 1 : 0;
+    }
+    EXPECT_GE(failures, 2) << "the message and the line are allocated";
+}
+
+// Reports when static objects are destroyed, which is after everything else.
+struct ReportsAtTheEnd {
+    ~ReportsAtTheEnd()
+    {
+        Report(7);
+        std::_Exit(dlog_memory::Lines().back() == "[3] tag: 7" ? 0 : 1);
+    }
+};
+
+TEST_F(DlogMemoryTest, TakesReportsUntilTheProcessEnds)
+{
+    EXPECT_EXIT(
+        {
+            static const ReportsAtTheEnd last;
+            Report(1);
+            std::exit(2);
+        },
+        ::testing::ExitedWithCode(0), "");
+}
+
+}  // namespace
