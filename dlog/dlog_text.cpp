@@ -11,6 +11,7 @@ __attribute__((format(printf, 1, 0))) std::string Format(const char* format, std
 {
     std::va_list measured;
     va_copy(measured, arguments);
+    // NOLINTNEXTLINE(clang-analyzer-valist.Uninitialized): wrong about a copy of a parameter
     const int bytes = std::vsnprintf(nullptr, 0, format, measured);
     va_end(measured);
     if (bytes < 0) {
@@ -21,6 +22,8 @@ __attribute__((format(printf, 1, 0))) std::string Format(const char* format, std
     text.resize(text.size() - 1);
     return text;
 }
+
+}  // namespace
 
 void AppendEscaped(std::string& line, const std::string& text)
 {
@@ -39,8 +42,6 @@ void AppendEscaped(std::string& line, const std::string& text)
         }
     }
 }
-
-}  // namespace
 
 void AppendReport(std::string& line, const char* sourceTag, const char* format, std::va_list arguments)
 {

@@ -7,8 +7,11 @@
 
 namespace dlog_text {
 
-// Appends "SOURCE: MESSAGE" to `line`. Control characters and backslashes are escaped as in C, so that a path that
-// holds a line feed cannot forge a second line. Throws std::bad_alloc.
+// Appends `text` to `line`, with control characters and backslashes escaped as in C, so that a path that holds a line
+// feed cannot forge a second line. Throws std::bad_alloc.
+void AppendEscaped(std::string& line, const std::string& text);
+
+// Appends "SOURCE: MESSAGE", escaped, to `line`. Throws std::bad_alloc.
 __attribute__((format(printf, 3, 0))) void AppendReport(std::string& line, const char* sourceTag, const char* format,
                                                         std::va_list arguments);
 

@@ -30,9 +30,9 @@ protected:
     }
 };
 
-void Report(int number)
+void Report(std::size_t number)
 {
-    __dlog_printf(3, "tag", "%d", number);
+    __dlog_printf(3, "tag", "%zu", number);
 }
 
 TEST_F(DlogMemoryTest, KeepsALineForEachReportInOrder)
@@ -65,7 +65,7 @@ TEST_F(DlogMemoryTest, DropsTheOldestBeyondTheLimitAndCountsThemStill)
 {
     dlog_memory::SetLimit(2);
 
-    for (int number = 1; number <= 3; ++number) {
+    for (std::size_t number = 1; number <= 3; ++number) {
         Report(number);
     }
 
@@ -75,7 +75,7 @@ TEST_F(DlogMemoryTest, DropsTheOldestBeyondTheLimitAndCountsThemStill)
 
 TEST_F(DlogMemoryTest, KeepsAHundredLinesUnlessTold)
 {
-    for (int number = 0; number < 101; ++number) {
+    for (std::size_t number = 0; number < 101; ++number) {
         Report(number);
     }
 
@@ -87,7 +87,7 @@ TEST_F(DlogMemoryTest, KeepsAHundredLinesUnlessTold)
 
 TEST_F(DlogMemoryTest, ALowerLimitDropsOldLinesAtOnceAndAHigherOneBringsNoneBack)
 {
-    for (int number = 1; number <= 3; ++number) {
+    for (std::size_t number = 1; number <= 3; ++number) {
         Report(number);
     }
 
@@ -142,14 +142,14 @@ TEST_F(DlogMemoryTest, PreservesErrno)
 
 TEST_F(DlogMemoryTest, TakesReportsOfSeveralThreadsWhileOthersRead)
 {
-    const int kThreads = 4;
-    const int kLines = 500;
+    const std::size_t kThreads = 4;
+    const std::size_t kLines = 500;
     dlog_memory::SetLimit(kThreads * kLines);
 
     std::vector<std::thread> threads;
-    for (int thread = 0; thread < kThreads; ++thread) {
+    for (std::size_t thread = 0; thread < kThreads; ++thread) {
         threads.emplace_back([thread] {
-            for (int line = 0; line < kLines; ++line) {
+            for (std::size_t line = 0; line < kLines; ++line) {
                 Report(thread * kLines + line);
                 EXPECT_LE(1U, dlog_memory::Lines().size());
             }
@@ -161,7 +161,7 @@ TEST_F(DlogMemoryTest, TakesReportsOfSeveralThreadsWhileOthersRead)
 
     const std::vector<std::string> lines = dlog_memory::Lines();
     std::set<std::string> expected;
-    for (int number = 0; number < kThreads * kLines; ++number) {
+    for (std::size_t number = 0; number < kThreads * kLines; ++number) {
         expected.insert("[3] tag: " + std::to_string(number));
     }
     EXPECT_EQ(expected, std::set<std::string>(lines.begin(), lines.end()));

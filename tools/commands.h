@@ -1,0 +1,73 @@
+// The commands of orvfile. Each returns its exit status, or throws Failure; bad arguments are out of the way by then.
+#ifndef ORV_TOOLS_COMMANDS_H
+#define ORV_TOOLS_COMMANDS_H
+
+#include <sys/types.h>
+
+#include <string>
+#include <vector>
+
+#include "support.h"
+
+struct MoveOptions {
+    std::string source;
+    std::string destination;
+    bool durable = false;
+    bool noReplace = false;
+};
+
+struct CopyOptions {
+    std::string source;
+    std::string destination;
+    bool verify = true;
+};
+
+struct MkdirOptions {
+    std::vector<std::string> paths;
+    mode_t mode = 0777;
+    bool exactMode = false;
+};
+
+struct ListOptions {
+    std::string directory;
+    std::string include;
+    std::string exclude;
+    bool fullPath = false;
+    bool zero = false;
+    bool json = false;
+};
+
+struct RowOptions {
+    std::vector<std::string> cells;  // none: a table comes from standard input
+    char separator = ',';            // of that table
+    bool tableEnd = false;
+    bool raw = false;
+};
+
+struct PageOptions {
+    std::string table;
+    std::string page;
+    bool allowEmpty = false;
+    bool watch = false;
+};
+
+struct GetOptions {
+    std::string file;
+    std::string name;
+    bool hasName = false;
+    char delimiter = '=';
+    std::string comment = "#";
+    bool json = false;
+    bool lint = false;
+};
+
+ExitStatus Exists(const std::vector<std::string>& paths);
+ExitStatus Move(const MoveOptions& options);
+ExitStatus Copy(const CopyOptions& options);
+ExitStatus MakeDirectories(const MkdirOptions& options);
+ExitStatus List(const ListOptions& options);
+ExitStatus Row(const RowOptions& options);
+ExitStatus Page(const PageOptions& options);
+ExitStatus Get(const GetOptions& options);
+
+#endif  // ORV_TOOLS_COMMANDS_H

@@ -1,0 +1,245 @@
+// orvfile: the library's functions for shells and scripts. This file holds the command line; the commands stand in
+// transfer.cpp (exists, move, copy), directories.cpp (mkdir, list), tables.cpp (row, page) and settings.cpp (get).
+
+#include "commands.h"
+#include "dlog_text.h"
+
+#include <CLI/CLI.hpp>
+
+#include <algorithm>
+#include <cstdio>
+#include <exception>
+#include <functional>
+#include <iterator>
+
+namespace {
+
+// CLI11 takes an argument "[a,b]" for a list of two. A NUL behind it, which no argument of a program can hold, keeps it
+// whole; it goes again when the value is taken.
+std::vector<std::string> ReversedArguments(int argc, char** argv)
+{
+    std::vector<std::string> arguments;
+    for (int i = argc - 1; i > 0; --i) {
+        arguments.emplace_back(argv[i]);
+        if (argv[i][0] == '[') {
+            arguments.back() += '\0';
+        }
+    }
+    return arguments;
+}
+
+std::string Whole(const std::string& result)
+{
+    return result.substr(0, result.find('\0'));
+}
+
+CLI::Option* AddText(CLI::App* command, const std::string& name, std::string& value, const std::string& description)
+{
+    return command->add_option(
+        name,
+        [&value](const CLI::results_t& results) {
+            value = Whole(results.back());
+            return true;
+        },
+        description);
+}
+
+CLI::Option* AddTexts(CLI::App* command, const std::string& name, std::vector<std::string>& values,
+                      const std::string& description)
+{
+    return command
+        ->add_option(
+            name,
+            [&values](const CLI::results_t& results) {
+                std::transform(results.begin(), results.end(), std::back_inserter(values), Whole);
+                return true;
+            },
+            description)
+        ->expected(1, -1)
+        ->allow_extra_args();
+}
+
+// The command that runs when the command line is right.
+typedef std::function<ExitStatus()> Command;
+
+void AddExists(CLI::App& app, Command& chosen)
+{
+    static std::vector<std::string> paths;
+    CLI::App* const command = app.add_subcommand("exists", "Tell whether each PATH is a regular file");
+    AddTexts(command, "PATH", paths, "Paths to look at; symbolic links are followed")->required();
+    command->callback([&chosen] { chosen = [] { return Exists(paths); }; });
+}
+
+void AddMove(CLI::App& app, Command& chosen)
+{
+    static MoveOptions options;
+    CLI::App* const command = app.add_subcommand("move", "Move a regular file, also to another file system");
+    AddText(command, "SOURCE", options.source, "The file to move")->required();
+    AddText(command, "DESTINATION", options.destination, "Its new path; an existing file is replaced")->required();
+    command->add_flag("--durable", options.durable,
+                      "Copy, compare and flush to the disk before the source is removed: a power cut loses nothing");
+    command->add_flag("-n,--no-replace", options.noReplace, "Fail when DESTINATION exists");
+    command->callback([&chosen] { chosen = [] { return Move(options); }; });
+}
+
+void AddCopy(CLI::App& app, Command& chosen)
+{
+    static CopyOptions options;
+    CLI::App* const command = app.add_subcommand("copy", "Copy the bytes of a regular file, and compare them");
+    AddText(command, "SOURCE", options.source, "The file to copy")->required();
+    AddText(command, "DESTINATION", options.destination, "The file to write; an existing one is overwritten in place")
+        ->required();
+    command->add_flag_callback(
+        "--no-verify", [] { options.verify = false; }, "Do not compare the bytes afterwards");
+    command->callback([&chosen] { chosen = [] { return Copy(options); }; });
+}
+
+void AddMkdir(CLI::App& app, Command& chosen)
+{
+    static MkdirOptions options;
+    static std::string mode;
+    CLI::App* const command = app.add_subcommand("mkdir", "Make directories with all that are missing above them");
+    AddTexts(command, "PATH", options.paths, "Directories to make")->required();
+    AddText(command, "-m,--mode", mode, "Mode in octal, less the file-creation mask (default 777)")
+        ->type_name("MODE")
+        ->check([](const std::string& text) {
+            const bool octal = !text.empty() && text.size() <= 4 && text.find_first_not_of("01234567") == text.npos;
+            return octal ? "" : "'" + text + "' is no octal mode of one to four digits, such as 755";
+        });
+    command->add_flag("--exact-mode", options.exactMode,
+                      "Give PATH exactly that mode, also when it exists; not the directories above it");
+    command->callback([&chosen] {
+        chosen = [] {
+            options.mode = mode.empty() ? options.mode : static_cast<mode_t>(std::stoul(mode, nullptr, 8));
+            return MakeDirectories(options);
+        };
+    });
+}
+
+void AddList(CLI::App& app, Command& chosen)
+{
+    static ListOptions options;
+    CLI::App* const command = app.add_subcommand("list", "List the regular files of a directory, sorted");
+    AddText(command, "DIRECTORY", options.directory, "The directory; its subdirectories are not entered")->required();
+    AddText(command, "--include", options.include, "Only names that match; * is any run of bytes, ? one byte")
+        ->type_name("PATTERN");
+    AddText(command, "--exclude", options.exclude, "Not the names that match; wins over --include")
+        ->type_name("PATTERN");
+    command->add_flag("--full-path", options.fullPath, "Put DIRECTORY before each name");
+    CLI::Option* const zero = command->add_flag("-0,--null", options.zero, "End each name with a NUL, not a line feed");
+    command->add_flag("--json", options.json, "Print an array of strings")->excludes(zero);
+    command->callback([&chosen] { chosen = [] { return List(options); }; });
+}
+
+void AddRow(CLI::App& app, Command& chosen)
+{
+    static RowOptions options;
+    CLI::App* const command = app.add_subcommand("row", "Write rows of a text table file to standard output");
+    CLI::Option* const cells = AddTexts(command, "CELL", options.cells, "The cells of one row");
+    static bool csv = false;
+    static bool tsv = false;
+    CLI::Option* const csvFlag =
+        command->add_flag("--csv", csv, "Read a table of comma-separated values from standard input")->excludes(cells);
+    command->add_flag("--tsv", tsv, "The same with tabs between the cells")->excludes(cells)->excludes(csvFlag);
+    command->add_flag("--table-end", options.tableEnd, "End the table behind the rows");
+    command->add_flag("--raw", options.raw, "Pass cells through as they are, and fail where one would tear its row");
+    command->callback([&chosen] {
+        if (options.cells.empty() && !csv && !tsv) {
+            throw CLI::RequiredError("CELL, --csv or --tsv");
+        }
+        options.separator = tsv ? '\t' : ',';
+        chosen = [] { return Row(options); };
+    });
+}
+
+void AddPage(CLI::App& app, Command& chosen)
+{
+    static PageOptions options;
+    CLI::App* const command = app.add_subcommand("page", "Publish a text table file as an HTML page");
+    AddText(command, "TABLE", options.table, "The text table file")->required();
+    AddText(command, "PAGE", options.page, "The page; an existing one is replaced in one step")->required();
+    command->add_flag("--allow-empty", options.allowEmpty, "Publish an empty page when TABLE cannot be read");
+    command->add_flag("--watch", options.watch, "Publish again whenever TABLE changes, until SIGINT or SIGTERM");
+    command->callback([&chosen] { chosen = [] { return Page(options); }; });
+}
+
+void AddGet(CLI::App& app, Command& chosen)
+{
+    static GetOptions options;
+    static std::string delimiter = "=";
+    CLI::App* const command = app.add_subcommand("get", "Print values of a name-value file");
+    AddText(command, "FILE", options.file, "The name-value file")->required();
+    CLI::Option* const name = AddText(command, "NAME", options.name, "Print only the value of this name");
+    AddText(command, "--delimiter", delimiter, "The byte that ends a name (default =)")
+        ->type_name("BYTE")
+        ->check([](const std::string& text) {
+            return text.size() == 1 && text != "\n" ? "" : "'" + text + "' is not one byte other than the line feed";
+        });
+    AddText(command, "--comment", options.comment, "How comment lines begin; empty for none (default #)")
+        ->type_name("PREFIX");
+    CLI::Option* const json = command->add_flag("--json", options.json, "Print an object, or with NAME a string");
+    command->add_flag("--lint", options.lint, "Name the lines that look wrong instead")->excludes(name)->excludes(json);
+    command->callback([&chosen, name] {
+        options.hasName = name->count() != 0;
+        options.delimiter = delimiter[0];
+        chosen = [] { return Get(options); };
+    });
+}
+
+// What CLI11 found wrong, and where the right use stands.
+std::string UsageMessage(const CLI::App* app, const CLI::Error& error)
+{
+    const std::vector<CLI::App*> commands = app->get_subcommands();
+    const std::vector<std::string> rest = app->remaining();
+    const bool isUnknown = commands.empty() && !rest.empty();
+    std::string text = "orvfile: ";
+    dlog_text::AppendEscaped(text, isUnknown ? "no command or option '" + rest.front() + "'" : error.what());
+    text += commands.empty()
+                ? "\n  Next: choose one of exists, move, copy, mkdir, list, row, page, get; see orvfile --help"
+                : "\n  Next: see orvfile " + commands.front()->get_name() + " --help";
+    return text + "\n";
+}
+
+void Describe(CLI::App& app, Command& chosen)
+{
+    app.require_subcommand(1);
+    app.fallthrough();
+    app.failure_message(UsageMessage);
+    app.set_version_flag("--version", "orvfile " ORV_VERSION, "Print the version and exit");
+    app.add_flag_callback(
+        "-q,--quiet", [] { SetQuiet(true); }, "No notes, warnings and progress; failures are told");
+    app.footer("Exit status: 0 done, 1 the operation failed, 2 wrong usage. \"--\" ends the options.");
+    for (const auto& add : {AddExists, AddMove, AddCopy, AddMkdir, AddList, AddRow, AddPage, AddGet}) {
+        add(app, chosen);
+    }
+}
+
+ExitStatus Run(int argc, char** argv)
+{
+    Command command;
+    CLI::App app("Move, copy, list and publish files by the functions of libOrvFileUtils.", "orvfile");
+    Describe(app, command);
+    try {
+        app.parse(ReversedArguments(argc, argv));
+    } catch (const CLI::ParseError& error) {
+        return app.exit(error) == 0 ? kDone : kUsage;
+    }
+    try {
+        return command();
+    } catch (const Failure& failure) {
+        PrintProblem(failure.what(), failure.Next());
+        return kFailed;
+    }
+}
+
+}  // namespace
+
+int main(int argc, char** argv)
+{
+    try {
+        return Run(argc, argv);
+    } catch (const std::exception& error) {  // of the standard library: memory ran out
+        (void)std::fprintf(stderr, "orvfile: %s\n  Next: free memory, or give smaller input\n", error.what());
+        return kFailed;
+    }
+}

@@ -1,0 +1,143 @@
+#include "support.h"
+
+#include "dlog_text.h"
+
+#include <unistd.h>
+
+#include <cerrno>
+#include <cstring>
+#include <iostream>
+
+namespace {
+
+bool quiet = false;
+
+std::string TypeName(mode_t mode)
+{
+    switch (mode & S_IFMT) {
+        case S_IFDIR:
+            return "a directory";
+        case S_IFIFO:
+            return "a FIFO";
+        case S_IFSOCK:
+            return "a socket";
+        default:
+            return "a device";
+    }
+}
+
+}  // namespace
+
+void SetQuiet(bool wanted)
+{
+    quiet = wanted;
+}
+
+bool IsQuiet()
+{
+    return quiet;
+}
+
+void PrintProblem(const std::string& problem, const std::string& next)
+{
+    std::cerr << "orvfile: " + problem + "\n  Next: " + next + "\n";
+}
+
+void Warn(const std::string& problem, const std::string& next)
+{
+    if (!quiet) {
+        PrintProblem("warning: " + problem, next);
+    }
+}
+
+void PrintResult(const std::string& bytes)
+{
+    errno = 0;
+    std::cout << bytes << std::flush;
+    if (!std::cout) {
+        throw Failure("cannot write to standard output: " + ErrorText(errno),
+                      "point it at a file, pipe or terminal that takes the result");
+    }
+}
+
+std::string Quoted(const std::string& text)
+{
+    std::string quoted = "'";
+    dlog_text::AppendEscaped(quoted, text);
+    return quoted + "'";
+}
+
+std::string ErrorText(int error)
+{
+    return std::strerror(error);
+}
+
+std::string Remedy(int error, const std::string& path)
+{
+    switch (error) {
+        case ENOENT:
+            return "check the spelling of " + Quoted(path) + ", and that its directory exists";
+        case EACCES:
+        case EPERM:
+            return "get access to " + Quoted(path) + " and the directories above it, or run as a user who has it";
+        case ENOTDIR:
+            return "a part of " + Quoted(path) + " that should be a directory is none: correct the path";
+        case EISDIR:
+            return Quoted(path) + " is a directory: name a file in it";
+        case ENOSPC:
+        case EDQUOT:
+            return "free space on the file system of " + Quoted(path) + ", then run this again";
+        case EROFS:
+            return "choose a path on a file system that is mounted writable";
+        case ENAMETOOLONG:
+            return "choose a shorter path";
+        case ELOOP:
+            return "remove the symbolic links in " + Quoted(path) + " that lead in a circle";
+        default:
+            return "see the lines above, and the kernel's log (dmesg) for the medium";
+    }
+}
+
+std::optional<struct stat> StatusOf(const std::string& path)
+{
+    struct stat status;
+    if (stat(path.c_str(), &status) != 0) {
+        return std::nullopt;
+    }
+    return status;
+}
+
+std::optional<struct stat> LinkStatusOf(const std::string& path)
+{
+    struct stat status;
+    if (lstat(path.c_str(), &status) != 0) {
+        return std::nullopt;
+    }
+    return status;
+}
+
+bool IsSameFile(const struct stat& one, const struct stat& other)
+{
+    return one.st_dev == other.st_dev && one.st_ino == other.st_ino;
+}
+
+struct stat RequireRegularFile(const std::string& path)
+{
+    const std::optional<struct stat> status = StatusOf(path);
+    if (!status) {
+        const int error = errno;
+        throw Failure(Quoted(path) + ": " + ErrorText(error), Remedy(error, path));
+    }
+    if (!S_ISREG(status->st_mode)) {
+        throw Failure(Quoted(path) + " is " + TypeName(status->st_mode) + ", not a regular file",
+                      "name a regular file");
+    }
+    return *status;
+}
+
+Descriptor::~Descriptor()
+{
+    if (number_ != -1) {
+        (void)close(number_);
+    }
+}
