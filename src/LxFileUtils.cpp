@@ -30,7 +30,6 @@
 #include <cstring>
 #include <fstream>
 #include <iostream>  // brings in the standard stream initialiser, the only static object of this library
-#include <memory>
 #include <new>
 #include <sstream>
 
@@ -311,13 +310,19 @@ bool IsGiven(const char* text)
     return text != nullptr && text[0] != '\0';
 }
 
-// An absent pattern, which is empty here, is never tried.
-bool IsWanted(const std::string& name, const std::string& includePattern, const std::string& excludePattern)
+// `buffer` holds each pattern in turn; it serves all names.
+bool IsMatch(const std::string& name, const char* pattern, std::string& buffer)
 {
-    if (!includePattern.empty() && !LxStringUtils::WildcardedStringMatch(name, includePattern)) {
+    buffer = pattern;
+    return LxStringUtils::WildcardedStringMatch(name, buffer);
+}
+
+bool IsWanted(const std::string& name, const char* includePattern, const char* excludePattern, std::string& buffer)
+{
+    if (IsGiven(includePattern) && !IsMatch(name, includePattern, buffer)) {
         return false;
     }
-    return excludePattern.empty() || !LxStringUtils::WildcardedStringMatch(name, excludePattern);
+    return !(IsGiven(excludePattern) && IsMatch(name, excludePattern, buffer));
 }
 
 // A name's place in a list, and eight of its bytes as a number: numbers are in the order of their bytes. Where the name
@@ -365,23 +370,25 @@ void SortByKeys(KeyedName* begin, KeyedName* end, std::size_t start)
 // Sorts the list, at whose front stand `newNames` file names, each behind the same `prefixBytes` bytes.
 void SortList(std::list<std::string>& fileList, std::size_t newNames, std::size_t prefixBytes)
 {
-    const std::unique_ptr<KeyedName[]> names(new (std::nothrow) KeyedName[newNames]);
-    if (!names) {
+    // Not by new, whose failure a host program may have chosen to be the end. Nothing below throws.
+    KeyedName* const names = static_cast<KeyedName*>(std::calloc(newNames, sizeof(KeyedName)));
+    if (names == nullptr) {
         fileList.sort();  // slower, but it needs no memory
         return;
     }
     std::list<std::string> oldNames;
     auto next = fileList.begin();
     for (std::size_t i = 0; i < newNames; ++i) {
-        names[i].name = next++;
+        new (&names[i]) KeyedName{0, next++};
     }
     oldNames.splice(oldNames.end(), fileList, next, fileList.end());
-    SortByKeys(names.get(), names.get() + newNames, prefixBytes);
+    SortByKeys(names, names + newNames, prefixBytes);
     for (std::size_t i = 0; i < newNames; ++i) {
         fileList.splice(fileList.end(), fileList, names[i].name);
     }
     oldNames.sort();
     fileList.merge(oldNames);
+    std::free(names);
 }
 
 }  // namespace
@@ -404,15 +411,12 @@ bool GetDirFileList(const char* dirPath, const char* includePattern, const char*
         return false;
     }
     // Deliberate: when memory runs out below, the directory stays open; the list keeps the names it has.
-    const std::string include(IsGiven(includePattern) ? includePattern : "");
-    const std::string exclude(IsGiven(excludePattern) ? excludePattern : "");
-    std::string path(withDirPath ? dirPath : "");
-    if (withDirPath && path.back() != '/') {
-        path += '/';
-    }
-    const std::size_t prefixBytes = path.size();
+    const std::size_t dirPathBytes = std::strlen(dirPath);
+    const char* const slash = dirPath[dirPathBytes - 1] == '/' ? "" : "/";
     std::size_t newNames = 0;
     std::string name;
+    std::string pattern;
+    std::string element;
     for (;;) {
         struct dirent buffer;
         struct dirent* entry;
@@ -431,15 +435,18 @@ bool GetDirFileList(const char* dirPath, const char* includePattern, const char*
             continue;
         }
         name = entry->d_name;
-        if (!IsWanted(name, include, exclude)) {
+        if (!IsWanted(name, includePattern, excludePattern, pattern)) {
             continue;
         }
-        path.resize(prefixBytes);
-        path += name;
-        fileList.push_front(path);  // in front: where callers find the new names after a failed read
+        element.clear();
+        if (withDirPath) {
+            element.assign(dirPath, dirPathBytes).append(slash);
+        }
+        element += name;
+        fileList.push_front(element);  // in front: where callers find the new names after a failed read
         ++newNames;
     }
-    SortList(fileList, newNames, prefixBytes);
+    SortList(fileList, newNames, withDirPath ? dirPathBytes + std::strlen(slash) : 0);
     (void)closedir(directory);
     return true;
 }
@@ -536,13 +543,14 @@ std::string AddTextFileFormattedRow(std::vector<std::string>& cells)
     for (const std::string& cell : cells) {
         rowBytes += cell.size() + 1;
     }
-    std::string row(rowBytes, kCellSeparator);
-    char* at = &row[0];
+    std::string row;
+    row.reserve(rowBytes);
     for (const std::string& cell : cells) {
-        at = std::copy(cell.begin(), cell.end(), at) + 1;
+        row += cell;
+        row += kCellSeparator;
     }
     if (!cells.empty()) {
-        row[rowBytes - 1] = kRowTerminator;
+        row[row.size() - 1] = kRowTerminator;
         row[cells[0].size()] = kHeadSeparator;  // Deliberate: last, so a row of one cell ends in ":" without a ";".
     }
     return row;
@@ -597,7 +605,8 @@ private:
         const bool isLast = nameValues_.empty() || nameValues_.rbegin()->first < name_;
         auto place = isLast ? nameValues_.end() : nameValues_.lower_bound(name_);
         if (isLast || name_ < place->first) {
-            place = nameValues_.emplace_hint(place, name_, std::string());
+            // A copy of its own: a string that shares its block would keep all of the buffer's.
+            place = nameValues_.emplace_hint(place, std::string(name_.data(), name_.size()), std::string());
         }
         place->second = value_;
     }

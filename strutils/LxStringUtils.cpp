@@ -72,7 +72,8 @@ const char* FindSegment(const char* segment, std::size_t bytes, const char* text
 void Split(const std::string& text, char delimiter, std::vector<std::string>& pieces)
 {
     if (pieces.capacity() == 0) {  // a new vector need not grow step by step
-        pieces.reserve(static_cast<std::size_t>(std::count(text.begin(), text.end(), delimiter)) + 1);
+        const std::size_t count = static_cast<std::size_t>(std::count(text.begin(), text.end(), delimiter)) + 1;
+        pieces.reserve(std::min(count, pieces.max_size()));  // more is memory exhaustion, no error of length
     }
     const char* const begin = text.data();
     const char* const end = begin + text.size();

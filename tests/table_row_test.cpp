@@ -2,7 +2,9 @@
 #include "support/cases.h"
 #include "support/orv_test.h"
 
+#include <cstdint>
 #include <ostream>
+#include <stdexcept>
 #include <string>
 #include <vector>
 
@@ -154,6 +156,16 @@ TEST_F(TableRowTest, TableDelimitersAreIndependentStrings)
     EXPECT_EQ("\n", second);
     EXPECT_EQ("\n", TextFileTableDelimter());
 }
+
+#if SIZE_MAX == UINT32_MAX && !_GLIBCXX_USE_CXX11_ABI
+// Strings from before C++11 can share one block, so 32 bits hold cells that are longer together than any string.
+TEST_F(TableRowTest, ARowLongerThanAnyStringIsRefused)
+{
+    std::vector<std::string> cells(4096, std::string(1024UL * 1024, 'x'));
+
+    EXPECT_THROW(AddTextFileFormattedRow(cells), std::length_error);
+}
+#endif
 
 TEST_F(TableRowTest, RowsAndDelimiterMakeATableLine)
 {
