@@ -27,6 +27,7 @@ if(NOT ORV_LIBCSV_LIBRARY AND ORV_LIBCSV_SOURCE)
   endif()
   enable_language(C)
   add_library(OrvLibCsv STATIC ${ORV_LIBCSV_SOURCE}/libcsv.c)
+  target_link_libraries(OrvLibCsv PRIVATE OrvPrefixMap)
   target_include_directories(OrvLibCsv SYSTEM PUBLIC ${ORV_LIBCSV_SOURCE})
   set_target_properties(OrvLibCsv PROPERTIES COMPILE_WARNING_AS_ERROR OFF) # the sources are not ours
   set(ORV_LIBCSV_LIBRARY OrvLibCsv)

@@ -1,0 +1,13 @@
+// A program that reads the library's reports back.
+#include <LxFileUtils.h>
+#include <dlog_memory.h>
+
+#include <iostream>
+
+int main()
+{
+    (void)orv_fileutils::MakeDirPath("/orv-outside", 0755, false);
+    for (const std::string& line : dlog_memory::Lines()) {
+        std::cout << line << std::endl;
+    }
+}
