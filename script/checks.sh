@@ -6,7 +6,7 @@
 # campaigns their error numbers.
 # shellcheck disable=SC2034  # for the scripts that source this
 suite_packages=(cmake ninja-build g++ clang libgtest-dev libgmock-dev python3 binutils
-    libcli11-dev nlohmann-json3-dev libcsv-dev mandoc doxygen pkg-config make abigail-tools)
+    libcli11-dev nlohmann-json3-dev libcsv-dev mandoc doxygen pkg-config make abigail-tools systemd)
 # shellcheck disable=SC2034
 campaign_packages=(manpages-dev e2fsprogs xfsprogs btrfs-progs squashfs-tools erofs-utils libfuse3-dev pkg-config
     clang-19 llvm-19 libclang-rt-19-dev libclang-rt-14-dev python3-clang-19)
