@@ -29,7 +29,8 @@ def run(*command, **options):
     result = subprocess.run(
         command, stdout=subprocess.PIPE, stderr=subprocess.STDOUT, errors="surrogateescape", check=False, **options)
     if result.returncode != 0:
-        building.finish([f"{' '.join(command)}: {result.returncode}\n{result.stdout}".encode(errors="replace").decode()])
+        problem = f"{' '.join(command)}: {result.returncode}\n{result.stdout}"
+        building.finish([problem.encode(errors="replace").decode()])
     return result.stdout
 
 
@@ -59,7 +60,7 @@ class Installation:
             "-DCMAKE_BUILD_TYPE=Debug", *definitions]
 
     def found(self):
-        """How CMake finds the package: by its prefix, and in a cross build, which knows target roots only, by itself."""
+        """How CMake finds the package: by its prefix, and in a cross build, which knows target roots only, itself."""
         if self.options.toolchain:
             return f"-DOrvFileUtils_DIR={self.path(self.options.libdir, 'cmake', 'OrvFileUtils')}"
         return f"-DCMAKE_PREFIX_PATH={self.prefix}"

@@ -1,0 +1,79 @@
+# Debian packages of what `cmake --install` installs: the libraries, what programs need to be built with them, orvfile.
+# script/package makes them.
+set(ORV_PACKAGE_CONTACT "" CACHE STRING "Whom the packages name as maintainer: Name <address>")
+set(ORV_DEBIAN_CHANGELOG "" CACHE FILEPATH "Debian's changelog of the packages, compressed")
+set(ORV_DEBIAN_DEPENDS "" CACHE STRING "The packages of the system's libraries; empty: dpkg-shlibdeps finds them")
+
+set(CPACK_GENERATOR DEB)
+set(CPACK_PACKAGE_NAME orvfileutils)
+set(CPACK_PACKAGE_CONTACT "${ORV_PACKAGE_CONTACT}")
+set(CPACK_VERBATIM_VARIABLES ON)
+set(CPACK_STRIP_FILES ON)
+set(CPACK_INSTALL_DEFAULT_DIRECTORY_PERMISSIONS OWNER_READ OWNER_WRITE OWNER_EXECUTE GROUP_READ GROUP_EXECUTE
+                                                WORLD_READ WORLD_EXECUTE)
+set(CPACK_PRE_BUILD_SCRIPTS ${PROJECT_SOURCE_DIR}/cmake/OrvCompressManual.cmake)
+
+set(CPACK_PACKAGE_DESCRIPTION_SUMMARY "") # each package has its own, as the first line of its description
+
+set(CPACK_COMPONENTS_ALL runtime development)
+if(ORV_BUILD_TOOLS)
+  list(APPEND CPACK_COMPONENTS_ALL tools)
+endif()
+set(CPACK_COMPONENT_DEVELOPMENT_DEPENDS runtime)
+set(CPACK_COMPONENT_TOOLS_DEPENDS runtime)
+
+set(CPACK_DEB_COMPONENT_INSTALL ON)
+set(CPACK_DEBIAN_FILE_NAME DEB-DEFAULT)
+set(CPACK_DEBIAN_ENABLE_COMPONENT_DEPENDS ON)
+set(CPACK_DEBIAN_PACKAGE_GENERATE_SHLIBS ON)
+set(CPACK_DEBIAN_PACKAGE_SHLIBDEPS_PRIVATE_DIRS ${PROJECT_BINARY_DIR}/lib)
+set(CPACK_DEBIAN_PACKAGE_CONTROL_STRICT_PERMISSION ON)
+
+set(CPACK_DEBIAN_RUNTIME_PACKAGE_NAME liborvfileutils0)
+set(CPACK_DEBIAN_RUNTIME_PACKAGE_SECTION libs)
+file(WRITE ${PROJECT_BINARY_DIR}/triggers "activate-noawait ldconfig\n")
+set(CPACK_DEBIAN_RUNTIME_PACKAGE_CONTROL_EXTRA ${PROJECT_BINARY_DIR}/triggers)
+set(CPACK_DEBIAN_RUNTIME_DESCRIPTION
+    "file-system utilities for embedded devices
+Moves and copies files, makes directories, lists them by wildcards, writes
+tables and HTML pages, reads name-value files, and reports every failure
+through the log of the program.
+.
+This package has the libraries libOrvFileUtils and libOrvStrUtils.")
+
+set(CPACK_DEBIAN_DEVELOPMENT_PACKAGE_NAME liborvfileutils-dev)
+set(CPACK_DEBIAN_DEVELOPMENT_PACKAGE_SECTION libdevel)
+set(CPACK_DEBIAN_DEVELOPMENT_DESCRIPTION
+    "file-system utilities for embedded devices (development)
+Moves and copies files, makes directories, lists them by wildcards, writes
+tables and HTML pages, reads name-value files, and reports every failure
+through the log of the program.
+.
+This package has the headers, the manual, what CMake and pkg-config need, and
+substitutes for the log.")
+
+set(CPACK_DEBIAN_TOOLS_PACKAGE_NAME orvfile)
+set(CPACK_DEBIAN_TOOLS_PACKAGE_SECTION utils)
+set(CPACK_DEBIAN_TOOLS_PACKAGE_SUGGESTS liborvfileutils-dev)
+set(CPACK_DEBIAN_TOOLS_DESCRIPTION
+    "file-system utilities for embedded devices (command line)
+Moves and copies files, makes directories, lists them by wildcards, writes
+tables and HTML pages and reads name-value files, for shells and scripts.")
+
+foreach(part RUNTIME TOOLS)
+  if(ORV_DEBIAN_DEPENDS)
+    set(CPACK_DEBIAN_${part}_PACKAGE_DEPENDS "${ORV_DEBIAN_DEPENDS}")
+  else()
+    set(CPACK_DEBIAN_${part}_PACKAGE_SHLIBDEPS ON)
+  endif()
+endforeach()
+
+if(ORV_DEBIAN_CHANGELOG)
+  foreach(component ${CPACK_COMPONENTS_ALL})
+    string(TOUPPER ${component} part)
+    install(FILES ${ORV_DEBIAN_CHANGELOG} RENAME changelog.gz
+            DESTINATION ${CMAKE_INSTALL_DATADIR}/doc/${CPACK_DEBIAN_${part}_PACKAGE_NAME} COMPONENT ${component})
+  endforeach()
+endif()
+
+include(CPack)
