@@ -22,15 +22,18 @@ def parser(description, checks):
     return result
 
 
-def require_compiler(options):
-    """Skips the test, aloud, where its compiler is not installed; fails it where nothing may be skipped."""
-    compiler = options.compiler[0]
-    if shutil.which(compiler):
+def require(program, kind):
+    """Skips the test, aloud, where the program is not installed; fails it where nothing may be skipped."""
+    if shutil.which(program):
         return
     if "ORV_NO_SKIP" in os.environ:
-        sys.exit(f"may not skip: no compiler {compiler}")
-    print(f"skipped: no compiler {compiler}")
+        sys.exit(f"may not skip: no {kind} {program}")
+    print(f"skipped: no {kind} {program}")
     sys.exit(SKIPPED)
+
+
+def require_compiler(options):
+    require(options.compiler[0], "compiler")
 
 
 def messages_of(compiler, *arguments, text=""):

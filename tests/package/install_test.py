@@ -163,6 +163,8 @@ def tool(installation):
 CHECKS = {check.__name__: check for check in (
     files, no_foreign_path, cmake, version, pkg_config, sysroot, add_subdirectory, tool)}
 
+PROGRAMS = {"pkg_config": ["make", "pkg-config"], "sysroot": ["make", "pkg-config"]}  # that a check needs
+
 
 def main():
     parser = building.parser(__doc__, CHECKS)
@@ -176,6 +178,8 @@ def main():
     parser.add_argument("--cxx11-abi", action="store_true", help="built with the std::string of C++11")
     options = parser.parse_args()
     building.require_compiler(options)
+    for program in PROGRAMS.get(options.check, []):
+        building.require(program, "program")
     with tempfile.TemporaryDirectory(prefix="orv_test.") as directory:
         problems = CHECKS[options.check](Installation(options, directory))
     building.finish(problems)
