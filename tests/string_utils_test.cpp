@@ -78,6 +78,15 @@ TEST(SplitTest, AppendsToTheVector)
     EXPECT_THAT(pieces, ElementsAre("before", "a", "b", ""));
 }
 
+TEST(SplitTest, MakesRoomInANewVectorOnce)
+{
+    Strings pieces;
+
+    Split("a;b;c", ';', pieces);
+
+    EXPECT_EQ(3U, pieces.capacity());
+}
+
 TEST(SplitTest, TakesEveryByteValueAsDelimiter)
 {
     const std::string text = AllBytes() + "=" + AllBytes();  // each value twice, and '=' three times
