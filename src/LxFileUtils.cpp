@@ -371,7 +371,8 @@ void SortByKeys(KeyedName* begin, KeyedName* end, std::size_t start)
 void SortList(std::list<std::string>& fileList, std::size_t newNames, std::size_t prefixBytes)
 {
     // Not by new, whose failure a host program may have chosen to be the end. Nothing below throws.
-    KeyedName* const names = static_cast<KeyedName*>(std::calloc(newNames, sizeof(KeyedName)));
+    KeyedName* const names =
+        newNames == 0 ? nullptr : static_cast<KeyedName*>(std::calloc(newNames, sizeof(KeyedName)));
     if (names == nullptr) {
         fileList.sort();  // slower, but it needs no memory
         return;
