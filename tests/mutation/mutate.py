@@ -26,6 +26,7 @@ import random
 import re
 import resource
 import shlex
+import signal
 import subprocess
 import sys
 import tempfile
@@ -47,7 +48,7 @@ FIRST = {
     "CopyFile": "*CopyFile*",
     "IsAlreadyInPlace|CopyBlocks|FillTemporary|CopyIntoPlace|MoveByCopy|RenameFileAcrossFs": "*Rename*",
     "CutToUsableParent|MakeCutDirs|DoMakeDirPath|MakeDirPath": "*MakeDir*",
-    "ReadEntry|IsGiven|IsWanted|operator<|KeyOf|SortByKeys|SortList|GetDirFileList": "*DirList*:*Listing*",
+    "ReadEntry|IsGiven|IsMatch|IsWanted|operator<|KeyOf|SortByKeys|SortList|GetDirFileList": "*DirList*:*Listing*",
     "TextFileTableDelimter|AddTextFileFormattedRow": "*Row*:*Delimter*",
     "Of|AddRow|WritePage|GenHtmlPagefromTextFile": "*GoldenPage*",
     "EntryReader|Store|Assign|ReadNameValueFromFile": "*NameValue*",
@@ -63,7 +64,12 @@ FIRST = {
 SLOW = "*Levels*:*Race*:*Model*:*Readers*:*Processes*:*Thousand*:*Million*:*Megabyte*"
 NEVER = "*LargeFile*"
 
-SECONDS = 120  # for one run of one test program, which takes some five; a mutant that loops takes them all
+LIBC = ctypes.CDLL(None)
+PR_SET_PDEATHSIG = 1  # <sys/prctl.h>
+
+# For one run of one test program, which takes some five, with AddressSanitizer twelve. A mutant that loops takes them all.
+SECONDS = 60
+CPU_SECONDS = 30
 MEMORY_BYTES = 8 << 30
 SANDBOX = """
 set -e
@@ -79,6 +85,7 @@ exec "$@"
 RELATIONAL = {"==": ["!="], "!=": ["=="], "<": ["<=", ">="], "<=": ["<", ">"], ">": [">=", "<="], ">=": [">", "<"]}
 LOGICAL = {"&&": ["||"], "||": ["&&"]}
 ARITHMETIC = {"+": ["-"], "-": ["+"], "&": ["|"], "|": ["&"], "+=": ["-="], "++": ["--"], "--": ["++"]}
+FUNCTIONS = (CursorKind.FUNCTION_DECL, CursorKind.CXX_METHOD, CursorKind.CONSTRUCTOR)
 SWAPPED = {"break": "continue", "continue": "break", "true": "false", "false": "true"}
 
 
@@ -138,9 +145,9 @@ class Mutator:
         for child in cursor.get_children():
             if child.location.file is None or child.location.file.name != os.path.join(ROOT, self.file):
                 continue
-            if child.kind == CursorKind.NAMESPACE:
+            if child.kind in (CursorKind.NAMESPACE, CursorKind.CLASS_DECL, CursorKind.STRUCT_DECL):
                 self.functions_of(child)
-            elif child.kind == CursorKind.FUNCTION_DECL and child.is_definition():
+            elif child.kind in FUNCTIONS and child.is_definition():
                 start, end = offsets(child.extent)
                 self.functions.append((start, end, child.spelling))
                 self.visit(child, child)
@@ -343,7 +350,7 @@ class Runner:
         with tempfile.TemporaryDirectory(dir=os.path.join(self.build, "mutants")) as directory:
             if not self.compile(mutant, directory):
                 return ""
-            first = next(only for names, only in FIRST.items() if mutant.function in names.split("|"))
+            first = first_tests(mutant.function)
             for program, only in (
                 ("orv_tests", f"{first}-{SLOW}:{NEVER}"), ("orv_tests", f"*-{first}:{SLOW}:{NEVER}"),
                 *((program, "*") for program in self.programs), ("orv_tests", f"{SLOW}-{NEVER}")):
@@ -353,9 +360,18 @@ class Runner:
         return None
 
 
+def first_tests(function):
+    for functions, tests in FIRST.items():
+        if function in functions.split("|"):
+            return tests
+    sys.exit(f"{__file__}: FIRST lacks {function}")
+
+
 def limit_files():
+    LIBC.prctl(PR_SET_PDEATHSIG, signal.SIGKILL)  # ends with this script, however that ends, and does not loop for ever
     resource.setrlimit(resource.RLIMIT_FSIZE, (MEMORY_BYTES, MEMORY_BYTES))
     resource.setrlimit(resource.RLIMIT_CORE, (0, 0))
+    resource.setrlimit(resource.RLIMIT_CPU, (CPU_SECONDS, CPU_SECONDS))
 
 
 def limit_files_and_memory():
@@ -402,22 +418,25 @@ def main():
     unknown = set(equivalents) - set(keys.values())
     problems = [show(key, "listed as equivalent, but there is no such mutant") for key in unknown]
 
+    for mutant in keys:
+        first_tests(mutant.function)
     mutants = [m for m in keys if re.search(options.only, " ".join(keys[m]))]
     if options.list:
         print("\n".join(show(keys[m], "") for m in mutants))
         return
     if options.sample:
-        mutants = random.Random(1).sample([m for m in mutants if keys[m] not in equivalents], options.sample)
+        mutants = random.Random(3).sample([m for m in mutants if keys[m] not in equivalents], options.sample)
 
     start = time.monotonic()
     runners = [Runner(options.build, originals, asan=False)]
     if options.asan:
         runners.append(Runner(options.asan, originals, asan=True))
-    for source in LIBRARIES:  # the tests must pass on the original, built and run in the very same way
-        for runner in runners:
-            found = runner.killer(Mutant(source, "-", "none", 0, 0, ""))
-            if found is not None:
-                sys.exit(f"the tests fail without any mutant of {source}: {found or 'it does not compile'}")
+    pool = concurrent.futures.ThreadPoolExecutor(options.jobs)
+    # The tests must pass on the originals, built and run in the very same way.
+    originals_run = [(runner, Mutant(source, "-", "none", 0, 0, "")) for source in LIBRARIES for runner in runners]
+    for (_, original), found in zip(originals_run, pool.map(lambda run: run[0].killer(run[1]), originals_run)):
+        if found is not None:
+            sys.exit(f"the tests fail without any mutant of {original.file}: {found or 'it does not compile'}")
 
     def killer(mutant):
         for runner in runners:
@@ -428,25 +447,24 @@ def main():
 
     ends = collections.Counter()
     report = []
-    with concurrent.futures.ThreadPoolExecutor(options.jobs) as pool:
-        for mutant, found in zip(mutants, pool.map(killer, mutants)):
-            key = keys[mutant]
-            if found == "":
-                end, note = "refused by the compiler", ""
-            elif found:
-                end, note = "killed", f"killed by {found}"
-                if key in equivalents:
-                    problems.append(show(key, f"listed as equivalent, but {note}"))
-            elif key in equivalents:
-                end, note = "equivalent", equivalents[key]
-            else:
-                end, note = "survived", "survived"
-                problems.append(show(key, note))
-            ends[end] += 1
-            report.append(show(key, note or end))
-            if options.report:
-                with open(options.report, "w", encoding="utf-8") as file:
-                    file.write("\n".join(report))
+    for mutant, found in zip(mutants, pool.map(killer, mutants)):
+        key = keys[mutant]
+        if found == "":
+            end, note = "refused by the compiler", ""
+        elif found:
+            end, note = "killed", f"killed by {found}"
+            if key in equivalents:
+                problems.append(show(key, f"listed as equivalent, but {note}"))
+        elif key in equivalents:
+            end, note = "equivalent", equivalents[key]
+        else:
+            end, note = "survived", "survived"
+            problems.append(show(key, note))
+        ends[end] += 1
+        report.append(show(key, note or end))
+        if options.report:
+            with open(options.report, "w", encoding="utf-8") as file:
+                file.write("\n".join(report))
 
     for problem in problems:
         print(problem)
