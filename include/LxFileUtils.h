@@ -205,7 +205,8 @@ std::string TextFileTableDelimter();
 ///
 /// @param cells  the row's cells, in UTF-8; not changed
 /// @return the text of the row, without a line feed
-/// Lines: none. Disk: untouched. Threads: any. Exceptions: `std::bad_alloc`.
+/// Lines: none. Disk: untouched. Threads: any. Exceptions: `std::bad_alloc`, and `std::length_error` for a row
+/// longer than a string can be.
 /// @code
 /// std::vector<std::string> cells;
 /// cells.push_back("Port 1");
@@ -218,9 +219,10 @@ std::string AddTextFileFormattedRow(std::vector<std::string>& cells);
 /// Turns a text table file into an HTML page that reloads itself every 10 seconds, and moves the page into place.
 ///
 /// Each line of the file becomes a table with a border, an empty line a spacer paragraph; rows end at ";", the head
-/// cell at the row's first ":", further cells at ",". A row without ":" is shown twice: whole as the head cell, then
-/// split at ",". The page is one line of UTF-8 text. Cells reach it unescaped, so whoever controls a cell controls the
-/// page: make foreign text safe before writing it into the file.
+/// cell at the row's first ":", further cells at ",". Of three cells or more an empty last one is not shown. A row
+/// without ":" is shown twice: whole as the head cell, then split at ",". The page is one line of UTF-8 text. Cells
+/// reach it unescaped, so whoever controls a cell controls the page: make foreign text safe before writing it into the
+/// file.
 ///
 /// The page is written to "/var/tmp/TextToHtml_PID.tmp", PID being the process id, and moved onto `pagePath` by
 /// `RenameFileAcrossFs`; whoever reads `pagePath` sees the old page or all of the new. A new page has mode 0666 less

@@ -540,15 +540,17 @@ std::string TextFileTableDelimter()
 
 std::string AddTextFileFormattedRow(std::vector<std::string>& cells)
 {
+    // Cells can share their memory, as strings did before C++11, and be longer in all than a number of 32 bits. Then
+    // the sum stays at npos, which no string holds: it is refused before anything is copied.
     std::size_t rowBytes = 0;
     for (const std::string& cell : cells) {
-        rowBytes += cell.size() + 1;
+        rowBytes += std::min(cell.size() + 1, std::string::npos - rowBytes);
     }
-    std::string row;
-    row.reserve(rowBytes);
+    std::string row(rowBytes, kCellSeparator);
+    char* place = &row[0];
     for (const std::string& cell : cells) {
-        row += cell;
-        row += kCellSeparator;
+        std::memcpy(place, cell.data(), cell.size());
+        place += cell.size() + 1;
     }
     if (!cells.empty()) {
         row[row.size() - 1] = kRowTerminator;
