@@ -40,7 +40,7 @@ def source(page):
 
 def plain(text):
     """A text of a page as its reader sees it."""
-    for escape, character in ((r"\e", "\\"), (r"\&", ""), (r"\-", "-"), (r"\[u002C]", ","), (r"\(dq", '"')):
+    for escape, character in ((r"\e", "\\"), (r"\&", ""), (r"\-", "-"), (r"\N'44'", ","), (r"\(dq", '"')):
         text = text.replace(escape, character)
     return text
 
