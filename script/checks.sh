@@ -12,6 +12,8 @@ campaign_packages=(manpages-dev e2fsprogs xfsprogs btrfs-progs squashfs-tools er
     clang-19 llvm-19 libclang-rt-19-dev libclang-rt-14-dev python3-clang-19)
 # shellcheck disable=SC2034
 bench_packages=(libbenchmark-dev pkg-config libabsl-dev libboost-filesystem-dev libglib2.0-dev libinih-dev valgrind)
+# shellcheck disable=SC2034
+browser_packages=(chromium nodejs npm fonts-dejavu-core)
 
 passed=0
 failed=0
@@ -49,31 +51,50 @@ check() {
 # keep_figures LOG: takes the lines of figures, which are printed again at the end.
 keep_figures() {
     local found
-    mapfile -t found < <(grep -E '^(campaign|coverage|mutation|fuzz|valgrind|realfs|security): ' "$1" || true)
+    mapfile -t found < <(sed -nE 's/^(# )?((browser|campaign|coverage|mutation|fuzz|valgrind|realfs|security): )/\2/p' "$1")
     figures+=("${found[@]}")
 }
 
+# skip REASON: something that could not be run; as root that is a failure.
+skip() {
+    echo "SKIPPED: $1"
+    if [ -n "${ORV_NO_SKIP-}" ]; then
+        failed=$((failed + 1))
+        failures+=("skipped: $1")
+    else
+        skips+=("$1")
+    fi
+}
+
 # show_results RESULTS OUTPUT: reads a JUnit file of ctest. Prints what was skipped and the output of what failed, writes
-# all output of the others to a file, and ends with a line of the numbers of tests, failed and skipped.
+# all output of the others to a file, and ends with a line of the numbers of tests, failed and skipped. A suite of
+# GoogleTest that ran as one of ctest's tests counts as many as it holds.
 show_results() {
     python3 - "$1" "$2" <<'END'
+import re
 import sys
 import xml.etree.ElementTree as tree
 
-bad = skipped = 0
-cases = tree.parse(sys.argv[1]).getroot().findall("testcase")
+def number(state, output):
+    return sum(map(int, re.findall(rf"^\[  {state} +\] (\d+) tests?[.,]", output, re.M)))
+
+total = bad = skipped = 0
 with open(sys.argv[2], "w", encoding="utf-8") as passed:
-    for case in cases:
+    for case in tree.parse(sys.argv[1]).getroot().findall("testcase"):
         output = case.findtext("system-out") or ""
-        if case.get("status") == "fail":
-            bad += 1
+        good = number("PASSED", output)
+        skips = number("SKIPPED", output) or int(case.find("skipped") is not None)
+        fails = max(number("FAILED", output), 1) if case.get("status") == "fail" else 0
+        total += good + skips + fails or 1
+        bad += fails
+        skipped += skips
+        if fails:
             print("FAILED:", case.get("name"), "\n".join(["", *output.splitlines()[-100:]]))
-        elif case.find("skipped") is not None:
-            skipped += 1
-            print("SKIPPED:", case.get("name"))
+        elif skips:
+            print("SKIPPED:", case.get("name"), *re.findall(r"^\[  SKIPPED \] (\w[\w/]*\.[\w/]+)$", output, re.M))
         else:
             print(output, file=passed)
-print(len(cases), bad, skipped)
+print(total, bad, skipped)
 END
 }
 
