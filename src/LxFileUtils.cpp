@@ -310,20 +310,37 @@ bool IsGiven(const char* text)
     return text != nullptr && text[0] != '\0';
 }
 
-// `buffer` holds each pattern in turn; it serves all names.
-bool IsMatch(const std::string& name, const char* pattern, std::string& buffer)
-{
-    buffer = pattern;
-    return LxStringUtils::WildcardedStringMatch(name, buffer);
-}
-
-bool IsWanted(const std::string& name, const char* includePattern, const char* excludePattern, std::string& buffer)
-{
-    if (IsGiven(includePattern) && !IsMatch(name, includePattern, buffer)) {
-        return false;
+// Which names are listed. The matcher takes strings: a pattern becomes one for the first name that it is tried on, for
+// without any the listing asks for no memory.
+class NameFilter {
+public:
+    NameFilter(const char* includePattern, const char* excludePattern)
+        : includePattern_(includePattern), excludePattern_(excludePattern)
+    {
     }
-    return !(IsGiven(excludePattern) && IsMatch(name, excludePattern, buffer));
-}
+
+    bool Wants(const std::string& name)
+    {
+        if (IsGiven(includePattern_) && !IsMatch(name, includePattern_, include_)) {
+            return false;
+        }
+        return !(IsGiven(excludePattern_) && IsMatch(name, excludePattern_, exclude_));
+    }
+
+private:
+    static bool IsMatch(const std::string& name, const char* pattern, std::string& text)
+    {
+        if (text.empty()) {
+            text = pattern;
+        }
+        return LxStringUtils::WildcardedStringMatch(name, text);
+    }
+
+    const char* includePattern_;
+    const char* excludePattern_;
+    std::string include_;
+    std::string exclude_;
+};
 
 // A name's place in a list, and eight of its bytes as a number: numbers are in the order of their bytes. Where the name
 // ends, zeros stand behind it.
@@ -416,8 +433,8 @@ bool GetDirFileList(const char* dirPath, const char* includePattern, const char*
     const char* const slash = dirPath[dirPathBytes - 1] == '/' ? "" : "/";
     std::size_t newNames = 0;
     std::string name;
-    std::string pattern;
     std::string element;
+    NameFilter filter(includePattern, excludePattern);
     for (;;) {
         struct dirent buffer;
         struct dirent* entry;
@@ -436,7 +453,7 @@ bool GetDirFileList(const char* dirPath, const char* includePattern, const char*
             continue;
         }
         name = entry->d_name;
-        if (!IsWanted(name, includePattern, excludePattern, pattern)) {
+        if (!filter.Wants(name)) {
             continue;
         }
         element.clear();

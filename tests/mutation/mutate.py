@@ -48,7 +48,7 @@ FIRST = {
     "CopyFile": "*CopyFile*",
     "IsAlreadyInPlace|CopyBlocks|FillTemporary|CopyIntoPlace|MoveByCopy|RenameFileAcrossFs": "*Rename*",
     "CutToUsableParent|MakeCutDirs|DoMakeDirPath|MakeDirPath": "*MakeDir*",
-    "ReadEntry|IsGiven|IsMatch|IsWanted|operator<|KeyOf|SortByKeys|SortList|GetDirFileList": "*DirList*:*Listing*",
+    "ReadEntry|IsGiven|NameFilter|IsMatch|Wants|operator<|KeyOf|SortByKeys|SortList|GetDirFileList": "*DirList*:*Listing*",
     "TextFileTableDelimter|AddTextFileFormattedRow": "*Row*:*Delimter*",
     "Of|AddRow|WritePage|GenHtmlPagefromTextFile": "*GoldenPage*",
     "EntryReader|Store|Assign|ReadNameValueFromFile": "*NameValue*",
