@@ -159,7 +159,7 @@ def host(runner):
     compiler = subprocess.check_output(["g++", "--version"], text=True).splitlines()[0]
     return {
         "processor": f"{model.group(1) if model else platform.machine()}, {os.cpu_count()} of them",
-        "system": f"{platform.system()} {platform.release()}, {' '.join(platform.libc_ver())}",
+        "system": f"{platform.system()} {platform.release().split('-')[0]}, {' '.join(platform.libc_ver())}",
         "compiler": compiler,
         "file systems": ", ".join(runner.filesystems()),
     }

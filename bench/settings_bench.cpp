@@ -255,6 +255,7 @@ void AddSettings()
     AddReading("random", 10000, 10000, Order::kRandom);
     AddReading("sorted", 100, 100, Order::kSorted);
     AddReading("sorted", 10000, 10000, Order::kSorted);
+    AddReading("repeating", 10000, 1000, Order::kRandom);
     AddReading("repeating", 1000000, 1000, Order::kRandom);
     AddReading("distinct", 1000000, 1000000, Order::kRandom);
 }
