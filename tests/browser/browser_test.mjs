@@ -230,7 +230,7 @@ test("the status board shows the files of a directory, whatever their names", as
       assert.deepEqual(stray, []);
       assert.match(tables[0][0][0], /^Board & <test>/);
       const files = new Map(tables[4].slice(1));
-      assert.deepEqual(files, new Map([...files.keys()].sort().map((name) => [name, files.get(name)])));
+      assert.deepEqual([...files.keys()], [...files.keys()].sort());
       names.forEach((text, i) => assert.equal(files.get(text), String(i), text));
       assert.equal(files.size, names.length);
     });
