@@ -744,6 +744,12 @@ struct Occupant {
     std::function<int(const std::string& page, const TempDir& place)> make;
 };
 
+// Else GoogleTest prints its bytes, unset ones among them.
+void PrintTo(const Occupant& occupant, std::ostream* out)
+{
+    *out << occupant.name;
+}
+
 int MakeNothing(const std::string&, const TempDir&)
 {
     return 0;
