@@ -367,6 +367,12 @@ def first_tests(function):
     sys.exit(f"{__file__}: FIRST lacks {function}")
 
 
+def numbered(key, number):
+    """The key of a change that is made in a function a second time, or more often, in equal lines."""
+    file, function, operator, *lines = key
+    return (file, function, f"{operator}-{number}", *lines)
+
+
 def limit_files():
     LIBC.prctl(PR_SET_PDEATHSIG, signal.SIGKILL)  # ends with this script, however that ends, and does not loop for ever
     resource.setrlimit(resource.RLIMIT_FSIZE, (MEMORY_BYTES, MEMORY_BYTES))
@@ -412,8 +418,11 @@ def main():
     for source, command in compile_commands(options.build).items():
         mutator = Mutator(source, parse_flags(command))
         originals[source] = mutator.original
+        times = collections.Counter()
         for mutant in sorted(mutator.mutants.values(), key=lambda m: (m.start, m.end, m.text)):
-            keys[mutant] = mutant.key(mutator.original)
+            key = mutant.key(mutator.original)
+            times[key] += 1
+            keys[mutant] = key if times[key] == 1 else numbered(key, times[key])
     equivalents = read_equivalents()
     unknown = set(equivalents) - set(keys.values())
     problems = [show(key, "listed as equivalent, but there is no such mutant") for key in unknown]
