@@ -566,7 +566,7 @@ std::string AddTextFileFormattedRow(std::vector<std::string>& cells)
     std::string row(rowBytes, kCellSeparator);
     char* place = &row[0];
     for (const std::string& cell : cells) {
-        std::memcpy(place, cell.data(), cell.size());
+        std::memcpy(place, cell.data(), cell.size());  // NOLINT(bugprone-not-null-terminated-result): a part
         place += cell.size() + 1;
     }
     if (!cells.empty()) {
