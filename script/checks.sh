@@ -105,7 +105,8 @@ suite() {
     rm -f "$results"
     check "$preset: configure" cmake --preset "$preset"
     check "$preset: build without warnings" cmake --build --preset "$preset"
-    ctest --preset "$preset" "${@:2}" --quiet -j "$(nproc)" --output-log "build/$preset/ctest.log" \
+    # One test more than there are processors, for some wait.
+    ctest --preset "$preset" "${@:2}" --quiet -j $(($(nproc) + 1)) --output-log "build/$preset/ctest.log" \
         --output-junit results.xml --test-output-size-passed 1000000 --test-output-size-failed 1000000 || true
     if [ ! -f "$results" ]; then
         failed=$((failed + 1))
