@@ -5,7 +5,7 @@
 # What the suite needs, and what the campaigns, coverage, mutants and fuzzing need besides. The manual pages give the
 # campaigns their error numbers.
 # shellcheck disable=SC2034  # for the scripts that source this
-suite_packages=(cmake ninja-build g++ clang libgtest-dev libgmock-dev python3 binutils
+suite_packages=(cmake ninja-build g++ g++-11 clang libgtest-dev libgmock-dev python3 binutils
     libcli11-dev nlohmann-json3-dev libcsv-dev mandoc doxygen pkg-config make abigail-tools systemd)
 # shellcheck disable=SC2034
 campaign_packages=(manpages-dev e2fsprogs xfsprogs btrfs-progs squashfs-tools erofs-utils libfuse3-dev pkg-config
