@@ -51,18 +51,22 @@ bool FileExists(const char* path);
 /// write that a signal interrupts is a failure, not tried again. When the process is killed or the power fails during
 /// a copy, the file "destination_??????" may be left; `source` stays whole until `destination` is in place.
 ///
-/// Links: a symbolic link at `source` that leads to a regular file is itself moved on one file system; across file
-/// systems the data of its target is copied and the link is removed, never the target. A symbolic link at
-/// `destination` is replaced, not followed. Where both paths name the same file in two mounts of one file system (a
-/// bind mount), nothing is done and the result is true. Two hard links of one file on one mount: the kernel answers
-/// success and leaves both.
+/// Links: on one file system a symbolic link at `source` is itself moved; across file systems the data of the file that
+/// it leads to is copied, and the link is removed, never that file. A symbolic link at `destination` is replaced, not
+/// followed. Two hard links of one file on one mount: rename(2) answers success and leaves both. Do not move a symbolic
+/// link onto the file that it leads to: on one file system the rename replaces the file by a link to itself, and the
+/// content is lost. Where that can happen, compare realpath(3) of both paths first.
+///
+/// Two names of one file: `source` can be another name of the file that was just put in place (through a bind mount, an
+/// overlay or a link), so it is removed only if it is a symbolic link or still the file (device and inode) that it was
+/// at the start. Otherwise it is left, with a line that ends in "failed (116)." (ESTALE).
 ///
 /// @param source       path of the file to move; what is not a regular file is refused
 /// @param destination  path to move to; an existing file is replaced. Its directory must be writable; across file
 ///                     systems its last component may have at most 248 bytes where the limit is 255
-/// @return true when the content stands at `destination`, also (with a line) when a copied `source` could not be
-///         removed and so exists twice. False: `destination` and `source` are as they were and no temporary file is
-///         left, unless a line says that it could not be removed
+/// @return true when the content is at `destination`, also (with a line) when a copied `source` was not removed. False:
+///         `destination` and `source` are as they were and no temporary file is left, unless a line says that it could
+///         not be removed
 /// Lines:
 ///   "RenameFileAcrossFs: stat(SOURCE) failed (ERRNO)."
 ///   "RenameFileAcrossFs: SOURCE is not a regular file (0xTYPE)."  TYPE: 4000 directory, 2000 and 6000 devices,
@@ -74,7 +78,8 @@ bool FileExists(const char* path);
 ///                                                                  ASKED a short write, whose ERRNO is a stale one
 ///   "RenameFileAcrossFs: chmod(TEMPORARY, MODE) failed (ERRNO)."   MODE in octal
 ///   "RenameFileAcrossFs: rename(TEMPORARY, DESTINATION) failed (ERRNO)."
-///   "RenameFileAcrossFs: unlink(SOURCE) failed (ERRNO)."           the result is true
+///   "RenameFileAcrossFs: unlink(SOURCE) failed (ERRNO)."           the result is true; 116 (ESTALE): not tried, see
+///                                                                  above
 ///   "RenameFileAcrossFs: unlink(TEMPORARY) failed (ERRNO)."        after another failure; TEMPORARY is left
 ///   A failed read of `source` gives false without a line.
 /// Threads: any; moves onto one destination do not disturb each other, the last one stays. Exceptions: none; no

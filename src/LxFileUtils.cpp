@@ -73,19 +73,6 @@ namespace {
 const std::size_t kCopyBlockBytes = 4096;  // one block per read and write, on the stack
 const char kTempSuffix[] = "_XXXXXX";      // its size counts the NUL: 8 bytes
 
-// Tells whether a move would make the source its own victim: the kernel answers EXDEV also for two mounts of one file
-// system, where both names can be one file. A source that is a symbolic link may go: its target stays.
-bool IsAlreadyInPlace(const char* source, const struct stat& sourceStatus, const char* destination)
-{
-    struct stat status;
-    if (lstat(destination, &status) != 0 || status.st_dev != sourceStatus.st_dev ||
-        status.st_ino != sourceStatus.st_ino) {
-        return false;
-    }
-    // When that cannot be told, the file is left in place: removing the link later is easy, removing the file is final.
-    return lstat(source, &status) != 0 || !S_ISLNK(status.st_mode);
-}
-
 bool CopyBlocks(int from, int to)
 {
     char block[kCopyBlockBytes];
@@ -120,10 +107,29 @@ bool FillTemporary(const char* source, int tempDescriptor)
     return copied;
 }
 
-// Copies `source` into a new file named after the template `tempPath`, renames that over `destination` and removes
-// `source`. Invariant: on return tempPath[0] is not NUL exactly when a temporary file of ours may still exist.
-bool CopyIntoPlace(const char* source, mode_t mode, char* tempPath, const char* destination)
+// True when `source` may be removed at the end of a move: it is a symbolic link, whose target stays, or still the file
+// that was moved. Otherwise sets errno.
+bool IsRemovable(const char* source, const struct stat& movedFile)
 {
+    struct stat status;
+    if (lstat(source, &status) != 0) {
+        return false;
+    }
+    if (S_ISLNK(status.st_mode) || (status.st_dev == movedFile.st_dev && status.st_ino == movedFile.st_ino)) {
+        return true;
+    }
+    // Deliberate: through a bind mount, an overlay or a link, `source` can be another name of the file that has just
+    // been put in place. Removing it would lose the content; a source that is left does no harm.
+    errno = ESTALE;
+    return false;
+}
+
+// Copies `source`, whose status is `sourceStatus`, into a new file named after the template `tempPath`, renames that
+// over `destination` and removes `source`. Invariant: on return tempPath[0] is not NUL exactly when a temporary file of
+// ours may still exist.
+bool CopyIntoPlace(const char* source, const struct stat& sourceStatus, char* tempPath, const char* destination)
+{
+    const mode_t mode = sourceStatus.st_mode & kPermissionBits;
     const int tempDescriptor = mkstemp(tempPath);
     if (tempDescriptor == -1) {
         LOG_FAILURE("%s: mkstemp(%s) failed (%i).", kRenameFileAcrossFs, tempPath, errno);
@@ -142,7 +148,8 @@ bool CopyIntoPlace(const char* source, mode_t mode, char* tempPath, const char* 
         return false;
     }
     tempPath[0] = '\0';
-    if (unlink(source) != 0) {  // Deliberate: the result stays true, for the content stands at the destination.
+    // Deliberate: the result stays true when the source is left, because the content is at the destination.
+    if (!IsRemovable(source, sourceStatus) || unlink(source) != 0) {
         LOG_FAILURE("%s: unlink(%s) failed (%i).", kRenameFileAcrossFs, source, errno);
     }
     return true;
@@ -150,13 +157,13 @@ bool CopyIntoPlace(const char* source, mode_t mode, char* tempPath, const char* 
 
 // The move across file systems. Call it only for a destination that the kernel has accepted as a path: the stack holds
 // the temporary path, so that a move needs no heap.
-bool MoveByCopy(const char* source, mode_t mode, const char* destination)
+bool MoveByCopy(const char* source, const struct stat& sourceStatus, const char* destination)
 {
     const std::size_t tempPathBytes = std::strlen(destination) + sizeof kTempSuffix;
     char* const tempPath = static_cast<char*>(alloca(tempPathBytes));
     (void)std::snprintf(tempPath, tempPathBytes, "%s%s", destination, kTempSuffix);
 
-    const bool moved = CopyIntoPlace(source, mode, tempPath, destination);
+    const bool moved = CopyIntoPlace(source, sourceStatus, tempPath, destination);
     if (tempPath[0] != '\0' && unlink(tempPath) != 0) {
         LOG_FAILURE("%s: unlink(%s) failed (%i).", kRenameFileAcrossFs, tempPath, errno);
     }
@@ -188,8 +195,7 @@ bool RenameFileAcrossFs(const std::string& source, const std::string& destinatio
         return false;
     }
     // EXDEV comes only after the kernel has taken in both paths, so from here on they are no longer than it allows.
-    return IsAlreadyInPlace(sourcePath, status, destinationPath) ||
-           MoveByCopy(sourcePath, status.st_mode & kPermissionBits, destinationPath);
+    return MoveByCopy(sourcePath, status, destinationPath);
 }
 
 int CopyFile(const std::string& source, const std::string& destination)

@@ -114,9 +114,8 @@ const Row kMoveRows[] = {
     {"rename(SOURCE, DESTINATION)", EXDEV, nullptr, nullptr, nullptr},
     {"rename(SOURCE, DESTINATION)", kAnyError, kFalse, messages::kRenameRename,
      "RenameFileAcrossFs: rename({1}, {2}) failed ({e})."},
-    // Whether both paths name one file: when that cannot be found out, they do not.
-    {"lstat(DESTINATION)", kAnyError, nullptr, nullptr, nullptr},
-    {"lstat(SOURCE)", kAnyError, nullptr, nullptr, nullptr},
+    // Whether the source may be removed: when that cannot be found out, it is left.
+    {"lstat(SOURCE)", kAnyError, nullptr, messages::kRenameUnlink, "RenameFileAcrossFs: unlink({1}) failed ({e})."},
     {"getrandom()", kAnyError, nullptr, nullptr, nullptr},     // mkstemp takes the clock instead
     {"create(TEMPORARY)", EEXIST, nullptr, nullptr, nullptr},  // mkstemp tries another name
     {"create(TEMPORARY)", kAnyError, kFalse, messages::kRenameMkstemp,
@@ -390,8 +389,7 @@ std::string RoleInMove(const std::string& path, const std::string& source, const
     return IsTemporaryOf(path, destination) ? "TEMPORARY" : path;
 }
 
-// The files after a move of `sourceBytes`. A copy gets `copiedMode`, the nine permission bits of the source. Where both
-// paths name one file and the kernel answers EXDEV, nothing happens.
+// The files after a move of `sourceBytes`. A copy gets `copiedMode`, the nine permission bits of the source.
 void CompleteMove(const TracedRun& run, Expectation& expected, const std::string& source,
                   const std::string& destination, const std::string& sourceBytes, mode_t copiedMode, bool moved)
 {
@@ -423,8 +421,7 @@ void CompleteMove(const TracedRun& run, Expectation& expected, const std::string
     }
     // A read that gives nothing is the end of the file, wherever it comes.
     files[destination] = NewFile(copiedMode, Delivered(run, source, sourceBytes));
-    const TracedCall* const unlinked = Find(run, "unlink", source);
-    if (unlinked == nullptr || !unlinked->Failed()) {
+    if (Succeeded(Find(run, "unlink", source))) {
         files.erase(source);
     }
 }

@@ -304,53 +304,68 @@ TEST_F(RenameFaultTest, ReportsBothTheFailedFinalRenameAndTheFailedCleanUp)
     EXPECT_THAT(calls[1].text, MatchesRegex("RenameFileAcrossFs: unlink\\(" + Temporary() + "\\) failed \\(30\\)\\."));
 }
 
-TEST_F(RenameFaultTest, CopiesWhenTheDestinationCannotBeQueried)
+TEST_F(RenameFaultTest, KeepsASourceThatCannotBeQueriedBeforeItsRemoval)
 {
     const ScopedFault otherFs(Call::kRename, /*nth=*/1, EXDEV);
-    const ScopedFault fault(Call::kLstat, /*nth=*/1, EACCES);
+    const ScopedFault fault(Call::kLstat, /*nth=*/1, EIO);
+    const ScopedTrace trace;
 
     EXPECT_TRUE(Move());
 
-    ExpectMoved();
+    EXPECT_EQ("lstat(" + source_ + ")", trace.Calls().back());
+    ExpectReports({{messages::kRenameUnlink, "RenameFileAcrossFs: unlink(" + source_ + ") failed (5)."}});
+    EXPECT_THAT(dir_.Names(), ElementsAre("new", "report"));
+    EXPECT_EQ(std::string(5000, 'n'), dir_.Read("report"));
 }
 
-TEST_F(RenameFaultTest, TouchesNothingWhenBothNamesAreOneFile)
+TEST_F(RenameFaultTest, KeepsASourceThatHasBecomeTheMovedFile)
 {
     const ScopedFault otherFs(Call::kRename, /*nth=*/1, EXDEV);
     const ScopedTrace trace;
 
     EXPECT_TRUE(RenameFileAcrossFs(source_, source_));
 
-    EXPECT_THAT(trace.Calls(), ElementsAre("stat(" + source_ + ")", "rename(" + source_ + ", " + source_ + ")",
-                                           "lstat(" + source_ + ")", "lstat(" + source_ + ")"));
+    EXPECT_EQ("lstat(" + source_ + ")", trace.Calls().back());
+    ExpectReports({{messages::kRenameUnlink, "RenameFileAcrossFs: unlink(" + source_ + ") failed (116)."}});
     ExpectNothingChanged();
 }
 
-TEST_F(RenameFaultTest, TouchesNothingWhenItCannotTellWhetherTheSourceIsALinkToTheDestination)
+TEST_F(RenameFaultTest, KeepsAFileThatWasPutInPlaceOfTheSourceMeanwhile)
 {
-    ASSERT_EQ(0, unlink(destination_.c_str()));
-    ASSERT_EQ(0, link(source_.c_str(), destination_.c_str()));
     const ScopedFault otherFs(Call::kRename, /*nth=*/1, EXDEV);
-    const ScopedFault fault(Call::kLstat, /*nth=*/2, EIO);
-    const ScopedTrace trace;
+    const ScopedAction exchange(Call::kLstat, /*nth=*/1, [this] {
+        dir_.Write("newer", "newer");
+        ASSERT_EQ(0, rename((dir_ / "newer").c_str(), source_.c_str()));
+    });
 
     EXPECT_TRUE(Move());
 
-    EXPECT_EQ("lstat(" + source_ + ")", trace.Calls().back());
-    EXPECT_THAT(dir_.Names(), ElementsAre("new", "report"));
+    ExpectReports({{messages::kRenameUnlink, "RenameFileAcrossFs: unlink(" + source_ + ") failed (116)."}});
+    EXPECT_EQ("newer", dir_.Read("new"));
     EXPECT_EQ(std::string(5000, 'n'), dir_.Read("report"));
 }
 
-TEST_F(RenameFaultTest, IsTrueWhenTheSourceVanishesWhileTheTwoNamesOfOneFileAreCompared)
+TEST_F(RenameFaultTest, ReportsASourceThatSomebodyElseHasRemoved)
+{
+    const ScopedFault otherFs(Call::kRename, /*nth=*/1, EXDEV);
+    const ScopedAction race(Call::kLstat, /*nth=*/1, [this] { EXPECT_EQ(0, unlink(source_.c_str())); });
+
+    EXPECT_TRUE(Move());
+
+    ExpectReports({{messages::kRenameUnlink, "RenameFileAcrossFs: unlink(" + source_ + ") failed (2)."}});
+    ExpectMoved();
+}
+
+TEST_F(RenameFaultTest, RemovesOneOfTwoHardLinksAfterTheOtherWasReplaced)
 {
     ASSERT_EQ(0, unlink(destination_.c_str()));
     ASSERT_EQ(0, link(source_.c_str(), destination_.c_str()));
     const ScopedFault otherFs(Call::kRename, /*nth=*/1, EXDEV);
-    const ScopedAction race(Call::kLstat, /*nth=*/2, [this] { EXPECT_EQ(0, unlink(source_.c_str())); });
 
     EXPECT_TRUE(Move());
 
-    ExpectMoved();  // by the other process: the file is as it was, under the name that is left
+    ExpectReports({});
+    ExpectMoved();
 }
 
 TEST_F(RenameFaultTest, FitsATemporaryNameOfAnyLength)

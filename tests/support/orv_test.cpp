@@ -305,9 +305,9 @@ void RunOnSmallStack(const std::function<void()>& body)
     (void)pthread_attr_destroy(&attributes);
 }
 
-bool CanMount()
+bool CanMount(const std::function<bool()>& body)
 {
-    const int status = ExitStatusOfChild([] { _exit(EnterMountNamespace() ? 0 : 1); });
+    const int status = ExitStatusOfChild([&body] { _exit(EnterMountNamespace() && body() ? 0 : 1); });
     return status == 0;
 }
 

@@ -116,8 +116,9 @@ void RunIntoFileSizeLimit(std::size_t bytes, const std::function<void()>& body);
 // Runs `body` on a thread with a stack of 64 KiB, or of the smallest size that the system allows.
 void RunOnSmallStack(const std::function<void()>& body);
 
-// True where private mounts can be made: as root, or with user namespaces.
-bool CanMount();
+// True where private mounts can be made, as root or with user namespaces, and `body`, run in a child that has them,
+// answers true.
+bool CanMount(const std::function<bool()>& body = [] { return true; });
 
 // Runs `body` in a child with mounts of its own, in which it may mount what it likes.
 void RunWithPrivateMounts(const std::function<void()>& body);
