@@ -229,32 +229,42 @@ int CopyFile(const std::string& source, const std::string& destination)
 
 namespace {
 
-// Cuts `dirCopy` back from parent to parent, down to the first one that can be queried: the place to build from.
-// A parent that is itself too long for the kernel ends the climb as well: it has no place to build from, and making
-// the directory below it reports just that. False, with a line, at "/" and ".", below which nothing is made.
-bool CutToUsableParent(char* dirCopy)
+// Cuts `dirCopy` back from parent to parent, down to the first one whose status can be read: the directory to build
+// from. False, with a line, when that is "/" or ".".
+bool CutToExistingParent(char* dirCopy)
 {
-    const char* parent;
-    struct stat status;
-    do {
-        parent = dirname(dirCopy);
+    for (;;) {
+        const std::size_t length = std::strlen(dirCopy);
+        const char* const parent = dirname(dirCopy);
+        // Deliberate: nothing is made directly below "/" and ".", not even where it exists.
         if (std::strcmp(parent, "/") == 0 || std::strcmp(parent, ".") == 0) {
             LOG_FAILURE("%s: Can't make directory in %s", kDoMakeDirPath, parent);
             return false;
         }
-    } while (stat(parent, &status) != 0 && std::strlen(parent) < PATH_MAX);
-    return true;
+        struct stat status;
+        const bool exists = stat(parent, &status) == 0;
+        if (std::strlen(parent) == length) {
+            dirCopy[0] =
+                '\0';  // Deliberate: dirname does not shorten "//", so the climb ends, and mkdir of it decides.
+            return true;
+        }
+        // Deliberate: a parent that is itself too long for the kernel ends the climb, which bounds its time. Making the
+        // directory below it then reports just that.
+        if (exists || std::strlen(parent) >= PATH_MAX) {
+            return true;
+        }
+    }
 }
 
 // Makes the directories of `path`, topmost first, that `dirname` has cut off `dirCopy`. It cuts in place, by a NUL for
 // each level, so putting back the byte of the original gives the next directory down, until the whole path is back.
-bool MakeCutDirs(char* dirCopy, const char* path, unsigned int mode)
+bool MakeMissingDirectories(char* dirCopy, const char* path, unsigned int mode)
 {
     std::size_t end = std::strlen(dirCopy);
     while (path[end] != '\0') {
         dirCopy[end] = path[end];
         end += std::strlen(dirCopy + end);
-        // EEXIST: another process won the race, or any object stands there already: counts as made.
+        // EEXIST: another process won the race, or an object of any type is there already: counts as made.
         if (mkdir(dirCopy, mode) != 0 && errno != EEXIST) {
             LOG_FAILURE("%s: could not create subdirectory %s due to error: %s", kDoMakeDirPath, dirCopy,
                         std::strerror(errno));
@@ -275,7 +285,7 @@ bool DoMakeDirPath(const char* path, unsigned int mode)
         return false;
     }
     std::memcpy(dirCopy, path, length + 1);
-    const bool made = CutToUsableParent(dirCopy) && MakeCutDirs(dirCopy, path, mode);
+    const bool made = CutToExistingParent(dirCopy) && MakeMissingDirectories(dirCopy, path, mode);
     std::free(dirCopy);
     return made;
 }

@@ -411,6 +411,40 @@ TEST_F(DoMakeDirPathTest, DoesNotRecogniseTheRootInAnotherSpelling)
     });
 }
 
+// dirname("//") is "//" again: there is no way further up.
+TEST_F(DoMakeDirPathTest, LeavesTwoSlashesToMkdir)
+{
+    const ScopedTrace trace;
+
+    EXPECT_TRUE(DoMakeDirPath("//", 0755));
+
+    EXPECT_THAT(trace.Calls(), ElementsAre("stat(//)", "mkdir(//)"));
+}
+
+TEST_F(DoMakeDirPathTest, ReportsThatTwoSlashesCannotBeMade)
+{
+    const ScopedFault notMade(Call::kMkdir, /*nth=*/1, EROFS);
+
+    EXPECT_FALSE(DoMakeDirPath("//", 0755));
+
+    ExpectReports({NotMade("//", "Read-only file system")});
+}
+
+TEST_F(DoMakeDirPathTest, EndsItsClimbAtTwoSlashesThatCannotBeQueried)
+{
+    RunAsNobody([] {
+        const ScopedFault notQueried(Call::kStat, /*nth=*/1, EACCES);
+        const ScopedFault norQueriedAgain(Call::kStat, /*nth=*/2, EACCES);
+        const ScopedFault nothingIsMade(Call::kMkdir, /*nth=*/2, EROFS);
+        const ScopedTrace trace;
+
+        EXPECT_FALSE(DoMakeDirPath("//orv_test_newtop", 0755));
+
+        EXPECT_THAT(trace.Calls(), ElementsAre("stat(//)", "stat(//)", "mkdir(//)", "mkdir(//orv_test_newtop)"));
+        ExpectReports({NotMade("//orv_test_newtop", "Read-only file system")});
+    });
+}
+
 // ---- Failures of the worker
 
 TEST_F(DoMakeDirPathTest, ReportsTheLevelThatFailedAndLeavesTheLevelsAbove)
