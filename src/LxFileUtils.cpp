@@ -317,7 +317,8 @@ int ReadEntry(DIR* directory, struct dirent* buffer, struct dirent** entry)
 {
 #pragma GCC diagnostic push
 #pragma GCC diagnostic ignored "-Wdeprecated-declarations"
-    return readdir_r(directory, buffer, entry);  // kept for C libraries whose readdir is not safe for threads
+    return readdir_r(directory, buffer,
+                     entry);  // Deliberate: some C libraries have a readdir that threads must not share
 #pragma GCC diagnostic pop
 }
 
@@ -326,37 +327,39 @@ bool IsGiven(const char* text)
     return text != nullptr && text[0] != '\0';
 }
 
-// Which names are listed. The matcher takes strings: a pattern becomes one for the first name that it is tried on, for
-// without any the listing asks for no memory.
-class NameFilter {
-public:
-    NameFilter(const char* includePattern, const char* excludePattern)
-        : includePattern_(includePattern), excludePattern_(excludePattern)
-    {
-    }
+// True when the name matches the include pattern and not the exclude pattern; an empty pattern does not count.
+bool IsWanted(const std::string& name, const std::string& include, const std::string& exclude)
+{
+    return (include.empty() || LxStringUtils::WildcardedStringMatch(name, include)) &&
+           (exclude.empty() || !LxStringUtils::WildcardedStringMatch(name, exclude));
+}
 
-    bool Wants(const std::string& name)
-    {
-        if (IsGiven(includePattern_) && !IsMatch(name, includePattern_, include_)) {
-            return false;
+// Puts `prefix` and the name of each wanted entry at the front of `fileList`, where callers find the new names after a
+// failed read, and counts them in `newNames`. Returns 0 at the end of the directory, or the errno number of the read.
+int ReadNames(DIR* directory, const std::string& prefix, const std::string& include, const std::string& exclude,
+              std::list<std::string>& fileList, std::size_t& newNames)
+{
+    std::string name;
+    std::string element;
+    for (;;) {
+        struct dirent buffer;
+        struct dirent* entry;
+        const int error = ReadEntry(directory, &buffer, &entry);
+        if (error != 0 || entry == nullptr) {
+            return error;
         }
-        return !(IsGiven(excludePattern_) && IsMatch(name, excludePattern_, exclude_));
-    }
-
-private:
-    static bool IsMatch(const std::string& name, const char* pattern, std::string& text)
-    {
-        if (text.empty()) {
-            text = pattern;
+        // Deliberate: the type in the entry decides, without a status query; DT_UNKNOWN and links are not listed.
+        if (entry->d_type != DT_REG) {
+            continue;
         }
-        return LxStringUtils::WildcardedStringMatch(name, text);
+        name = entry->d_name;
+        if (IsWanted(name, include, exclude)) {
+            element.assign(prefix).append(name);
+            fileList.push_front(element);
+            ++newNames;
+        }
     }
-
-    const char* includePattern_;
-    const char* excludePattern_;
-    std::string include_;
-    std::string exclude_;
-};
+}
 
 // A name's place in a list, and eight of its bytes as a number: numbers are in the order of their bytes. Where the name
 // ends, zeros stand behind it.
@@ -445,44 +448,22 @@ bool GetDirFileList(const char* dirPath, const char* includePattern, const char*
         return false;
     }
     // Deliberate: when memory runs out below, the directory stays open; the list keeps the names it has.
-    const std::size_t dirPathBytes = std::strlen(dirPath);
-    const char* const slash = dirPath[dirPathBytes - 1] == '/' ? "" : "/";
-    std::size_t newNames = 0;
-    std::string name;
-    std::string element;
-    NameFilter filter(includePattern, excludePattern);
-    for (;;) {
-        struct dirent buffer;
-        struct dirent* entry;
-        const int error = ReadEntry(directory, &buffer, &entry);
-        if (error != 0) {
-            LOG_FAILURE("%s: readdir_r failed for directory: %s, error: %u", kGetDirFileList, dirPath,
-                        static_cast<unsigned int>(error));
-            (void)closedir(directory);
-            return false;
-        }
-        if (entry == nullptr) {
-            break;
-        }
-        // Deliberate: the entry's own type decides, without a status query; DT_UNKNOWN and links are not listed.
-        if (entry->d_type != DT_REG) {
-            continue;
-        }
-        name = entry->d_name;
-        if (!filter.Wants(name)) {
-            continue;
-        }
-        element.clear();
-        if (withDirPath) {
-            element.assign(dirPath, dirPathBytes).append(slash);
-        }
-        element += name;
-        fileList.push_front(element);  // in front: where callers find the new names after a failed read
-        ++newNames;
+    const std::string include(IsGiven(includePattern) ? includePattern : "");
+    const std::string exclude(IsGiven(excludePattern) ? excludePattern : "");
+    std::string prefix(withDirPath ? dirPath : "");
+    if (withDirPath && prefix[prefix.size() - 1] != '/') {
+        prefix += '/';
     }
-    SortList(fileList, newNames, withDirPath ? dirPathBytes + std::strlen(slash) : 0);
+    std::size_t newNames = 0;
+    const int error = ReadNames(directory, prefix, include, exclude, fileList, newNames);
+    if (error == 0) {
+        SortList(fileList, newNames, prefix.size());
+    } else {
+        LOG_FAILURE("%s: readdir_r failed for directory: %s, error: %u", kGetDirFileList, dirPath,
+                    static_cast<unsigned int>(error));
+    }
     (void)closedir(directory);
-    return true;
+    return error == 0;
 }
 
 // ---- Tables and pages
@@ -573,21 +554,21 @@ std::string TextFileTableDelimter()
 
 std::string AddTextFileFormattedRow(std::vector<std::string>& cells)
 {
-    // Cells can share their memory, as strings did before C++11, and be longer in all than a number of 32 bits. Then
-    // the sum stays at npos, which no string holds: it is refused before anything is copied.
     std::size_t rowBytes = 0;
     for (const std::string& cell : cells) {
-        rowBytes += std::min(cell.size() + 1, std::string::npos - rowBytes);
+        rowBytes += cell.size() + 1;
     }
-    std::string row(rowBytes, kCellSeparator);
-    char* place = &row[0];
-    for (const std::string& cell : cells) {
-        std::memcpy(place, cell.data(), cell.size());  // NOLINT(bugprone-not-null-terminated-result): a part
-        place += cell.size() + 1;
-    }
-    if (!cells.empty()) {
-        row[row.size() - 1] = kRowTerminator;
-        row[cells[0].size()] = kHeadSeparator;  // Deliberate: last, so a row of one cell ends in ":" without a ";".
+    std::string row;
+    row.reserve(rowBytes);
+    for (std::size_t i = 0; i < cells.size(); ++i) {
+        row += cells[i];
+        if (i == 0) {
+            row += kHeadSeparator;  // Deliberate: comes first, so a row of one cell ends in ":" without a ";".
+        } else if (i + 1 == cells.size()) {
+            row += kRowTerminator;
+        } else {
+            row += kCellSeparator;
+        }
     }
     return row;
 }
