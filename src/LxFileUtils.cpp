@@ -1,11 +1,12 @@
-// The ten file-system utilities, in five families:
+// The ten file-system functions, in five families:
 //   existence test     FileExists
 //   file transfer      RenameFileAcrossFs, CopyFile
 //   directories        DoMakeDirPath, MakeDirPath, GetDirFileList
 //   tables and pages   TextFileTableDelimter, AddTextFileFormattedRow, GenHtmlPagefromTextFile
 //   name-value files   ReadNameValueFromFile
-// Each family's private helpers stand directly above its functions. A helper that reports does so in the name of the
-// public function it serves. Comments that begin with "Deliberate:" mark behaviour that callers rely on, however odd.
+// Each family's private helpers are directly above its functions. A helper that reports a failure does so under the
+// name of the public function that it serves. Comments that begin with "Deliberate:" mark code that looks wrong and
+// must stay.
 
 #include "LxFileUtils.h"
 
@@ -29,10 +30,11 @@
 #include <cstdlib>
 #include <cstring>
 #include <fstream>
-#include <iostream>  // brings in the standard stream initialiser, the only static object of this library
+#include <iostream>  // for the standard stream initialiser, the only static object of this library
 #include <new>
 #include <sstream>
 
+// Deliberate: a reserved name; the device's log service has it, and the program supplies it.
 #define LOG_FAILURE(...) __dlog_printf(kSeverityError, kSourceTag, __VA_ARGS__)
 
 namespace orv_fileutils {
@@ -49,7 +51,7 @@ const char kGetDirFileList[] = "GetDirFileList";
 const char kGenHtmlPage[] = "GenHtmlPagefromTextFile";
 const char kReadNameValue[] = "ReadNameValueFromFile";
 
-const mode_t kPermissionBits = 0777;  // what a copied file inherits; set-id and sticky bits are not among them
+const mode_t kPermissionBits = 0777;  // Deliberate: a copied file does not inherit set-id and sticky bits.
 
 bool IsRegular(const struct stat& status)
 {
@@ -82,20 +84,20 @@ bool CopyBlocks(int from, int to)
             return true;
         }
         if (got == -1) {
-            return false;  // Deliberate: a failed read is not logged, and EINTR is not retried, here and below.
+            return false;  // Deliberate: a failed read is not logged, and EINTR is not retried (nor by write below).
         }
         const ssize_t put = write(to, block, static_cast<std::size_t>(got));
-        if (put != got) {  // Deliberate: a short write fails like -1; the errno printed is then a stale one.
+        if (put != got) {  // Deliberate: a short write fails like -1; errno is then that of an earlier call.
             LOG_FAILURE("%s: write() failed (%zi, %zi, %i).", kRenameFileAcrossFs, got, put, errno);
             return false;
         }
     }
 }
 
-// Copies the bytes of `source` into the temporary file open as `tempDescriptor`, which is closed in any case.
+// Copies the bytes of `source` into the temporary file `tempDescriptor`, and closes that in any case.
 bool FillTemporary(const char* source, int tempDescriptor)
 {
-    const int sourceDescriptor = open(source, O_RDONLY);
+    const int sourceDescriptor = open(source, O_RDONLY);  // Deliberate: without O_CLOEXEC, like mkstemp's descriptor.
     if (sourceDescriptor == -1) {
         LOG_FAILURE("%s: open(%s) failed (%i).", kRenameFileAcrossFs, source, errno);
         (void)close(tempDescriptor);
@@ -103,7 +105,7 @@ bool FillTemporary(const char* source, int tempDescriptor)
     }
     const bool copied = CopyBlocks(sourceDescriptor, tempDescriptor);
     (void)close(sourceDescriptor);
-    (void)close(tempDescriptor);  // Deliberate: neither result counts, and nothing is flushed to stable storage.
+    (void)close(tempDescriptor);  // Deliberate: neither result counts, and nothing is flushed to the medium.
     return copied;
 }
 
@@ -137,7 +139,7 @@ bool CopyIntoPlace(const char* source, const struct stat& sourceStatus, char* te
         return false;
     }
     if (!FillTemporary(source, tempDescriptor)) {
-        return false;  // already logged, where it is to be
+        return false;  // already logged by FillTemporary (a failed read is silent)
     }
     if (chmod(tempPath, mode) != 0) {
         LOG_FAILURE("%s: chmod(%s, %03o) failed (%i).", kRenameFileAcrossFs, tempPath, mode, errno);
@@ -155,10 +157,11 @@ bool CopyIntoPlace(const char* source, const struct stat& sourceStatus, char* te
     return true;
 }
 
-// The move across file systems. Call it only for a destination that the kernel has accepted as a path: the stack holds
-// the temporary path, so that a move needs no heap.
+// Moves a file to another file system. Call it only after the kernel has accepted both paths.
 bool MoveByCopy(const char* source, const struct stat& sourceStatus, const char* destination)
 {
+    // Deliberate: the temporary path is on the stack, so a move never allocates. Its size is bounded: the kernel has
+    // accepted the destination, so that is at most PATH_MAX bytes long.
     const std::size_t tempPathBytes = std::strlen(destination) + sizeof kTempSuffix;
     char* const tempPath = static_cast<char*>(alloca(tempPathBytes));
     (void)std::snprintf(tempPath, tempPathBytes, "%s%s", destination, kTempSuffix);
@@ -194,7 +197,7 @@ bool RenameFileAcrossFs(const std::string& source, const std::string& destinatio
         LOG_FAILURE("%s: rename(%s, %s) failed (%i).", kRenameFileAcrossFs, sourcePath, destinationPath, renameError);
         return false;
     }
-    // EXDEV comes only after the kernel has taken in both paths, so from here on they are no longer than it allows.
+    // The kernel answers EXDEV only after it has accepted both paths, so their length is bounded from here on.
     return MoveByCopy(sourcePath, status, destinationPath);
 }
 
@@ -209,7 +212,7 @@ int CopyFile(const std::string& source, const std::string& destination)
         return kNoSource;
     }
     std::ifstream input;
-    std::ofstream output;  // destroyed, and so closed, before the input
+    std::ofstream output;  // destroyed, and so closed, before `input`
     input.open(source.c_str(), std::ios::in | std::ios::binary);
     if (input.rdstate() != std::ios::goodbit) {
         return kSourceNotOpened;
@@ -222,7 +225,7 @@ int CopyFile(const std::string& source, const std::string& destination)
     output << input.rdbuf();
     input.close();
     output.close();
-    return kCopied;  // Deliberate: whatever the copy and the closes reported; 0 says that both files were opened.
+    return kCopied;  // Deliberate: even if the copy or a close failed. 0 says only that both files were opened.
 }
 
 // ---- Directories
@@ -256,15 +259,15 @@ bool CutToExistingParent(char* dirCopy)
     }
 }
 
-// Makes the directories of `path`, topmost first, that `dirname` has cut off `dirCopy`. It cuts in place, by a NUL for
-// each level, so putting back the byte of the original gives the next directory down, until the whole path is back.
+// Makes the directories of `path` that `dirname` has cut off `dirCopy`, topmost first. dirname has cut by writing a NUL
+// for each level, so putting back the byte of `path` restores the next directory, until the whole path is restored.
 bool MakeMissingDirectories(char* dirCopy, const char* path, unsigned int mode)
 {
     std::size_t end = std::strlen(dirCopy);
     while (path[end] != '\0') {
         dirCopy[end] = path[end];
         end += std::strlen(dirCopy + end);
-        // EEXIST: another process won the race, or an object of any type is there already: counts as made.
+        // Deliberate: EEXIST counts as made. Another process was faster, or an object of any type is there already.
         if (mkdir(dirCopy, mode) != 0 && errno != EEXIST) {
             LOG_FAILURE("%s: could not create subdirectory %s due to error: %s", kDoMakeDirPath, dirCopy,
                         std::strerror(errno));
@@ -304,7 +307,7 @@ bool MakeDirPath(const char* path, unsigned int mode, bool applyMode)
         LOG_FAILURE("%s: Create '%s' directory failed.", kMakeDirPath, path);
         return false;
     }
-    if (applyMode && chmod(path, mode) != 0) {  // Deliberate: the directory is there, so the result stays true.
+    if (applyMode && chmod(path, mode) != 0) {  // Deliberate: the directory exists, so the result stays true.
         LOG_FAILURE("%s: Failed to chmod on '%s': errno: %d", kMakeDirPath, path, errno);
     }
     return true;
@@ -361,8 +364,8 @@ int ReadNames(DIR* directory, const std::string& prefix, const std::string& incl
     }
 }
 
-// A name's place in a list, and eight of its bytes as a number: numbers are in the order of their bytes. Where the name
-// ends, zeros stand behind it.
+// A name in a list, and eight of its bytes as a big-endian number, so that numbers compare as the bytes do. After the
+// end of the name the bytes are zero.
 struct KeyedName {
     std::uint64_t key;
     std::list<std::string>::iterator name;
@@ -382,8 +385,8 @@ std::uint64_t KeyOf(const std::string& name, std::size_t start)
     return key;
 }
 
-// Sorts names that are equal up to `start` and hold no NUL: by the next eight bytes, then those with equal ones by the
-// bytes behind. Numbers side by side compare much faster than strings all over the heap.
+// Sorts names that are equal up to `start` and contain no NUL: by their next eight bytes, then names that are equal
+// there by the bytes that follow. Numbers in an array compare much faster than strings all over the heap.
 void SortByKeys(KeyedName* begin, KeyedName* end, std::size_t start)
 {
     for (KeyedName* each = begin; each != end; ++each) {
@@ -403,14 +406,15 @@ void SortByKeys(KeyedName* begin, KeyedName* end, std::size_t start)
     }
 }
 
-// Sorts the list, at whose front stand `newNames` file names, each behind the same `prefixBytes` bytes.
+// Sorts the list. Its first `newNames` elements are file names, each after the same `prefixBytes` bytes.
 void SortList(std::list<std::string>& fileList, std::size_t newNames, std::size_t prefixBytes)
 {
-    // Not by new, whose failure a host program may have chosen to be the end. Nothing below throws.
+    // calloc, not new: a host's new-handler may end the process, and here lack of memory must only mean a slower sort.
+    // Nothing below throws.
     KeyedName* const names =
         newNames == 0 ? nullptr : static_cast<KeyedName*>(std::calloc(newNames, sizeof(KeyedName)));
     if (names == nullptr) {
-        fileList.sort();  // slower, but it needs no memory
+        fileList.sort();  // slower, but needs no memory
         return;
     }
     std::list<std::string> oldNames;
@@ -486,11 +490,12 @@ const char kPageHeader[] =
     "<meta http-equiv=\"refresh\" content=\"10\" > </head><body>";  // reloads every 10 seconds
 const char kPageFooter[] = "</body></html></KPX_PLD>";
 
-// Builds the markup of a table, all in one string, for a stream costs more for each piece than the piece. The buffers
-// are members to serve all rows and tables.
+// Renders tables as markup, each in one string: streaming each piece costs more than copying it. The buffers are
+// members, so that all rows and tables reuse them.
 class TableMarkup {
 public:
-    const std::string& Of(const std::string& line)
+    // The markup of the table in `line`; valid until the next call.
+    const std::string& Render(const std::string& line)
     {
         markup_ = "<table  BORDER=2>";
         rows_.clear();
@@ -506,7 +511,8 @@ private:
     void AddRow(const std::string& row)
     {
         const std::size_t colon = row.find(kHeadSeparator);
-        // Deliberate: without a colon the row is shown twice, as the head cell and, since npos + 1 is 0, as the rest.
+        // Deliberate: a row without a colon is shown twice, as the head cell and, because npos + 1 is 0, as the rest.
+        // Deliberate: cells reach the page unescaped; what is not markup must be made safe before.
         rest_.assign(row, colon + 1, std::string::npos);
         cells_.clear();
         LxStringUtils::Split(rest_, kCellSeparator, cells_);
@@ -520,12 +526,12 @@ private:
     }
 
     std::string markup_;
-    std::string rest_;  // of a row, behind its head
+    std::string rest_;  // of a row, after its head cell
     std::vector<std::string> rows_;
     std::vector<std::string> cells_;
 };
 
-// Deliberate: neither stream is tested. A text file that cannot be read gives an empty page, a full disk a short one.
+// Deliberate: neither stream is tested. A text file that cannot be read makes an empty page, a full disk a short one.
 void WritePage(const char* textFilePath, const char* tempPagePath)
 {
     std::ifstream text(textFilePath, std::ios::in);
@@ -537,7 +543,7 @@ void WritePage(const char* textFilePath, const char* tempPagePath)
         if (line.empty()) {
             page << "<p></p>";
         } else {
-            page << table.Of(line);
+            page << table.Render(line);
         }
     }
     page << kPageFooter;
@@ -579,7 +585,7 @@ void GenHtmlPagefromTextFile(const char* textFilePath, const char* pagePath)
     (void)std::snprintf(tempPagePath, sizeof tempPagePath, "%s/TextToHtml_%u.tmp", kTempPageDirectory,
                         static_cast<unsigned int>(getpid()));
     WritePage(textFilePath, tempPagePath);
-    // Deliberate: when the move fails, the temporary file stays; the next call empties and uses it again.
+    // Deliberate: when the move fails, the temporary file stays; the next call of this process truncates it.
     if (!RenameFileAcrossFs(tempPagePath, pagePath)) {
         LOG_FAILURE("%s: RenameFileAcrossFs(%s, %s) failed.", kGenHtmlPage, tempPagePath, pagePath);
     }
@@ -589,15 +595,16 @@ void GenHtmlPagefromTextFile(const char* textFilePath, const char* pagePath)
 
 namespace {
 
-// Stores the entries of lines in a map. The stream serves all lines, for it costs more to build than a line to read.
+// Stores the entries of lines in a map. All lines share one stream, because building one costs more than reading a
+// line.
 class EntryReader {
 public:
     explicit EntryReader(std::map<std::string, std::string>& nameValues) : nameValues_(nameValues)
     {
     }
 
-    // Takes a trimmed, non-empty line. False when its name cannot be extracted, which takes memory exhaustion: such a
-    // line yields at least one byte.
+    // Stores the entry of a trimmed, non-empty line. False when its name cannot be extracted, which happens only when
+    // memory runs out: such a line has at least one byte.
     bool Store(const std::string& line, char delimiter)
     {
         entry_.clear();
@@ -609,20 +616,20 @@ public:
         if (std::getline(entry_, value_)) {
             LxStringUtils::Trim(value_);
         } else {
-            value_.clear();  // nothing behind the delimiter, or none: an empty value, whatever the extraction left
+            value_.clear();  // no delimiter, or nothing after it; the failed extraction may have left an old value
         }
         Assign();
         return true;
     }
 
 private:
-    // Does what nameValues_[name_] = value_ does, but names that come sorted need no search.
+    // nameValues_[name_] = value_, but without a search when the names come sorted.
     void Assign()
     {
         const bool isLast = nameValues_.empty() || nameValues_.rbegin()->first < name_;
         auto place = isLast ? nameValues_.end() : nameValues_.lower_bound(name_);
         if (isLast || name_ < place->first) {
-            // A copy of its own: a string that shares its block would keep all of the buffer's.
+            // A copy of the bytes: with shared strings, a copy of name_ would keep the whole buffer alive.
             place = nameValues_.emplace_hint(place, std::string(name_.data(), name_.size()), std::string());
         }
         place->second = value_;
@@ -647,7 +654,7 @@ bool ReadNameValueFromFile(const std::string& filePath, std::map<std::string, st
     EntryReader entries(nameValues);
     int lineNumber = 0;
     std::string line;
-    while (std::getline(file, line)) {  // Deliberate: a read error ends the file like its end does.
+    while (std::getline(file, line)) {  // Deliberate: a read error ends the reading like the end of the file.
         ++lineNumber;
         LxStringUtils::Trim(line);
         if (line.empty() || (!commentPrefix.empty() && LxStringUtils::StartsWith(line, commentPrefix))) {

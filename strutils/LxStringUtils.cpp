@@ -15,25 +15,25 @@ bool IsWhiteSpace(char c)
     return c == ' ' || (c >= '\t' && c <= '\r');  // \t \n \v \f \r
 }
 
-// Whether a byte of a pattern, not a star, takes this byte of a text.
-bool Takes(char wildcard, char byte)
+// True when a byte of a pattern, which is not a star, matches a byte of a text.
+bool Matches(char wildcard, char byte)
 {
     return wildcard == '?' || wildcard == byte;
 }
 
-// Whether the `bytes` bytes of `segment`, a part of a pattern without stars, take as many bytes of `text`.
-bool TakesAll(const char* segment, std::size_t bytes, const char* text)
+// True when the `bytes` bytes of `segment`, a part of a pattern without stars, match as many bytes of `text`.
+bool MatchesAll(const char* segment, std::size_t bytes, const char* text)
 {
     for (std::size_t i = 0; i < bytes; ++i) {
-        if (!Takes(segment[i], text[i])) {
+        if (!Matches(segment[i], text[i])) {
             return false;
         }
     }
     return true;
 }
 
-// The first place between `text` and `end` that the segment takes, or null. The segment's first plain byte tells where
-// to look; a long segment of plain bytes is left to memmem, whose time is linear.
+// Returns the first place between `text` and `end` that the segment matches, or null. memchr looks for the segment's
+// first plain byte; a long segment of plain bytes is left to memmem, whose time is linear.
 const char* FindSegment(const char* segment, std::size_t bytes, const char* text, const char* end)
 {
     const std::size_t kLongBytes = 16;  // below that, memmem's preparation costs more than it saves
@@ -60,7 +60,7 @@ const char* FindSegment(const char* segment, std::size_t bytes, const char* text
             return nullptr;
         }
         place = static_cast<const char*>(found) - plain;
-        if (TakesAll(segment, bytes, place)) {
+        if (MatchesAll(segment, bytes, place)) {
             return place;
         }
     }
@@ -71,9 +71,9 @@ const char* FindSegment(const char* segment, std::size_t bytes, const char* text
 
 void Split(const std::string& text, char delimiter, std::vector<std::string>& pieces)
 {
-    if (pieces.capacity() == 0) {  // a new vector need not grow step by step
+    if (pieces.capacity() == 0) {  // so that a new vector does not grow step by step
         const std::size_t count = static_cast<std::size_t>(std::count(text.begin(), text.end(), delimiter)) + 1;
-        pieces.reserve(std::min(count, pieces.max_size()));  // more is memory exhaustion, no error of length
+        pieces.reserve(std::min(count, pieces.max_size()));  // more would throw length_error instead of bad_alloc
     }
     const char* const begin = text.data();
     const char* const end = begin + text.size();
@@ -83,7 +83,7 @@ void Split(const std::string& text, char delimiter, std::vector<std::string>& pi
         pieces.emplace_back(start, pieceEnd);
         start = pieceEnd + 1;
     }
-    if (start != end || start == begin) {  // at the begin: no delimiter, so even an empty text is a piece
+    if (start != end || start == begin) {  // start == begin: no delimiter was found, so even an empty text is a piece
         pieces.emplace_back(start, end);
     }
 }
@@ -118,9 +118,9 @@ bool WildcardedStringMatch(const std::string& text, const std::string& pattern)
     const char* segment = pattern.data();
     const char* patternEnd = segment + pattern.size();
 
-    // What stands before the first star and behind the last one has one place only.
+    // The parts before the first star and after the last one can match in one place only.
     for (; segment != patternEnd && *segment != '*'; ++segment, ++at) {
-        if (at == end || !Takes(*segment, *at)) {
+        if (at == end || !Matches(*segment, *at)) {
             return false;
         }
     }
@@ -128,12 +128,11 @@ bool WildcardedStringMatch(const std::string& text, const std::string& pattern)
         return at == end;
     }
     for (; patternEnd[-1] != '*'; --patternEnd, --end) {
-        if (at == end || !Takes(patternEnd[-1], end[-1])) {
+        if (at == end || !Matches(patternEnd[-1], end[-1])) {
             return false;
         }
     }
-    // Each segment between stars belongs at the first place that it takes: that leaves the others the most room. So no
-    // star is tried twice.
+    // Place each segment at its leftmost match; that leaves the most text for the rest, so no backtracking is needed.
     while (++segment < patternEnd) {
         const char* star = segment;
         while (*star != '*') {

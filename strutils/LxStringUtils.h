@@ -1,6 +1,6 @@
 /// @file
-/// Four operations on byte strings, for which no character set and no locale counts. They keep no state: all may run
-/// at once on any threads. Only memory exhaustion throws.
+/// Four operations on byte strings. Character sets and locales play no part. The operations keep no state, so they may
+/// run at the same time on any threads. They throw only when memory runs out.
 #ifndef ORV_LX_STRING_UTILS_H
 #define ORV_LX_STRING_UTILS_H
 
@@ -9,35 +9,38 @@
 
 namespace LxStringUtils {
 
-/// Appends the pieces of `text` between occurrences of `delimiter` to `pieces`, in order, empty ones included.
+/// Splits `text` at each `delimiter` and appends the pieces to `pieces`, in order, empty pieces included.
 ///
-/// A delimiter ends a piece; what follows the last one is a piece too, unless it is empty and a delimiter came before.
-/// With ';': "" gives [""], "a;" gives ["a"], ";" gives [""], "a;;b" gives ["a", "", "b"].
+/// A delimiter ends a piece. The text after the last delimiter is a piece, too, unless it is empty.
+/// A text without a delimiter is one piece, even when it is empty.
+/// With ';': "" becomes [""], "a;" becomes ["a"], ";" becomes [""], "a;;b" becomes ["a", "", "b"].
 ///
-/// @param text       what is split; any bytes
-/// @param delimiter  the byte that ends a piece
-/// @param pieces     is added to, never emptied; must not hold `text`
+/// @param text       text to split; any bytes
+/// @param delimiter  byte that ends a piece
+/// @param pieces     vector to append to; it is never cleared, and must not contain `text` itself
 void Split(const std::string& text, char delimiter, std::vector<std::string>& pieces);
 
-/// Removes blank, \\t, \\n, \\v, \\f and \\r at both ends of a text, in place; one of these alone becomes empty.
+/// Removes white space (blank, \\t, \\n, \\v, \\f and \\r) from both ends of a text, in place. A text of white space
+/// alone becomes empty.
 ///
-/// @param text  what is trimmed
+/// @param text  text to trim
 void Trim(std::string& text);
 
-/// Tells whether a text begins with the bytes of another.
+/// Returns whether a text begins with a prefix, byte for byte.
 ///
-/// @param text    what is looked at
-/// @param prefix  what it may begin with; when empty it always does
-/// @return true if it does
+/// @param text    text to look at
+/// @param prefix  bytes that `text` may begin with; every text begins with the empty prefix
+/// @return true if `text` begins with `prefix`
 bool StartsWith(const std::string& text, const std::string& prefix);
 
-/// Tells whether the whole of a text matches a pattern: `*` stands for any run of bytes, the empty one included, `?`
-/// for exactly one byte, every other byte for itself; case counts. The time is at most proportional to the product of
-/// the two lengths.
+/// Returns whether the whole of a text matches a pattern.
 ///
-/// @param text     what is matched, from its first byte to its last
-/// @param pattern  what it is matched with
-/// @return true if it matches
+/// In the pattern `*` matches any run of bytes, also an empty one, `?` matches exactly one byte, and every other byte
+/// matches itself. Upper and lower case differ. The time is at most proportional to the product of the two lengths.
+///
+/// @param text     text to match, from its first byte to its last
+/// @param pattern  pattern to match it with
+/// @return true if the whole text matches
 bool WildcardedStringMatch(const std::string& text, const std::string& pattern);
 
 }  // namespace LxStringUtils
