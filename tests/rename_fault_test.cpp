@@ -151,6 +151,18 @@ TEST_F(RenameFaultTest, DoesNotRetryAnInterruptedRead)
     ExpectNothingChanged();
 }
 
+TEST_F(RenameFaultTest, MovesWhatIsLeftOfASourceThatIsTruncatedDuringTheCopy)
+{
+    const ScopedFault otherFs(Call::kRename, /*nth=*/1, EXDEV);
+    const ScopedAction truncation(Call::kRead, /*nth=*/2, [this] { ASSERT_EQ(0, truncate(source_.c_str(), 100)); });
+
+    EXPECT_TRUE(Move());
+
+    ExpectReports({});
+    EXPECT_THAT(dir_.Names(), ElementsAre("report"));
+    EXPECT_EQ(std::string(4096, 'n'), dir_.Read("report")) << "the block that was read before";
+}
+
 TEST_F(RenameFaultTest, ClosesSourceThenTemporaryAndRemovesItAfterAFailedRead)
 {
     const ScopedFault otherFs(Call::kRename, /*nth=*/1, EXDEV);

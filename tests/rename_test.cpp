@@ -89,6 +89,19 @@ TEST_F(RenameTest, MovesASymbolicLinkItselfOnOneFileSystem)
     EXPECT_TRUE(S_ISLNK(StatusOf(dir_ / "destination").st_mode));
 }
 
+// The caveat of docs/caveats.md: rename(2) is called as for any other link.
+TEST_F(RenameTest, ReplacesAFileByALinkToItselfAndLosesTheContent)
+{
+    const std::string file = dir_.Write("file", "abc");
+    ASSERT_EQ(0, symlink("file", (dir_ / "link").c_str()));
+
+    EXPECT_TRUE(RenameFileAcrossFs(dir_ / "link", file));
+
+    ExpectReports({});
+    EXPECT_THAT(dir_.Names(), ElementsAre("file"));
+    EXPECT_FALSE(orv_fileutils::FileExists(file.c_str())) << "the link leads to itself";
+}
+
 TEST_F(RenameTest, ReplacesASymbolicLinkAtTheDestinationAndNotItsTarget)
 {
     const std::string source = dir_.Write("source", "new");
