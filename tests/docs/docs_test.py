@@ -3,6 +3,8 @@
 
   docs_test.py diagnostics    docs/diagnostics.md has each line of src/LxFileUtils.cpp, with cause and remedy
   docs_test.py error_numbers  its error numbers are those of the system
+  docs_test.py caveats        docs/caveats.md names tests that exist, and no fewer rows with an asterisk than the source
+                              has comments that begin with Deliberate:
   docs_test.py reference      the API reference is made without a warning and holds every function
 """
 
@@ -67,6 +69,56 @@ def error_numbers(_):
     return problems if len(rows) > 10 and len(named) > 8 else problems + [f"only {rows} and {named} found"]
 
 
+def names_of_tests():
+    tests = os.path.join(building.ROOT, "tests")
+    names = set()
+    for directory, _, files in os.walk(tests):
+        for name in files:
+            if name.endswith(".cpp"):
+                text = building.read(directory, name)
+                names.update(".".join(test) for test in re.findall(r"(?m)^TEST(?:_F|_P)?\((\w+), (\w+)\)", text))
+    return names
+
+
+# The headings of docs/caveats.md, by the part of the source whose comments their rows explain.
+CAVEATS = {
+    "File transfer": ["Moving", "Copying"],
+    "Directories": ["Making directories", "Listing"],
+    "Tables and pages": ["Tables and pages"],
+    "Name-value files": ["Reading settings"],
+}
+
+
+def deliberate_comments():
+    """How many comments begin with that word in each part of the source, which begins with "// ---- NAME"."""
+    text = building.read("src", "LxFileUtils.cpp")
+    parts = re.split(r"(?m)^// ---- (.*)\n", text)
+    counts = {name: part.count("// Deliberate:") for name, part in zip(parts[1::2], parts[2::2])}
+    counts["LxStringUtils.cpp"] = building.read("strutils", "LxStringUtils.cpp").count("// Deliberate:")
+    return {name: count for name, count in counts.items() if count != 0}
+
+
+def caveats(_):
+    document = building.read("docs", "caveats.md")
+    rows = {}
+    for heading, part in re.findall(r"(?ms)^## ([\w ]+)(?:: `.*?)?\n(.*?)(?=^## |\Z)", document):
+        rows[heading] = re.findall(r"(?m)^\| .* \|$", part)[1:]
+    exist = names_of_tests()
+    problems = []
+    for row in sum(rows.values(), []):
+        tests = re.fullmatch(r"(\w+\.\w+(?:, \w+\.\w+)*)(?: \*)?", row.split(" | ")[-1].rstrip("| "))
+        problems += [] if tests else [f"the row does not end in names of tests: {row}"]
+        problems += [f"docs/caveats.md names {name}, which does not exist"
+                     for name in (tests[1].split(", ") if tests else []) if name not in exist]  # fmt: skip
+    comments = deliberate_comments()
+    problems += [f"no heading of docs/caveats.md explains {part}" for part in comments if part not in CAVEATS]
+    for part, headings in CAVEATS.items():
+        marked = sum(row.endswith(" * |") for heading in headings for row in rows[heading])
+        if marked < comments.get(part, 0):
+            problems.append(f"{part}: {comments[part]} comments begin with Deliberate:, {marked} rows are marked")
+    return problems if sum(map(len, rows.values())) > 20 else problems + [f"only {rows} found"]
+
+
 def reference(_):
     if not shutil.which("doxygen"):
         if "ORV_NO_SKIP" in os.environ:
@@ -92,7 +144,7 @@ def reference(_):
 
 
 def main():
-    checks = {check.__name__: check for check in (diagnostics, error_numbers, reference)}
+    checks = {check.__name__: check for check in (diagnostics, error_numbers, caveats, reference)}
     options = building.parser(__doc__, checks).parse_args()
     building.finish(checks[options.check](options))
 
