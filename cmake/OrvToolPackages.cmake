@@ -1,5 +1,6 @@
 # The packages that orvfile stands on: CLI11 and nlohmann-json, which are headers alone, and the C library libcsv.
 # Sets ORV_TOOL_PACKAGES_FOUND; OrvToolPackages is then what to link.
+include_guard(GLOBAL)
 find_path(ORV_CLI11_INCLUDE CLI/CLI.hpp)
 find_path(ORV_JSON_INCLUDE nlohmann/json.hpp)
 find_path(ORV_LIBCSV_INCLUDE csv.h)
@@ -41,4 +42,7 @@ if(ORV_CLI11_INCLUDE AND ORV_JSON_INCLUDE AND ORV_LIBCSV_INCLUDE AND ORV_LIBCSV_
   target_include_directories(OrvToolPackages SYSTEM INTERFACE ${ORV_CLI11_INCLUDE} ${ORV_JSON_INCLUDE}
                                                               ${ORV_LIBCSV_INCLUDE})
   target_link_libraries(OrvToolPackages INTERFACE ${ORV_LIBCSV_LIBRARY})
+else()
+  message(STATUS "No orvfile: it needs CLI11, nlohmann-json and libcsv "
+                 "(Debian: libcli11-dev nlohmann-json3-dev libcsv-dev)")
 endif()

@@ -1,0 +1,60 @@
+# What the targets of this project have in common.
+include(cmake/OrvWarnings.cmake)
+include(cmake/OrvHardening.cmake)
+include(cmake/OrvLargeFiles.cmake)
+include(cmake/OrvSmallCode.cmake)
+include(cmake/OrvPrefixMap.cmake)
+
+# orv_standard(TARGET YEAR): this C++, without the compiler's extensions.
+function(orv_standard target year)
+  set_target_properties(${target} PROPERTIES CXX_STANDARD ${year} CXX_STANDARD_REQUIRED ON CXX_EXTENSIONS OFF)
+endfunction()
+
+# orv_product(TARGET YEAR): what is set at everything that is shipped.
+function(orv_product target year)
+  orv_standard(${target} ${year})
+  foreach(part OrvWarnings OrvHardening OrvLargeFiles OrvPrefixMap)
+    target_link_libraries(${target} PRIVATE $<BUILD_INTERFACE:${part}>)
+  endforeach()
+  if(NOT ORV_CXX11_ABI)
+    # Public: the program's std::string must be the one that the exported functions take.
+    target_compile_definitions(${target} PUBLIC _GLIBCXX_USE_CXX11_ABI=0)
+  endif()
+endfunction()
+
+# orv_add_library(NAME SOURCE): a shared library, with its reviewed list of exports and SONAME NAME.so.0.
+function(orv_add_library name source)
+  add_library(${name} SHARED ${source})
+  add_library(OrvFileUtils::${name} ALIAS ${name})
+  orv_product(${name} 11)
+  set(exports ${PROJECT_SOURCE_DIR}/cmake/${name}.map)
+  target_link_options(${name} PRIVATE "LINKER:--version-script,${exports}")
+  target_link_libraries(${name} PRIVATE $<BUILD_INTERFACE:OrvSmallCode>)
+  set_target_properties(
+    ${name}
+    PROPERTIES VERSION ${PROJECT_VERSION}
+               SOVERSION 0
+               INSTALL_RPATH "$ORIGIN" # where the one library finds the other, wherever they are installed
+               LIBRARY_OUTPUT_DIRECTORY ${PROJECT_BINARY_DIR}/lib
+               LINK_DEPENDS ${exports})
+endfunction()
+
+# orv_add_dlog(NAME SOURCE): a substitute for the device's log.
+function(orv_add_dlog name source)
+  add_library(${name} STATIC ${source} dlog/dlog_text.cpp)
+  add_library(OrvFileUtils::${name} ALIAS ${name})
+  orv_product(${name} 11)
+  target_include_directories(${name} PUBLIC $<BUILD_INTERFACE:${PROJECT_SOURCE_DIR}/dlog>
+                                            $<INSTALL_INTERFACE:${CMAKE_INSTALL_INCLUDEDIR}>)
+  set_target_properties(${name} PROPERTIES POSITION_INDEPENDENT_CODE ON
+                                           ARCHIVE_OUTPUT_DIRECTORY ${PROJECT_BINARY_DIR}/lib)
+endfunction()
+
+# orv_host_program(PROGRAM LIBRARY...): a program that uses the libraries and, by one of its own sources or LIBRARY,
+# supplies __dlog_printf.
+function(orv_host_program program)
+  target_include_directories(${program} PRIVATE ${PROJECT_SOURCE_DIR}/dlog)
+  target_link_libraries(${program} PRIVATE OrvFileUtils OrvStrUtils OrvWarnings ${ARGN})
+  # So that the libraries find in the program what it defines for them.
+  set_target_properties(${program} PROPERTIES ENABLE_EXPORTS ON)
+endfunction()
