@@ -1,7 +1,6 @@
 # Debian packages of what `cmake --install` installs: the libraries, what programs need to be built with them, orvfile.
 # script/package makes them.
 set(ORV_PACKAGE_CONTACT "" CACHE STRING "Whom the packages name as maintainer: Name <address>")
-set(ORV_DEBIAN_CHANGELOG "" CACHE FILEPATH "Debian's changelog of the packages, compressed")
 set(ORV_DEBIAN_DEPENDS "" CACHE STRING "The packages of the system's libraries; empty: dpkg-shlibdeps finds them")
 
 set(CPACK_GENERATOR DEB)
@@ -11,7 +10,7 @@ set(CPACK_VERBATIM_VARIABLES ON)
 set(CPACK_STRIP_FILES ON)
 set(CPACK_INSTALL_DEFAULT_DIRECTORY_PERMISSIONS OWNER_READ OWNER_WRITE OWNER_EXECUTE GROUP_READ GROUP_EXECUTE
                                                 WORLD_READ WORLD_EXECUTE)
-set(CPACK_PRE_BUILD_SCRIPTS ${PROJECT_SOURCE_DIR}/cmake/OrvCompressManual.cmake)
+set(CPACK_PRE_BUILD_SCRIPTS ${PROJECT_SOURCE_DIR}/cmake/OrvCompressDocs.cmake)
 
 set(CPACK_PACKAGE_DESCRIPTION_SUMMARY "") # each package has its own, as the first line of its description
 
@@ -68,10 +67,19 @@ foreach(part RUNTIME TOOLS)
   endif()
 endforeach()
 
-if(ORV_DEBIAN_CHANGELOG)
+# Debian's changelog, with one entry, of the date that SOURCE_DATE_EPOCH gives.
+if(ORV_PACKAGE_CONTACT)
+  string(TIMESTAMP date "%a, %d %b %Y %H:%M:%S +0000" UTC)
+  file(WRITE ${PROJECT_BINARY_DIR}/changelog
+       "orvfileutils (${PROJECT_VERSION}) unstable; urgency=medium
+
+  * CHANGELOG.md in the sources says what changed.
+
+ -- ${ORV_PACKAGE_CONTACT}  ${date}
+")
   foreach(component ${CPACK_COMPONENTS_ALL})
     string(TOUPPER ${component} part)
-    install(FILES ${ORV_DEBIAN_CHANGELOG} RENAME changelog.gz
+    install(FILES ${PROJECT_BINARY_DIR}/changelog
             DESTINATION ${CMAKE_INSTALL_DATADIR}/doc/${CPACK_DEBIAN_${part}_PACKAGE_NAME} COMPONENT ${component})
   endforeach()
 endif()
