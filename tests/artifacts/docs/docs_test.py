@@ -1,0 +1,151 @@
+#!/usr/bin/env python3
+"""Checks documents against the source.
+
+  docs_test.py diagnostics    docs/diagnostics.md has each line of src/LxFileUtils.cpp, with cause and remedy
+  docs_test.py error_numbers  its error numbers are those of the system
+  docs_test.py caveats        docs/caveats.md names tests that exist, and no fewer rows with an asterisk than the source
+                              has comments that begin with Deliberate:
+  docs_test.py reference      the API reference is made without a warning and holds every function
+"""
+
+import errno
+import os
+import re
+import shutil
+import subprocess
+import sys
+import tempfile
+
+import building
+
+
+def lines_of_source():
+    """Each line that the source writes, with a star for each argument but the function's name."""
+    source = building.read("src", "LxFileUtils.cpp")
+    names = dict(re.findall(r'const char (k\w+)\[\] = "(\w+)";', source))
+    calls = re.findall(r'LOG_FAILURE\("((?:[^"\\]|\\.)*)",\s*(k\w+)', source)
+    written = len(re.findall(r"LOG_FAILURE\(", source)) - 1  # less the definition
+    lines = set()
+    for text, name in calls:
+        text = text.replace('\\"', '"').replace("%s", names[name], 1)
+        lines.add(re.sub(r"%0?\d*z?[a-z]", "*", text))
+    return lines, len(calls) == written
+
+
+def lines_of_document():
+    """The same for the document, whose words in capitals stand for arguments; and what stands below each line."""
+    document = building.read("docs", "diagnostics.md")
+    parts = re.findall(r"(?ms)^### `(.*?)`\n(.*?)(?=^#|\Z)", document)
+    return [(re.sub(r"[A-Z]{2,}|(?<=')C(?=')", "*", line), line, text) for line, text in parts]
+
+
+def diagnostics(_):
+    expected, complete = lines_of_source()
+    found = lines_of_document()
+    problems = [] if complete else ["a call of LOG_FAILURE is not understood"]
+    for line in sorted(expected ^ {line for line, _, _ in found}):
+        problems.append(f"the source and docs/diagnostics.md differ about: {line}")
+    if len(expected) != 20 or len(found) != 20:
+        problems.append(f"{len(expected)} lines in the source and {len(found)} in the document instead of 20")
+    for _, line, text in found:
+        if not re.fullmatch(r"\n- \*\*Cause\*\*: .+?\n- \*\*Remedy\*\*: .+?\n+", text, re.S):
+            problems.append(f"not one cause and one remedy: {line}")
+    document = building.read("docs", "diagnostics.md")
+    for section, part in re.findall(r"(?ms)^## (\w+)\n(.*?)(?=^## |\Z)", document):
+        problems += [f"{name} stands under {section}" for name in re.findall(r"(?m)^### `(\w+):", part) if name != section]
+    return problems
+
+
+def error_numbers(_):
+    document = building.read("docs", "diagnostics.md")
+    rows = re.findall(r"(?m)^\| (\d+) \| (E\w+) \|", document)
+    problems = [f"{name} is not {number}" for number, name in rows if getattr(errno, name, None) != int(number)]
+    explained = {number for number, _ in rows}
+    lists = re.findall(r"(?<=[a-z`]) \((\d{1,3}(?:, \d{1,3})*)\)", re.split(r"(?m)^## Error", document)[0])
+    named = {number for one in lists for number in one.split(", ")}
+    problems += [f"the error number {number} has no row" for number in sorted(named - explained)]
+    return problems if len(rows) > 10 and len(named) > 8 else problems + [f"only {rows} and {named} found"]
+
+
+def names_of_tests():
+    tests = os.path.join(building.ROOT, "tests")
+    names = set()
+    for directory, _, files in os.walk(tests):
+        for name in files:
+            if name.endswith(".cpp"):
+                text = building.read(directory, name)
+                names.update(".".join(test) for test in re.findall(r"(?m)^TEST(?:_F|_P)?\((\w+), (\w+)\)", text))
+    return names
+
+
+# The headings of docs/caveats.md, by the part of the source whose comments their rows explain.
+CAVEATS = {
+    "File transfer": ["Moving", "Copying"],
+    "Directories": ["Making directories", "Listing"],
+    "Tables and pages": ["Tables and pages"],
+    "Name-value files": ["Reading settings"],
+}
+
+
+def deliberate_comments():
+    """How many comments begin with that word in each part of the source, which begins with "// ---- NAME"."""
+    text = building.read("src", "LxFileUtils.cpp")
+    parts = re.split(r"(?m)^// ---- (.*)\n", text)
+    counts = {name: part.count("// Deliberate:") for name, part in zip(parts[1::2], parts[2::2])}
+    counts["LxStringUtils.cpp"] = building.read("strutils", "LxStringUtils.cpp").count("// Deliberate:")
+    return {name: count for name, count in counts.items() if count != 0}
+
+
+def caveats(_):
+    document = building.read("docs", "caveats.md")
+    rows = {}
+    for heading, part in re.findall(r"(?ms)^## ([\w ]+)(?:: `.*?)?\n(.*?)(?=^## |\Z)", document):
+        rows[heading] = re.findall(r"(?m)^\| .* \|$", part)[1:]
+    exist = names_of_tests()
+    problems = []
+    for row in sum(rows.values(), []):
+        tests = re.fullmatch(r"(\w+\.\w+(?:, \w+\.\w+)*)(?: \*)?", row.split(" | ")[-1].rstrip("| "))
+        problems += [] if tests else [f"the row does not end in names of tests: {row}"]
+        problems += [f"docs/caveats.md names {name}, which does not exist"
+                     for name in (tests[1].split(", ") if tests else []) if name not in exist]  # fmt: skip
+    comments = deliberate_comments()
+    problems += [f"no heading of docs/caveats.md explains {part}" for part in comments if part not in CAVEATS]
+    for part, headings in CAVEATS.items():
+        marked = sum(row.endswith(" * |") for heading in headings for row in rows[heading])
+        if marked < comments.get(part, 0):
+            problems.append(f"{part}: {comments[part]} comments begin with Deliberate:, {marked} rows are marked")
+    return problems if sum(map(len, rows.values())) > 20 else problems + [f"only {rows} found"]
+
+
+def reference(_):
+    if not shutil.which("doxygen"):
+        if "ORV_NO_SKIP" in os.environ:
+            sys.exit("may not skip: no doxygen")
+        print("skipped: no doxygen")
+        sys.exit(building.SKIPPED)
+    declarations = building.read("tests", "artifacts", "package", "LxFileUtils.declarations")
+    functions = re.findall(r"(?m)^.*?(\w+)\(", declarations)
+    functions += ["Split", "Trim", "StartsWith", "WildcardedStringMatch", "__dlog_printf", "SetLimit", "Lines", "Total"]
+    with tempfile.TemporaryDirectory(dir="/var/tmp") as directory:
+        run = subprocess.run([os.path.join(building.ROOT, "script", "docs"), directory], stdout=subprocess.PIPE,
+                             stderr=subprocess.STDOUT, text=True, check=False)  # fmt: skip
+        html = os.path.join(directory, "html")
+        if run.returncode != 0 or run.stdout.count("\n") != 1:
+            return [run.stdout]
+        text = ""
+        for name in os.listdir(html):
+            if name.endswith(".html"):
+                with open(os.path.join(html, name), encoding="utf-8") as file:
+                    text += file.read()
+    detailed = set(re.findall(r'<td class="memname">[^<]*?(\w+) *</td>', re.sub(r"</?a[^>]*>", "", text)))
+    return [f"the reference does not describe {name}" for name in functions if name not in detailed]
+
+
+def main():
+    checks = {check.__name__: check for check in (diagnostics, error_numbers, caveats, reference)}
+    options = building.parser(__doc__, checks).parse_args()
+    building.finish(checks[options.check](options))
+
+
+if __name__ == "__main__":
+    main()

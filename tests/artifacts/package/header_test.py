@@ -1,0 +1,163 @@
+#!/usr/bin/env python3
+"""Compiles the headers and sources of the product in the ways that its users do.
+
+  header_test.py headers_compile_alone   each header, first and alone, in every standard from C++98 to C++20
+  header_test.py examples_compile        the example of every function of the header, in every standard
+  header_test.py examples_link           the same examples as one program, linked with the libraries
+  header_test.py declarations            the header declares the reviewed functions, and no macro but its guard
+  header_test.py sources_compile         the product's sources, as strict C++11, with the project's warnings
+  header_test.py format_is_checked       the compiler checks the arguments of __dlog_printf against the format
+"""
+
+import os
+import re
+import subprocess
+import tempfile
+
+import building
+
+STANDARDS = ["c++98", "c++03", "c++11", "c++14", "c++17", "c++20"]
+HEADERS = ["include/LxFileUtils.h", "strutils/LxStringUtils.h", "dlog/dlog.h", "dlog/dlog_memory.h"]
+SOURCES = ["src/LxFileUtils.cpp", "strutils/LxStringUtils.cpp"] + [
+    f"dlog/dlog_{name}.cpp" for name in ("text", "stderr", "syslog", "memory")
+]
+INCLUDES = [f"-I{os.path.join(building.ROOT, folder)}" for folder in ("include", "strutils", "dlog")]
+STRICT = ["-pedantic-errors", "-Wall", "-Wextra", "-Werror"]
+MAIN = "int main() { return 0; }\n"
+
+
+def without_none(results):
+    return [result for result in results if result is not None]
+
+
+def reviewed_declarations():
+    return building.read("tests", "artifacts", "package", "LxFileUtils.declarations").splitlines()
+
+
+def function_name(declaration):
+    return re.search(r"(\w+)\(", declaration)[1]
+
+
+def headers_compile_alone(options):
+    return without_none(
+        building.messages_of(
+            options.compiler, f"-std={standard}", *STRICT, *INCLUDES, "-fsyntax-only", *building.INPUT,
+            text=f'#include "{os.path.basename(header)}"\n')
+        for header in HEADERS
+        for standard in STANDARDS
+    )
+
+
+def examples():
+    """The examples of the header, each with the name of the function that it stands above."""
+    found = []
+    header = building.read("include", "LxFileUtils.h")
+    for comment, declaration in re.findall(r"((?:^///.*\n)+)^([^/\n].*)$", header, re.M):
+        for code in re.findall(r"^/// @code\n((?:///.*\n)*?)/// @endcode$", comment, re.M):
+            if re.search(r"\w+\(", declaration):
+                found.append((function_name(declaration), re.sub(r"(?m)^/// ?", "", code)))
+    return found
+
+
+def examples_program():
+    functions = [f"void Example{name}()\n{{\n{code}}}\n" for name, code in examples()]
+    declarations = [f"void Example{name}();\n" for name, _ in examples()]
+    return "#include <LxFileUtils.h>\n" + "".join(declarations + functions)
+
+
+def examples_are_complete():
+    names = [name for name, _ in examples()]
+    expected = [function_name(declaration) for declaration in reviewed_declarations()]
+    problems = [] if names == expected else [f"examples of {names}, not of each of {expected}"]
+    marks = len(re.findall("@code", building.read("include", "LxFileUtils.h")))
+    if marks != len(names):
+        problems.append(f"{marks} examples are marked, {len(names)} were found")
+    strangers = [name for name, code in examples() if f"::{name}(" not in code]
+    return problems + [f"the example of {name} does not call it" for name in strangers]
+
+
+def examples_compile(options):
+    lenient = ["-Wall", "-Wextra", "-Wpedantic", "-Werror", "-Wno-unused-variable", "-Wno-unused-but-set-variable"]
+    return examples_are_complete() + without_none(
+        building.messages_of(
+            options.compiler, f"-std={standard}", *lenient, INCLUDES[0], "-c", "-o", os.devnull, *building.INPUT,
+            text=examples_program())
+        for standard in STANDARDS
+    )
+
+
+def examples_link(options):
+    with tempfile.TemporaryDirectory() as directory:
+        program = os.path.join(directory, "examples")
+        messages = building.messages_of(
+            options.compiler, INCLUDES[0], *building.INPUT, *options.library, "-o", program,
+            text=examples_program() + MAIN)
+        return examples_are_complete() + without_none([messages])
+
+
+def preprocess(compiler, text, *arguments):
+    command = [*compiler, "-std=c++98", "-E", INCLUDES[0], *arguments, *building.INPUT]
+    return subprocess.run(command, input=text, stdout=subprocess.PIPE, text=True, check=True).stdout
+
+
+def own_text(preprocessed, file_name):
+    """What of the preprocessed text comes from the file itself and not from one that it includes."""
+    own = []
+    inside = False
+    for line in preprocessed.splitlines():
+        mark = re.match(r'# \d+ "(.*)"', line)
+        if mark:
+            inside = os.path.basename(mark[1]) == file_name
+        elif inside:
+            own.append(line)
+    return " ".join(" ".join(own).split())
+
+
+def declarations(options):
+    include = "#include <LxFileUtils.h>\n"
+    expected = "namespace orv_fileutils { " + "".join(line + "; " for line in reviewed_declarations()) + "}"
+    found = own_text(preprocess(options.compiler, include), "LxFileUtils.h")
+    problems = [] if found == expected else [f"declared:\n{found}\nreviewed:\n{expected}"]
+
+    standard_headers = "#include <list>\n#include <map>\n#include <string>\n#include <vector>\n"
+    before = set(preprocess(options.compiler, standard_headers, "-dM").splitlines())
+    after = set(preprocess(options.compiler, standard_headers + include, "-dM").splitlines())
+    macros = [line.strip() for line in sorted(before ^ after)]
+    if macros != ["#define ORV_LX_FILE_UTILS_H"]:
+        problems.append(f"macros besides the include guard: {macros}")
+    return problems
+
+
+def sources_compile(options):
+    return without_none(
+        building.messages_of(
+            options.compiler, "-std=c++11", *STRICT, "-O2", *INCLUDES, "-c", os.path.join(building.ROOT, source), "-o",
+            os.devnull)
+        for source in SOURCES
+    )
+
+
+def format_is_checked(options):
+    arguments = ["-std=c++11", "-Wall", "-Werror=format", INCLUDES[2], "-fsyntax-only", *building.INPUT]
+    call = '#include "dlog.h"\nvoid Report(int error) {{ __dlog_printf(3, "tag", "open failed (%{}).", error); }}\n'
+    problems = without_none([building.messages_of(options.compiler, *arguments, text=call.format("i"))])
+    messages = building.messages_of(options.compiler, *arguments, text=call.format("s"))
+    if messages is None:
+        problems.append("an int printed by %s compiles")
+    elif "-Werror=format" not in messages and "-Werror,-Wformat" not in messages:
+        problems.append(f"an int printed by %s is refused for another reason:\n{messages}")
+    return problems
+
+
+CHECKS = [headers_compile_alone, examples_compile, examples_link, declarations, sources_compile, format_is_checked]
+
+
+def main():
+    by_name = {check.__name__: check for check in CHECKS}
+    options = building.parser(__doc__, by_name).parse_args()
+    building.require_compiler(options)
+    building.finish(by_name[options.check](options))
+
+
+if __name__ == "__main__":
+    main()

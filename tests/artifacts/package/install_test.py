@@ -1,0 +1,191 @@
+#!/usr/bin/env python3
+"""Installs the build under an odd prefix and uses what is there, as a project outside does.
+
+  install_test.py files            exactly the reviewed files, and the links that the loader and the linker look for
+  install_test.py no_foreign_path  nothing installed names the source tree, the build tree or the configured prefix
+  install_test.py cmake            find_package() of an installation that was moved
+  install_test.py version          find_package() refuses a version that may not fit
+  install_test.py pkg_config       make and pkg-config, with an installation that was moved
+  install_test.py sysroot          pkg-config with an installation staged by DESTDIR
+  install_test.py add_subdirectory the library's sources as a part of the project's
+  install_test.py tool             the installed orvfile runs where it was moved
+"""
+
+import os
+import re
+import shutil
+import subprocess
+import tempfile
+
+import building
+
+HERE = os.path.dirname(os.path.abspath(__file__))
+
+ODD = os.fsdecode(b"odd pr\xc3\xa4fix \xff")  # blanks, UTF-8, and a byte that is none
+ODD_ROOT = os.fsdecode(b"odd-r\xc3\xb6\xc3\xb6t-\xff")  # pkgconf 1.8 fails with a blank in PKG_CONFIG_SYSROOT_DIR
+LINE = "MakeDirPath: Create '/orv-outside' directory failed."
+
+
+def run(*command, **options):
+    """What the command said; the test fails with it when the command does."""
+    result = subprocess.run(
+        command, stdout=subprocess.PIPE, stderr=subprocess.STDOUT, errors="surrogateescape", check=False, **options)
+    if result.returncode != 0:
+        problem = f"{' '.join(command)}: {result.returncode}\n{result.stdout}"
+        building.finish([problem.encode(errors="replace").decode()])
+    return result.stdout
+
+
+class Installation:
+    """The build, installed into a directory of its own and then moved; the outside project beside it."""
+
+    def __init__(self, options, directory):
+        self.options = options
+        self.directory = directory
+        first = os.path.join(directory, f"first {ODD}")
+        run(options.cmake, "--install", options.build, "--prefix", os.path.join(first, "prefix"))
+        self.prefix = os.path.join(directory, ODD, "prefix")
+        os.rename(first, os.path.dirname(self.prefix))
+        self.project = os.path.join(directory, "project")
+        shutil.copytree(os.path.join(HERE, "outside"), self.project)
+
+    def path(self, *names):
+        return os.path.join(self.prefix, *names)
+
+    def configure(self, *definitions):
+        """The command that configures the outside project by CMake."""
+        options = self.options
+        target = [f"--toolchain={options.toolchain}"] if options.toolchain else []
+        return [
+            options.cmake, "-S", self.project, "-B", os.path.join(self.project, "build"), *target,
+            f"-DCMAKE_CXX_COMPILER={options.compiler[0]}", f"-DCMAKE_CXX_FLAGS={' '.join(options.compiler[1:])}",
+            "-DCMAKE_BUILD_TYPE=Debug", *definitions]
+
+    def found(self):
+        """How CMake finds the package: by its prefix, and in a cross build, which knows target roots only, itself."""
+        if self.options.toolchain:
+            return f"-DOrvFileUtils_DIR={self.path(self.options.libdir, 'cmake', 'OrvFileUtils')}"
+        return f"-DCMAKE_PREFIX_PATH={self.prefix}"
+
+    def make(self, libraries, **environment):
+        """Builds the outside project by make."""
+        compiler, *flags = self.options.compiler
+        quoted = f"'-Wl,-rpath,{libraries}'"
+        run("make", "-C", self.project, f"CXX={compiler}", f"CXXFLAGS={' '.join(flags)}", f"LDFLAGS={quoted}",
+            env={**os.environ, **environment})
+
+    def check_programs(self, directory):
+        """Problems of the three outside programs, which lie there."""
+        problems = []
+        for name, expected in (
+            ("with_stderr", ["1 cell:cell;", f"LxFileUtils.cpp: {LINE}"]),
+            ("with_syslog", ["1 cell:cell;"]),
+            ("with_memory", [f"LxFileUtils.cpp: {LINE}"]),
+        ):
+            said = run(*self.options.emulator, os.path.join(directory, name))
+            problems += [f"{name} did not say '{text}' but:\n{said}" for text in expected if text not in said]
+        return problems
+
+
+def files(installation):
+    libdir = installation.options.libdir
+    config = installation.options.config.lower()
+    with open(os.path.join(HERE, "installed.txt"), encoding="utf-8") as file:
+        expected = {line.replace("LIBDIR", libdir).replace("CONFIG", config) for line in file.read().splitlines()}
+    if not installation.options.tool:
+        expected -= {line for line in expected if "orvfile" in line}
+    found = set()
+    for directory, _, names in os.walk(installation.prefix):
+        found |= {os.path.relpath(os.path.join(directory, name), installation.prefix) for name in names}
+    problems = [f"not installed: {name}" for name in sorted(expected - found)]
+    problems += [f"installed, but not in the reviewed list: {name}" for name in sorted(found - expected)]
+    for name in ("libOrvFileUtils.so", "libOrvStrUtils.so"):
+        for link, target in ((name, f"{name}.0"), (f"{name}.0", f"{name}.0.1.0")):
+            if os.readlink(installation.path(libdir, link)) != target:
+                problems.append(f"{link} does not lead to {target}")
+    return problems
+
+
+def no_foreign_path(installation):
+    options = installation.options
+    foreign = [building.ROOT, os.path.realpath(options.build), options.prefix, installation.directory]
+    pattern = re.compile(b"|".join(re.escape(os.fsencode(path)) + rb"[^\0\n]*" for path in foreign))
+    problems = []
+    for directory, _, names in os.walk(installation.prefix):
+        for name in names:
+            with open(os.path.join(directory, name), "rb") as file:
+                problems += [f"{name} names {path!r}" for path in sorted(set(pattern.findall(file.read())))]
+    return problems
+
+
+def cmake(installation):
+    run(*installation.configure(installation.found()))
+    run(installation.options.cmake, "--build", os.path.join(installation.project, "build"))
+    return installation.check_programs(os.path.join(installation.project, "build"))
+
+
+def version(installation):
+    problems = []
+    for wanted in ("0.2", "1.0"):
+        result = subprocess.run(
+            installation.configure(installation.found(), f"-DORV_WANTED={wanted}"), stdout=subprocess.PIPE,
+            stderr=subprocess.STDOUT, errors="replace", check=False)
+        if result.returncode == 0 or "version: 0.1.0" not in result.stdout:
+            problems.append(f"version {wanted} was not refused for its number:\n{result.stdout}")
+    return problems
+
+
+def pkg_config(installation):
+    libraries = installation.path(installation.options.libdir)
+    installation.make(libraries, PKG_CONFIG_PATH=os.path.join(libraries, "pkgconfig"))
+    return installation.check_programs(installation.project)
+
+
+def sysroot(installation):
+    options = installation.options
+    root = os.path.join(installation.directory, ODD_ROOT)
+    run(options.cmake, "--install", options.build, env={**os.environ, "DESTDIR": root})
+    libraries = root + os.path.join(options.prefix, options.libdir)
+    installation.make(libraries, PKG_CONFIG_LIBDIR=os.path.join(libraries, "pkgconfig"), PKG_CONFIG_SYSROOT_DIR=root)
+    return installation.check_programs(installation.project)
+
+
+def add_subdirectory(installation):
+    string_abi = [] if installation.options.cxx11_abi else ["-DORV_CXX11_ABI=OFF"]
+    run(*installation.configure(f"-DORV_SOURCE={building.ROOT}", *string_abi))
+    run(installation.options.cmake, "--build", os.path.join(installation.project, "build"))
+    return installation.check_programs(os.path.join(installation.project, "build"))
+
+
+def tool(installation):
+    said = run(*installation.options.emulator, installation.path("bin", "orvfile"), "--version")
+    return [] if "0.1.0" in said else [f"orvfile said:\n{said}"]
+
+
+CHECKS = {check.__name__: check for check in (
+    files, no_foreign_path, cmake, version, pkg_config, sysroot, add_subdirectory, tool)}
+
+PROGRAMS = {"pkg_config": ["make", "pkg-config"], "sysroot": ["make", "pkg-config"]}  # that a check needs
+
+
+def main():
+    parser = building.parser(__doc__, CHECKS)
+    parser.add_argument("--cmake", required=True, help="the program")
+    parser.add_argument("--build", required=True, help="the build directory")
+    parser.add_argument("--prefix", required=True, help="the prefix that it was configured with")
+    parser.add_argument("--libdir", required=True, help="the directory of the libraries below the prefix")
+    parser.add_argument("--config", required=True, help="the build type")
+    parser.add_argument("--toolchain", help="CMake's file of a cross compiler")
+    parser.add_argument("--tool", action="store_true", help="orvfile was built")
+    parser.add_argument("--cxx11-abi", action="store_true", help="built with the std::string of C++11")
+    options = parser.parse_args()
+    building.require_compiler(options)
+    for program in PROGRAMS.get(options.check, []):
+        building.require(program, "program")
+    with tempfile.TemporaryDirectory(prefix="orv_test.") as directory:
+        problems = CHECKS[options.check](Installation(options, directory))
+    building.finish(problems)
+
+
+if __name__ == "__main__":
+    main()

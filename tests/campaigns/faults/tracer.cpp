@@ -1,0 +1,515 @@
+#include "campaigns/faults/tracer.h"
+
+#include <fcntl.h>
+#include <malloc.h>
+#include <sys/mman.h>
+#include <sys/ptrace.h>
+#include <sys/syscall.h>
+#include <sys/uio.h>
+#include <sys/user.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <csignal>
+#include <cstdint>
+#include <cstdlib>
+#include <cstring>
+#include <ios>
+#include <map>
+#include <sstream>
+#include <utility>
+
+#ifndef __x86_64__
+#error "the registers are those of x86-64"
+#endif
+
+namespace {
+
+using SyscallInfo = __ptrace_syscall_info;
+
+// Calls that change nothing and that nobody else makes.
+constexpr int kBeginMark = -1000;
+constexpr int kEndMark = -1001;
+
+constexpr std::size_t kHeapBytes = 8U << 20;      // more than any scenario allocates
+constexpr std::size_t kReportBytes = 4U << 20;    // what a child hands over
+constexpr std::size_t kMostCalls = 2000000;       // of one run: more means that it does not end
+constexpr std::size_t kMostPathBytes = 4096 + 1;  // as the kernel takes them
+
+// ---- Which argument of a call is what
+
+struct CallForm {
+    long number;
+    const char* name;
+    int firstPath;  // index of the argument; -1: none
+    int secondPath;
+    int descriptor;  // -1: none
+    int mode;        // -1: none
+};
+
+constexpr CallForm kForms[] = {
+    {SYS_newfstatat, "stat", 1, -1, -1, -1},      {SYS_stat, "stat", 0, -1, -1, -1},
+    {SYS_lstat, "lstat", 0, -1, -1, -1},          {SYS_fstat, "fstat", -1, -1, 0, -1},
+    {SYS_openat, "open", 1, -1, -1, -1},          {SYS_read, "read", -1, -1, 0, -1},
+    {SYS_write, "write", -1, -1, 0, -1},          {SYS_writev, "writev", -1, -1, 0, -1},
+    {SYS_close, "close", -1, -1, 0, -1},          {SYS_chmod, "chmod", 0, -1, -1, 1},
+    {SYS_rename, "rename", 0, 1, -1, -1},         {SYS_unlink, "unlink", 0, -1, -1, -1},
+    {SYS_mkdir, "mkdir", 0, -1, -1, 1},           {SYS_getdents64, "getdents", -1, -1, 0, -1},
+    {SYS_getrandom, "getrandom", -1, -1, -1, -1}, {SYS_getpid, "getpid", -1, -1, -1, -1},
+};
+
+const CallForm* FormOf(std::uint64_t number)
+{
+    const auto* const form = std::find_if(std::begin(kForms), std::end(kForms), [number](const CallForm& candidate) {
+        return static_cast<std::uint64_t>(candidate.number) == number;
+    });
+    return form == std::end(kForms) ? nullptr : form;
+}
+
+// ---- The child's report: strings, each after its length
+
+void Append(std::string& report, const std::string& text)
+{
+    report += std::to_string(text.size()) + ":" + text;
+}
+
+void Append(std::string& report, const std::vector<std::string>& texts)
+{
+    Append(report, std::to_string(texts.size()));
+    for (const std::string& text : texts) {
+        Append(report, text);
+    }
+}
+
+class ReportReader {
+public:
+    explicit ReportReader(std::string report) : in_(std::move(report))
+    {
+    }
+
+    std::string Text()
+    {
+        std::size_t bytes = 0;
+        char colon = '\0';
+        in_ >> bytes >> colon;
+        std::string text(bytes, '\0');
+        in_.read(text.data(), static_cast<std::streamsize>(bytes));
+        return text;
+    }
+
+    int Number()
+    {
+        return std::stoi(Text());
+    }
+
+    std::vector<std::string> Texts()
+    {
+        std::vector<std::string> texts(static_cast<std::size_t>(Number()));
+        for (std::string& text : texts) {
+            text = Text();
+        }
+        return texts;
+    }
+
+private:
+    std::istringstream in_;
+};
+
+// Memory that parent and child share; reused by all runs.
+struct SharedReport {
+    std::size_t bytes;
+    char text[kReportBytes];
+};
+
+SharedReport& Shared()
+{
+    static void* const memory =
+        mmap(nullptr, sizeof(SharedReport), PROT_READ | PROT_WRITE, MAP_SHARED | MAP_ANONYMOUS, -1, 0);
+    if (memory == MAP_FAILED) {
+        std::abort();
+    }
+    return *static_cast<SharedReport*>(memory);
+}
+
+std::string ReportOf(const Answer& answer, const std::vector<std::string>& descriptorsBefore)
+{
+    std::string report;
+    Append(report, answer.result);
+    Append(report, answer.items);
+    const std::vector<DlogCall> lines = TakeDlogCalls();
+    Append(report, std::to_string(lines.size()));
+    for (const DlogCall& line : lines) {
+        Append(report, {std::to_string(line.severity), line.sourceTag, line.format, line.function, line.text});
+    }
+    Append(report, descriptorsBefore);
+    Append(report, OpenDescriptors());
+    return report;
+}
+
+void ReadReport(TracedRun& run)
+{
+    ReportReader report(std::string(Shared().text, Shared().bytes));
+    run.answer.result = report.Text();
+    run.answer.items = report.Texts();
+    run.lines.resize(static_cast<std::size_t>(report.Number()));
+    for (DlogCall& line : run.lines) {
+        const std::vector<std::string> texts = report.Texts();
+        line = DlogCall{std::stoi(texts[0]), texts[1], texts[2], texts[3], texts[4]};
+    }
+    run.descriptorsBefore = report.Texts();
+    run.descriptorsAfter = report.Texts();
+}
+
+[[noreturn]] void BeTraced(const std::function<Answer()>& body)
+{
+    const std::vector<std::string> descriptorsBefore = OpenDescriptors();
+    if (ptrace(PTRACE_TRACEME, 0, nullptr, nullptr) != 0 || raise(SIGSTOP) != 0) {
+        _exit(2);
+    }
+    (void)close(kBeginMark);
+    const Answer answer = body();
+    (void)close(kEndMark);
+    const std::string report = ReportOf(answer, descriptorsBefore);
+    if (report.size() > kReportBytes) {
+        _exit(3);
+    }
+    report.copy(Shared().text, report.size());
+    Shared().bytes = report.size();
+    _exit(0);
+}
+
+// Once, before the first child: what the C and C++ libraries do with system calls only for the first time. The heap
+// gets its memory and never gives it back; an exception is thrown, for the streams throw one inside after a failed
+// read.
+void WarmUp()
+{
+    static const bool warm = [] {
+        mallopt(M_MMAP_THRESHOLD, static_cast<int>(kHeapBytes) * 2);
+        mallopt(M_TRIM_THRESHOLD, static_cast<int>(kHeapBytes) * 2);
+        std::free(std::malloc(kHeapBytes));
+        try {
+            throw std::ios_base::failure("warm-up");
+        } catch (const std::ios_base::failure&) {
+        }
+        return true;
+    }();
+    (void)warm;
+}
+
+// ---- The tracer
+
+class Tracer {
+public:
+    Tracer(pid_t child, const std::vector<Fault>& faults) : child_(child), faults_(faults)
+    {
+        run_.child = child;
+    }
+
+    TracedRun Run();
+
+private:
+    bool WaitForStop();
+    void OnStop();
+    void OnEntry(const SyscallInfo& info);
+    void OnExit(const SyscallInfo& info);
+    TracedCall Describe(const SyscallInfo& info);
+    void Inject(TracedCall& call, const Fault& fault, const SyscallInfo& info);
+    void Shorten(const TracedCall& call, std::size_t bytes, const SyscallInfo& info);
+    void FollowDescriptors(const TracedCall& call);
+    void Kill();
+
+    std::string TextAt(std::uint64_t address) const;
+    template <typename Item>
+    std::vector<Item> ItemsAt(std::uint64_t address, std::size_t count) const;
+    void PutBytes(std::uint64_t address, const std::vector<char>& bytes) const;
+    void SetRegister(std::size_t offset, std::uint64_t value) const
+    {
+        (void)ptrace(PTRACE_POKEUSER, child_, offset, value);
+    }
+
+    pid_t child_;
+    const std::vector<Fault>& faults_;
+    TracedRun run_;
+    bool inWindow_ = false;
+    bool leaving_ = false;
+    int status_ = 0;
+    std::map<std::string, int> occurrences_;
+    std::map<int, std::string> descriptorPaths_;
+
+    // Of the call that is being made:
+    const Fault* killAfter_ = nullptr;
+    long forcedResult_ = 0;             // 0: none
+    std::uint64_t countToRestore_ = 0;  // of a shortened read or write: the caller's register
+    bool restoreCount_ = false;
+    std::uint64_t vectorAddress_ = 0;  // of a shortened writev: the caller's memory
+    std::vector<char> vectorToRestore_;
+};
+
+template <typename Item>
+std::vector<Item> Tracer::ItemsAt(std::uint64_t address, std::size_t count) const
+{
+    std::vector<Item> items(count);
+    iovec local{items.data(), count * sizeof(Item)};
+    iovec remote{reinterpret_cast<void*>(address), count * sizeof(Item)};
+    const ssize_t got = process_vm_readv(child_, &local, 1, &remote, 1, 0);
+    items.resize(got < 0 ? 0 : static_cast<std::size_t>(got) / sizeof(Item));
+    return items;
+}
+
+std::string Tracer::TextAt(std::uint64_t address) const
+{
+    // Page by page: the text may end just before memory that is not there.
+    constexpr std::uint64_t kPageBytes = 4096;
+    std::string text;
+    while (text.size() < kMostPathBytes) {
+        const std::uint64_t at = address + text.size();
+        const std::vector<char> bytes = ItemsAt<char>(at, kPageBytes - at % kPageBytes);
+        const auto end = std::find(bytes.begin(), bytes.end(), '\0');
+        text.append(bytes.begin(), end);
+        if (bytes.empty() || end != bytes.end()) {
+            break;
+        }
+    }
+    return text;
+}
+
+void Tracer::PutBytes(std::uint64_t address, const std::vector<char>& bytes) const
+{
+    std::vector<char> copy = bytes;
+    iovec local{copy.data(), copy.size()};
+    iovec remote{reinterpret_cast<void*>(address), copy.size()};
+    (void)process_vm_writev(child_, &local, 1, &remote, 1, 0);
+}
+
+TracedCall Tracer::Describe(const SyscallInfo& info)
+{
+    const auto& args = info.entry.args;
+    TracedCall call;
+    const CallForm* const form = FormOf(info.entry.nr);
+    if (form == nullptr) {
+        call.name = "system call " + std::to_string(info.entry.nr);
+        return call;
+    }
+    call.name = form->name;
+    int descriptor = form->descriptor == -1 ? -1 : static_cast<int>(args[form->descriptor]);
+    if (form->number == SYS_newfstatat && (args[3] & AT_EMPTY_PATH) != 0) {
+        call.name = "fstat";
+        descriptor = static_cast<int>(args[0]);
+    } else if (form->number == SYS_newfstatat && (args[3] & AT_SYMLINK_NOFOLLOW) != 0) {
+        call.name = "lstat";
+    } else if (form->number == SYS_openat && (args[2] & O_CREAT) != 0) {
+        call.name = "create";
+    }
+    if (descriptor != -1) {
+        call.paths.push_back(descriptorPaths_[descriptor]);
+    } else {
+        for (const int path : {form->firstPath, form->secondPath}) {
+            if (path != -1) {
+                call.paths.push_back(TextAt(args[path]));
+            }
+        }
+    }
+    if (form->mode != -1) {
+        call.mode = static_cast<unsigned int>(args[form->mode]);
+    }
+    if (form->number == SYS_read || form->number == SYS_write) {
+        call.asked = args[2];
+    } else if (form->number == SYS_writev) {
+        for (const iovec& part : ItemsAt<iovec>(args[1], args[2])) {
+            call.asked += part.iov_len;
+        }
+    }
+    return call;
+}
+
+void Tracer::Kill()
+{
+    run_.killed = true;
+    (void)kill(child_, SIGKILL);
+}
+
+void Tracer::Shorten(const TracedCall& call, std::size_t bytes, const SyscallInfo& info)
+{
+    const auto& args = info.entry.args;
+    if (call.name != "writev") {
+        countToRestore_ = args[2];
+        restoreCount_ = true;
+        SetRegister(offsetof(user, regs.rdx), bytes);
+        return;
+    }
+    vectorAddress_ = args[1];
+    vectorToRestore_ = ItemsAt<char>(args[1], args[2] * sizeof(iovec));
+    std::vector<iovec> parts = ItemsAt<iovec>(args[1], args[2]);
+    for (iovec& part : parts) {
+        part.iov_len = std::min(part.iov_len, bytes);
+        bytes -= part.iov_len;
+    }
+    const char* const shortened = reinterpret_cast<const char*>(parts.data());
+    PutBytes(vectorAddress_, std::vector<char>(shortened, shortened + vectorToRestore_.size()));
+}
+
+void Tracer::Inject(TracedCall& call, const Fault& fault, const SyscallInfo& info)
+{
+    ++call.faults;
+    switch (fault.kind) {
+        case Fault::Kind::kError:
+            forcedResult_ = -fault.value;
+            if (call.name != "close") {
+                SetRegister(offsetof(user, regs.orig_rax), static_cast<std::uint64_t>(-1));
+            }
+            break;
+        case Fault::Kind::kShort:
+            Shorten(call, static_cast<std::size_t>(fault.value), info);
+            break;
+        case Fault::Kind::kKillBefore:
+            SetRegister(offsetof(user, regs.orig_rax), static_cast<std::uint64_t>(-1));
+            Kill();
+            break;
+        case Fault::Kind::kKillAfter:
+            killAfter_ = &fault;
+            break;
+    }
+}
+
+void Tracer::OnEntry(const SyscallInfo& info)
+{
+    const bool isClose = info.entry.nr == SYS_close;
+    if (isClose && static_cast<int>(info.entry.args[0]) == kBeginMark) {
+        inWindow_ = true;
+        leaving_ = true;  // the exit of the mark itself is not one of ours
+        return;
+    }
+    if (!inWindow_) {
+        return;
+    }
+    if (isClose && static_cast<int>(info.entry.args[0]) == kEndMark) {
+        inWindow_ = false;
+        return;
+    }
+    TracedCall call = Describe(info);
+    call.occurrence = ++occurrences_[call.name];
+    for (const Fault& fault : faults_) {
+        const int after = call.occurrence - fault.occurrence;
+        if (call.name == fault.call && after >= 0 && after < fault.times) {
+            Inject(call, fault, info);
+        }
+    }
+    run_.calls.push_back(std::move(call));
+}
+
+void Tracer::FollowDescriptors(const TracedCall& call)
+{
+    if ((call.name == "open" || call.name == "create") && call.result >= 0) {
+        descriptorPaths_[static_cast<int>(call.result)] = call.paths[0];
+    }
+}
+
+void Tracer::OnExit(const SyscallInfo& info)
+{
+    if (leaving_) {
+        leaving_ = false;
+        return;
+    }
+    if (!inWindow_) {
+        return;
+    }
+    TracedCall& call = run_.calls.back();
+    call.result = info.exit.rval;
+    if (killAfter_ != nullptr) {
+        Kill();
+        return;
+    }
+    if (forcedResult_ != 0) {
+        call.result = std::exchange(forcedResult_, 0);
+        SetRegister(offsetof(user, regs.rax), static_cast<std::uint64_t>(call.result));
+    }
+    if (std::exchange(restoreCount_, false)) {
+        SetRegister(offsetof(user, regs.rdx), countToRestore_);
+    }
+    if (!vectorToRestore_.empty()) {
+        PutBytes(vectorAddress_, std::exchange(vectorToRestore_, {}));
+    }
+    call.finished = true;
+    FollowDescriptors(call);
+}
+
+bool Tracer::WaitForStop()
+{
+    if (waitpid(child_, &status_, __WALL) != child_) {
+        run_.problem = std::string("waitpid: ") + std::strerror(errno);
+        return false;
+    }
+    return WIFSTOPPED(status_);
+}
+
+void Tracer::OnStop()
+{
+    SyscallInfo info{};
+    if (ptrace(PTRACE_GET_SYSCALL_INFO, child_, sizeof info, &info) <= 0) {
+        run_.problem = std::string("PTRACE_GET_SYSCALL_INFO: ") + std::strerror(errno);
+        Kill();
+    } else if (info.op == PTRACE_SYSCALL_INFO_ENTRY) {
+        OnEntry(info);
+    } else if (info.op == PTRACE_SYSCALL_INFO_EXIT) {
+        OnExit(info);
+    }
+    if (run_.calls.size() > kMostCalls) {
+        run_.problem = "does not end";
+        Kill();
+    }
+}
+
+TracedRun Tracer::Run()
+{
+    constexpr int kSyscallStop = SIGTRAP | 0x80;
+    if (!WaitForStop()) {
+        run_.problem = "cannot be traced";
+        return run_;
+    }
+    (void)ptrace(PTRACE_SETOPTIONS, child_, nullptr, PTRACE_O_TRACESYSGOOD | PTRACE_O_EXITKILL);
+    int signal = 0;  // the stop that began the tracing is not passed on
+    while (ptrace(PTRACE_SYSCALL, child_, nullptr, signal) == 0 && WaitForStop()) {
+        const bool isCall = WSTOPSIG(status_) == kSyscallStop;
+        signal = isCall ? 0 : WSTOPSIG(status_);
+        if (isCall) {
+            OnStop();
+        }
+    }
+    if (WIFSTOPPED(status_)) {  // killed while it stood: the end is still to be collected
+        (void)waitpid(child_, &status_, __WALL);
+    }
+    if (run_.problem.empty() && !run_.killed && !(WIFEXITED(status_) && WEXITSTATUS(status_) == 0)) {
+        run_.problem = "the child ended with status " + std::to_string(status_);
+    }
+    if (run_.killed && !(WIFSIGNALED(status_) && WTERMSIG(status_) == SIGKILL)) {
+        run_.problem = "the child outlived SIGKILL, status " + std::to_string(status_);
+    }
+    return run_;
+}
+
+}  // namespace
+
+TracedRun RunTraced(const std::function<Answer()>& body, const std::vector<Fault>& faults,
+                    const std::function<void()>& prepare)
+{
+    WarmUp();
+    Shared().bytes = 0;
+    (void)TakeDlogCalls();
+    const pid_t child = fork();
+    if (child == 0) {
+        prepare();
+        BeTraced(body);
+    }
+    TracedRun run = Tracer(child, faults).Run();
+    if (run.problem.empty() && !run.killed) {
+        ReadReport(run);
+    }
+    return run;
+}
+
+bool CanTrace()
+{
+    return RunTraced([] { return Answer{"traced", {}}; }, {}).answer.result == "traced";
+}

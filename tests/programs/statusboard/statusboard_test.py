@@ -1,0 +1,500 @@
+#!/usr/bin/env python3
+"""Runs examples/statusboard and reads its pages back with an HTML parser that knows nothing of the library.
+
+Usage: statusboard_test.py [EMULATOR...] PROGRAM
+Ends with 77 when a test was skipped, which fails where ORV_NO_SKIP is set.
+"""
+
+import os
+import re
+import shutil
+import signal
+import socket
+import subprocess
+import sys
+import tempfile
+import time
+import unittest
+
+from pages import FOOTER, HEADER, HOSTILE_NAMES, Page, text, without_capabilities
+
+PROGRAM = []
+USAGE = "Usage: statusboard [--watch] [--page PATH] SETTINGS   (one settings file)\n"
+BUILD_DIRECTORY = "/var/tmp"  # where the library builds pages
+PATIENCE_SECONDS = 60  # until a wait counts as failed
+
+
+class StatusboardTest(unittest.TestCase):
+    def setUp(self):
+        self.dir = self.make_dir(BUILD_DIRECTORY)
+        self.watched = os.path.join(self.dir, "watched")
+        os.mkdir(self.watched)
+        self.out = os.path.join(self.dir, "out")
+        os.mkdir(self.out)
+        self.page = os.path.join(self.out, "page.html")
+        self.settings = {"title": "A title", "directory": self.watched, "page": self.page, "period": "1"}
+
+    def make_dir(self, base):
+        path = tempfile.mkdtemp(prefix="orv_test.", dir=base)
+        os.chmod(path, 0o755)
+        self.addCleanup(shutil.rmtree, path)
+        return path
+
+    def write(self, path, data=b""):
+        with open(path, "wb") as file:
+            file.write(data)
+        return path
+
+    def read(self, path):
+        with open(path, "rb") as file:
+            return file.read()
+
+    def settings_file(self, **changes):
+        settings = {**self.settings, **changes}
+        lines = ["# a comment", ""] + [f"  {name} = {value}" for name, value in settings.items() if value is not None]
+        return self.write(os.path.join(self.dir, "settings"), "\n".join(lines).encode())
+
+    def start(self, *arguments, **options):
+        try:
+            return subprocess.Popen([*PROGRAM, *arguments], stdout=subprocess.PIPE, stderr=subprocess.PIPE, **options)
+        except subprocess.SubprocessError:  # from without_capabilities
+            self.skipTest("this root may not give up its capabilities")
+
+    def finish(self, process):
+        """Returns exit status and standard error; nothing else may be left of any run."""
+        try:
+            out, err = process.communicate(timeout=PATIENCE_SECONDS)
+        finally:
+            process.kill()
+        self.assertEqual(b"", out)
+        leftover = f"{BUILD_DIRECTORY}/TextToHtml_{process.pid}.tmp"
+        self.assertFalse(os.path.lexists(leftover), leftover)
+        return process.returncode, text(err)
+
+    def run_board(self, *arguments, **options):
+        return self.finish(self.start(*arguments, **options))
+
+    def assert_fails(self, status, err, *arguments, **options):
+        self.assertEqual((status, err), self.run_board(*arguments, **options))
+
+    def assert_published(self, *arguments, **options):
+        self.assertEqual((0, ""), self.run_board(*arguments, **options))
+
+    def read_page(self, path=None):
+        raw = self.read(path or self.page)
+        self.assertEqual(340, len(HEADER))
+        self.assertEqual(HEADER, raw[:340])
+        self.assertEqual(FOOTER, raw[-len(FOOTER) :])
+        self.assertNotIn(b"\n", raw)
+        page = Page(raw)
+        self.assertEqual([], page.foreign)
+        self.assertEqual([], page.open)
+        return page
+
+    def listed(self):
+        return [row[0] for row in self.read_page().tables[4][1:]]
+
+    def wait_for(self, condition, process):
+        deadline = time.monotonic() + PATIENCE_SECONDS
+        while not condition():
+            self.assertIsNone(process.poll(), "the program ended")
+            self.assertLess(time.monotonic(), deadline, "waited in vain")
+            time.sleep(0.02)
+
+
+class PageTest(StatusboardTest):
+    def test_hostile_file_names_come_back_exactly_and_stay_text(self):
+        self.assertEqual(len(HOSTILE_NAMES), len(set(HOSTILE_NAMES)))
+        for size, name in enumerate(HOSTILE_NAMES):
+            self.write(os.path.join(os.fsencode(self.watched), name), bytes(size))
+
+        self.assert_published(self.settings_file())
+
+        expected = sorted([name, b"%d" % size] for size, name in enumerate(HOSTILE_NAMES))
+        self.assertEqual([[text(cell) for cell in row] for row in expected], self.read_page().tables[4][1:])
+
+    def test_specials_and_the_digits_behind_them_become_references_and_nothing_else_does(self):
+        for name in HOSTILE_NAMES:
+            self.write(os.path.join(os.fsencode(self.watched), name))
+
+        self.assert_published(self.settings_file())
+
+        specials = re.compile(rb'[&<>";,:\r\n][0-9]*')
+        expected = [specials.sub(lambda run: b"".join(b"&#%d" % byte for byte in run[0]), name) for name in HOSTILE_NAMES]
+        last_table = self.read(self.page).split(b"<table")[-1]
+        self.assertEqual(sorted(expected), sorted(re.findall(rb"<tr><td>([^<]*)</td><td>0</td></tr>", last_table)))
+
+    def test_every_other_cell_is_safe_too(self):
+        title = "<h1>\"Tests\" & more</h1>; 1,2:34"
+        watched = os.path.join(self.watched, "a<b>;5,6:7&8")
+        os.mkdir(watched)
+
+        self.assert_published(self.settings_file(title=title, directory=watched))
+
+        tables = self.read_page().tables
+        self.assertEqual([title, ""], tables[0][0])
+        self.assertEqual([["Files in " + watched, "Bytes"]], tables[4])
+
+    def test_five_tables_have_headings_and_full_rows_and_spacers_between(self):
+        self.write(os.path.join(self.watched, "file"), b"12345")
+
+        self.assert_published(self.settings_file())
+
+        page = self.read_page()
+        self.assertEqual(["table", "p"] * 4 + ["table"], page.layout)
+        headings = [["A title", ""], ["System", ""], ["File system", "Type", "MiB", "MiB used", "Use"],
+                    ["Network interface", "State"], ["Files in " + self.watched, "Bytes"]]  # fmt: skip
+        self.assertEqual(headings, [table[0] for table in page.tables])
+        for table in page.tables:
+            self.assertEqual({len(table[0])}, {len(row) for row in table})
+        self.assertEqual([["file", "5"]], page.tables[4][1:])
+
+    def test_the_page_is_utf_8_and_refreshes_every_10_seconds(self):
+        self.assert_published(self.settings_file())
+
+        expected = [{"content": "text/html; charset=utf-8", "http-equiv": "Content-Type"},
+                    {"http-equiv": "refresh", "content": "10"}]  # fmt: skip
+        self.assertEqual(expected, self.read_page().metas)
+
+    def test_the_table_file_stands_beside_the_page(self):
+        self.assert_published(self.settings_file())
+
+        self.assertEqual(["page.html", "page.html.txt"], sorted(os.listdir(self.out)))
+        lines = self.read(self.page + ".txt").split(b"\n")
+        self.assertEqual([False, True] * 5, [line == b"" for line in lines])
+
+    def test_only_regular_files_are_listed(self):
+        self.write(os.path.join(self.watched, "file"))
+        os.mkdir(os.path.join(self.watched, "directory"))
+        os.mkfifo(os.path.join(self.watched, "fifo"))
+        os.symlink("file", os.path.join(self.watched, "link"))
+
+        self.assert_published(self.settings_file())
+
+        self.assertEqual(["file"], self.listed())
+
+    def test_include_and_exclude_choose_the_files(self):
+        for name in ("a.log", "b.log", "c.txt", "debug.log", "debug.txt"):
+            self.write(os.path.join(self.watched, name))
+        cases = [
+            (None, None, ["a.log", "b.log", "c.txt", "debug.log", "debug.txt"]),
+            ("", "", ["a.log", "b.log", "c.txt", "debug.log", "debug.txt"]),
+            ("*.log", None, ["a.log", "b.log", "debug.log"]),
+            (None, "debug*", ["a.log", "b.log", "c.txt"]),
+            ("*.log", "debug*", ["a.log", "b.log"]),
+            ("?.txt", None, ["c.txt"]),
+            ("none", None, []),
+        ]
+        for include, exclude, expected in cases:
+            with self.subTest(include=include, exclude=exclude):
+                self.assert_published(self.settings_file(include=include, exclude=exclude))
+
+                self.assertEqual(expected, self.listed())
+
+
+class SystemTest(StatusboardTest):
+    def setUp(self):
+        super().setUp()
+        self.before = time.time()
+        self.assert_published(self.settings_file(), env={**os.environ, "TZ": "UTC0"})
+        self.tables = self.read_page().tables
+
+    def test_shows_host_and_time(self):
+        rows = dict(self.tables[0][1:])
+        stamps = [time.strftime("%Y-%m-%d %H:%M:%S UTC", time.gmtime(self.before + delay)) for delay in range(60)]
+
+        self.assertEqual(["Host", "Time"], list(rows))
+        self.assertEqual(os.uname().nodename, rows["Host"])
+        self.assertIn(rows["Time"], stamps)
+
+    def test_shows_load_and_uptime(self):
+        rows = dict(self.tables[1][1:])
+        with open("/proc/uptime", encoding="ascii") as file:
+            hours = int(float(file.read().split()[0])) // 3600
+
+        self.assertEqual(["Load over 1, 5 and 15 minutes", "Uptime"], list(rows))
+        self.assertRegex(rows["Load over 1, 5 and 15 minutes"], r"\A\d+\.\d\d \d+\.\d\d \d+\.\d\d\Z")
+        self.assertIn(rows["Uptime"], [f"{h // 24} days, {h % 24} hours" for h in (hours - 1, hours)])
+
+    def test_shows_each_file_system_with_space_once(self):
+        with open("/proc/mounts", encoding="utf-8", errors="surrogateescape") as file:
+            mounts = [line.split(" ")[1:3] for line in file]
+        unescaped = [[re.sub(r"\\(\d{3})", lambda m: chr(int(m[1], 8)), point), kind] for point, kind in mounts]
+        rows = self.tables[2][1:]
+
+        shown = {os.stat(row[0]).st_dev for row in rows}
+        self.assertEqual(len(rows), len(shown))
+        for point, kind, size, used, use in rows:
+            space = os.statvfs(point)
+            self.assertIn([point, kind], unescaped)
+            self.assertEqual(space.f_blocks * space.f_frsize >> 20, int(size))
+            self.assertLessEqual(int(used), int(size))
+            self.assertLessEqual(int(use.removesuffix(" %")), 100)
+            if int(size) > 0:
+                self.assertAlmostEqual(100 * int(used) / int(size), int(use.removesuffix(" %")), delta=100 / int(size) + 1)
+        self.assertEqual(set(), {os.stat(point).st_dev for point, _ in unescaped if self.has_space(point)} - shown)
+
+    def has_space(self, point):
+        try:
+            return os.statvfs(point).f_blocks != 0
+        except OSError:
+            return False
+
+    def test_shows_each_network_interface(self):
+        rows = dict(self.tables[3][1:])
+
+        self.assertEqual(len(rows), len(self.tables[3]) - 1)
+        self.assertEqual(set(), {name for _, name in socket.if_nameindex()} - set(rows))
+        self.assertLessEqual(set(rows.values()), {"up", "down"})
+        for name, state in rows.items():
+            with self.subTest(name=name):
+                device = "/sys/class/net/" + name.split(":")[0]  # an alias such as eth0:1 has none of its own
+                administratively_up = int(self.read(device + "/flags"), 16) & 1 != 0
+                carrier = self.read(device + "/operstate").strip() in (b"up", b"unknown")  # loopback knows none
+                self.assertEqual("up" if administratively_up and carrier else "down", state)
+
+
+class PlaceTest(StatusboardTest):
+    def test_a_new_page_replaces_the_old_one(self):
+        self.assert_published(self.settings_file())
+        with open(self.page, "rb") as old:
+            self.write(os.path.join(self.watched, "new"))
+
+            self.assert_published(self.settings_file())
+
+            self.assertNotEqual(os.fstat(old.fileno()).st_ino, os.stat(self.page).st_ino)
+            self.assertEqual(FOOTER, old.read()[-len(FOOTER) :])
+        self.assertEqual(["new"], self.listed())
+
+    def test_the_page_may_lie_on_another_file_system(self):
+        if not os.path.isdir("/dev/shm") or os.stat("/dev/shm").st_dev == os.stat(BUILD_DIRECTORY).st_dev:
+            self.skipTest("/dev/shm is not another file system than " + BUILD_DIRECTORY)
+        page = os.path.join(self.make_dir("/dev/shm"), "www", "page.html")
+        self.write(os.path.join(self.watched, "a;b"))
+        settings = self.settings_file(page=page)
+
+        for _ in range(2):
+            self.assert_published(settings)
+
+            self.assertEqual([["a;b", "0"]], self.read_page(page).tables[4][1:])
+            self.assertEqual(["page.html", "page.html.txt"], sorted(os.listdir(os.path.dirname(page))))
+
+    def test_missing_directories_of_the_page_are_made(self):
+        page = os.path.join(self.out, "one", "two", "page.html")
+
+        self.assert_published(self.settings_file(page=page), umask=0o022)
+
+        self.read_page(page)
+        self.assertEqual(0o40755, os.stat(os.path.join(self.out, "one", "two")).st_mode)
+
+    def test_the_command_line_wins_over_the_settings(self):
+        other = os.path.join(self.out, "other.html")
+
+        self.assert_published("--page", other, self.settings_file())
+
+        self.read_page(other)
+        self.assertFalse(os.path.exists(self.page))
+
+    def test_relative_pages_lie_below_the_current_directory(self):
+        settings = self.settings_file(page=None)
+
+        for page in ("here.html", "./here too.html", "made/below/page.html"):
+            with self.subTest(page=page):
+                os.makedirs(os.path.join(self.out, "made"), exist_ok=True)
+
+                self.assert_published("--page", page, settings, cwd=self.out)
+
+                self.read_page(os.path.join(self.out, page))
+
+    def test_a_directory_directly_below_the_current_one_is_not_made(self):
+        self.assert_fails(
+            1,
+            "[3] LxFileUtils.cpp: DoMakeDirPath: Can't make directory in .\n"
+            "[3] LxFileUtils.cpp: MakeDirPath: Create 'new/' directory failed.\n"
+            "statusboard: cannot make 'new/'\n",
+            *("--page", "new/page.html", self.settings_file()),
+            cwd=self.out,
+        )
+        self.assertEqual([], os.listdir(self.out))
+
+
+class BadInputTest(StatusboardTest):
+    def tearDown(self):
+        self.assertFalse(os.path.isfile(self.page))
+
+    def test_no_settings_file_is_wrong_usage(self):
+        self.assert_fails(2, USAGE)
+        self.assert_fails(2, USAGE, "--watch")
+
+    def test_two_settings_files_are_wrong_usage(self):
+        self.assert_fails(2, USAGE, self.settings_file(), "another")
+
+    def test_unknown_and_incomplete_options_are_wrong_usage_and_named(self):
+        for arguments, complaint in (
+            (["--frob", self.settings_file()], "unrecognized option '--frob'"),
+            (["--page"], "option '--page' requires an argument"),
+            (["--watch=5", self.settings_file()], "option '--watch' doesn't allow an argument"),
+        ):
+            with self.subTest(arguments=arguments):
+                status, err = self.run_board(*arguments)
+
+                self.assertEqual(2, status)
+                self.assertIn(complaint + "\n" + USAGE, err)
+
+    def test_a_missing_settings_file_is_named(self):
+        missing = os.path.join(self.dir, "missing")
+
+        self.assert_fails(1, f"statusboard: '{missing}' is not a file\n", missing)
+
+    def test_a_directory_is_no_settings_file(self):
+        self.assert_fails(1, f"statusboard: '{self.dir}' is not a file\n", self.dir)
+
+    def test_a_missing_or_empty_setting_is_named(self):
+        for name in ("title", "directory", "page", "period"):
+            for value in (None, ""):
+                with self.subTest(name=name, value=value):
+                    settings = self.settings_file(**{name: value})
+
+                    self.assert_fails(1, f"statusboard: {settings}: missing setting '{name}'\n", settings)
+
+    def test_a_bad_period_is_named(self):
+        for period in ("abc", "0", "-1", "1.5", "5 s", "0x10", "100000", "99999999999999999999"):
+            with self.subTest(period=period):
+                settings = self.settings_file(period=period)
+
+                self.assert_fails(
+                    1,
+                    f"statusboard: {settings}: bad period '{period}', must be a number of seconds from 1 to 99999\n",
+                    settings,
+                )
+
+    def test_a_missing_directory_is_named(self):
+        missing = os.path.join(self.dir, "missing")
+
+        self.assert_fails(
+            1,
+            f"[3] LxFileUtils.cpp: GetDirFileList: Error opening directory folder '{missing}', errno: 2\n"
+            f"statusboard: cannot list the directory '{missing}'\n",
+            self.settings_file(directory=missing),
+        )
+        self.assertEqual([], os.listdir(self.out))
+
+    def test_a_page_directory_that_is_not_writable_is_named(self):
+        os.chmod(self.out, 0o555)
+
+        self.assert_fails(
+            1,
+            f"statusboard: cannot write and read '{self.page}.txt': Permission denied\n",
+            self.settings_file(),
+            preexec_fn=without_capabilities(1),  # CAP_DAC_OVERRIDE
+        )
+        self.assertEqual([], os.listdir(self.out))
+
+    def test_a_page_below_a_file_is_refused(self):
+        file = self.write(os.path.join(self.dir, "file"))
+
+        self.assert_fails(
+            1,
+            f"statusboard: cannot write and read '{file}/page.html.txt': Not a directory\n",
+            *("--page", file + "/page.html", self.settings_file()),
+        )
+
+    def test_a_table_file_that_cannot_be_read_gives_no_empty_page(self):
+        self.assert_fails(
+            1,
+            f"statusboard: cannot write and read '{self.page}.txt': Permission denied\n",
+            self.settings_file(),
+            umask=0o777,
+            preexec_fn=without_capabilities(1, 2),  # CAP_DAC_OVERRIDE, CAP_DAC_READ_SEARCH
+        )
+        self.assertEqual(["page.html.txt"], os.listdir(self.out))
+
+    def test_a_directory_at_the_page_is_a_failure_and_stays(self):
+        os.mkdir(self.page)
+
+        process = self.start(self.settings_file())
+        built = f"{BUILD_DIRECTORY}/TextToHtml_{process.pid}.tmp"
+
+        self.assertEqual(
+            (
+                1,
+                f"[3] LxFileUtils.cpp: RenameFileAcrossFs: rename({built}, {self.page}) failed (21).\n"
+                f"[3] LxFileUtils.cpp: GenHtmlPagefromTextFile: RenameFileAcrossFs({built}, {self.page}) failed.\n"
+                f"statusboard: cannot publish '{self.page}'\n",
+            ),
+            self.finish(process),
+        )
+        self.assertEqual(["page.html", "page.html.txt"], sorted(os.listdir(self.out)))
+
+
+class FailureTest(StatusboardTest):
+    def test_the_old_page_and_table_stay_when_the_directory_is_gone(self):
+        self.assert_published(self.settings_file())
+        old = self.read(self.page), self.read(self.page + ".txt")
+        os.rmdir(self.watched)
+
+        status, _ = self.run_board(self.settings_file())
+
+        self.assertEqual(1, status)
+        self.assertEqual(old, (self.read(self.page), self.read(self.page + ".txt")))
+
+
+class WatchTest(StatusboardTest):
+    def watch_until(self, number):
+        """Watches until a file that comes later is shown, and ends the program with the signal."""
+        process = self.start("--watch", self.settings_file())
+        self.addCleanup(process.kill)
+        self.wait_for(lambda: os.path.exists(self.page), process)
+        self.assertEqual([], self.listed())
+        with open(self.page, "rb") as first:
+            self.write(os.path.join(self.watched, "later"), b"123")
+
+            self.wait_for(lambda: self.listed() == ["later"], process)  # reads whole pages only, at every look
+
+            self.assertNotEqual(os.fstat(first.fileno()).st_ino, os.stat(self.page).st_ino)
+        process.send_signal(number)
+        self.assertEqual((0, ""), self.finish(process))
+        self.assertEqual(["later"], self.listed())
+        self.assertEqual(["page.html", "page.html.txt"], sorted(os.listdir(self.out)))
+
+    def test_pages_follow_the_directory_until_sigterm(self):
+        self.watch_until(signal.SIGTERM)
+
+    def test_pages_follow_the_directory_until_sigint(self):
+        self.watch_until(signal.SIGINT)
+
+    def test_a_long_period_is_cut_short_by_the_signal(self):
+        process = self.start("--watch", self.settings_file(period="99999"))
+        self.addCleanup(process.kill)
+        self.wait_for(lambda: os.path.exists(self.page), process)
+
+        process.send_signal(signal.SIGTERM)
+
+        self.assertEqual((0, ""), self.finish(process))
+        self.read_page()
+
+    def test_a_failure_ends_it(self):
+        process = self.start("--watch", self.settings_file())
+        self.addCleanup(process.kill)
+        self.wait_for(lambda: os.path.exists(self.page), process)
+
+        os.rmdir(self.watched)
+
+        status, err = self.finish(process)
+        self.assertEqual(1, status)
+        self.assertTrue(err.endswith(f"statusboard: cannot list the directory '{self.watched}'\n"), err)
+        self.read_page()
+
+
+def main():
+    PROGRAM.extend(sys.argv[1:])
+    if not PROGRAM:
+        sys.exit(__doc__)
+    result = unittest.main(argv=sys.argv[:1], verbosity=2, exit=False).result
+    if not result.wasSuccessful() or (result.skipped and "ORV_NO_SKIP" in os.environ):
+        sys.exit(1)
+    sys.exit(77 if result.skipped else 0)
+
+
+if __name__ == "__main__":
+    main()

@@ -1,0 +1,63 @@
+# The functions that add tests. Each test gets the label of its folder, ORV_TEST_LABEL.
+include(GoogleTest)
+
+set(ORV_TEST_SECONDS 300) # after which a test is taken to hang
+
+# With an emulator or a sanitizer a program takes longer to start than most tests take to run.
+option(ORV_TEST_BY_SUITE "Run a suite of tests in one process, not each test in its own" OFF)
+
+# orv_add_test(NAME COMMAND...): any command.
+function(orv_add_test name)
+  add_test(NAME ${name} COMMAND ${ARGN} COMMAND_EXPAND_LISTS)
+  set_tests_properties(${name} PROPERTIES LABELS ${ORV_TEST_LABEL} TIMEOUT ${ORV_TEST_SECONDS})
+endfunction()
+
+# orv_add_python_test(NAME SCRIPT ARGUMENT...): a script of this folder, which may import the modules of support/. It
+# ends with 77 when it was skipped.
+function(orv_add_python_test name script)
+  orv_add_test(${name} ${Python3_EXECUTABLE} -B ${CMAKE_CURRENT_SOURCE_DIR}/${script} ${ARGN})
+  set_tests_properties(${name} PROPERTIES SKIP_RETURN_CODE 77 ENVIRONMENT PYTHONPATH=${PROJECT_SOURCE_DIR}/tests/support)
+endfunction()
+
+# orv_discover_tests(PROGRAM): each of its tests in a process of its own.
+function(orv_discover_tests program)
+  gtest_discover_tests(${program} DISCOVERY_MODE PRE_TEST PROPERTIES LABELS ${ORV_TEST_LABEL} TIMEOUT
+                       ${ORV_TEST_SECONDS})
+endfunction()
+
+# orv_add_suites(PROGRAM SOURCE...): one ctest test for each suite that the sources name, and one that finds no other.
+function(orv_add_suites program)
+  set(all "-")
+  foreach(source IN LISTS ARGN)
+    file(STRINGS ${source} lines REGEX "^TEST(_F|_P)?\\(")
+    foreach(line IN LISTS lines)
+      string(REGEX REPLACE "^TEST[_FP]*\\(([A-Za-z0-9]+).*" "\\1" suite "${line}")
+      list(APPEND suites ${suite})
+    endforeach()
+  endforeach()
+  list(REMOVE_DUPLICATES suites)
+  foreach(suite IN LISTS suites)
+    orv_add_test(${suite} ${program} --gtest_filter=${suite}.*:*/${suite}.*)
+    string(APPEND all "${suite}.*:*/${suite}.*:")
+  endforeach()
+  orv_add_test(${program}.others ${program} --gtest_filter=${all})
+  set_tests_properties(${program}.others PROPERTIES PASS_REGULAR_EXPRESSION "Running 0 tests from 0 test suites")
+endfunction()
+
+# orv_add_plain_test_program(NAME SOURCE...): without wrapped system calls. ThreadSanitizer makes some of its own while
+# it reports.
+function(orv_add_plain_test_program name)
+  add_executable(${name} ${ARGN})
+  orv_host_program(${name} orv_test_support)
+  if(ORV_TEST_BY_SUITE)
+    orv_add_suites(${name} ${ARGN})
+  else()
+    orv_discover_tests(${name})
+  endif()
+endfunction()
+
+# orv_add_test_program(NAME SOURCE...): the libraries call the wrappers of the program.
+function(orv_add_test_program name)
+  orv_add_plain_test_program(${name} ${ARGN})
+  target_link_libraries(${name} PRIVATE orv_test_faults)
+endfunction()

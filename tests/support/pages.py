@@ -1,0 +1,98 @@
+"""Pages of the library as the tests of its programs read them: with a parser that knows nothing of the library."""
+
+import ctypes
+import html.parser
+import os
+
+HEADER = (
+    b'<KPX_PLD ua="none" ln="1" schema="1" source="Tarnwick" destination="HTML" version="1" tagNestLevel="1"> '
+    b'<!DOCTYPE HTML PUBLIC "-//W3C//DTD HTML 4.01 Frameset//EN" "http://www.w3.org/TR/html4/frameset.dtd">'
+    b'<html><head><meta content="text/html; charset=utf-8" http-equiv="Content-Type" >'
+    b'<meta http-equiv="refresh" content="10" > </head><body>'
+)
+FOOTER = b"</body></html></KPX_PLD>"
+
+ALL_BYTES = bytes(byte for byte in range(1, 256) if byte != ord("/"))
+HOSTILE_NAMES = [
+    *(b"a%cb" % byte for byte in b"&<>\";,:\r\n'"),
+    *(b"%c5" % byte for byte in b"&<>\";,:\r\n'"),
+    *(b"%c0123456789x9" % byte for byte in b"&<>\";,:\r\n"),
+    *(b"%c" % byte for byte in b"&<>\";,:\r\n"),
+    b"&lt;script&gt;", b"&amp", b"&#59", b"&#59;", b"&#x3c;b&#x3e;", b"#59", b"&;", b"&#",
+    b"<script>alert(1)", b"<img src=x onerror=alert(1)>", b"<td>", b"<td><tr><table>", b"<!-- ", b"-->", b"<![CDATA[",
+    b"<?php", b"<plaintext>", b"\"><b>", b"x;y:z,w;", b"a:5:5;5,5", b"\r\n", b"\n\n", b"name\r", b"name\n1",
+    b" blanks at both ends ", b"tab\there", b"\x01\x1b\x7f", b".hidden", b"*", b"?", b"caf\xc3\xa9 \xe2\x82\xac5",
+    b"\xf0\x9f\x98\x80;1", b"\xff\xfe\x80", b"\x80;9", b"latin \xe9,1", ALL_BYTES, ALL_BYTES[::-1],
+]  # fmt: skip
+
+
+def text(raw):
+    """Bytes as the parser sees them; what is no UTF-8 stays distinct."""
+    return raw.decode("utf-8", "surrogateescape")
+
+
+class Page(html.parser.HTMLParser):
+    """The tables of a page, and everything in it that should not be there."""
+
+    def __init__(self, raw):
+        super().__init__(convert_charrefs=True)
+        self.tables = []  # each a list of rows, each a list of cell texts
+        self.layout = []  # of the body: tables and spacers in order
+        self.metas = []
+        self.foreign = []  # anything but the tags and texts of such a page
+        self.open = []
+        self.feed(text(raw))
+        self.close()
+
+    def handle_starttag(self, tag, attrs):
+        parents = {"html": "kpx_pld", "head": "html", "body": "html", "table": "body", "p": "body", "tr": "table",
+                   "td": "tr", "meta": "head", "kpx_pld": ""}  # fmt: skip
+        parent = self.open[-1] if self.open else ""
+        if parents.get(tag) != parent or (attrs and tag not in ("kpx_pld", "meta", "table")):
+            self.foreign.append((tag, attrs, parent))
+        if tag == "meta":
+            self.metas.append(dict(attrs))
+            return
+        self.open.append(tag)
+        if tag in ("table", "p"):
+            self.layout.append(tag)
+        if tag == "table":
+            self.tables.append([])
+            if attrs != [("border", "2")]:
+                self.foreign.append((tag, attrs))
+        elif tag == "tr":
+            self.tables[-1].append([])
+        elif tag == "td":
+            self.tables[-1][-1].append("")
+
+    def handle_endtag(self, tag):
+        if not self.open or self.open.pop() != tag:
+            self.foreign.append("/" + tag)
+
+    def handle_data(self, data):
+        if self.open and self.open[-1] == "td":
+            self.tables[-1][-1][-1] += data
+        elif data != " ":
+            self.foreign.append(data)
+
+    def handle_comment(self, data):
+        self.foreign.append("comment " + data)
+
+    def handle_pi(self, data):
+        self.foreign.append("instruction " + data)
+
+    def unknown_decl(self, data):
+        self.foreign.append("declaration " + data)
+
+
+def without_capabilities(*numbers):
+    """For a child that is to meet the permission checks of an ordinary user, also when root runs the tests."""
+
+    def drop():
+        if os.geteuid() == 0:
+            libc = ctypes.CDLL(None, use_errno=True)
+            for number in numbers:
+                if libc.prctl(24, number, 0, 0, 0) != 0:  # PR_CAPBSET_DROP
+                    raise OSError(ctypes.get_errno(), "prctl")
+
+    return drop
