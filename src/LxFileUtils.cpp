@@ -236,8 +236,8 @@ namespace {
 // from. False, with a line, when that is "/" or ".".
 bool CutToExistingParent(char* dirCopy)
 {
+    std::size_t length = std::strlen(dirCopy);
     for (;;) {
-        const std::size_t length = std::strlen(dirCopy);
         const char* const parent = dirname(dirCopy);
         // Deliberate: nothing is made directly below "/" and ".", not even where it exists.
         if (std::strcmp(parent, "/") == 0 || std::strcmp(parent, ".") == 0) {
@@ -246,16 +246,18 @@ bool CutToExistingParent(char* dirCopy)
         }
         struct stat status;
         const bool exists = stat(parent, &status) == 0;
-        if (std::strlen(parent) == length) {
-            dirCopy[0] =
-                '\0';  // Deliberate: dirname does not shorten "//", so the climb ends, and mkdir of it decides.
+        const std::size_t parentLength = std::strlen(parent);
+        if (parentLength == length) {
+            // Deliberate: dirname does not shorten "//", so the climb ends here, and mkdir of "//" decides.
+            dirCopy[0] = '\0';
             return true;
         }
         // Deliberate: a parent that is itself too long for the kernel ends the climb, which bounds its time. Making the
         // directory below it then reports just that.
-        if (exists || std::strlen(parent) >= PATH_MAX) {
+        if (exists || parentLength >= PATH_MAX) {
             return true;
         }
+        length = parentLength;
     }
 }
 
