@@ -1,34 +1,88 @@
-# Shell functions that the scripts share; to be sourced by bash.
+# Shell functions that the scripts share. A script sources this file with bash, from the top of the source tree.
 # shellcheck shell=bash
+# shellcheck source=script/packages.sh
+source script/packages.sh
+
+readonly program=script/${0##*/}
+
+# usage: prints the comment at the top of the script.
+usage() {
+    sed -n -e 1d -e '/^#/!q' -e 's/^# \{0,1\}//p' "$program"
+}
+
+# refuse MESSAGE: reports a wrong command line, with the usage, and ends the script.
+refuse() {
+    printf '%s: %s\n\n' "$program" "$1" >&2
+    usage >&2
+    exit 2
+}
+
+# What read_arguments found.
+declare -A given=() # each option with its value, or with 1
+operands=()         # all other arguments
+
+# read_arguments OPTIONS MOST ARGUMENT...: takes the command line apart. OPTIONS are the known ones, separated by blanks;
+# one with "=" at its end takes the next argument as its value. There may be MOST operands. --help prints the usage and
+# ends the script; a wrong command line ends it with 2.
+read_arguments() {
+    local known=" $1 " most=$2
+    shift 2
+    while [ $# != 0 ]; do
+        if [ "$1" = --help ]; then
+            usage
+            exit 0
+        elif [[ $1 != -* ]]; then
+            operands+=("$1")
+        elif [[ $known == *" $1 "* ]]; then
+            given[$1]=1
+        elif [[ $known != *" $1= "* ]]; then
+            refuse "unknown option: $1"
+        elif [ $# = 1 ]; then
+            refuse "option without its value: $1"
+        else
+            # shellcheck disable=SC2034  # for the scripts
+            given[$1]=$2
+            shift
+        fi
+        shift
+    done
+    if [ ${#operands[@]} -gt "$most" ]; then
+        refuse "unexpected argument: ${operands[$most]}"
+    fi
+}
 
 # missing_packages PACKAGE...: prints those that are neither installed nor there as a command of the same name.
 missing_packages() {
     local package
     for package in "$@"; do
-        if ! command -v "$package" >/dev/null &&
+        if ! command -v "${package/%nodejs/node}" >/dev/null &&
             [ "$(dpkg-query -W -f '${db:Status-Status}' "$package" 2>/dev/null)" != installed ]; then
             echo "$package"
         fi
     done
 }
 
-# need_packages PACKAGE...: installs the Debian packages that are missing. Without any it needs neither root nor a
-# network; if it cannot install, it says what to install and ends the script.
+# need_packages NAME...: installs the Debian packages that packages.sh lists for these scripts and steps and that are
+# missing. If none is missing, it needs neither root nor a network; if it cannot install, it says what to install and ends
+# the script.
 need_packages() {
-    local missing
-    mapfile -t missing < <(missing_packages "$@")
+    local name wanted=() missing
+    for name in "$@"; do
+        read -r -a wanted <<<"${wanted[*]} ${packages[$name]}"
+    done
+    mapfile -t missing < <(missing_packages "${wanted[@]}" | sort -u)
     if [ ${#missing[@]} = 0 ]; then
         return
     fi
     if [ "$(id -u)" != 0 ] || ! command -v apt-get >/dev/null; then
-        echo "$0: these Debian packages are missing, install them first: ${missing[*]}" >&2
+        echo "$program: these Debian packages are missing, install them first: ${missing[*]}" >&2
         echo "On Debian, as root:  apt-get install --no-install-recommends ${missing[*]}" >&2
         exit 1
     fi
     echo "Installing the missing Debian packages: ${missing[*]}"
     if ! apt-get update -qq ||
         ! DEBIAN_FRONTEND=noninteractive apt-get install -qq -y --no-install-recommends "${missing[@]}" >/dev/null; then
-        echo "$0: apt-get could not install: ${missing[*]}" >&2
+        echo "$program: apt-get could not install: ${missing[*]}" >&2
         exit 1
     fi
 }

@@ -1,0 +1,39 @@
+# The Debian packages that each script and each step of script/test needs. To be sourced by bash.
+# shellcheck shell=bash
+
+build="cmake ninja-build g++ python3"
+tests="$build libgtest-dev libgmock-dev"
+tool="libcli11-dev nlohmann-json3-dev libcsv-dev"
+# For the tests that compile, install and read what the project delivers.
+artifacts="binutils make pkg-config g++-11 clang mandoc doxygen systemd"
+# The manual pages give the campaigns their error numbers.
+campaigns="manpages-dev e2fsprogs xfsprogs btrfs-progs squashfs-tools erofs-utils libfuse3-dev pkg-config"
+target="$tests g++-powerpc-linux-gnu googletest qemu-user"
+
+# shellcheck disable=SC2034  # need_packages reads it
+declare -rA packages=(
+    [demo]="cmake make g++"
+    [docs]="doxygen"
+
+    [shell]="shellcheck"
+    [format]="clang-format"
+    [tidy]="$tests $tool $campaigns clang clang-tidy"
+    [dev]="$tests $tool $artifacts abigail-tools"
+    [campaigns]="$tests $tool $artifacts abigail-tools $campaigns"
+    [clang]="$tests $tool $artifacts abigail-tools"
+    [asan]="$tests $tool $artifacts"
+    [oldabi]="$tests $artifacts googletest"
+    [assertions]="$tests $artifacts abigail-tools"
+    [tsan]="$tests $campaigns"
+    [valgrind]="$tests $tool $campaigns valgrind"
+    [coverage]="$tests clang-19 llvm-19 libclang-rt-19-dev"
+    [mutate]="$tests $tool $campaigns python3-clang-19"
+    [fuzz]="$tests clang libclang-rt-14-dev"
+    [bench]="$build libbenchmark-dev pkg-config libabsl-dev libboost-filesystem-dev libglib2.0-dev libinih-dev valgrind"
+    [browser]="$tests $tool $campaigns chromium nodejs npm fonts-dejavu-core"
+    [powerpc]="$target $tool $artifacts abigail-tools"
+    [powerpc-oldabi]="$target $artifacts"
+    [size]="cmake ninja-build g++-powerpc-linux-gnu"
+    [package]="$build git dpkg-dev fakeroot lintian $tool g++-powerpc-linux-gnu"
+)
+unset build tests tool artifacts campaigns target

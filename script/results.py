@@ -1,0 +1,63 @@
+#!/usr/bin/env python3
+"""Reads what ctest reported, for script/test.
+
+Usage: results.py RESULTS PASSED     a JUnit file of ctest's; the file that gets the output of all tests that passed
+
+Prints the output of what failed, and each skipped test below the reason. The last line has three numbers: tests that
+passed, failed and were skipped. A suite of GoogleTest that ran as one of ctest's tests counts as many as it holds.
+"""
+
+import collections
+import re
+import sys
+import xml.etree.ElementTree as tree
+
+TAIL = 100  # lines of output that are shown of a test that failed
+
+
+def counted(state, output):
+    """How many tests of GoogleTest ended so; 0 for other tests."""
+    return sum(map(int, re.findall(rf"^\[  {state} +\] (\d+) tests?[.,]", output, re.M)))
+
+
+def says_skipped(case):
+    """True for a test that ended as skipped; false also for one that ctest did not find."""
+    mark = case.find("skipped")
+    return mark is not None and mark.get("message").startswith("SKIP_")
+
+
+def skipped_tests(name, output):
+    """Each skipped test with its reason, as GoogleTest or one of the Python tests prints it."""
+    tests = re.findall(r"^\[ RUN +\] (.+)\n(?:(?!\[ RUN).*\n)*?.*: Skipped\n(.+)", output, re.M)
+    tests += re.findall(r"^(.+ \.\.\.) skipped ['\"](.+)['\"]$", output, re.M)
+    reasons = re.findall(r"(?mi)^skipped: (.+)$", output)
+    return tests or [(name, reason) for reason in reasons] or [(name, "no reason given")]
+
+
+def main(results, passed_output):
+    passed = failed = skipped = 0
+    reasons = collections.defaultdict(list)
+    with open(passed_output, "w", encoding="utf-8") as rest:
+        for case in tree.parse(results).getroot().findall("testcase"):
+            name, output = case.get("name"), case.findtext("system-out") or ""
+            good = counted("PASSED", output)
+            skips = counted("SKIPPED", output) or int(says_skipped(case))
+            if case.get("status") != "run" and not skips:
+                fails = max(counted("FAILED", output), 1)
+                print(f"FAILED: {name}", *output.splitlines()[-TAIL:], sep="\n")
+            else:
+                fails = 0
+                print(output, file=rest)
+            if skips:
+                for test, reason in skipped_tests(name, output):
+                    reasons[reason].append(test)
+            passed += good if good or skips or fails else 1
+            failed += fails
+            skipped += skips
+    for reason, tests in reasons.items():
+        print(f"SKIPPED: {reason}", *sorted(tests), sep="\n  ")
+    print(passed, failed, skipped)
+
+
+if __name__ == "__main__":
+    main(*sys.argv[1:])
