@@ -1,15 +1,11 @@
-"""What the tests in Python share: running a compiler, and the results of a test."""
+"""What the tests that compile something share: running a compiler."""
 
 import argparse
-import os
-import shutil
 import subprocess
-import sys
 
-SKIPPED = 77  # to CTest, by the property SKIP_RETURN_CODE
+from orv_test import require
+
 INPUT = ["-x", "c++", "-", "-x", "none"]  # compiler options: C++ from standard input
-
-ROOT = os.path.dirname(os.path.dirname(os.path.dirname(os.path.abspath(__file__))))
 
 
 def parser(description, checks):
@@ -22,18 +18,8 @@ def parser(description, checks):
     return result
 
 
-def require(program, kind):
-    """Skips the test, aloud, where the program is not installed; fails it where nothing may be skipped."""
-    if shutil.which(program):
-        return
-    if "ORV_NO_SKIP" in os.environ:
-        sys.exit(f"may not skip: no {kind} {program}")
-    print(f"skipped: no {kind} {program}")
-    sys.exit(SKIPPED)
-
-
 def require_compiler(options):
-    require(options.compiler[0], "compiler")
+    require(options.compiler[0])
 
 
 def messages_of(compiler, *arguments, text=""):
@@ -41,14 +27,3 @@ def messages_of(compiler, *arguments, text=""):
     command = [*compiler, *arguments]
     run = subprocess.run(command, input=text, stdout=subprocess.PIPE, stderr=subprocess.STDOUT, text=True, check=False)
     return None if run.returncode == 0 else f"{' '.join(command)}\n{run.stdout}"
-
-
-def read(*path):
-    with open(os.path.join(ROOT, *path), encoding="utf-8") as file:
-        return file.read()
-
-
-def finish(problems):
-    for problem in problems:
-        print(problem)
-    sys.exit(1 if problems else 0)

@@ -11,17 +11,16 @@
 import errno
 import os
 import re
-import shutil
 import subprocess
-import sys
 import tempfile
 
 import building
+import orv_test
 
 
 def lines_of_source():
     """Each line that the source writes, with a star for each argument but the function's name."""
-    source = building.read("src", "LxFileUtils.cpp")
+    source = orv_test.read("src", "LxFileUtils.cpp")
     names = dict(re.findall(r'const char (k\w+)\[\] = "(\w+)";', source))
     calls = re.findall(r'LOG_FAILURE\("((?:[^"\\]|\\.)*)",\s*(k\w+)', source)
     written = len(re.findall(r"LOG_FAILURE\(", source)) - 1  # less the definition
@@ -34,7 +33,7 @@ def lines_of_source():
 
 def lines_of_document():
     """The same for the document, whose words in capitals stand for arguments; and what stands below each line."""
-    document = building.read("docs", "diagnostics.md")
+    document = orv_test.read("docs", "diagnostics.md")
     parts = re.findall(r"(?ms)^### `(.*?)`\n(.*?)(?=^#|\Z)", document)
     return [(re.sub(r"[A-Z]{2,}|(?<=')C(?=')", "*", line), line, text) for line, text in parts]
 
@@ -50,14 +49,14 @@ def diagnostics(_):
     for _, line, text in found:
         if not re.fullmatch(r"\n- \*\*Cause\*\*: .+?\n- \*\*Remedy\*\*: .+?\n+", text, re.S):
             problems.append(f"not one cause and one remedy: {line}")
-    document = building.read("docs", "diagnostics.md")
+    document = orv_test.read("docs", "diagnostics.md")
     for section, part in re.findall(r"(?ms)^## (\w+)\n(.*?)(?=^## |\Z)", document):
         problems += [f"{name} stands under {section}" for name in re.findall(r"(?m)^### `(\w+):", part) if name != section]
     return problems
 
 
 def error_numbers(_):
-    document = building.read("docs", "diagnostics.md")
+    document = orv_test.read("docs", "diagnostics.md")
     rows = re.findall(r"(?m)^\| (\d+) \| (E\w+) \|", document)
     problems = [f"{name} is not {number}" for number, name in rows if getattr(errno, name, None) != int(number)]
     explained = {number for number, _ in rows}
@@ -68,12 +67,12 @@ def error_numbers(_):
 
 
 def names_of_tests():
-    tests = os.path.join(building.ROOT, "tests")
+    tests = os.path.join(orv_test.ROOT, "tests")
     names = set()
     for directory, _, files in os.walk(tests):
         for name in files:
             if name.endswith(".cpp"):
-                text = building.read(directory, name)
+                text = orv_test.read(directory, name)
                 names.update(".".join(test) for test in re.findall(r"(?m)^TEST(?:_F|_P)?\((\w+), (\w+)\)", text))
     return names
 
@@ -89,13 +88,13 @@ CAVEATS = {
 
 def deliberate_comments():
     """How many comments begin with that word, by part of the source; a part begins with "// ---- NAME"."""
-    text = building.read("src", "LxFileUtils.cpp") + building.read("strutils", "LxStringUtils.cpp")
+    text = orv_test.read("src", "LxFileUtils.cpp") + orv_test.read("strutils", "LxStringUtils.cpp")
     parts = re.split(r"(?m)^// ---- (.*)\n", text)
     return {name: part.count("// Deliberate:") for name, part in zip(["the top", *parts[1::2]], parts[::2])}
 
 
 def caveats(_):
-    document = building.read("docs", "caveats.md")
+    document = orv_test.read("docs", "caveats.md")
     rows = {}
     for heading, part in re.findall(r"(?ms)^## ([\w ]+)(?:: `.*?)?\n(.*?)(?=^## |\Z)", document):
         rows[heading] = re.findall(r"(?m)^\| .* \|$", part)[1:]
@@ -118,16 +117,12 @@ def caveats(_):
 
 
 def reference(_):
-    if not shutil.which("doxygen"):
-        if "ORV_NO_SKIP" in os.environ:
-            sys.exit("may not skip: no doxygen")
-        print("skipped: no doxygen")
-        sys.exit(building.SKIPPED)
-    declarations = building.read("tests", "artifacts", "package", "LxFileUtils.declarations")
+    orv_test.require("doxygen")
+    declarations = orv_test.read("tests", "artifacts", "package", "LxFileUtils.declarations")
     functions = re.findall(r"(?m)^.*?(\w+)\(", declarations)
     functions += ["Split", "Trim", "StartsWith", "WildcardedStringMatch", "__dlog_printf", "SetLimit", "Lines", "Total"]
     with tempfile.TemporaryDirectory(dir="/var/tmp") as directory:
-        run = subprocess.run([os.path.join(building.ROOT, "script", "docs"), directory], stdout=subprocess.PIPE,
+        run = subprocess.run([os.path.join(orv_test.ROOT, "script", "docs"), directory], stdout=subprocess.PIPE,
                              stderr=subprocess.STDOUT, text=True, check=False)  # fmt: skip
         html = os.path.join(directory, "html")
         if run.returncode != 0 or run.stdout.count("\n") != 1:
@@ -144,7 +139,7 @@ def reference(_):
 def main():
     checks = {check.__name__: check for check in (diagnostics, error_numbers, caveats, reference)}
     options = building.parser(__doc__, checks).parse_args()
-    building.finish(checks[options.check](options))
+    orv_test.finish(checks[options.check](options))
 
 
 if __name__ == "__main__":

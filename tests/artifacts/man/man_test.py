@@ -15,14 +15,13 @@
 import os
 import re
 import shlex
-import shutil
 import subprocess
-import sys
 import tempfile
 
 import building
+import orv_test
 
-MAN = os.path.join(building.ROOT, "man")
+MAN = os.path.join(orv_test.ROOT, "man")
 HEADERS = {"LxFileUtils.h": ("include", "orv_fileutils"), "LxStringUtils.h": ("strutils", "LxStringUtils")}
 COMMANDS = ["exists", "move", "copy", "mkdir", "list", "row", "page", "get"]
 
@@ -33,7 +32,7 @@ def pages(pattern):
 
 
 def source(page):
-    return building.read("man", page)
+    return orv_test.read("man", page)
 
 
 def plain(text):
@@ -48,17 +47,8 @@ def section(page, name):
     return found[1] if found else None
 
 
-def require_mandoc():
-    if shutil.which("mandoc"):
-        return
-    if "ORV_NO_SKIP" in os.environ:
-        sys.exit("may not skip: no mandoc")
-    print("skipped: no mandoc")
-    sys.exit(building.SKIPPED)
-
-
 def lint(_):
-    require_mandoc()
+    orv_test.require("mandoc")
     names = pages(r".*\.[135]")
     run = subprocess.run(["mandoc", "-T", "lint", "-W", "all", *names], cwd=MAN, stdout=subprocess.PIPE,
                          stderr=subprocess.STDOUT, text=True, check=False)  # fmt: skip
@@ -75,7 +65,7 @@ def normal(declaration):
 def declared(header):
     """What a header declares, with qualified names."""
     folder, scope = HEADERS[header]
-    text = re.sub(r"//.*|#.*", "", building.read(folder, header))
+    text = re.sub(r"//.*|#.*", "", orv_test.read(folder, header))
     body = re.search(rf"namespace {scope} {{(.*)}}", text, re.S)[1]
     return [normal(re.sub(r"(\w+)\(", rf"{scope}::\1(", one, count=1)) for one in body.split(";") if one.strip()]
 
@@ -150,7 +140,7 @@ def sections(_):
 
 
 def diagnostics(_):
-    header = building.read("include", "LxFileUtils.h")
+    header = orv_test.read("include", "LxFileUtils.h")
     lines = re.findall(r'(?m)^///.*?"([A-Z]\w+: .*?)"(?=\s{2,}|$)', header)
     pages_text = {page: plain(section(page, "DIAGNOSTICS")) for page in pages(r".*\.3")}
     on_pages = {line for text in pages_text.values() for line in re.findall(r'(?m)^\.It "(.*)"$', text)}
@@ -179,7 +169,7 @@ def examples(page):
 
 def run_function_example(options, code, directory):
     program = os.path.join(directory, "example")
-    includes = [f"-I{os.path.join(building.ROOT, folder)}" for folder in ("include", "strutils")]
+    includes = [f"-I{os.path.join(orv_test.ROOT, folder)}" for folder in ("include", "strutils")]
     run_path = [f"-Wl,-rpath,{os.path.dirname(library)}" for library in options.library]
     messages = building.messages_of(
         options.compiler, "-std=c++11", "-Wall", "-Wextra", "-Wpedantic", "-Werror", *includes, *building.INPUT,
@@ -279,7 +269,7 @@ def main():
     parser = building.parser(__doc__, by_name)
     parser.add_argument("--tool", help="the program orvfile")
     options = parser.parse_args()
-    building.finish(by_name[options.check](options))
+    orv_test.finish(by_name[options.check](options))
 
 
 if __name__ == "__main__":

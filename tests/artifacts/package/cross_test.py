@@ -11,7 +11,7 @@ import os
 import re
 import subprocess
 
-import building
+import orv_test
 
 parser = argparse.ArgumentParser(description=__doc__, formatter_class=argparse.RawDescriptionHelpFormatter)
 parser.add_argument("check", choices=["headers", "linked", "machine"])
@@ -31,7 +31,7 @@ def output_of(*command):
 
 def strangers(paths):
     """Of the paths, those that belong to nobody who may take part."""
-    own = [building.ROOT, options.build, os.path.realpath(options.googletest)]
+    own = [orv_test.ROOT, options.build, os.path.realpath(options.googletest)]
     found = []
     for path in sorted({os.path.realpath(os.path.join(options.build, path)) for path in paths}):
         toolchains = re.search(rf"/{re.escape(options.target)}(/|$)", path)
@@ -74,4 +74,4 @@ def machine():
     return problems if len(elves) > 5 else [f"machine: only {len(elves)} libraries and programs found"]
 
 
-building.finish({"headers": headers, "linked": linked, "machine": machine}[options.check]())
+orv_test.finish({"headers": headers, "linked": linked, "machine": machine}[options.check]())

@@ -15,13 +15,14 @@ import subprocess
 import tempfile
 
 import building
+import orv_test
 
 STANDARDS = ["c++98", "c++03", "c++11", "c++14", "c++17", "c++20"]
 HEADERS = ["include/LxFileUtils.h", "strutils/LxStringUtils.h", "dlog/dlog.h", "dlog/dlog_memory.h"]
 SOURCES = ["src/LxFileUtils.cpp", "strutils/LxStringUtils.cpp"] + [
     f"dlog/dlog_{name}.cpp" for name in ("text", "stderr", "syslog", "memory")
 ]
-INCLUDES = [f"-I{os.path.join(building.ROOT, folder)}" for folder in ("include", "strutils", "dlog")]
+INCLUDES = [f"-I{os.path.join(orv_test.ROOT, folder)}" for folder in ("include", "strutils", "dlog")]
 STRICT = ["-pedantic-errors", "-Wall", "-Wextra", "-Werror"]
 MAIN = "int main() { return 0; }\n"
 
@@ -31,7 +32,7 @@ def without_none(results):
 
 
 def reviewed_declarations():
-    return building.read("tests", "artifacts", "package", "LxFileUtils.declarations").splitlines()
+    return orv_test.read("tests", "artifacts", "package", "LxFileUtils.declarations").splitlines()
 
 
 def function_name(declaration):
@@ -51,7 +52,7 @@ def headers_compile_alone(options):
 def examples():
     """The examples of the header, each with the name of the function that it stands above."""
     found = []
-    header = building.read("include", "LxFileUtils.h")
+    header = orv_test.read("include", "LxFileUtils.h")
     for comment, declaration in re.findall(r"((?:^///.*\n)+)^([^/\n].*)$", header, re.M):
         for code in re.findall(r"^/// @code\n((?:///.*\n)*?)/// @endcode$", comment, re.M):
             if re.search(r"\w+\(", declaration):
@@ -69,7 +70,7 @@ def examples_are_complete():
     names = [name for name, _ in examples()]
     expected = [function_name(declaration) for declaration in reviewed_declarations()]
     problems = [] if names == expected else [f"examples of {names}, not of each of {expected}"]
-    marks = len(re.findall("@code", building.read("include", "LxFileUtils.h")))
+    marks = len(re.findall("@code", orv_test.read("include", "LxFileUtils.h")))
     if marks != len(names):
         problems.append(f"{marks} examples are marked, {len(names)} were found")
     strangers = [name for name, code in examples() if f"::{name}(" not in code]
@@ -131,7 +132,7 @@ def declarations(options):
 def sources_compile(options):
     return without_none(
         building.messages_of(
-            options.compiler, "-std=c++11", *STRICT, "-O2", *INCLUDES, "-c", os.path.join(building.ROOT, source), "-o",
+            options.compiler, "-std=c++11", *STRICT, "-O2", *INCLUDES, "-c", os.path.join(orv_test.ROOT, source), "-o",
             os.devnull)
         for source in SOURCES
     )
@@ -156,7 +157,7 @@ def main():
     by_name = {check.__name__: check for check in CHECKS}
     options = building.parser(__doc__, by_name).parse_args()
     building.require_compiler(options)
-    building.finish(by_name[options.check](options))
+    orv_test.finish(by_name[options.check](options))
 
 
 if __name__ == "__main__":

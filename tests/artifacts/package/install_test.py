@@ -18,6 +18,7 @@ import subprocess
 import tempfile
 
 import building
+import orv_test
 
 HERE = os.path.dirname(os.path.abspath(__file__))
 
@@ -32,7 +33,7 @@ def run(*command, **options):
         command, stdout=subprocess.PIPE, stderr=subprocess.STDOUT, errors="surrogateescape", check=False, **options)
     if result.returncode != 0:
         problem = f"{' '.join(command)}: {result.returncode}\n{result.stdout}"
-        building.finish([problem.encode(errors="replace").decode()])
+        orv_test.finish([problem.encode(errors="replace").decode()])
     return result.stdout
 
 
@@ -91,7 +92,7 @@ def files(installation):
     libdir = installation.options.libdir
     config = installation.options.config.lower()
     with open(os.path.join(HERE, "installed.txt"), encoding="utf-8") as file:
-        expected = {line.replace("LIBDIR", libdir).replace("CONFIG", config) for line in file.read().splitlines()}
+        expected = {line.replace("LIBDIR", libdir).replace("CONFIG", config).replace("VERSION", orv_test.VERSION) for line in file.read().splitlines()}
     if not installation.options.tool:
         expected -= {line for line in expected if "orvfile" in line}
     found = set()
@@ -100,7 +101,7 @@ def files(installation):
     problems = [f"not installed: {name}" for name in sorted(expected - found)]
     problems += [f"installed, but not in the reviewed list: {name}" for name in sorted(found - expected)]
     for name in ("libOrvFileUtils.so", "libOrvStrUtils.so"):
-        for link, target in ((name, f"{name}.0"), (f"{name}.0", f"{name}.0.1.0")):
+        for link, target in ((name, f"{name}.0"), (f"{name}.0", f"{name}.{orv_test.VERSION}")):
             if os.readlink(installation.path(libdir, link)) != target:
                 problems.append(f"{link} does not lead to {target}")
     return problems
@@ -108,7 +109,7 @@ def files(installation):
 
 def no_foreign_path(installation):
     options = installation.options
-    foreign = [building.ROOT, os.path.realpath(options.build), options.prefix, installation.directory]
+    foreign = [orv_test.ROOT, os.path.realpath(options.build), options.prefix, installation.directory]
     pattern = re.compile(b"|".join(re.escape(os.fsencode(path)) + rb"[^\0\n]*" for path in foreign))
     problems = []
     for directory, _, names in os.walk(installation.prefix):
@@ -119,18 +120,19 @@ def no_foreign_path(installation):
 
 
 def cmake(installation):
-    run(*installation.configure(installation.found()))
+    run(*installation.configure(installation.found(), f"-DORV_WANTED={orv_test.VERSION}"))
     run(installation.options.cmake, "--build", os.path.join(installation.project, "build"))
     return installation.check_programs(os.path.join(installation.project, "build"))
 
 
 def version(installation):
     problems = []
-    for wanted in ("0.2", "1.0"):
+    major, minor, _ = map(int, orv_test.VERSION.split("."))
+    for wanted in (f"{major}.{minor + 1}", f"{major + 1}.0"):
         result = subprocess.run(
             installation.configure(installation.found(), f"-DORV_WANTED={wanted}"), stdout=subprocess.PIPE,
             stderr=subprocess.STDOUT, errors="replace", check=False)
-        if result.returncode == 0 or "version: 0.1.0" not in result.stdout:
+        if result.returncode == 0 or f"version: {orv_test.VERSION}" not in result.stdout:
             problems.append(f"version {wanted} was not refused for its number:\n{result.stdout}")
     return problems
 
@@ -152,14 +154,14 @@ def sysroot(installation):
 
 def add_subdirectory(installation):
     string_abi = [] if installation.options.cxx11_abi else ["-DORV_CXX11_ABI=OFF"]
-    run(*installation.configure(f"-DORV_SOURCE={building.ROOT}", *string_abi))
+    run(*installation.configure(f"-DORV_SOURCE={orv_test.ROOT}", *string_abi))
     run(installation.options.cmake, "--build", os.path.join(installation.project, "build"))
     return installation.check_programs(os.path.join(installation.project, "build"))
 
 
 def tool(installation):
     said = run(*installation.options.emulator, installation.path("bin", "orvfile"), "--version")
-    return [] if "0.1.0" in said else [f"orvfile said:\n{said}"]
+    return [] if orv_test.VERSION in said else [f"orvfile said:\n{said}"]
 
 
 CHECKS = {check.__name__: check for check in (
@@ -181,10 +183,10 @@ def main():
     options = parser.parse_args()
     building.require_compiler(options)
     for program in PROGRAMS.get(options.check, []):
-        building.require(program, "program")
+        orv_test.require(program)
     with tempfile.TemporaryDirectory(prefix="orv_test.") as directory:
         problems = CHECKS[options.check](Installation(options, directory))
-    building.finish(problems)
+    orv_test.finish(problems)
 
 
 if __name__ == "__main__":

@@ -10,15 +10,16 @@ import subprocess
 import tempfile
 
 import building
+import orv_test
 
 
 def builds_and_runs(options):
-    example = re.search(r"^```cpp\n(.*?)^```$", building.read("README.md"), re.M | re.S)
+    example = re.search(r"^```cpp\n(.*?)^```$", orv_test.read("README.md"), re.M | re.S)
     if example is None:
         return ["README.md has no example between ```cpp and ```"]
     with tempfile.TemporaryDirectory() as directory:
         program = os.path.join(directory, "example")
-        includes = [f"-I{os.path.join(building.ROOT, folder)}" for folder in ("include", "dlog")]
+        includes = [f"-I{os.path.join(orv_test.ROOT, folder)}" for folder in ("include", "dlog")]
         run_path = [f"-Wl,-rpath,{os.path.dirname(library)}" for library in options.library]
         messages = building.messages_of(
             options.compiler, "-std=c++11", "-Wall", "-Wextra", "-Werror", *includes, *building.INPUT,
@@ -34,7 +35,7 @@ def builds_and_runs(options):
 def main():
     options = building.parser(__doc__, ["builds_and_runs"]).parse_args()
     building.require_compiler(options)
-    building.finish(builds_and_runs(options))
+    orv_test.finish(builds_and_runs(options))
 
 
 if __name__ == "__main__":

@@ -16,6 +16,7 @@ import tempfile
 import time
 import unittest
 
+import orv_test
 from pages import FOOTER, HEADER, HOSTILE_NAMES, Page, text, without_capabilities
 
 PROGRAM = []
@@ -490,10 +491,7 @@ def main():
     PROGRAM.extend(sys.argv[1:])
     if not PROGRAM:
         sys.exit(__doc__)
-    result = unittest.main(argv=sys.argv[:1], verbosity=2, exit=False).result
-    if not result.wasSuccessful() or (result.skipped and "ORV_NO_SKIP" in os.environ):
-        sys.exit(1)
-    sys.exit(77 if result.skipped else 0)
+    orv_test.run_unittests()
 
 
 if __name__ == "__main__":

@@ -1,0 +1,45 @@
+"""What the tests in Python share: where the sources are, the version of the build, and the rule for skipping."""
+
+import os
+import shutil
+import sys
+import unittest
+
+ROOT = os.path.dirname(os.path.dirname(os.path.dirname(os.path.abspath(__file__))))
+VERSION = os.environ.get("ORV_VERSION", "")  # as CMake has it
+MAY_SKIP = "ORV_NO_SKIP" not in os.environ
+SKIPPED = 77  # to CTest, by the property SKIP_RETURN_CODE
+
+
+def skip(reason):
+    """Ends a test that cannot run here, and says why; where nothing may be skipped, it fails."""
+    print(f"SKIPPED: {reason}", flush=True)
+    sys.exit(SKIPPED if MAY_SKIP else "nothing may be skipped here")
+
+
+def require(program):
+    """Skips the test where the program is not installed."""
+    if not shutil.which(program):
+        skip(f"no {program}")
+
+
+def read(*path):
+    """The text of a file of the sources."""
+    with open(os.path.join(ROOT, *path), encoding="utf-8") as file:
+        return file.read()
+
+
+def finish(problems):
+    """Ends a test that has collected its problems."""
+    for problem in problems:
+        print(problem)
+    sys.exit(1 if problems else 0)
+
+
+def run_unittests():
+    """Runs the unittest cases of the program. ORV_UNITTEST in the environment has options such as -f, or names of tests."""
+    options = os.environ.get("ORV_UNITTEST", "").split()
+    result = unittest.main(argv=[sys.argv[0], *options], verbosity=2, exit=False).result
+    if not result.wasSuccessful() or (result.skipped and not MAY_SKIP):
+        sys.exit(1)
+    sys.exit(SKIPPED if result.skipped else 0)
