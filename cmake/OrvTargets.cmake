@@ -13,6 +13,8 @@ endfunction()
 # orv_product(TARGET YEAR): what is set at everything that is shipped.
 function(orv_product target year)
   orv_standard(${target} ${year})
+  # No path of the build tree in the file: its length would show in what is installed.
+  set_target_properties(${target} PROPERTIES BUILD_RPATH_USE_ORIGIN ON)
   foreach(part OrvWarnings OrvHardening OrvLargeFiles OrvPrefixMap)
     target_link_libraries(${target} PRIVATE $<BUILD_INTERFACE:${part}>)
   endforeach()
