@@ -58,7 +58,7 @@ public:
     void Add(const char* bytes, std::size_t size)
     {
         const std::size_t taken = csv_parse(&parser_, bytes, size, AddCell, AddRow, &filled_);
-        Require(taken == size, "byte " + std::to_string(taken + 1) + " of it: a quotation mark stands where none may");
+        Require(taken == size, "unexpected quotation mark at byte " + std::to_string(taken + 1) + " of the input");
     }
 
     CsvRows Finish()
@@ -75,7 +75,7 @@ private:
         }
         if (!parsed) {
             throw Failure("standard input, row " + std::to_string(filled_.rows.size() + 1) + ": " + mistake,
-                          "put each cell that holds one between quotation marks, and double those inside it");
+                          "put the cell between quotation marks, and double each quotation mark inside it");
         }
     }
 
@@ -97,7 +97,7 @@ std::string ReadStandardInput()
     ssize_t got;
     while ((got = read(STDIN_FILENO, block, sizeof block)) != 0) {
         if (got == -1 && errno != EINTR) {
-            throw Failure("cannot read standard input: " + ErrorText(errno), "point it at a file or a pipe");
+            throw Failure("cannot read standard input: " + ErrorText(errno), "redirect it from a file or a pipe");
         }
         text.append(block, got == -1 ? 0 : static_cast<std::size_t>(got));
     }

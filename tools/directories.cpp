@@ -31,14 +31,14 @@ void RequireDirectoryOrNothing(const std::string& path)
 {
     const std::optional<struct stat> status = StatusOf(path);
     if (status && !S_ISDIR(status->st_mode)) {
-        throw Failure(Quoted(path) + " exists and is no directory", "remove it, or choose another path");
+        throw Failure(Quoted(path) + " exists and is not a directory", "remove it, or choose another path");
     }
 }
 
 void RefuseUnbuildable(const std::string& path)
 {
     if (path.empty()) {
-        throw Failure("the path '' is empty", "name a directory");
+        throw Failure("the path is empty", "give the path of a directory");
     }
     if (path.size() > kMaxPathBytes) {
         throw Failure(
@@ -49,9 +49,9 @@ void RefuseUnbuildable(const std::string& path)
     if (!StatusOf(path) && (parent == "/" || parent == ".")) {
         throw Failure("cannot make " + Quoted(path) + ": its topmost missing directory would be directly below " +
                           Quoted(parent) + (parent == "." ? ", the current directory" : ", the root directory"),
-                      "the library never makes directories there, so that a mistaken path does no harm; make that one "
-                      "by mkdir(1) first" +
-                          std::string(parent == "." ? ", or give the absolute path" : ""));
+                      "make that directory with mkdir(1) first" +
+                          std::string(parent == "." ? ", or give the absolute path" : "") +
+                          "; the library never makes directories there, so that a wrong path does no harm");
     }
 }
 
@@ -59,8 +59,8 @@ void RequireMode(const std::string& path, mode_t mode)
 {
     const std::optional<struct stat> status = StatusOf(path);
     if (!status || (status->st_mode & 07777) != mode) {
-        throw Failure("the mode of " + Quoted(path) + " is not the one asked for",
-                      "set it by chmod(1) as the owner of the directory or as root");
+        throw Failure("cannot set the requested mode of " + Quoted(path),
+                      "set it with chmod(1), as the owner of the directory or as root");
     }
 }
 
@@ -96,7 +96,7 @@ void WarnOfUntypedEntries(const std::string& directory)
     const std::size_t untyped = UntypedEntries(directory);
     if (untyped != 0) {
         Warn("the file system of " + Quoted(directory) + " does not record entry types: " + std::to_string(untyped) +
-                 " entries were not looked at, so files may be missing from the list",
+                 " entries were ignored, so the list may be incomplete",
              "use ls(1) or find(1) on this file system");
     }
 }
@@ -133,7 +133,7 @@ ExitStatus List(const ListOptions& options)
                                        names, options.fullPath, /*clearList=*/true, /*logOpenError=*/true)) {
         const int error = errno;
         if (options.directory.empty()) {
-            throw Failure("the directory '' is empty", "name a directory");
+            throw Failure("the path is empty", "give the path of a directory");
         }
         throw Failure("cannot list " + Quoted(options.directory) + ": " + ErrorText(error),
                       Remedy(error, options.directory));
@@ -145,7 +145,7 @@ ExitStatus List(const ListOptions& options)
     }
     const std::string lines = Joined(names, options.zero ? '\0' : '\n');
     if (!options.zero && static_cast<std::size_t>(std::count(lines.begin(), lines.end(), '\n')) != names.size()) {
-        Warn("a name holds a line feed, so the list is ambiguous", "use -0 or --json");
+        Warn("a name contains a line feed, so the list is ambiguous", "use -0 or --json");
     }
     PrintResult(lines);
     return kDone;

@@ -13,8 +13,8 @@ inline std::string JsonText(const nlohmann::json& value)
     try {
         return value.dump();
     } catch (const nlohmann::json::type_error&) {
-        Warn("the result holds bytes that are no UTF-8; JSON shows U+FFFD in their place",
-             "leave out --json to see them unchanged");
+        Warn("the result contains bytes that are not UTF-8; JSON shows U+FFFD instead",
+             "omit --json to see them unchanged");
         return value.dump(-1, ' ', false, nlohmann::json::error_handler_t::replace);
     }
 }

@@ -65,20 +65,20 @@ typedef std::function<ExitStatus()> Command;
 void AddExists(CLI::App& app, Command& chosen)
 {
     static std::vector<std::string> paths;
-    CLI::App* const command = app.add_subcommand("exists", "Tell whether each PATH is a regular file");
-    AddTexts(command, "PATH", paths, "Paths to look at; symbolic links are followed")->required();
+    CLI::App* const command = app.add_subcommand("exists", "Check whether each PATH is a regular file");
+    AddTexts(command, "PATH", paths, "Paths to check; symbolic links are followed")->required();
     command->callback([&chosen] { chosen = [] { return Exists(paths); }; });
 }
 
 void AddMove(CLI::App& app, Command& chosen)
 {
     static MoveOptions options;
-    CLI::App* const command = app.add_subcommand("move", "Move a regular file, also to another file system");
+    CLI::App* const command = app.add_subcommand("move", "Move a regular file, even to another file system");
     AddText(command, "SOURCE", options.source, "The file to move")->required();
     AddText(command, "DESTINATION", options.destination, "Its new path; an existing file is replaced")->required();
     command->add_flag("--durable", options.durable,
-                      "Copy, compare and flush to the disk before the source is removed: a power cut loses nothing");
-    command->add_flag("-n,--no-replace", options.noReplace, "Fail when DESTINATION exists");
+                      "Copy, compare and flush to the disk before removing SOURCE, so that a power cut loses nothing");
+    command->add_flag("-n,--no-replace", options.noReplace, "Fail if DESTINATION exists");
     command->callback([&chosen] { chosen = [] { return Move(options); }; });
 }
 
@@ -98,16 +98,16 @@ void AddMkdir(CLI::App& app, Command& chosen)
 {
     static MkdirOptions options;
     static std::string mode;
-    CLI::App* const command = app.add_subcommand("mkdir", "Make directories with all that are missing above them");
+    CLI::App* const command = app.add_subcommand("mkdir", "Make directories and their missing parents");
     AddTexts(command, "PATH", options.paths, "Directories to make")->required();
-    AddText(command, "-m,--mode", mode, "Mode in octal, less the file-creation mask (default 777)")
+    AddText(command, "-m,--mode", mode, "Octal mode, less the file-creation mask (default 777)")
         ->type_name("MODE")
         ->check([](const std::string& text) {
             const bool octal = !text.empty() && text.size() <= 4 && text.find_first_not_of("01234567") == text.npos;
-            return octal ? "" : "'" + text + "' is no octal mode of one to four digits, such as 755";
+            return octal ? "" : "'" + text + "' is not an octal mode (one to four digits, such as 755)";
         });
     command->add_flag("--exact-mode", options.exactMode,
-                      "Give PATH exactly that mode, also when it exists; not the directories above it");
+                      "Give PATH exactly this mode, even if it exists; parents are not affected");
     command->callback([&chosen] {
         chosen = [] {
             options.mode = mode.empty() ? options.mode : static_cast<mode_t>(std::stoul(mode, nullptr, 8));
@@ -120,14 +120,15 @@ void AddList(CLI::App& app, Command& chosen)
 {
     static ListOptions options;
     CLI::App* const command = app.add_subcommand("list", "List the regular files of a directory, sorted");
-    AddText(command, "DIRECTORY", options.directory, "The directory; its subdirectories are not entered")->required();
-    AddText(command, "--include", options.include, "Only names that match; * is any run of bytes, ? one byte")
+    AddText(command, "DIRECTORY", options.directory, "The directory to list; subdirectories are not entered")
+        ->required();
+    AddText(command, "--include", options.include, "List only names that match; * matches any run of bytes, ? one byte")
         ->type_name("PATTERN");
-    AddText(command, "--exclude", options.exclude, "Not the names that match; wins over --include")
+    AddText(command, "--exclude", options.exclude, "Do not list names that match, even if --include matches them")
         ->type_name("PATTERN");
     command->add_flag("--full-path", options.fullPath, "Put DIRECTORY before each name");
     CLI::Option* const zero = command->add_flag("-0,--null", options.zero, "End each name with a NUL, not a line feed");
-    command->add_flag("--json", options.json, "Print an array of strings")->excludes(zero);
+    command->add_flag("--json", options.json, "Print a JSON array of strings")->excludes(zero);
     command->callback([&chosen] { chosen = [] { return List(options); }; });
 }
 
@@ -140,9 +141,11 @@ void AddRow(CLI::App& app, Command& chosen)
     static bool tsv = false;
     CLI::Option* const csvFlag =
         command->add_flag("--csv", csv, "Read a table of comma-separated values from standard input")->excludes(cells);
-    command->add_flag("--tsv", tsv, "The same with tabs between the cells")->excludes(cells)->excludes(csvFlag);
-    command->add_flag("--table-end", options.tableEnd, "End the table behind the rows");
-    command->add_flag("--raw", options.raw, "Pass cells through as they are, and fail where one would tear its row");
+    command->add_flag("--tsv", tsv, "Read a table of tab-separated values from standard input")
+        ->excludes(cells)
+        ->excludes(csvFlag);
+    command->add_flag("--table-end", options.tableEnd, "End the table after the rows");
+    command->add_flag("--raw", options.raw, "Do not escape cells; fail if a cell would break its row");
     command->callback([&chosen] {
         if (options.cells.empty() && !csv && !tsv) {
             throw CLI::RequiredError("CELL, --csv or --tsv");
@@ -157,8 +160,8 @@ void AddPage(CLI::App& app, Command& chosen)
     static PageOptions options;
     CLI::App* const command = app.add_subcommand("page", "Publish a text table file as an HTML page");
     AddText(command, "TABLE", options.table, "The text table file")->required();
-    AddText(command, "PAGE", options.page, "The page; an existing one is replaced in one step")->required();
-    command->add_flag("--allow-empty", options.allowEmpty, "Publish an empty page when TABLE cannot be read");
+    AddText(command, "PAGE", options.page, "The page to write; an existing one is replaced in one step")->required();
+    command->add_flag("--allow-empty", options.allowEmpty, "Publish an empty page if TABLE cannot be read");
     command->add_flag("--watch", options.watch, "Publish again whenever TABLE changes, until SIGINT or SIGTERM");
     command->callback([&chosen] { chosen = [] { return Page(options); }; });
 }
@@ -167,18 +170,23 @@ void AddGet(CLI::App& app, Command& chosen)
 {
     static GetOptions options;
     static std::string delimiter = "=";
-    CLI::App* const command = app.add_subcommand("get", "Print values of a name-value file");
+    CLI::App* const command = app.add_subcommand("get", "Print the values of a name-value file");
     AddText(command, "FILE", options.file, "The name-value file")->required();
     CLI::Option* const name = AddText(command, "NAME", options.name, "Print only the value of this name");
     AddText(command, "--delimiter", delimiter, "The byte that ends a name (default =)")
         ->type_name("BYTE")
         ->check([](const std::string& text) {
-            return text.size() == 1 && text != "\n" ? "" : "'" + text + "' is not one byte other than the line feed";
+            return text.size() == 1 && text != "\n"
+                       ? ""
+                       : "'" + text + "' is not allowed; give one byte that is not a line feed";
         });
-    AddText(command, "--comment", options.comment, "How comment lines begin; empty for none (default #)")
+    AddText(command, "--comment", options.comment, "The prefix of comment lines; empty for none (default #)")
         ->type_name("PREFIX");
-    CLI::Option* const json = command->add_flag("--json", options.json, "Print an object, or with NAME a string");
-    command->add_flag("--lint", options.lint, "Name the lines that look wrong instead")->excludes(name)->excludes(json);
+    CLI::Option* const json =
+        command->add_flag("--json", options.json, "Print a JSON object, or with NAME a JSON string");
+    command->add_flag("--lint", options.lint, "Report lines that look wrong instead of printing values")
+        ->excludes(name)
+        ->excludes(json);
     command->callback([&chosen, name] {
         options.hasName = name->count() != 0;
         options.delimiter = delimiter[0];
@@ -193,9 +201,9 @@ std::string UsageMessage(const CLI::App* app, const CLI::Error& error)
     const std::vector<std::string> rest = app->remaining();
     const bool isUnknown = commands.empty() && !rest.empty();
     std::string text = "orvfile: ";
-    dlog_text::AppendEscaped(text, isUnknown ? "no command or option '" + rest.front() + "'" : error.what());
+    dlog_text::AppendEscaped(text, isUnknown ? "unknown command or option '" + rest.front() + "'" : error.what());
     text += commands.empty()
-                ? "\n  Next: choose one of exists, move, copy, mkdir, list, row, page, get; see orvfile --help"
+                ? "\n  Next: use one of exists, move, copy, mkdir, list, row, page, get; see orvfile --help"
                 : "\n  Next: see orvfile " + commands.front()->get_name() + " --help";
     return text + "\n";
 }
@@ -207,8 +215,8 @@ void Describe(CLI::App& app, Command& chosen)
     app.failure_message(UsageMessage);
     app.set_version_flag("--version", "orvfile " ORV_VERSION, "Print the version and exit");
     app.add_flag_callback(
-        "-q,--quiet", [] { SetQuiet(true); }, "No notes, warnings and progress; failures are told");
-    app.footer("Exit status: 0 done, 1 the operation failed, 2 wrong usage. \"--\" ends the options.");
+        "-q,--quiet", [] { SetQuiet(true); }, "Suppress notes, warnings and progress; still report failures");
+    app.footer("Exit status: 0 success, 1 the operation failed, 2 wrong usage. \"--\" ends the options.");
     for (const auto& add : {AddExists, AddMove, AddCopy, AddMkdir, AddList, AddRow, AddPage, AddGet}) {
         add(app, chosen);
     }
@@ -217,7 +225,7 @@ void Describe(CLI::App& app, Command& chosen)
 ExitStatus Run(int argc, char** argv)
 {
     Command command;
-    CLI::App app("Move, copy, list and publish files by the functions of libOrvFileUtils.", "orvfile");
+    CLI::App app("Move, copy, list and publish files with the functions of libOrvFileUtils.", "orvfile");
     Describe(app, command);
     try {
         app.parse(ReversedArguments(argc, argv));
@@ -239,7 +247,7 @@ int main(int argc, char** argv)
     try {
         return Run(argc, argv);
     } catch (const std::exception& error) {  // of the standard library: memory ran out
-        (void)std::fprintf(stderr, "orvfile: %s\n  Next: free memory, or give smaller input\n", error.what());
+        (void)std::fprintf(stderr, "orvfile: %s\n  Next: free memory, or use a smaller input\n", error.what());
         return kFailed;
     }
 }

@@ -42,8 +42,8 @@ void PrintOne(const GetOptions& options, const Settings& settings)
 {
     const auto setting = settings.find(options.name);
     if (setting == settings.end()) {
-        throw Failure(Quoted(options.file) + " has no name " + Quoted(options.name),
-                      "see the names that it has: orvfile get FILE; upper and lower case differ");
+        throw Failure(Quoted(options.file) + " does not contain the name " + Quoted(options.name),
+                      "list its names with orvfile get FILE; upper and lower case differ");
     }
     PrintResult((options.json ? JsonText(setting->second) : setting->second) + "\n");
 }
@@ -75,7 +75,7 @@ public:
         static const std::string kByteOrderMark = "\xEF\xBB\xBF";
         ++number_;
         if (number_ == 1 && LxStringUtils::StartsWith(line, kByteOrderMark)) {
-            Find("a byte-order mark, which becomes a part of the line: save the file without it");
+            Find("byte-order mark, which becomes part of the line: save the file without it");
         }
         LxStringUtils::Trim(line);
         LookForControlCharacters(line);
@@ -85,7 +85,7 @@ public:
         const std::size_t end = line.find(options_.delimiter);
         if (end == std::string::npos) {
             Find("no delimiter '" + std::string(1, options_.delimiter) +
-                 "': the line is a name with an empty value; add the delimiter, or make it a comment");
+                 "': the line is a name with an empty value; add the delimiter, or make the line a comment");
         }
         LookForDuplicate(line.substr(0, end));
     }
@@ -101,7 +101,7 @@ private:
         for (std::size_t at = 0; at < line.size(); ++at) {
             const unsigned char byte = static_cast<unsigned char>(line[at]);
             if ((byte < 0x20 && byte != '\t') || byte == 0x7F) {
-                Find("control character " + Quoted(std::string(1, line[at])) + ": take it out");
+                Find("control character " + Quoted(std::string(1, line[at])) + ": remove it");
             }
         }
     }
@@ -111,7 +111,7 @@ private:
         LxStringUtils::Trim(name);
         const auto [first, isNew] = lineOf_.emplace(name, number_);
         if (!isNew) {
-            Find("duplicate name " + Quoted(name) + ", first in line " + std::to_string(first->second) +
+            Find("duplicate name " + Quoted(name) + ", first on line " + std::to_string(first->second) +
                  ": the last one counts; remove the others");
         }
     }

@@ -56,7 +56,7 @@ void PrintResult(const std::string& bytes)
     std::cout << bytes << std::flush;
     if (!std::cout) {
         throw Failure("cannot write to standard output: " + ErrorText(errno),
-                      "point it at a file, pipe or terminal that takes the result");
+                      "redirect it to a file, pipe or terminal that accepts the result");
     }
 }
 
@@ -76,12 +76,12 @@ std::string Remedy(int error, const std::string& path)
 {
     switch (error) {
         case ENOENT:
-            return "check the spelling of " + Quoted(path) + ", and that its directory exists";
+            return "check the spelling of " + Quoted(path) + ", and check that its directory exists";
         case EACCES:
         case EPERM:
-            return "get access to " + Quoted(path) + " and the directories above it, or run as a user who has it";
+            return "get access to " + Quoted(path) + " and the directories above it, or run as a user who has access";
         case ENOTDIR:
-            return "a part of " + Quoted(path) + " that should be a directory is none: correct the path";
+            return "a component of " + Quoted(path) + " is not a directory: correct the path";
         case EISDIR:
             return Quoted(path) + " is a directory: name a file in it";
         case ENOSPC:
@@ -92,9 +92,9 @@ std::string Remedy(int error, const std::string& path)
         case ENAMETOOLONG:
             return "choose a shorter path";
         case ELOOP:
-            return "remove the symbolic links in " + Quoted(path) + " that lead in a circle";
+            return "remove the symbolic links in " + Quoted(path) + " that form a loop";
         default:
-            return "see the lines above, and the kernel's log (dmesg) for the medium";
+            return "see the lines above, and check the kernel's log (dmesg) for errors of the medium";
     }
 }
 

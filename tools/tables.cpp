@@ -55,7 +55,7 @@ void RefuseTornCell(const std::string& cell, std::size_t row, std::size_t column
         if (const char* const reason = Tears(cell[at], column == 1)) {
             throw Failure("row " + std::to_string(row) + ", column " + std::to_string(column) + ", byte " +
                               std::to_string(at + 1) + ": " + reason,
-                          "leave out --raw to have such bytes replaced, or take them out of the cell");
+                          "omit --raw to have such bytes replaced, or remove them from the cell");
         }
     }
 }
@@ -82,7 +82,8 @@ CsvRows RowsOf(const RowOptions& options)
     }
     CsvRows rows = ReadCsvFromStandardInput(options.separator);
     if (rows.empty()) {
-        throw Failure("standard input holds no row", "check the command that writes it; an empty table needs none");
+        throw Failure("standard input contains no rows",
+                      "check the command that writes it; an empty table needs no rows");
     }
     return rows;
 }
@@ -137,8 +138,8 @@ void Publish(const PageOptions& options)
     const std::optional<struct stat> after = LinkStatusOf(options.page);
     (void)unlink(("/var/tmp/TextToHtml_" + std::to_string(getpid()) + ".tmp").c_str());  // left after a failed move
     if (!IsReplaced(before, after)) {
-        throw Failure("cannot publish " + Quoted(options.page) + "; what stood there before is unchanged",
-                      "make sure that its directory exists and is writable, that it is no directory itself, and that "
+        throw Failure("cannot publish " + Quoted(options.page) + "; nothing was replaced",
+                      "check that its directory exists and is writable, that it is not a directory itself, and that "
                       "/var/tmp is writable; the lines above name the call that failed");
     }
     if (!IsWholePage(options.page)) {
@@ -146,8 +147,9 @@ void Publish(const PageOptions& options)
                       "free space in /var/tmp (df /var/tmp), then publish it again");
     }
     if (!IsQuiet()) {
-        PrintResult("published " + Quoted(options.page) + ": " + std::to_string(TablesIn(options.table)) + " tables, " +
-                    std::to_string(after->st_size) + " bytes\n");
+        const std::size_t tables = TablesIn(options.table);
+        PrintResult("published " + Quoted(options.page) + ": " + std::to_string(tables) +
+                    (tables == 1 ? " table, " : " tables, ") + std::to_string(after->st_size) + " bytes\n");
     }
 }
 
@@ -157,8 +159,8 @@ void Follow(const PageOptions& options, FileWatch& watch)
         if (options.allowEmpty || CanRead(options.table)) {
             Publish(options);
         } else {
-            Warn("cannot read " + Quoted(options.table) + "; the page stays as it is",
-                 "put the file back: the page follows by itself");
+            Warn("cannot read " + Quoted(options.table) + "; the page is not changed",
+                 "restore the file, and the page is published again");
         }
     }
 }

@@ -35,12 +35,12 @@ void RefuseDirectory(const std::string& source, const std::string& destination)
 [[noreturn]] void FailForSameFile(const std::string& source, const std::string& destination)
 {
     throw Failure(Quoted(source) + " and " + Quoted(destination) + " are the same file",
-                  "nothing was changed; name another destination");
+                  "nothing was changed; choose another destination");
 }
 
 [[noreturn]] void FailForExisting(const std::string& destination)
 {
-    throw Failure(Quoted(destination) + " exists", "leave out --no-replace to replace it, or name another destination");
+    throw Failure(Quoted(destination) + " exists", "omit --no-replace to replace it, or choose another destination");
 }
 
 // ---- Comparing
@@ -90,8 +90,8 @@ void RequireSameBytes(const std::string& source, const std::string& copy, off_t 
         if (differ != end || want != got) {
             throw Failure(Quoted(copy) + " differs from " + Quoted(source) + " from byte " +
                               std::to_string(offset + (differ - expected.begin())) + " on",
-                          "keep " + Quoted(source) + ", make sure that nobody writes it and that the file system of " +
-                              Quoted(copy) + " has space (df) and works (dmesg), then run this again");
+                          "keep " + Quoted(source) + "; check that nobody writes to it, and that the file system of " +
+                              Quoted(copy) + " has free space (df) and no errors (dmesg); then run this again");
         }
         if (want == 0) {
             return;
@@ -114,7 +114,7 @@ void CopyBytes(const std::string& source, const std::string& destination, off_t 
             return;
         case -1:
             (void)RequireRegularFile(source);  // says why, if it is still so
-            throw Failure(Quoted(source) + " was exchanged in the meantime", "run this again when nobody changes it");
+            throw Failure(Quoted(source) + " was replaced in the meantime", "run this again when nobody replaces it");
         case -2:
             throw Failure("cannot read " + Quoted(source) + ": " + ErrorText(error), Remedy(error, source));
         default:
@@ -229,7 +229,7 @@ void MoveByVerifiedCopy(const MoveOptions& options, const struct stat& source)
     }
     if (unlink(options.source.c_str()) != 0) {
         const int error = errno;
-        throw Failure("the content stands at " + Quoted(options.destination) + ", but " + Quoted(options.source) +
+        throw Failure("the content is at " + Quoted(options.destination) + ", but " + Quoted(options.source) +
                           " cannot be removed: " + ErrorText(error),
                       "remove " + Quoted(options.source) + " yourself");
     }
@@ -267,9 +267,9 @@ void MoveByFunction(const MoveOptions& options, const struct stat& source, const
         FailToMove(options.source, options.destination, errno);
     }
     if (IsLeft(options.source, before)) {
-        throw Failure("the content stands at " + Quoted(options.destination) + ", but " + Quoted(options.source) +
-                          " is still there",
-                      "remove " + Quoted(options.source) + " yourself");
+        throw Failure(
+            "the content is at " + Quoted(options.destination) + ", but " + Quoted(options.source) + " was not removed",
+            "remove " + Quoted(options.source) + " yourself");
     }
 }
 

@@ -72,7 +72,7 @@ bool FileWatch::TakeEvents()
             event = reinterpret_cast<const struct inotify_event*>(at);
             if ((event->mask & (IN_DELETE_SELF | IN_MOVE_SELF | IN_IGNORED)) != 0) {
                 throw Failure("the directory " + Quoted(directory_) + " was removed or renamed",
-                              "make it again and start this again");
+                              "make it again, then start this again");
             }
             changed |= (event->mask & IN_Q_OVERFLOW) != 0 || (event->len != 0 && name_ == event->name);
         }

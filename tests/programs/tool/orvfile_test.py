@@ -128,12 +128,12 @@ class OrvfileTest(unittest.TestCase):
 class UsageTest(OrvfileTest):
     def test_wrong_use_names_the_argument_writes_nothing_and_ends_with_2(self):
         self.write("a", b"data")
-        top = "choose one of exists, move, copy, mkdir, list, row, page, get; see orvfile --help"
+        top = "use one of exists, move, copy, mkdir, list, row, page, get; see orvfile --help"
         cases = [
             ([], "A subcommand is required", top),
-            (["bogus"], "no command or option 'bogus'", top),
-            (["--bogus"], "no command or option '--bogus'", top),
-            (["\x1b[31m\nred"], "no command or option '\\x1b[31m\\nred'", top),
+            (["bogus"], "unknown command or option 'bogus'", top),
+            (["--bogus"], "unknown command or option '--bogus'", top),
+            (["\x1b[31m\nred"], "unknown command or option '\\x1b[31m\\nred'", top),
             (["exists"], "PATH is required", "exists"),
             (["move"], "SOURCE is required", "move"),
             (["move", "a"], "DESTINATION is required", "move"),
@@ -142,7 +142,7 @@ class UsageTest(OrvfileTest):
             (["copy", "a"], "DESTINATION is required", "copy"),
             (["mkdir"], "PATH is required", "mkdir"),
             *((["mkdir", "-m", mode, self.path("d")],
-               f"--mode: '{mode}' is no octal mode of one to four digits, such as 755", "mkdir")
+               f"--mode: '{mode}' is not an octal mode (one to four digits, such as 755)", "mkdir")
               for mode in ("8", "u+x", "00755", "-1", "0x1")),
             (["list"], "DIRECTORY is required", "list"),
             (["list", ".", "--include"], "--include: 1 required PATTERN missing", "list"),
@@ -155,7 +155,7 @@ class UsageTest(OrvfileTest):
             (["get", "a", "--lint", "name"], "NAME excludes --lint", "get"),
             (["get", "a", "--lint", "--json"], "--json excludes --lint", "get"),
             *((["get", "a", "--delimiter", delimiter],
-               f"--delimiter: '{shown}' is not one byte other than the line feed", "get")
+               f"--delimiter: '{shown}' is not allowed; give one byte that is not a line feed", "get")
               for delimiter, shown in (("ab", "ab"), ("\n", "\\n"), ("\u00e9", "\u00e9"))),
         ]  # fmt: skip
         for arguments, message, command in cases:
@@ -177,7 +177,7 @@ class UsageTest(OrvfileTest):
 
             self.assertEqual((0, ""), (status, err))
             self.assertIn("Usage: orvfile " + "".join(arguments), out.decode())
-            self.assertIn(b"Exit status: 0 done, 1 the operation failed, 2 wrong usage.", out)
+            self.assertIn(b"Exit status: 0 success, 1 the operation failed, 2 wrong usage.", out)
 
     def test_a_full_standard_output_is_a_failure(self):
         self.write("f", b"a=1\n")
@@ -185,7 +185,7 @@ class UsageTest(OrvfileTest):
             with self.subTest(arguments=arguments), open("/dev/full", "wb") as full:
                 self.assertEqual(
                     (1, None, problem("cannot write to standard output: No space left on device",
-                                      "point it at a file, pipe or terminal that takes the result")),
+                                      "redirect it to a file, pipe or terminal that accepts the result")),
                     self.run_tool(*arguments, stdout=full))  # fmt: skip
 
     def test_paths_that_look_like_options_commands_and_lists_are_taken_whole(self):
@@ -228,19 +228,19 @@ class UsageTest(OrvfileTest):
 
 
 class ExistsTest(OrvfileTest):
-    def test_a_regular_file_does_also_by_a_link(self):
+    def test_a_regular_file_exists_even_behind_a_link(self):
         self.write("file")
         os.symlink("file", self.path("link"))
 
         self.assert_done("exists", "file", "link", self.path("file"))
 
-    def test_each_path_that_is_none_is_named(self):
+    def test_each_path_that_is_not_a_regular_file_is_reported(self):
         self.write("file")
         os.symlink("gone", self.path("dangling"))
         os.mkfifo(self.path("fifo"))
         name = problem("'{0}' is {1}, not a regular file", "name a regular file")
         missing = problem("'{0}': No such file or directory",
-                          "check the spelling of '{0}', and that its directory exists")  # fmt: skip
+                          "check the spelling of '{0}', and check that its directory exists")  # fmt: skip
 
         self.assert_fails(
             name.format(".", "a directory") + missing.format("dangling") + name.format("fifo", "a FIFO")
@@ -285,7 +285,7 @@ class MoveTest(OrvfileTest):
 
                     self.assert_fails(
                         problem(f"'{to}' exists",
-                                "leave out --no-replace to replace it, or name another destination"),
+                                "omit --no-replace to replace it, or choose another destination"),
                         *("move", *options, "a", to))  # fmt: skip
 
                     self.assertEqual(b"new", self.read("a"))
@@ -294,7 +294,7 @@ class MoveTest(OrvfileTest):
         self.assertEqual(["a", "b", "link"], self.names())
         self.assertEqual(["b"], self.names(self.other))
 
-    def test_no_replace_does_without_the_newer_system_call(self):
+    def test_no_replace_works_without_the_newer_system_call(self):
         self.write("a", b"data")
 
         self.assert_done("move", "-n", "a", "b", shim={"FAIL": f"renameat2:{errno.EINVAL}", "TRACE": self.path("t")})
@@ -308,7 +308,7 @@ class MoveTest(OrvfileTest):
                 self.write("a", b"data")
 
                 self.assert_fails(
-                    problem(f"'{to}' exists", "leave out --no-replace to replace it, or name another destination"),
+                    problem(f"'{to}' exists", "omit --no-replace to replace it, or choose another destination"),
                     *("move", "-n", "a", to), shim=dict([call]))  # fmt: skip
 
                 self.assertEqual(["a"], self.names())
@@ -327,14 +327,14 @@ class MoveTest(OrvfileTest):
         self.assertEqual(["b"], self.names())
         self.assertEqual((b"data", 0o100600), (self.read("b"), os.stat(self.path("b")).st_mode))
 
-    def test_a_durable_move_that_fails_leaves_everything(self):
+    def test_a_durable_move_that_fails_changes_nothing(self):
         for call, message, remedy, library in (
             ("fsync", "cannot flush 'b_??????' to the disk: Input/output error",
-             "see the lines above, and the kernel's log (dmesg) for the medium", ""),
+             "see the lines above, and check the kernel's log (dmesg) for errors of the medium", ""),
             ("chmod", "cannot set the mode of 'b_??????': Input/output error",
-             "see the lines above, and the kernel's log (dmesg) for the medium", ""),
+             "see the lines above, and check the kernel's log (dmesg) for errors of the medium", ""),
             ("rename", "cannot move 'a' to 'b': Input/output error",
-             "see the lines above, and the kernel's log (dmesg) for the medium; 'a' is unchanged",
+             "see the lines above, and check the kernel's log (dmesg) for errors of the medium; 'a' is unchanged",
              LIBRARY + "RenameFileAcrossFs: rename(b_??????, b) failed (5).\n"),
         ):  # fmt: skip
             with self.subTest(call=call):
@@ -351,11 +351,11 @@ class MoveTest(OrvfileTest):
         for options, message in (
             ([], LIBRARY + "RenameFileAcrossFs: write() failed (4096, -1, 27).\n"
              + problem("cannot move 'a' to '{0}': File too large",
-                       "see the lines above, and the kernel's log (dmesg) for the medium; 'a' is unchanged")),
+                       "see the lines above, and check the kernel's log (dmesg) for errors of the medium; 'a' is unchanged")),
             (["--durable"],
              problem("'{0}_??????' differs from 'a' from byte 8192 on",
-                     "keep 'a', make sure that nobody writes it and that the file system of '{0}_??????' has space "
-                     "(df) and works (dmesg), then run this again")),
+                     "keep 'a'; check that nobody writes to it, and that the file system of '{0}_??????' has free space "
+                     "(df) and no errors (dmesg); then run this again")),
         ):  # fmt: skip
             with self.subTest(options=options):
                 self.write("a", b"x" * 20000)
@@ -375,7 +375,7 @@ class MoveTest(OrvfileTest):
             for to in ("a", "./a", self.path("a"), "hard"):
                 with self.subTest(options=options, to=to):
                     self.assert_fails(
-                        problem(f"'a' and '{to}' are the same file", "nothing was changed; name another destination"),
+                        problem(f"'a' and '{to}' are the same file", "nothing was changed; choose another destination"),
                         *("move", *options, "a", to))  # fmt: skip
         self.assertEqual((["a", "hard"], b"data"), (self.names(), self.read("a")))
 
@@ -399,20 +399,20 @@ class MoveTest(OrvfileTest):
                 *("move", *options, self.path("a"), "d"))  # fmt: skip
         self.assertEqual([], self.names(self.path("d")))
 
-    def test_a_source_that_is_no_regular_file_is_named(self):
+    def test_a_source_that_is_not_a_regular_file_is_reported(self):
         os.mkdir(self.path("d"))
         for options in ([], ["-n"], ["--durable"]):
             self.assert_fails(
                 problem("'gone': No such file or directory",
-                        "check the spelling of 'gone', and that its directory exists"),
+                        "check the spelling of 'gone', and check that its directory exists"),
                 *("move", *options, "gone", "b"))  # fmt: skip
             self.assert_fails(
                 problem("'d' is a directory, not a regular file", "name a regular file"), "move", *options, "d", "b")
         self.assertEqual(["d"], self.names())
 
-    def test_a_missing_directory_of_the_destination_is_named(self):
+    def test_a_missing_directory_of_the_destination_is_reported(self):
         self.write("a", b"data")
-        hint = "check the spelling of 'no/b', and that its directory exists"
+        hint = "check the spelling of 'no/b', and check that its directory exists"
 
         self.assert_fails(
             LIBRARY + "RenameFileAcrossFs: rename(a, no/b) failed (2).\n"
@@ -426,13 +426,13 @@ class MoveTest(OrvfileTest):
             *("move", "--durable", "a", "no/b"))  # fmt: skip
         self.assertEqual(["a"], self.names())
 
-    def test_a_source_that_cannot_be_removed_is_told(self):
+    def test_a_source_that_cannot_be_removed_is_reported(self):
         self.write("a", b"data")
         to = os.path.join(self.other, "b")
         line = LIBRARY + "RenameFileAcrossFs: unlink(a) failed (30).\n"
-        left = f"the content stands at '{to}', but 'a' "
+        left = f"the content is at '{to}', but 'a' "
         for options, err in (
-            ([], line + problem(left + "is still there", "remove 'a' yourself")),
+            ([], line + problem(left + "was not removed", "remove 'a' yourself")),
             (["--durable"], problem(left + "cannot be removed: Read-only file system", "remove 'a' yourself")),
         ):
             self.assert_fails(err, "move", *options, "a", to, shim={"FAIL": f"unlink:{errno.EROFS}"})
@@ -456,12 +456,12 @@ class CopyTest(OrvfileTest):
 
         self.assert_fails(
             problem("'b' differs from 'a' from byte 8192 on",
-                    "keep 'a', make sure that nobody writes it and that the file system of 'b' has space (df) and "
-                    "works (dmesg), then run this again"),
+                    "keep 'a'; check that nobody writes to it, and that the file system of 'b' has free space (df) and "
+                    "no errors (dmesg); then run this again"),
             *("copy", "a", "b"), preexec_fn=limited_to(8192))  # fmt: skip
         self.assertEqual(b"x" * 20000, self.read("a"))
 
-    def test_they_are_not_looked_at_when_so_asked(self):
+    def test_bytes_are_not_compared_on_request(self):
         self.write("a", b"x" * 20000)
 
         self.assert_done("copy", "--no-verify", "a", "b", preexec_fn=limited_to(8192))
@@ -474,17 +474,17 @@ class CopyTest(OrvfileTest):
         os.symlink("a", self.path("soft"))
         for to in ("a", "./a", "hard", "soft"):
             self.assert_fails(
-                problem(f"'a' and '{to}' are the same file", "nothing was changed; name another destination"),
+                problem(f"'a' and '{to}' are the same file", "nothing was changed; choose another destination"),
                 *("copy", "a", to))  # fmt: skip
         self.assertEqual(b"data", self.read("a"))
 
-    def test_bad_paths_are_named_and_nothing_is_written(self):
+    def test_bad_paths_are_reported_and_nothing_is_written(self):
         self.write("a", b"data")
         self.write("secret", b"data", 0o000)
         os.mkdir(self.path("d"))
         dropped = {"preexec_fn": without_capabilities(1, 2)}  # CAP_DAC_OVERRIDE, CAP_DAC_READ_SEARCH
-        access = "get access to '{0}' and the directories above it, or run as a user who has it"
-        spelling = "check the spelling of '{0}', and that its directory exists"
+        access = "get access to '{0}' and the directories above it, or run as a user who has access"
+        spelling = "check the spelling of '{0}', and check that its directory exists"
         for source, to, message, remedy, options in (
             ("gone", "b", "'gone': No such file or directory", spelling.format("gone"), {}),
             ("d", "b", "'d' is a directory, not a regular file", "name a regular file", {}),
@@ -520,7 +520,7 @@ class CopyTest(OrvfileTest):
         self.assertRegex(shown, r"\rcomparing: \d+ of 34 MiB \(\d+ %\)")
         self.assertTrue(shown.endswith("\r\x1b[K"), shown)
 
-    def test_progress_of_short_work_or_with_quiet_is_not(self):
+    def test_progress_is_not_shown_for_short_work_or_with_quiet(self):
         self.assertEqual("", self.show(size=1 << 20))
         self.assertEqual("", self.show("--quiet", size=17 << 20))
 
@@ -549,13 +549,13 @@ class MkdirTest(OrvfileTest):
 
         self.assert_fails(
             LIBRARY + f"MakeDirPath: Failed to chmod on '{path}': errno: 1\n"
-            + problem(f"the mode of '{path}' is not the one asked for",
-                      "set it by chmod(1) as the owner of the directory or as root"),
+            + problem(f"cannot set the requested mode of '{path}'",
+                      "set it with chmod(1), as the owner of the directory or as root"),
             *("mkdir", "--exact-mode", "-m", "755", path), shim={"FAIL": f"chmod:{errno.EPERM}"})  # fmt: skip
         self.assertEqual(0o700, self.mode("a"))
 
     def test_directories_below_the_root_and_here_are_refused_with_the_reason(self):
-        why = "the library never makes directories there, so that a mistaken path does no harm; make that one by mkdir(1) first"
+        why = "; the library never makes directories there, so that a wrong path does no harm"
         for path, parent, name, more in (
             ("new", ".", "the current directory", ", or give the absolute path"),
             ("new/a/b", ".", "the current directory", ", or give the absolute path"),
@@ -566,7 +566,7 @@ class MkdirTest(OrvfileTest):
             with self.subTest(path=path):
                 self.assert_fails(
                     problem(f"cannot make '{path}': its topmost missing directory would be directly below '{parent}', "
-                            + name, why + more),
+                            + name, "make that directory with mkdir(1) first" + more + why),
                     *("mkdir", path))  # fmt: skip
         self.assertEqual([], self.names())
         self.assertFalse(os.path.lexists("/orv_test_new"))
@@ -574,11 +574,11 @@ class MkdirTest(OrvfileTest):
         self.assert_done("mkdir", "new", "new/a/b", ".", "/")
         self.assertEqual(["b"], self.names(self.path("new/a")))
 
-    def test_what_is_no_directory_is_named_and_keeps_its_mode(self):
+    def test_a_file_in_place_of_a_directory_is_reported_and_keeps_its_mode(self):
         self.write("file", b"data", 0o600)
-        exists = problem("'file' exists and is no directory", "remove it, or choose another path")
+        exists = problem("'file' exists and is not a directory", "remove it, or choose another path")
         below = problem("cannot make 'file/a': Not a directory",
-                        "a part of 'file/a' that should be a directory is none: correct the path")  # fmt: skip
+                        "a component of 'file/a' is not a directory: correct the path")  # fmt: skip
 
         self.assert_fails(exists, "mkdir", "--exact-mode", "-m", "777", "file")
         self.assert_fails(
@@ -587,7 +587,7 @@ class MkdirTest(OrvfileTest):
             *("mkdir", "file/a"))  # fmt: skip
         self.assertEqual((0o600, b"data"), (self.mode("file"), self.read("file")))
 
-    def test_a_path_too_long_or_empty_is_told(self):
+    def test_a_path_that_is_too_long_or_empty_is_reported(self):
         longest = self.dir + "/" + "d" * 100
         longest += "/." * ((1024 - len(longest)) // 2)
         longest += "/" * (1024 - len(longest))
@@ -597,10 +597,10 @@ class MkdirTest(OrvfileTest):
             problem(f"a path of 1025 bytes is too long: '{longest[:40]}'...",
                     "use at most 1024 bytes, or a relative path"),
             *("mkdir", longest + "/"))  # fmt: skip
-        self.assert_fails(problem("the path '' is empty", "name a directory"), "mkdir", "")
+        self.assert_fails(problem("the path is empty", "give the path of a directory"), "mkdir", "")
 
     def test_a_bad_path_does_not_keep_others_from_being_made(self):
-        self.assert_fails(problem("the path '' is empty", "name a directory"), "mkdir", self.path("a"), "", self.path("b"))
+        self.assert_fails(problem("the path is empty", "give the path of a directory"), "mkdir", self.path("a"), "", self.path("b"))
 
         self.assertEqual(["a", "b"], self.names())
 
@@ -623,7 +623,7 @@ class ListTest(OrvfileTest):
         self.assert_done("list", ".", "--include=[b].txt")  # no brackets in these patterns
         self.assert_done("list", ".", "--include", "?.*", "--exclude", "B*", out=b"a.log\nb.txt\n")
 
-    def test_the_path_comes_before_when_so_asked(self):
+    def test_the_path_comes_before_names_on_request(self):
         self.assert_done("list", self.dir, "--full-path", "--include", "a*", out=f"{self.dir}/a.log\n".encode())
         self.assert_done("list", "./", "--full-path", "--include", "a*", out=b"./a.log\n")
 
@@ -632,48 +632,48 @@ class ListTest(OrvfileTest):
         self.assert_done("list", ".", "--json", out=b'[".hidden","B.txt","a.log","b.txt"]\n')
         self.assert_done("list", "directory", "--json", out=b"[]\n")
 
-    def test_a_line_feed_in_a_name_is_warned_of_where_it_matters(self):
+    def test_a_line_feed_in_a_name_causes_a_warning_where_it_matters(self):
         self.write("directory/a\nb")
-        warning = problem("warning: a name holds a line feed, so the list is ambiguous", "use -0 or --json")
+        warning = problem("warning: a name contains a line feed, so the list is ambiguous", "use -0 or --json")
 
         self.assert_done("list", "directory", out=b"a\nb\n", err=warning)
         self.assert_done("list", "directory", "-q", out=b"a\nb\n")
         self.assert_done("list", "directory", "-0", out=b"a\nb\0")
         self.assert_done("list", "directory", "--json", out=b'["a\\nb"]\n')
 
-    def test_bytes_that_json_cannot_hold_are_warned_of(self):
+    def test_bytes_that_json_cannot_hold_cause_a_warning(self):
         self.write(os.path.join(os.fsencode(self.dir), b"directory/\xff\xc3\xa9").decode("utf-8", "surrogateescape"))
 
         self.assert_done(
             *("list", "directory", "--json"), out='["\ufffd\u00e9"]\n'.encode(),
-            err=problem("warning: the result holds bytes that are no UTF-8; JSON shows U+FFFD in their place",
-                        "leave out --json to see them unchanged"))  # fmt: skip
+            err=problem("warning: the result contains bytes that are not UTF-8; JSON shows U+FFFD instead",
+                        "omit --json to see them unchanged"))  # fmt: skip
         self.assert_done("list", "directory", out=b"\xff\xc3\xa9\n")
 
-    def test_a_file_system_that_records_no_types_is_warned_of(self):
+    def test_a_file_system_that_does_not_record_types_causes_a_warning(self):
         warning = problem(
-            "warning: the file system of '.' does not record entry types: 6 entries were not looked at, so files may be "
-            "missing from the list", "use ls(1) or find(1) on this file system")  # fmt: skip
+            "warning: the file system of '.' does not record entry types: 6 entries were ignored, so the list may be "
+            "incomplete", "use ls(1) or find(1) on this file system")  # fmt: skip
 
         self.assert_done("list", ".", err=warning, shim={"UNTYPED": "1"})
         self.assert_done("list", ".", "--json", out=b"[]\n", err=warning, shim={"UNTYPED": "1"})
         self.assert_done("list", ".", "--quiet", shim={"UNTYPED": "1"})
         self.assert_done("list", ".", out=b".hidden\nB.txt\na.log\nb.txt\n", shim={"TRACE": "/dev/null"})
 
-    def test_a_bad_directory_is_named(self):
+    def test_a_bad_directory_is_reported(self):
         self.assert_fails(
             LIBRARY + "GetDirFileList: Error opening directory folder 'gone', errno: 2\n"
             + problem("cannot list 'gone': No such file or directory",
-                      "check the spelling of 'gone', and that its directory exists"),
+                      "check the spelling of 'gone', and check that its directory exists"),
             *("list", "gone"))  # fmt: skip
         self.assert_fails(
             LIBRARY + "GetDirFileList: Error opening directory folder 'a.log', errno: 20\n"
             + problem("cannot list 'a.log': Not a directory",
-                      "a part of 'a.log' that should be a directory is none: correct the path"),
+                      "a component of 'a.log' is not a directory: correct the path"),
             *("list", "a.log"))  # fmt: skip
         self.assert_fails(
             LIBRARY + "GetDirFileList: No directory specified.\n"
-            + problem("the directory '' is empty", "name a directory"),
+            + problem("the path is empty", "give the path of a directory"),
             *("list", ""))  # fmt: skip
 
 
@@ -688,14 +688,14 @@ class RowTest(OrvfileTest):
         self.assert_done("row", "--raw", "a", out=b"a:;")
         self.assert_done("row", "--csv", data=b"a\nb,c\n", out=b"a:;b:c;")
 
-    def test_cells_are_made_safe(self):
+    def test_cells_are_escaped(self):
         self.assert_done("row", "a&b;", ":5,x", '<">', "\r\n1", out=b"a&#38b&#59:&#58&#53&#44x,&#60&#34&#62,&#13&#10&#49;")
 
     def test_raw_cells_pass_through(self):
         self.assert_done("row", "--raw", "<b>,a</b>", "x:y&amp", out=b"<b>,a</b>:x:y&amp;")
 
-    def test_a_raw_cell_that_would_tear_its_row_is_named_and_nothing_written(self):
-        remedy = "leave out --raw to have such bytes replaced, or take them out of the cell"
+    def test_a_raw_cell_that_would_break_its_row_is_reported_and_nothing_is_written(self):
+        remedy = "omit --raw to have such bytes replaced, or remove them from the cell"
         for data, place, why in (
             (b"a,b\nc,d;e\n", "row 2, column 2, byte 2", "a semicolon ends the row"),
             (b"a:,b\n", "row 1, column 1, byte 2", "a colon ends the head cell"),
@@ -727,62 +727,66 @@ class RowTest(OrvfileTest):
                 self.assert_done("row", "--csv", data=data, out=out)
         self.assert_done("row", "--csv", "--table-end", data=b"a,b\nc,d\n", out=b"a:b;c:d;\n")
 
-    def test_tabs_separate_when_so_asked(self):
+    def test_tabs_separate_on_request(self):
         self.assert_done("row", "--tsv", data=b'a\tb,c\n"d\te"\t\tf\n', out=b"a:b&#44c;d\te:,f;")
 
-    def test_a_long_input_is_read_whole(self):
+    def test_a_long_input_is_read_to_its_end(self):
         rows = 20000
         data = b"".join(b"row %d,%s\n" % (i, b"x" * 50) for i in range(rows))
 
         self.assert_done("row", "--csv", data=data, out=b"".join(b"row %d:%s;" % (i, b"x" * 50) for i in range(rows)))
 
-    def test_bad_input_is_named_and_nothing_written(self):
-        remedy = "put each cell that holds one between quotation marks, and double those inside it"
+    def test_bad_input_is_reported_and_nothing_is_written(self):
+        remedy = "put the cell between quotation marks, and double each quotation mark inside it"
         for data, message in (
-            (b'a,b\nc,d"e\n', "row 2: byte 8 of it: a quotation mark stands where none may"),
-            (b'"a"b,c\n', "row 1: byte 4 of it: a quotation mark stands where none may"),
+            (b'a,b\nc,d"e\n', "row 2: unexpected quotation mark at byte 8 of the input"),
+            (b'"a"b,c\n', "row 1: unexpected quotation mark at byte 4 of the input"),
             (b'a,b\n"c,d\n', "row 2: the input ends inside quotation marks"),
         ):
             with self.subTest(data=data):
                 self.assert_fails(problem("standard input, " + message, remedy), "row", "--csv", data=data)
         for data in (b"", b"\n\n"):
             self.assert_fails(
-                problem("standard input holds no row",
-                        "check the command that writes it; an empty table needs none"),
+                problem("standard input contains no rows",
+                        "check the command that writes it; an empty table needs no rows"),
                 *("row", "--csv", "--table-end"), data=data)  # fmt: skip
 
-    def test_standard_input_that_cannot_be_read_is_told(self):
+    def test_standard_input_that_cannot_be_read_is_reported(self):
         directory = os.open(self.dir, os.O_RDONLY)
         self.addCleanup(os.close, directory)
 
         self.assert_fails(
-            problem("cannot read standard input: Is a directory", "point it at a file or a pipe"),
+            problem("cannot read standard input: Is a directory", "redirect it from a file or a pipe"),
             *("row", "--csv"), stdin=directory)  # fmt: skip
 
 
 class PageTest(OrvfileTest):
     def assert_published(self, *arguments, tables, body, page="page.html"):
         whole = HEADER + body + FOOTER
-        self.assert_done("page", *arguments, out=f"published '{page}': {tables} tables, {len(whole)} bytes\n".encode())
+        count = f"{tables} table" if tables == 1 else f"{tables} tables"
+        self.assert_done("page", *arguments, out=f"published '{page}': {count}, {len(whole)} bytes\n".encode())
         self.assertEqual(whole, self.read(page))
 
     def test_a_table_file_becomes_a_page(self):
         self.write("table", b"a:b,c;\n\nd:e;\n")
         self.write("page.html", b"old")
+        self.write("one table", b"a:b;\n")
 
+        self.assert_published(
+            *("one table", "page.html"), tables=1, body=b"<table  BORDER=2><tr><td>a</td><td>b</td></tr></table>")
         self.assert_published(
             *("table", "page.html"), tables=2,
             body=b"<table  BORDER=2><tr><td>a</td><td>b</td><td>c</td></tr></table><p></p>"
             b"<table  BORDER=2><tr><td>d</td><td>e</td></tr></table>")  # fmt: skip
 
-    def test_quiet_publishes_without_a_word(self):
+    def test_quiet_publishes_and_prints_nothing(self):
         self.write("table", b"a:b;\n")
 
         self.assert_done("page", "-q", "table", "page.html")
 
         self.assertEqual(FOOTER, self.read("page.html")[-len(FOOTER) :])
 
-    def test_hostile_cells_come_back_exactly_and_stay_text(self):
+    def test_hostile_cells_come_back_unchanged_and_stay_text(self):
         names = [text(name) for name in HOSTILE_NAMES]
         rows = b"".join(self.run_tool("row", "--", name, name)[1] for name in names)
         self.write("table", rows + b"\n")
@@ -798,17 +802,17 @@ class PageTest(OrvfileTest):
         self.write("page.html", b"old")
         os.mkdir(self.path("d"))
         for table, message, remedy in (
-            ("gone", "'gone': No such file or directory", "check the spelling of 'gone', and that its directory exists"),
+            ("gone", "'gone': No such file or directory", "check the spelling of 'gone', and check that its directory exists"),
             ("d", "'d' is a directory, not a regular file", "name a regular file"),
             ("secret", "cannot read 'secret': Permission denied",
-             "get access to 'secret' and the directories above it, or run as a user who has it"),
+             "get access to 'secret' and the directories above it, or run as a user who has access"),
         ):  # fmt: skip
             with self.subTest(table=table):
                 self.assert_fails(
                     problem(message, remedy), "page", table, "page.html", preexec_fn=without_capabilities(1, 2))
         self.assertEqual(b"old", self.read("page.html"))
 
-    def test_an_empty_page_is_published_when_so_asked(self):
+    def test_an_empty_page_is_published_on_request(self):
         self.assert_published("--allow-empty", "gone", "page.html", tables=0, body=b"")
 
     def test_a_page_in_place_of_its_table_is_refused(self):
@@ -829,13 +833,13 @@ class PageTest(OrvfileTest):
             self.assertEqual(
                 (1, b"", LIBRARY + f"RenameFileAcrossFs: rename({built}, {page}) failed ({error}).\n" + LIBRARY
                  + f"GenHtmlPagefromTextFile: RenameFileAcrossFs({built}, {page}) failed.\n"
-                 + problem(f"cannot publish '{page}'; what stood there before is unchanged",
-                           "make sure that its directory exists and is writable, that it is no directory itself, and "
+                 + problem(f"cannot publish '{page}'; nothing was replaced",
+                           "check that its directory exists and is writable, that it is not a directory itself, and "
                            "that /var/tmp is writable; the lines above name the call that failed")),
                 self.finish(process))  # fmt: skip
         self.assertEqual(["d", "table"], self.names())
 
-    def test_a_torn_page_is_told(self):
+    def test_an_incomplete_page_is_reported(self):
         self.write("table", b"a:b;\n" * 100)
 
         self.assert_fails(
@@ -906,8 +910,8 @@ class WatchTest(OrvfileTest):
 
         self.assertEqual(0, self.stop(process)[0])
         self.assertEqual(
-            problem("warning: cannot read 'table'; the page stays as it is",
-                    "put the file back: the page follows by itself"),
+            problem("warning: cannot read 'table'; the page is not changed",
+                    "restore the file, and the page is published again"),
             self.read("warnings").decode())  # fmt: skip
 
     def test_a_directory_that_is_removed_ends_it(self):
@@ -923,16 +927,16 @@ class WatchTest(OrvfileTest):
 
         status, _, err = self.finish(process)
         self.assertEqual((1, problem(f"the directory '{directory}/' was removed or renamed",
-                                     "make it again and start this again")), (status, err))  # fmt: skip
+                                     "make it again, then start this again")), (status, err))  # fmt: skip
 
-    def test_a_missing_directory_or_table_is_named(self):
+    def test_a_missing_directory_or_table_is_reported(self):
         self.assert_fails(
             problem("'no/table': No such file or directory",
-                    "check the spelling of 'no/table', and that its directory exists"),
+                    "check the spelling of 'no/table', and check that its directory exists"),
             *("page", "--watch", "no/table", self.page))  # fmt: skip
         self.assert_fails(
             problem("cannot watch 'no/': No such file or directory",
-                    "check the spelling of 'no/', and that its directory exists"),
+                    "check the spelling of 'no/', and check that its directory exists"),
             *("page", "--watch", "--allow-empty", "no/table", self.page))  # fmt: skip
         self.assertEqual([], self.names(self.other))
 
@@ -959,14 +963,14 @@ class GetTest(OrvfileTest):
         self.assert_done("get", "g", "--delimiter", ":", "--comment", "", out=b"# a:1\n; comment:\nb:x=y\n")
         self.assert_done("get", "g", "--delimiter", " ", "--comment=;", "#", out=b"a:1\n")
 
-    def test_a_name_that_is_not_there_is_a_failure(self):
+    def test_a_missing_name_is_a_failure(self):
         self.assert_fails(
-            problem("'f' has no name 'B'",
-                    "see the names that it has: orvfile get FILE; upper and lower case differ"),
+            problem("'f' does not contain the name 'B'",
+                    "list its names with orvfile get FILE; upper and lower case differ"),
             *("get", "f", "B"))  # fmt: skip
 
-    def test_a_bad_file_is_named(self):
-        hint = "check the spelling of 'gone', and that its directory exists"
+    def test_a_bad_file_is_reported(self):
+        hint = "check the spelling of 'gone', and check that its directory exists"
         self.assert_fails(
             LIBRARY + 'ReadNameValueFromFile: Unable to open file "gone"\n'
             + problem("cannot read 'gone': No such file or directory", hint),
@@ -975,29 +979,29 @@ class GetTest(OrvfileTest):
         for options in ([], ["--lint"]):
             self.assert_fails(problem("'.' is a directory", "name a file in it"), "get", ".", *options)
 
-    def test_bytes_that_json_cannot_hold_are_warned_of(self):
+    def test_bytes_that_json_cannot_hold_cause_a_warning(self):
         self.write("g", b"\xff=1\n")
 
         self.assert_done(
             *("get", "g", "--json"), out='{"\ufffd":"1"}\n'.encode(),
-            err=problem("warning: the result holds bytes that are no UTF-8; JSON shows U+FFFD in their place",
-                        "leave out --json to see them unchanged"))  # fmt: skip
+            err=problem("warning: the result contains bytes that are not UTF-8; JSON shows U+FFFD instead",
+                        "omit --json to see them unchanged"))  # fmt: skip
         self.assertEqual({"\ufffd": "1"}, json.loads(self.run_tool("get", "g", "--json", "-q")[1]))
 
-    def test_lint_names_the_lines_that_look_wrong(self):
+    def test_lint_reports_the_lines_that_look_wrong(self):
         self.write("g\n", b"\xef\xbb\xbfa=1\n# no delimiter\n\nb\n c = 3\r\nc=4\nd=\x1b[0m\0\tx\x7f\nb=\n# \x07\n")
-        alone = ("no delimiter '=': the line is a name with an empty value; add the delimiter, or make it a comment")
+        alone = ("no delimiter '=': the line is a name with an empty value; add the delimiter, or make the line a comment")
 
         self.assert_fails(
             *("", "get", "--lint", "g\n"),
-            out=("g\\n:1: a byte-order mark, which becomes a part of the line: save the file without it\n"
+            out=("g\\n:1: byte-order mark, which becomes part of the line: save the file without it\n"
                  f"g\\n:4: {alone}\n"
-                 "g\\n:6: duplicate name 'c', first in line 5: the last one counts; remove the others\n"
-                 "g\\n:7: control character '\\x1b': take it out\n"
-                 "g\\n:7: control character '\\x00': take it out\n"
-                 "g\\n:7: control character '\\x7f': take it out\n"
-                 "g\\n:8: duplicate name 'b', first in line 4: the last one counts; remove the others\n"
-                 "g\\n:9: control character '\\x07': take it out\n").encode())  # fmt: skip
+                 "g\\n:6: duplicate name 'c', first on line 5: the last one counts; remove the others\n"
+                 "g\\n:7: control character '\\x1b': remove it\n"
+                 "g\\n:7: control character '\\x00': remove it\n"
+                 "g\\n:7: control character '\\x7f': remove it\n"
+                 "g\\n:8: duplicate name 'b', first on line 4: the last one counts; remove the others\n"
+                 "g\\n:9: control character '\\x07': remove it\n").encode())  # fmt: skip
         self.assert_fails(
             *("", "get", "--lint", "f"), out=f"f:7: {alone}\n".encode())
 
