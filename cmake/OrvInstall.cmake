@@ -7,8 +7,8 @@ install(
   EXPORT OrvFileUtilsTargets
   LIBRARY COMPONENT runtime NAMELINK_COMPONENT development)
 install(TARGETS DlogStderr DlogSyslog DlogMemory EXPORT OrvFileUtilsTargets ARCHIVE COMPONENT development)
-install(FILES include/LxFileUtils.h strutils/LxStringUtils.h dlog/dlog.h dlog/dlog_memory.h TYPE INCLUDE
-        COMPONENT development)
+install(FILES include/LxFileUtils.h strutils/LxStringUtils.h TYPE INCLUDE COMPONENT development)
+install(FILES dlog/dlog.h dlog/dlog_memory.h DESTINATION ${CMAKE_INSTALL_INCLUDEDIR}/orv COMPONENT development)
 
 # For find_package(OrvFileUtils). Before version 1.0 every minor version may break programs.
 set(package_directory ${CMAKE_INSTALL_LIBDIR}/cmake/OrvFileUtils)

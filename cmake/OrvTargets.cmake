@@ -41,13 +41,24 @@ function(orv_add_library name source)
                LINK_DEPENDS ${exports})
 endfunction()
 
+# The headers of the log where programs find them, installed or not: in a folder of their own, because a device's log
+# service may have a dlog.h, too.
+foreach(header dlog.h dlog_memory.h)
+  configure_file(${PROJECT_SOURCE_DIR}/dlog/${header} ${PROJECT_BINARY_DIR}/include/orv/${header} COPYONLY)
+endforeach()
+
+# orv_log_headers(TARGET): the programs that link the target find <orv/dlog.h>.
+function(orv_log_headers target)
+  target_include_directories(${target} PUBLIC $<BUILD_INTERFACE:${PROJECT_BINARY_DIR}/include>
+                                              $<INSTALL_INTERFACE:${CMAKE_INSTALL_INCLUDEDIR}>)
+endfunction()
+
 # orv_add_dlog(NAME SOURCE): a substitute for the device's log.
 function(orv_add_dlog name source)
   add_library(${name} STATIC ${source} dlog/dlog_text.cpp)
   add_library(OrvFileUtils::${name} ALIAS ${name})
   orv_product(${name} 11)
-  target_include_directories(${name} PUBLIC $<BUILD_INTERFACE:${PROJECT_SOURCE_DIR}/dlog>
-                                            $<INSTALL_INTERFACE:${CMAKE_INSTALL_INCLUDEDIR}>)
+  orv_log_headers(${name})
   set_target_properties(${name} PROPERTIES POSITION_INDEPENDENT_CODE ON
                                            ARCHIVE_OUTPUT_DIRECTORY ${PROJECT_BINARY_DIR}/lib)
 endfunction()

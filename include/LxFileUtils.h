@@ -6,7 +6,7 @@
 ///   current directory of the process at each system call. A path of any length is safe: one that the kernel does not
 ///   accept fails like any other bad path.
 /// - An ordinary failure is a result, never an exception. Each failure is reported as one line through `__dlog_printf`,
-///   which the program supplies (see dlog/dlog.h): severity 3, source tag "LxFileUtils.cpp", and a text that begins
+///   which the program supplies (see orv/dlog.h): severity 3, source tag "LxFileUtils.cpp", and a text that begins
 ///   with the name of the function. "Diagnostics" below quotes these texts. ERRNO is the error number of the target
 ///   system.
 /// - The only exceptions are those of standard strings, containers and streams when memory runs out (`std::bad_alloc`).

@@ -76,12 +76,13 @@ class Installation:
             env={**os.environ, **environment})
 
     def check_programs(self, directory):
-        """Problems of the three outside programs, which lie there."""
+        """Problems of the outside programs, which lie there."""
         problems = []
         for name, expected in (
             ("with_stderr", ["1 cell:cell;", f"LxFileUtils.cpp: {LINE}"]),
             ("with_syslog", ["1 cell:cell;"]),
             ("with_memory", [f"LxFileUtils.cpp: {LINE}"]),
+            ("with_own_log", [f"device: 3 LxFileUtils.cpp: {LINE}"]),
         ):
             said = run(*self.options.emulator, os.path.join(directory, name))
             problems += [f"{name} did not say '{text}' but:\n{said}" for text in expected if text not in said]

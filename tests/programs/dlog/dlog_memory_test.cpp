@@ -1,8 +1,8 @@
 // The substitute that keeps the last reports in memory.
 
-#include "dlog_memory.h"
+#include "orv/dlog_memory.h"
 #include "LxFileUtils.h"
-#include "dlog.h"
+#include "orv/dlog.h"
 #include "support/new_fault.h"
 
 #include <cerrno>

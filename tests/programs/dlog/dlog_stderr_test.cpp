@@ -1,6 +1,6 @@
 // The substitute that writes reports to standard error.
 
-#include "dlog.h"
+#include "orv/dlog.h"
 #include "support/new_fault.h"
 
 #include <fcntl.h>

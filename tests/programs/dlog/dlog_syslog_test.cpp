@@ -1,7 +1,7 @@
 // The substitute that hands reports to syslog(3), seen from the other end: as the bytes that come in at a socket
 // bound to /dev/log, in a child with mounts of its own.
 
-#include "dlog.h"
+#include "orv/dlog.h"
 #include "support/new_fault.h"
 #include "support/orv_test.h"
 

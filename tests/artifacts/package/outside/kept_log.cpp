@@ -1,6 +1,6 @@
 // A program that reads the library's reports back.
 #include <LxFileUtils.h>
-#include <dlog_memory.h>
+#include <orv/dlog_memory.h>
 
 #include <iostream>
 
