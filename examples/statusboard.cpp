@@ -1,6 +1,7 @@
-// A status page of this machine: load, file systems, network interfaces and the files of one directory, as tables in
-// an HTML page that browsers reload every 10 seconds. statusboard.conf explains the settings.
-// Exit status: 0 published, or --watch ended by SIGINT or SIGTERM; 1 failure, which ends --watch too; 2 wrong usage.
+// Publishes a status page of this machine: an HTML page with tables of load, file systems, network interfaces and the
+// files of one directory. Browsers reload it every 10 seconds. statusboard.conf explains the settings.
+// Exit status: 0 if the page was published, or if SIGINT or SIGTERM ended --watch; 1 after a failure, which also ends
+// --watch; 2 after wrong usage.
 
 #include <LxFileUtils.h>
 
@@ -33,9 +34,9 @@ void Require(bool condition, const std::string& message)
     }
 }
 
-// The table file has no quoting and the page no escaping: whatever separates cells or is markup becomes a character
-// reference. Its closing semicolon would end the row, so it goes without; a digit behind it would then be read as a
-// part of it, and becomes a reference too. Browsers show the original text.
+// The table file has no quoting and the page no escaping, so separators and markup become character references. The
+// semicolon of a reference would end the row, so it is omitted; a digit after it would then be part of the reference,
+// so it becomes a reference too. Browsers show the original text.
 std::string SafeCell(const std::string& text)
 {
     static const std::string kSpecial = "&<>\";,:\r\n";
@@ -48,7 +49,7 @@ std::string SafeCell(const std::string& text)
     return safe;
 }
 
-// Give it two cells at least, if only an empty one: a row of one cell would swallow the row behind it.
+// Takes two cells or more: the row after a row of one cell would become its cells. The second one may be empty.
 std::string Row(std::vector<std::string> cells)
 {
     std::transform(cells.begin(), cells.end(), cells.begin(), SafeCell);
@@ -69,13 +70,14 @@ std::string SystemTable()
 {
     std::string one, five, fifteen;
     std::ifstream("/proc/loadavg") >> one >> five >> fifteen;
-    long uptime = 0;  // in whole seconds; the fraction is left in the file
+    long uptime = 0;  // in whole seconds; the fraction is not read
     std::ifstream("/proc/uptime") >> uptime;
     return Row({"System", ""}) + Row({"Load over 1, 5 and 15 minutes", one + " " + five + " " + fifteen}) +
            Row({"Uptime", std::to_string(uptime / 86400) + " days, " + std::to_string(uptime / 3600 % 24) + " hours"});
 }
 
-// A device that is mounted twice is shown once; what has no blocks (proc, sysfs) or cannot be queried not at all.
+// Shows a device once, even if it is mounted twice. Skips file systems without blocks (proc, sysfs), and those whose
+// status cannot be read.
 std::string FileSystemTable()
 {
     std::string table = Row({"File system", "Type", "MiB", "MiB used", "Use"});
@@ -99,7 +101,7 @@ std::string FileSystemTable()
 std::string InterfaceTable()
 {
     std::string table = Row({"Network interface", "State"});
-    std::set<std::string> seen;  // an interface comes once for each of its addresses
+    std::set<std::string> seen;  // getifaddrs lists an interface once for each address
     struct ifaddrs* all = nullptr;
     for (const struct ifaddrs* one = getifaddrs(&all) == 0 ? all : nullptr; one; one = one->ifa_next) {
         if (seen.insert(one->ifa_name).second) {
@@ -128,13 +130,13 @@ std::string FilesTable(const Settings& settings)
 
 void WriteTables(const Settings& settings, const std::string& path)
 {
-    const std::string end = orv_fileutils::TextFileTableDelimter();  // of a table; alone, it is a spacer
+    const std::string end = orv_fileutils::TextFileTableDelimter();  // of a table; on its own, a spacer
     const std::string text = TitleTable(settings.at("title")) + end + end + SystemTable() + end + end +
                              FileSystemTable() + end + end + InterfaceTable() + end + end + FilesTable(settings) + end;
     std::ofstream file(path.c_str());
     file << text;
     file.close();
-    const bool usable = file.good() && access(path.c_str(), R_OK) == 0;  // else the page would be an empty one
+    const bool usable = file.good() && access(path.c_str(), R_OK) == 0;  // otherwise the page would be empty
     Require(usable, "cannot write and read '" + path + "': " + std::strerror(errno));
 }
 
@@ -142,20 +144,21 @@ void Publish(const Settings& settings)
 {
     const std::string& page = settings.at("page");
     const std::string above = page.substr(0, page.rfind('/') + 1);  // empty: the current directory
-    Require(above.empty() || orv_fileutils::MakeDirPath(above.c_str(), 0755, false), "cannot make '" + above + "'");
+    Require(above.empty() || orv_fileutils::MakeDirPath(above.c_str(), 0755, false),
+            "cannot make the directory '" + above + "'");
     WriteTables(settings, page + ".txt");
     struct stat before = {}, after = {};
     (void)lstat(page.c_str(), &before);
     orv_fileutils::GenHtmlPagefromTextFile((page + ".txt").c_str(), page.c_str());
     (void)lstat(page.c_str(), &after);
-    (void)unlink(("/var/tmp/TextToHtml_" + std::to_string(getpid()) + ".tmp").c_str());  // left after a failed move
+    (void)unlink(("/var/tmp/TextToHtml_" + std::to_string(getpid()) + ".tmp").c_str());  // left by a failed move
     Require(after.st_ino != before.st_ino, "cannot publish '" + page + "'");             // a new page is a new file
 }
 
 Settings ReadSettings(const std::string& path, const char* page)
 {
     Settings settings = {{"include", ""}, {"exclude", ""}};
-    Require(orv_fileutils::FileExists(path.c_str()), "'" + path + "' is not a file");
+    Require(orv_fileutils::FileExists(path.c_str()), "'" + path + "' does not exist or is not a regular file");
     Require(orv_fileutils::ReadNameValueFromFile(path, settings, '=', "#"), "cannot read '" + path + "'");
     settings["page"] = page ? page : settings["page"];
     for (const char* const name : {"title", "directory", "page", "period"}) {
@@ -163,7 +166,7 @@ Settings ReadSettings(const std::string& path, const char* page)
     }
     const std::string& period = settings["period"];
     Require(period.size() <= 5 && period.find_first_not_of("0123456789") == std::string::npos && std::stol(period) > 0,
-            path + ": bad period '" + period + "', must be a number of seconds from 1 to 99999");
+            path + ": bad period '" + period + "': use a number of seconds from 1 to 99999");
     return settings;
 }
 
@@ -178,13 +181,13 @@ int main(int argc, char** argv)
         page = option == 'p' ? optarg : page;
     }
     if (option != -1 || optind + 1 != argc) {
-        std::cerr << "Usage: statusboard [--watch] [--page PATH] SETTINGS   (one settings file)\n";
+        std::cerr << "Usage: statusboard [--watch] [--page PATH] SETTINGS_FILE\n";
         return 2;
     }
     try {
         const Settings settings = ReadSettings(argv[optind], page);
         const struct timespec period = {std::stol(settings.at("period")), 0};
-        sigset_t stop;  // blocked, so that they end the wait between two pages and nothing else
+        sigset_t stop;  // blocked, so that these signals only end the wait between two pages
         (void)sigemptyset(&stop);
         (void)sigaddset(&stop, SIGINT);
         (void)sigaddset(&stop, SIGTERM);

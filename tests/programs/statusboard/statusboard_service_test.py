@@ -1,5 +1,5 @@
 #!/usr/bin/env python3
-"""Has systemd look at examples/statusboard.service, with the program where it was built.
+"""Lets systemd check examples/statusboard.service, with the path of the program that was built.
 
 Usage: statusboard_service_test.py PROGRAM
 Ends with 77 when there is no systemd-analyze, which fails where ORV_NO_SKIP is set.
@@ -37,23 +37,23 @@ class StatusboardServiceTest(unittest.TestCase):
                 check=False)
         return run.returncode, run.stdout
 
-    def test_systemd_has_nothing_to_say(self):
+    def test_systemd_reports_nothing(self):
         self.assertEqual((0, ""), self.analyze(self.unit, "verify"))
 
-    def test_systemd_would_name_an_unknown_setting(self):
+    def test_systemd_would_report_an_unknown_setting(self):
         self.assertIn("PrivateTemp", self.analyze(self.unit.replace("PrivateTmp", "PrivateTemp"), "verify")[1])
 
-    def test_systemd_would_name_a_missing_program(self):
+    def test_systemd_would_report_a_missing_program(self):
         self.assertNotEqual(0, self.analyze(self.unit.replace(PROGRAM, PROGRAM + ".gone"), "verify")[0])
 
-    def test_little_is_open_to_the_service(self):
+    def test_the_service_may_do_little(self):
         exposure = ["security", "--offline=true", f"--threshold={MAX_EXPOSURE}"]
         status, said = self.analyze(self.unit, *exposure)
         self.assertEqual(0, status, said)
         for setting in ("PrivateTmp=yes", "DynamicUser=yes", "ProtectSystem=strict"):
             self.assertIn(f"\n{setting}\n", self.unit)
 
-    def test_systemd_would_notice_an_open_service(self):
+    def test_systemd_would_report_a_service_without_restrictions(self):
         open_unit = f"[Service]\nExecStart={PROGRAM}\n"
         self.assertNotEqual(0, self.analyze(open_unit, "security", "--offline=true", f"--threshold={MAX_EXPOSURE}")[0])
 

@@ -1,5 +1,5 @@
 #!/usr/bin/env python3
-"""Runs examples/statusboard and reads its pages back with an HTML parser that knows nothing of the library.
+"""Runs examples/statusboard and reads its pages with an HTML parser that does not depend on the library.
 
 Usage: statusboard_test.py [EMULATOR...] PROGRAM
 Ends with 77 when a test was skipped, which fails where ORV_NO_SKIP is set.
@@ -20,7 +20,7 @@ import orv_test
 from pages import FOOTER, HEADER, HOSTILE_NAMES, Page, text, without_capabilities
 
 PROGRAM = []
-USAGE = "Usage: statusboard [--watch] [--page PATH] SETTINGS   (one settings file)\n"
+USAGE = "Usage: statusboard [--watch] [--page PATH] SETTINGS_FILE\n"
 BUILD_DIRECTORY = "/var/tmp"  # where the library builds pages
 PATIENCE_SECONDS = 60  # until a wait counts as failed
 
@@ -62,7 +62,7 @@ class StatusboardTest(unittest.TestCase):
             self.skipTest("this root may not give up its capabilities")
 
     def finish(self, process):
-        """Returns exit status and standard error; nothing else may be left of any run."""
+        """Returns exit status and standard error; a run must leave nothing else."""
         try:
             out, err = process.communicate(timeout=PATIENCE_SECONDS)
         finally:
@@ -99,12 +99,12 @@ class StatusboardTest(unittest.TestCase):
         deadline = time.monotonic() + PATIENCE_SECONDS
         while not condition():
             self.assertIsNone(process.poll(), "the program ended")
-            self.assertLess(time.monotonic(), deadline, "waited in vain")
+            self.assertLess(time.monotonic(), deadline, "the condition did not become true in time")
             time.sleep(0.02)
 
 
 class PageTest(StatusboardTest):
-    def test_hostile_file_names_come_back_exactly_and_stay_text(self):
+    def test_hostile_file_names_come_back_unchanged_and_stay_text(self):
         self.assertEqual(len(HOSTILE_NAMES), len(set(HOSTILE_NAMES)))
         for size, name in enumerate(HOSTILE_NAMES):
             self.write(os.path.join(os.fsencode(self.watched), name), bytes(size))
@@ -114,7 +114,7 @@ class PageTest(StatusboardTest):
         expected = sorted([name, b"%d" % size] for size, name in enumerate(HOSTILE_NAMES))
         self.assertEqual([[text(cell) for cell in row] for row in expected], self.read_page().tables[4][1:])
 
-    def test_specials_and_the_digits_behind_them_become_references_and_nothing_else_does(self):
+    def test_only_special_bytes_and_the_digits_after_them_become_references(self):
         for name in HOSTILE_NAMES:
             self.write(os.path.join(os.fsencode(self.watched), name))
 
@@ -125,7 +125,7 @@ class PageTest(StatusboardTest):
         last_table = self.read(self.page).split(b"<table")[-1]
         self.assertEqual(sorted(expected), sorted(re.findall(rb"<tr><td>([^<]*)</td><td>0</td></tr>", last_table)))
 
-    def test_every_other_cell_is_safe_too(self):
+    def test_every_other_cell_is_escaped_too(self):
         title = "<h1>\"Tests\" & more</h1>; 1,2:34"
         watched = os.path.join(self.watched, "a<b>;5,6:7&8")
         os.mkdir(watched)
@@ -157,7 +157,7 @@ class PageTest(StatusboardTest):
                     {"http-equiv": "refresh", "content": "10"}]  # fmt: skip
         self.assertEqual(expected, self.read_page().metas)
 
-    def test_the_table_file_stands_beside_the_page(self):
+    def test_the_table_file_is_beside_the_page(self):
         self.assert_published(self.settings_file())
 
         self.assertEqual(["page.html", "page.html.txt"], sorted(os.listdir(self.out)))
@@ -249,9 +249,9 @@ class SystemTest(StatusboardTest):
         self.assertLessEqual(set(rows.values()), {"up", "down"})
         for name, state in rows.items():
             with self.subTest(name=name):
-                device = "/sys/class/net/" + name.split(":")[0]  # an alias such as eth0:1 has none of its own
+                device = "/sys/class/net/" + name.split(":")[0]  # an alias such as eth0:1 has no directory of its own
                 administratively_up = int(self.read(device + "/flags"), 16) & 1 != 0
-                carrier = self.read(device + "/operstate").strip() in (b"up", b"unknown")  # loopback knows none
+                carrier = self.read(device + "/operstate").strip() in (b"up", b"unknown")  # loopback has no carrier
                 self.assertEqual("up" if administratively_up and carrier else "down", state)
 
 
@@ -267,7 +267,7 @@ class PlaceTest(StatusboardTest):
             self.assertEqual(FOOTER, old.read()[-len(FOOTER) :])
         self.assertEqual(["new"], self.listed())
 
-    def test_the_page_may_lie_on_another_file_system(self):
+    def test_the_page_may_be_on_another_file_system(self):
         if not os.path.isdir("/dev/shm") or os.stat("/dev/shm").st_dev == os.stat(BUILD_DIRECTORY).st_dev:
             self.skipTest("/dev/shm is not another file system than " + BUILD_DIRECTORY)
         page = os.path.join(self.make_dir("/dev/shm"), "www", "page.html")
@@ -288,7 +288,7 @@ class PlaceTest(StatusboardTest):
         self.read_page(page)
         self.assertEqual(0o40755, os.stat(os.path.join(self.out, "one", "two")).st_mode)
 
-    def test_the_command_line_wins_over_the_settings(self):
+    def test_the_command_line_overrides_the_settings(self):
         other = os.path.join(self.out, "other.html")
 
         self.assert_published("--page", other, self.settings_file())
@@ -296,7 +296,7 @@ class PlaceTest(StatusboardTest):
         self.read_page(other)
         self.assertFalse(os.path.exists(self.page))
 
-    def test_relative_pages_lie_below_the_current_directory(self):
+    def test_relative_pages_are_below_the_current_directory(self):
         settings = self.settings_file(page=None)
 
         for page in ("here.html", "./here too.html", "made/below/page.html"):
@@ -312,7 +312,7 @@ class PlaceTest(StatusboardTest):
             1,
             "[3] LxFileUtils.cpp: DoMakeDirPath: Can't make directory in .\n"
             "[3] LxFileUtils.cpp: MakeDirPath: Create 'new/' directory failed.\n"
-            "statusboard: cannot make 'new/'\n",
+            "statusboard: cannot make the directory 'new/'\n",
             *("--page", "new/page.html", self.settings_file()),
             cwd=self.out,
         )
@@ -330,7 +330,7 @@ class BadInputTest(StatusboardTest):
     def test_two_settings_files_are_wrong_usage(self):
         self.assert_fails(2, USAGE, self.settings_file(), "another")
 
-    def test_unknown_and_incomplete_options_are_wrong_usage_and_named(self):
+    def test_unknown_and_incomplete_options_are_reported_as_wrong_usage(self):
         for arguments, complaint in (
             (["--frob", self.settings_file()], "unrecognized option '--frob'"),
             (["--page"], "option '--page' requires an argument"),
@@ -342,15 +342,15 @@ class BadInputTest(StatusboardTest):
                 self.assertEqual(2, status)
                 self.assertIn(complaint + "\n" + USAGE, err)
 
-    def test_a_missing_settings_file_is_named(self):
+    def test_a_missing_settings_file_is_reported(self):
         missing = os.path.join(self.dir, "missing")
 
-        self.assert_fails(1, f"statusboard: '{missing}' is not a file\n", missing)
+        self.assert_fails(1, f"statusboard: '{missing}' does not exist or is not a regular file\n", missing)
 
-    def test_a_directory_is_no_settings_file(self):
-        self.assert_fails(1, f"statusboard: '{self.dir}' is not a file\n", self.dir)
+    def test_a_directory_is_not_a_settings_file(self):
+        self.assert_fails(1, f"statusboard: '{self.dir}' does not exist or is not a regular file\n", self.dir)
 
-    def test_a_missing_or_empty_setting_is_named(self):
+    def test_a_missing_or_empty_setting_is_reported(self):
         for name in ("title", "directory", "page", "period"):
             for value in (None, ""):
                 with self.subTest(name=name, value=value):
@@ -358,18 +358,18 @@ class BadInputTest(StatusboardTest):
 
                     self.assert_fails(1, f"statusboard: {settings}: missing setting '{name}'\n", settings)
 
-    def test_a_bad_period_is_named(self):
+    def test_a_bad_period_is_reported(self):
         for period in ("abc", "0", "-1", "1.5", "5 s", "0x10", "100000", "99999999999999999999"):
             with self.subTest(period=period):
                 settings = self.settings_file(period=period)
 
                 self.assert_fails(
                     1,
-                    f"statusboard: {settings}: bad period '{period}', must be a number of seconds from 1 to 99999\n",
+                    f"statusboard: {settings}: bad period '{period}': use a number of seconds from 1 to 99999\n",
                     settings,
                 )
 
-    def test_a_missing_directory_is_named(self):
+    def test_a_missing_directory_is_reported(self):
         missing = os.path.join(self.dir, "missing")
 
         self.assert_fails(
@@ -380,7 +380,7 @@ class BadInputTest(StatusboardTest):
         )
         self.assertEqual([], os.listdir(self.out))
 
-    def test_a_page_directory_that_is_not_writable_is_named(self):
+    def test_a_page_directory_that_is_not_writable_is_reported(self):
         os.chmod(self.out, 0o555)
 
         self.assert_fails(
@@ -400,7 +400,7 @@ class BadInputTest(StatusboardTest):
             *("--page", file + "/page.html", self.settings_file()),
         )
 
-    def test_a_table_file_that_cannot_be_read_gives_no_empty_page(self):
+    def test_a_table_file_that_cannot_be_read_does_not_empty_the_page(self):
         self.assert_fails(
             1,
             f"statusboard: cannot write and read '{self.page}.txt': Permission denied\n",
@@ -429,7 +429,7 @@ class BadInputTest(StatusboardTest):
 
 
 class FailureTest(StatusboardTest):
-    def test_the_old_page_and_table_stay_when_the_directory_is_gone(self):
+    def test_the_old_page_and_table_stay_if_the_directory_is_gone(self):
         self.assert_published(self.settings_file())
         old = self.read(self.page), self.read(self.page + ".txt")
         os.rmdir(self.watched)
@@ -450,7 +450,7 @@ class WatchTest(StatusboardTest):
         with open(self.page, "rb") as first:
             self.write(os.path.join(self.watched, "later"), b"123")
 
-            self.wait_for(lambda: self.listed() == ["later"], process)  # reads whole pages only, at every look
+            self.wait_for(lambda: self.listed() == ["later"], process)  # each look reads a whole page
 
             self.assertNotEqual(os.fstat(first.fileno()).st_ino, os.stat(self.page).st_ino)
         process.send_signal(number)
@@ -464,7 +464,7 @@ class WatchTest(StatusboardTest):
     def test_pages_follow_the_directory_until_sigint(self):
         self.watch_until(signal.SIGINT)
 
-    def test_a_long_period_is_cut_short_by_the_signal(self):
+    def test_a_signal_ends_a_long_period(self):
         process = self.start("--watch", self.settings_file(period="99999"))
         self.addCleanup(process.kill)
         self.wait_for(lambda: os.path.exists(self.page), process)
@@ -474,7 +474,7 @@ class WatchTest(StatusboardTest):
         self.assertEqual((0, ""), self.finish(process))
         self.read_page()
 
-    def test_a_failure_ends_it(self):
+    def test_a_failure_ends_the_watch(self):
         process = self.start("--watch", self.settings_file())
         self.addCleanup(process.kill)
         self.wait_for(lambda: os.path.exists(self.page), process)

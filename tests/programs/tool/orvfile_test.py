@@ -121,7 +121,7 @@ class OrvfileTest(unittest.TestCase):
         deadline = time.monotonic() + PATIENCE_SECONDS
         while not condition():
             self.assertIsNone(process.poll(), "the program ended")
-            self.assertLess(time.monotonic(), deadline, "waited in vain")
+            self.assertLess(time.monotonic(), deadline, "the condition did not become true in time")
             time.sleep(0.02)
 
 
