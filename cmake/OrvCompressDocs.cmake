@@ -1,5 +1,5 @@
-# Run by CPack before it packs what was installed, one directory for each part: Debian has manual pages and changelogs
-# compressed.
+# CPack runs this before it packs the installed files, which are in one directory for each package. Debian requires
+# compressed manual pages and changelogs.
 file(GLOB pages ${CPACK_TEMPORARY_INSTALL_DIRECTORY}/*/usr/share/man/man?/*
      ${CPACK_TEMPORARY_INSTALL_DIRECTORY}/*/usr/share/doc/*/changelog)
 foreach(page ${pages})

@@ -1,7 +1,7 @@
-# Debian packages of what `cmake --install` installs: the libraries, what programs need to be built with them, orvfile.
-# script/package makes them.
-set(ORV_PACKAGE_CONTACT "" CACHE STRING "Whom the packages name as maintainer: Name <address>")
-set(ORV_DEBIAN_DEPENDS "" CACHE STRING "The packages of the system's libraries; empty: dpkg-shlibdeps finds them")
+# Debian packages of the files that `cmake --install` installs: one with the libraries, one with everything for building
+# programs, and orvfile. script/package builds them.
+set(ORV_PACKAGE_CONTACT "" CACHE STRING "The maintainer of the packages: Name <address>")
+set(ORV_DEBIAN_DEPENDS "" CACHE STRING "The packages of the system's libraries; if empty, dpkg-shlibdeps finds them")
 
 set(CPACK_GENERATOR DEB)
 set(CPACK_PACKAGE_NAME orvfileutils)
@@ -12,7 +12,7 @@ set(CPACK_INSTALL_DEFAULT_DIRECTORY_PERMISSIONS OWNER_READ OWNER_WRITE OWNER_EXE
                                                 WORLD_READ WORLD_EXECUTE)
 set(CPACK_PRE_BUILD_SCRIPTS ${PROJECT_SOURCE_DIR}/cmake/OrvCompressDocs.cmake)
 
-set(CPACK_PACKAGE_DESCRIPTION_SUMMARY "") # each package has its own, as the first line of its description
+set(CPACK_PACKAGE_DESCRIPTION_SUMMARY "") # the first line of each description is its summary
 
 set(CPACK_COMPONENTS_ALL runtime development)
 if(ORV_BUILD_TOOLS)
@@ -34,29 +34,29 @@ file(WRITE ${PROJECT_BINARY_DIR}/triggers "activate-noawait ldconfig\n")
 set(CPACK_DEBIAN_RUNTIME_PACKAGE_CONTROL_EXTRA ${PROJECT_BINARY_DIR}/triggers)
 set(CPACK_DEBIAN_RUNTIME_DESCRIPTION
     "file-system utilities for embedded devices
-Moves and copies files, makes directories, lists them by wildcards, writes
+Moves and copies files, makes directories, lists them with wildcards, writes
 tables and HTML pages, reads name-value files, and reports every failure
 through the log of the program.
 .
-This package has the libraries libOrvFileUtils and libOrvStrUtils.")
+This package contains the libraries libOrvFileUtils and libOrvStrUtils.")
 
 set(CPACK_DEBIAN_DEVELOPMENT_PACKAGE_NAME liborvfileutils-dev)
 set(CPACK_DEBIAN_DEVELOPMENT_PACKAGE_SECTION libdevel)
 set(CPACK_DEBIAN_DEVELOPMENT_DESCRIPTION
     "file-system utilities for embedded devices (development)
-Moves and copies files, makes directories, lists them by wildcards, writes
+Moves and copies files, makes directories, lists them with wildcards, writes
 tables and HTML pages, reads name-value files, and reports every failure
 through the log of the program.
 .
-This package has the headers, the manual, what CMake and pkg-config need, and
-substitutes for the log.")
+This package contains the headers, the manual, files for CMake and pkg-config,
+and substitutes for the log.")
 
 set(CPACK_DEBIAN_TOOLS_PACKAGE_NAME orvfile)
 set(CPACK_DEBIAN_TOOLS_PACKAGE_SECTION utils)
 set(CPACK_DEBIAN_TOOLS_PACKAGE_SUGGESTS liborvfileutils-dev)
 set(CPACK_DEBIAN_TOOLS_DESCRIPTION
     "file-system utilities for embedded devices (command line)
-Moves and copies files, makes directories, lists them by wildcards, writes
+Moves and copies files, makes directories, lists them with wildcards, writes
 tables and HTML pages and reads name-value files, for shells and scripts.")
 
 foreach(part RUNTIME TOOLS)
@@ -67,13 +67,13 @@ foreach(part RUNTIME TOOLS)
   endif()
 endforeach()
 
-# Debian's changelog, with one entry, of the date that SOURCE_DATE_EPOCH gives.
+# Debian's changelog has one entry. Its date is that of SOURCE_DATE_EPOCH.
 if(ORV_PACKAGE_CONTACT)
   string(TIMESTAMP date "%a, %d %b %Y %H:%M:%S +0000" UTC)
   file(WRITE ${PROJECT_BINARY_DIR}/changelog
        "orvfileutils (${PROJECT_VERSION}) unstable; urgency=medium
 
-  * CHANGELOG.md in the sources says what changed.
+  * See CHANGELOG.md in the sources for the changes.
 
  -- ${ORV_PACKAGE_CONTACT}  ${date}
 ")

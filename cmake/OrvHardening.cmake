@@ -1,5 +1,5 @@
-# OrvHardening: protections of the shipped libraries, as far as the compiler knows them. Sanitizer builds go without:
-# they bring stronger checks of their own, which _FORTIFY_SOURCE would bypass.
+# OrvHardening: protections of the shipped libraries, as far as the compiler supports them. Sanitizer builds do not use
+# it: they have stronger checks, which _FORTIFY_SOURCE would bypass.
 include(CheckCXXCompilerFlag)
 include(CheckLinkerFlag)
 
@@ -14,7 +14,7 @@ if(ORV_HARDEN AND NOT ORV_SANITIZE)
       target_compile_options(OrvHardening INTERFACE ${flag})
     endif()
   endforeach()
-  # glibc accepts _FORTIFY_SOURCE only together with optimisation.
+  # glibc accepts _FORTIFY_SOURCE only with optimisation.
   target_compile_options(
     OrvHardening INTERFACE "$<$<NOT:$<CONFIG:Debug>>:SHELL:-U_FORTIFY_SOURCE -D_FORTIFY_SOURCE=2>")
   foreach(flag relro now noexecstack)

@@ -1,5 +1,5 @@
-# What `cmake --install` puts where, in three parts: runtime, development and tools (which tools/ and man/ add).
-# Everything finds its neighbours by relative paths, so that an installation may be moved as a whole.
+# The files that `cmake --install` installs, in three components: runtime, development and tools (see tools/ and man/).
+# They find each other by relative paths, so that an installation can be moved as a whole.
 include(CMakePackageConfigHelpers)
 
 install(
@@ -10,7 +10,7 @@ install(TARGETS DlogStderr DlogSyslog DlogMemory EXPORT OrvFileUtilsTargets ARCH
 install(FILES include/LxFileUtils.h strutils/LxStringUtils.h TYPE INCLUDE COMPONENT development)
 install(FILES dlog/dlog.h dlog/dlog_memory.h DESTINATION ${CMAKE_INSTALL_INCLUDEDIR}/orv COMPONENT development)
 
-# For find_package(OrvFileUtils). Before version 1.0 every minor version may break programs.
+# For find_package(OrvFileUtils). Before version 1.0, any minor version may break programs.
 set(package_directory ${CMAKE_INSTALL_LIBDIR}/cmake/OrvFileUtils)
 configure_package_config_file(cmake/OrvFileUtilsConfig.cmake.in ${PROJECT_BINARY_DIR}/OrvFileUtilsConfig.cmake
                               INSTALL_DESTINATION ${package_directory} NO_SET_AND_CHECK_MACRO
@@ -24,7 +24,7 @@ install(
 install(FILES ${PROJECT_BINARY_DIR}/OrvFileUtilsConfig.cmake ${PROJECT_BINARY_DIR}/OrvFileUtilsConfigVersion.cmake
         DESTINATION ${package_directory} COMPONENT development)
 
-# For pkg-config, which says in ${pcfiledir} where it found the file.
+# For pkg-config, which sets ${pcfiledir} to the directory of the file.
 file(RELATIVE_PATH pc_prefix ${CMAKE_INSTALL_FULL_LIBDIR}/pkgconfig ${CMAKE_INSTALL_PREFIX})
 string(REGEX REPLACE "^(.*[^/])/*$" "\${pcfiledir}/\\1" pc_prefix "${pc_prefix}")
 set(pc_includedir "\${prefix}/${CMAKE_INSTALL_INCLUDEDIR}")

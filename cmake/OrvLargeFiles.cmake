@@ -1,6 +1,6 @@
-# OrvLargeFiles: on 32-bit systems, 64-bit file offsets and times. Without them the status of a file over 2 GiB or
-# beyond the year 2038 cannot be read, and the listing of a directory may end early. 64-bit systems have both anyway.
-option(ORV_LARGE_FILES "On 32-bit systems, use 64-bit file offsets and times; OFF for C libraries that lack them" ON)
+# OrvLargeFiles: 64-bit file offsets and times on 32-bit systems. Without them, the status of a file over 2 GiB or with
+# a date after 2038 cannot be read, and the listing of a directory may end early. 64-bit systems always have both.
+option(ORV_LARGE_FILES "Use 64-bit file offsets and times on 32-bit systems; OFF if the C library lacks them" ON)
 
 add_library(OrvLargeFiles INTERFACE)
 if(ORV_LARGE_FILES AND CMAKE_SIZEOF_VOID_P EQUAL 4)

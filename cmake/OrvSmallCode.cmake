@@ -1,7 +1,7 @@
-# OrvSmallCode: what makes the libraries small on a device: unused template instances are dropped at link time, and the
-# file is laid out for 4 KiB pages where the linker would reserve 64 KiB. Use it with CMAKE_BUILD_TYPE=MinSizeRel. Not for
-# kernels with larger pages, which cannot map such a file.
-option(ORV_SMALL_CODE "Drop unused sections and lay the libraries out for 4 KiB pages" OFF)
+# OrvSmallCode: makes the libraries small for a device. The linker drops unused template instances and lays the file out
+# for pages of 4 KiB instead of 64 KiB. Use it with CMAKE_BUILD_TYPE=MinSizeRel. Do not use it for kernels with larger
+# pages, which cannot map such a file.
+option(ORV_SMALL_CODE "Drop unused sections, and lay the libraries out for 4 KiB pages" OFF)
 
 add_library(OrvSmallCode INTERFACE)
 if(ORV_SMALL_CODE)

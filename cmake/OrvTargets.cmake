@@ -1,30 +1,30 @@
-# What the targets of this project have in common.
+# Properties that the targets of this project share.
 include(cmake/OrvWarnings.cmake)
 include(cmake/OrvHardening.cmake)
 include(cmake/OrvLargeFiles.cmake)
 include(cmake/OrvSmallCode.cmake)
 include(cmake/OrvPrefixMap.cmake)
 
-# orv_standard(TARGET YEAR): this C++, without the compiler's extensions.
+# orv_standard(TARGET YEAR): uses this C++ standard, without the compiler's extensions.
 function(orv_standard target year)
   set_target_properties(${target} PROPERTIES CXX_STANDARD ${year} CXX_STANDARD_REQUIRED ON CXX_EXTENSIONS OFF)
 endfunction()
 
-# orv_product(TARGET YEAR): what is set at everything that is shipped.
+# orv_product(TARGET YEAR): sets the properties of everything that is shipped.
 function(orv_product target year)
   orv_standard(${target} ${year})
-  # No path of the build tree in the file: its length would show in what is installed.
+  # Without a path of the build tree: its length would change the installed file.
   set_target_properties(${target} PROPERTIES BUILD_RPATH_USE_ORIGIN ON)
   foreach(part OrvWarnings OrvHardening OrvLargeFiles OrvPrefixMap)
     target_link_libraries(${target} PRIVATE $<BUILD_INTERFACE:${part}>)
   endforeach()
   if(NOT ORV_CXX11_ABI)
-    # Public: the program's std::string must be the one that the exported functions take.
+    # Public, because the program must use the same std::string as the exported functions.
     target_compile_definitions(${target} PUBLIC _GLIBCXX_USE_CXX11_ABI=0)
   endif()
 endfunction()
 
-# orv_add_library(NAME SOURCE): a shared library, with its reviewed list of exports and SONAME NAME.so.0.
+# orv_add_library(NAME SOURCE): adds a shared library with the SONAME NAME.so.0 and a reviewed list of exports.
 function(orv_add_library name source)
   add_library(${name} SHARED ${source})
   add_library(OrvFileUtils::${name} ALIAS ${name})
@@ -36,24 +36,24 @@ function(orv_add_library name source)
     ${name}
     PROPERTIES VERSION ${PROJECT_VERSION}
                SOVERSION 0
-               INSTALL_RPATH "$ORIGIN" # where the one library finds the other, wherever they are installed
+               INSTALL_RPATH "$ORIGIN" # one library finds the other beside it
                LIBRARY_OUTPUT_DIRECTORY ${PROJECT_BINARY_DIR}/lib
                LINK_DEPENDS ${exports})
 endfunction()
 
-# The headers of the log where programs find them, installed or not: in a folder of their own, because a device's log
-# service may have a dlog.h, too.
+# Programs find the headers of the log in a folder of their own, because the log service of a device may have a dlog.h
+# too. The build tree has the same folder as an installation.
 foreach(header dlog.h dlog_memory.h)
   configure_file(${PROJECT_SOURCE_DIR}/dlog/${header} ${PROJECT_BINARY_DIR}/include/orv/${header} COPYONLY)
 endforeach()
 
-# orv_log_headers(TARGET): the programs that link the target find <orv/dlog.h>.
+# orv_log_headers(TARGET): programs that link the target find <orv/dlog.h>.
 function(orv_log_headers target)
   target_include_directories(${target} PUBLIC $<BUILD_INTERFACE:${PROJECT_BINARY_DIR}/include>
                                               $<INSTALL_INTERFACE:${CMAKE_INSTALL_INCLUDEDIR}>)
 endfunction()
 
-# orv_add_dlog(NAME SOURCE): a substitute for the device's log.
+# orv_add_dlog(NAME SOURCE): adds a substitute for the device's log.
 function(orv_add_dlog name source)
   add_library(${name} STATIC ${source} dlog/dlog_text.cpp)
   add_library(OrvFileUtils::${name} ALIAS ${name})
@@ -63,11 +63,11 @@ function(orv_add_dlog name source)
                                            ARCHIVE_OUTPUT_DIRECTORY ${PROJECT_BINARY_DIR}/lib)
 endfunction()
 
-# orv_host_program(PROGRAM LIBRARY...): a program that uses the libraries and, by one of its own sources or LIBRARY,
-# supplies __dlog_printf.
+# orv_host_program(PROGRAM LIBRARY...): a program that uses the libraries. One of its sources, or LIBRARY, must define
+# __dlog_printf.
 function(orv_host_program program)
   target_include_directories(${program} PRIVATE ${PROJECT_SOURCE_DIR}/dlog)
   target_link_libraries(${program} PRIVATE OrvFileUtils OrvStrUtils OrvWarnings ${ARGN})
-  # So that the libraries find in the program what it defines for them.
+  # The libraries must find the functions that the program defines for them.
   set_target_properties(${program} PROPERTIES ENABLE_EXPORTS ON)
 endfunction()

@@ -1,12 +1,12 @@
-# The packages that orvfile stands on: CLI11 and nlohmann-json, which are headers alone, and the C library libcsv.
-# Sets ORV_TOOL_PACKAGES_FOUND; OrvToolPackages is then what to link.
+# The packages that orvfile needs: CLI11 and nlohmann-json, which are header libraries, and the C library libcsv.
+# Sets ORV_TOOL_PACKAGES_FOUND. If it is ON, orvfile links OrvToolPackages.
 include_guard(GLOBAL)
 find_path(ORV_CLI11_INCLUDE CLI/CLI.hpp)
 find_path(ORV_JSON_INCLUDE nlohmann/json.hpp)
 find_path(ORV_LIBCSV_INCLUDE csv.h)
 find_library(ORV_LIBCSV_LIBRARY csv)
 
-# Headers alone fit every machine. A copy of them in the build tree keeps the other headers of this machine out.
+# Header libraries work for every machine. Copying them to the build tree keeps out other headers of this machine.
 function(orv_copy_headers variable folder)
   if(CMAKE_CROSSCOMPILING AND NOT ${variable})
     find_path(${variable}_HERE ${folder} NO_CMAKE_FIND_ROOT_PATH)
@@ -20,10 +20,10 @@ endfunction()
 orv_copy_headers(ORV_CLI11_INCLUDE CLI)
 orv_copy_headers(ORV_JSON_INCLUDE nlohmann)
 
-set(ORV_LIBCSV_SOURCE "" CACHE PATH "Sources of libcsv, for targets that have no such library; fetched when missing")
+set(ORV_LIBCSV_SOURCE "" CACHE PATH "Sources of libcsv for targets without the library; downloaded if missing")
 if(NOT ORV_LIBCSV_LIBRARY AND ORV_LIBCSV_SOURCE)
   if(NOT EXISTS ${ORV_LIBCSV_SOURCE}/libcsv.c)
-    message(STATUS "Fetching the sources of libcsv into ${ORV_LIBCSV_SOURCE}")
+    message(STATUS "Downloading the sources of libcsv to ${ORV_LIBCSV_SOURCE}")
     execute_process(COMMAND ${PROJECT_SOURCE_DIR}/script/fetch-libcsv ${ORV_LIBCSV_SOURCE} COMMAND_ERROR_IS_FATAL ANY)
   endif()
   enable_language(C)
@@ -43,6 +43,6 @@ if(ORV_CLI11_INCLUDE AND ORV_JSON_INCLUDE AND ORV_LIBCSV_INCLUDE AND ORV_LIBCSV_
                                                               ${ORV_LIBCSV_INCLUDE})
   target_link_libraries(OrvToolPackages INTERFACE ${ORV_LIBCSV_LIBRARY})
 else()
-  message(STATUS "No orvfile: it needs CLI11, nlohmann-json and libcsv "
+  message(STATUS "orvfile is not built: it needs CLI11, nlohmann-json and libcsv "
                  "(Debian: libcli11-dev nlohmann-json3-dev libcsv-dev)")
 endif()

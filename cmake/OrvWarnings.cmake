@@ -1,5 +1,5 @@
-# OrvWarnings: the warnings under which everything here compiles. CI turns them into errors
-# (CMAKE_COMPILE_WARNING_AS_ERROR). Not exported: a user's own warnings are the user's business.
+# OrvWarnings: the warnings for all code of this project. CI turns them into errors (CMAKE_COMPILE_WARNING_AS_ERROR).
+# They are not exported: users choose their own warnings.
 add_library(OrvWarnings INTERFACE)
 target_compile_options(
   OrvWarnings

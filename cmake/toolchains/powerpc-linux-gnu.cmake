@@ -1,5 +1,5 @@
 # 32-bit big-endian PowerPC with Debian's cross compiler (package g++-powerpc-linux-gnu). Headers, libraries and
-# packages come from the target's root alone, so that nothing of the building machine leaks in.
+# packages are taken only from the target's root, so that nothing of the building machine is used.
 set(CMAKE_SYSTEM_NAME Linux)
 set(CMAKE_SYSTEM_PROCESSOR powerpc)
 
