@@ -1,11 +1,11 @@
 /// @file
-/// The diagnostic log function, which the host program supplies: its own, or one of the substitutes in this folder.
+/// The log function of the library. The program defines it, or links one of the substitutes in this folder.
 #ifndef ORV_DLOG_H
 #define ORV_DLOG_H
 
 /// Writes one line to the device's diagnostic log.
 ///
-/// The library calls it on whatever thread runs the library, so it must be safe to call from any thread.
+/// The library calls this function on the thread that called the library, so it must be safe to call from any thread.
 ///
 /// @param severity   3 (error) in every call of the library
 /// @param sourceTag  name of the reporting source file, such as "LxFileUtils.cpp"

@@ -14,7 +14,7 @@ namespace dlog_memory {
 
 namespace {
 
-std::atomic<unsigned long> total(0);  // apart, so that what finds no memory is counted too
+std::atomic<unsigned long> total(0);  // not in Memory: a report is counted even if memory runs out
 
 struct Memory {
     std::mutex mutex;
@@ -29,7 +29,7 @@ struct Memory {
     }
 };
 
-// Never destroyed, so that reports from destructors of static objects find it.
+// Never destroyed, because destructors of static objects may report too.
 Memory& TheMemory()
 {
     static Memory& memory = *new Memory;
@@ -93,7 +93,7 @@ void __dlog_printf(int severity, const char* sourceTag, const char* format, ...)
         dlog_text::AppendReport(line, sourceTag, format, arguments);
         dlog_memory::Keep(std::move(line));
     } catch (const std::bad_alloc&) {
-        // Total() tells of the loss.
+        // Total() shows the loss.
     }
     va_end(arguments);
     errno = callersErrno;

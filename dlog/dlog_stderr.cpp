@@ -1,5 +1,5 @@
 // Writes each report as one line to standard error: "[SEVERITY] SOURCE: MESSAGE".
-// One write per line, so that lines of several threads and processes do not mix.
+// One write for each line, so that lines of several threads and processes do not mix.
 
 #include "dlog.h"
 #include "dlog_text.h"
@@ -17,7 +17,7 @@ namespace {
 void WriteLine(const char* line, std::size_t bytes)
 {
     const ssize_t written = write(STDERR_FILENO, line, bytes);
-    (void)written;  // there is no place left to report to
+    (void)written;  // a failure cannot be reported anywhere
 }
 
 }  // namespace

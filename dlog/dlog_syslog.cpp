@@ -1,5 +1,5 @@
-// Hands each report to syslog(3) as "SOURCE: MESSAGE". Severities are those of syslog: 3 is LOG_ERR. Identity, facility
-// and options are the program's, by openlog(3); without it they are the program's name and LOG_USER.
+// Passes each report to syslog(3) as "SOURCE: MESSAGE". The severities are those of syslog: 3 is LOG_ERR. The program
+// chooses identity, facility and options with openlog(3); otherwise syslog uses the program's name and LOG_USER.
 
 #include "dlog.h"
 #include "dlog_text.h"
@@ -13,7 +13,7 @@
 
 namespace {
 
-// A number that is no severity would be read as a facility.
+// syslog would take a number outside this range for a facility.
 int Priority(int severity)
 {
     return severity >= LOG_EMERG && severity <= LOG_DEBUG ? severity : LOG_ERR;

@@ -11,11 +11,11 @@ __attribute__((format(printf, 1, 0))) std::string Format(const char* format, std
 {
     std::va_list measured;
     va_copy(measured, arguments);
-    // NOLINTNEXTLINE(clang-analyzer-valist.Uninitialized): wrong about a copy of a parameter
+    // NOLINTNEXTLINE(clang-analyzer-valist.Uninitialized): false positive for a copy of a parameter
     const int bytes = std::vsnprintf(nullptr, 0, format, measured);
     va_end(measured);
     if (bytes < 0) {
-        return format;  // the message is longer than printf can tell: its format still says what failed
+        return format;  // the message is too long for printf; its format still says what failed
     }
     std::string text(static_cast<std::size_t>(bytes) + 1, '\0');
     (void)std::vsnprintf(&text[0], text.size(), format, arguments);

@@ -1,4 +1,4 @@
-// What the substitutes in this folder share: the text of a report, safe to be one line of a log.
+// Shared by the substitutes in this folder: makes the text of a report, escaped so that it is one line of a log.
 #ifndef ORV_DLOG_TEXT_H
 #define ORV_DLOG_TEXT_H
 
@@ -7,8 +7,8 @@
 
 namespace dlog_text {
 
-// Appends `text` to `line`, with control characters and backslashes escaped as in C, so that a path that holds a line
-// feed cannot forge a second line. Throws std::bad_alloc.
+// Appends `text` to `line`, with control characters and backslashes escaped as in C, so that a path that contains a
+// line feed cannot forge a second line. Throws std::bad_alloc.
 void AppendEscaped(std::string& line, const std::string& text);
 
 // Appends "SOURCE: MESSAGE", escaped, to `line`. Throws std::bad_alloc.
