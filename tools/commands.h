@@ -1,4 +1,4 @@
-// The commands of orvfile. Each returns its exit status, or throws Failure; bad arguments are out of the way by then.
+// The commands of orvfile. Each returns its exit status or throws Failure. Their arguments have been checked.
 #ifndef ORV_TOOLS_COMMANDS_H
 #define ORV_TOOLS_COMMANDS_H
 
@@ -38,7 +38,7 @@ struct ListOptions {
 };
 
 struct RowOptions {
-    std::vector<std::string> cells;  // none: a table comes from standard input
+    std::vector<std::string> cells;  // if empty, a table is read from standard input
     char separator = ',';            // of that table
     bool tableEnd = false;
     bool raw = false;

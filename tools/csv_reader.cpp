@@ -11,7 +11,7 @@
 
 namespace {
 
-// What the callbacks fill. No exception may pass through libcsv, which is C.
+// The result of the callbacks. They must not throw, because libcsv is C code.
 struct Filled {
     CsvRows rows;
     std::vector<std::string> row;
@@ -79,11 +79,11 @@ private:
         }
     }
 
-    mutable struct csv_parser parser_ = {};  // csv_error takes it, and only looks
+    mutable struct csv_parser parser_ = {};  // mutable because csv_error takes a non-const pointer
     Filled filled_;
 };
 
-// Some programs begin such a file with it; it is no part of the first cell.
+// Some programs begin such a file with a byte-order mark. It is not part of the first cell.
 std::size_t ByteOrderMarkBytes(const char* bytes, std::size_t size)
 {
     static const char kMark[] = "\xEF\xBB\xBF";

@@ -1,4 +1,4 @@
-// Comma- or tab-separated values, as libcsv understands them.
+// Reads comma- or tab-separated values with libcsv.
 #ifndef ORV_TOOLS_CSV_READER_H
 #define ORV_TOOLS_CSV_READER_H
 
@@ -7,7 +7,7 @@
 
 typedef std::vector<std::vector<std::string>> CsvRows;
 
-// Reads standard input to its end. Throws Failure where it cannot be read or is no such text.
+// Reads standard input to its end. Throws Failure if it cannot be read or parsed.
 CsvRows ReadCsvFromStandardInput(char separator);
 
 #endif  // ORV_TOOLS_CSV_READER_H

@@ -15,14 +15,14 @@
 
 namespace {
 
-const std::size_t kMaxPathBytes = 1024;  // what the library takes
+const std::size_t kMaxPathBytes = 1024;  // the longest path that the library accepts
 
-// The nearest directory above `path` that exists: where the library begins to build.
+// The nearest directory above `path` that exists. The library makes directories below it.
 std::string ExistingParent(const std::string& path)
 {
     std::string parent = path;
     do {
-        parent = dirname(parent.data());  // cuts in place, or answers with a constant
+        parent = dirname(parent.data());  // shortens in place, or returns a constant
     } while (parent != "/" && parent != "." && !StatusOf(parent));
     return parent;
 }
@@ -72,13 +72,13 @@ void MakeDirectory(const std::string& path, const MkdirOptions& options)
         const int error = errno;
         throw Failure("cannot make " + Quoted(path) + ": " + ErrorText(error), Remedy(error, path));
     }
-    RequireDirectoryOrNothing(path);  // another process may have been faster
+    RequireDirectoryOrNothing(path);  // another process may have made a file there
     if (options.exactMode) {
         RequireMode(path, options.mode);
     }
 }
 
-// Entries whose type the file system does not tell; the library does not list them.
+// Counts the entries whose type the file system does not record. The library does not list them.
 std::size_t UntypedEntries(const std::string& path)
 {
     const std::unique_ptr<DIR, int (*)(DIR*)> directory(opendir(path.c_str()), closedir);

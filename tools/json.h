@@ -1,4 +1,4 @@
-// Results as JSON.
+// Formats results as JSON.
 #ifndef ORV_TOOLS_JSON_H
 #define ORV_TOOLS_JSON_H
 
@@ -7,7 +7,7 @@
 
 #include "support.h"
 
-// One line without a line feed. JSON is UTF-8; other bytes become U+FFFD, with a warning.
+// Returns one line without a line feed. JSON must be UTF-8; other bytes become U+FFFD, with a warning.
 inline std::string JsonText(const nlohmann::json& value)
 {
     try {

@@ -1,4 +1,4 @@
-// orvfile: the library's functions for shells and scripts. This file holds the command line; the commands stand in
+// orvfile offers the library's functions to shells and scripts. This file parses the command line; the commands are in
 // transfer.cpp (exists, move, copy), directories.cpp (mkdir, list), tables.cpp (row, page) and settings.cpp (get).
 
 #include "commands.h"
@@ -14,8 +14,8 @@
 
 namespace {
 
-// CLI11 takes an argument "[a,b]" for a list of two. A NUL behind it, which no argument of a program can hold, keeps it
-// whole; it goes again when the value is taken.
+// CLI11 splits an argument "[a,b]" into two. A NUL at its end, which an argument of a program cannot contain, prevents
+// that. Whole() removes the NUL again.
 std::vector<std::string> ReversedArguments(int argc, char** argv)
 {
     std::vector<std::string> arguments;
@@ -59,7 +59,7 @@ CLI::Option* AddTexts(CLI::App* command, const std::string& name, std::vector<st
         ->allow_extra_args();
 }
 
-// The command that runs when the command line is right.
+// The command to run if the command line is correct.
 typedef std::function<ExitStatus()> Command;
 
 void AddExists(CLI::App& app, Command& chosen)
@@ -194,7 +194,7 @@ void AddGet(CLI::App& app, Command& chosen)
     });
 }
 
-// What CLI11 found wrong, and where the right use stands.
+// Describes the error that CLI11 found, and says where to look for the correct use.
 std::string UsageMessage(const CLI::App* app, const CLI::Error& error)
 {
     const std::vector<CLI::App*> commands = app->get_subcommands();
@@ -246,7 +246,7 @@ int main(int argc, char** argv)
 {
     try {
         return Run(argc, argv);
-    } catch (const std::exception& error) {  // of the standard library: memory ran out
+    } catch (const std::exception& error) {  // from the standard library: memory ran out
         (void)std::fprintf(stderr, "orvfile: %s\n  Next: free memory, or use a smaller input\n", error.what());
         return kFailed;
     }

@@ -11,10 +11,10 @@
 
 namespace {
 
-const off_t kLongBytes = 16 << 20;  // less is done before anybody reads it
+const off_t kLongBytes = 16 << 20;  // smaller files are done before anybody could read a line
 constexpr std::chrono::milliseconds kPeriod(200);
 
-// A counter of this process by its name, such as "wchar"; 0 where the kernel does not count.
+// Returns a counter of this process by its name, such as "wchar"; 0 if the kernel does not count.
 off_t Count(const std::string& name)
 {
     std::ifstream counters("/proc/self/io");

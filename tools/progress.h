@@ -1,4 +1,4 @@
-// Progress of long work on files: a line on standard error, on a terminal only.
+// Shows the progress of long operations on standard error, if that is a terminal.
 #ifndef ORV_TOOLS_PROGRESS_H
 #define ORV_TOOLS_PROGRESS_H
 
@@ -9,8 +9,8 @@
 #include <string>
 #include <thread>
 
-// While it lives, shows how many of `total` bytes this process has written, or read. The functions of the library tell
-// nobody how far they are; the kernel counts for each process.
+// While it exists, shows how many of `total` bytes this process has written or read. The functions of the library do
+// not report their progress, but the kernel counts the bytes of each process.
 class Progress {
 public:
     enum class Counted { kRead, kWritten };
@@ -29,7 +29,7 @@ private:
     std::mutex mutex_;
     std::condition_variable ended_;
     bool end_ = false;
-    std::thread thread_;  // last, for it uses the others
+    std::thread thread_;  // last, because it uses the others
 };
 
 #endif  // ORV_TOOLS_PROGRESS_H

@@ -63,7 +63,7 @@ void PrintAll(const GetOptions& options, const Settings& settings)
 
 // ---- Lint
 
-// Looks at the lines of a file as the library reads them.
+// Checks the lines of a file, splitting them as the library does.
 class Lint {
 public:
     explicit Lint(const GetOptions& options) : options_(options)

@@ -1,4 +1,4 @@
-// What the commands of orvfile share: failures, messages, results.
+// Failures, messages and results, for all commands of orvfile.
 #ifndef ORV_TOOLS_SUPPORT_H
 #define ORV_TOOLS_SUPPORT_H
 
@@ -11,7 +11,7 @@
 
 enum ExitStatus { kDone = 0, kFailed = 1, kUsage = 2 };
 
-// What went wrong, and what the user does about it. Thrown by commands, printed by main.
+// Says what went wrong and what the user can do about it. Commands throw it, main prints it.
 class Failure : public std::runtime_error {
 public:
     Failure(const std::string& problem, const std::string& next) : std::runtime_error(problem), next_(next)
@@ -27,34 +27,34 @@ private:
     std::string next_;
 };
 
-// Whether notes, warnings and progress are wanted; failures always are.
+// Whether to suppress notes, warnings and progress. Failures are always printed.
 void SetQuiet(bool quiet);
 bool IsQuiet();
 
-// "orvfile: PROBLEM" and "  Next: NEXT" on standard error.
+// Prints "orvfile: PROBLEM" and "  Next: NEXT" to standard error.
 void PrintProblem(const std::string& problem, const std::string& next);
 void Warn(const std::string& problem, const std::string& next);  // unless quiet
 
-// Writes to standard output at once; throws Failure when that cannot take it.
+// Writes to standard output and flushes it. Throws Failure if that fails.
 void PrintResult(const std::string& bytes);
 
-// In quotation marks, with control characters and backslashes escaped: safe for terminals and logs.
+// Adds quotation marks and escapes control characters and backslashes, so that terminals and logs are safe.
 std::string Quoted(const std::string& text);
 
 // The system's text for an error number.
 std::string ErrorText(int error);
 
-// What to do about an error number on `path`.
+// Says what to do about an error number for `path`.
 std::string Remedy(int error, const std::string& path);
 
-std::optional<struct stat> StatusOf(const std::string& path);      // links followed
-std::optional<struct stat> LinkStatusOf(const std::string& path);  // links not followed
+std::optional<struct stat> StatusOf(const std::string& path);      // follows links
+std::optional<struct stat> LinkStatusOf(const std::string& path);  // does not follow links
 bool IsSameFile(const struct stat& one, const struct stat& other);
 
-// Fails, with the reason, unless `path` is a regular file.
+// Throws Failure with the reason unless `path` is a regular file.
 struct stat RequireRegularFile(const std::string& path);
 
-// A descriptor that closes itself.
+// Closes the descriptor in its destructor.
 class Descriptor {
 public:
     explicit Descriptor(int number) : number_(number)

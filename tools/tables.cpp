@@ -17,9 +17,9 @@ namespace {
 
 // ---- Rows
 
-// The table file has no quoting and the page no escaping: whatever separates cells or is markup becomes a character
-// reference. Its closing semicolon would end the row, so it goes without; a digit behind it would then be read as a
-// part of it, and becomes a reference too. Browsers show the original text.
+// The table file has no quoting and the page no escaping, so separators and markup become character references. The
+// semicolon of a reference would end the row, so it is omitted; a digit after it would then be part of the reference,
+// so it becomes a reference too. Browsers show the original text.
 std::string SafeCell(const std::string& text)
 {
     static const std::string kSpecial = "&<>\";,:\r\n";
@@ -32,8 +32,8 @@ std::string SafeCell(const std::string& text)
     return safe;
 }
 
-// Why a byte of a cell would tear its row; null for bytes that do not.
-const char* Tears(char byte, bool isHead)
+// Says why a byte of a cell would break its row; null if it would not.
+const char* WhyItBreaksTheRow(char byte, bool isHead)
 {
     switch (byte) {
         case ';':
@@ -49,10 +49,10 @@ const char* Tears(char byte, bool isHead)
     }
 }
 
-void RefuseTornCell(const std::string& cell, std::size_t row, std::size_t column)
+void RefuseBreakingBytes(const std::string& cell, std::size_t row, std::size_t column)
 {
     for (std::size_t at = 0; at < cell.size(); ++at) {
-        if (const char* const reason = Tears(cell[at], column == 1)) {
+        if (const char* const reason = WhyItBreaksTheRow(cell[at], column == 1)) {
             throw Failure("row " + std::to_string(row) + ", column " + std::to_string(column) + ", byte " +
                               std::to_string(at + 1) + ": " + reason,
                           "omit --raw to have such bytes replaced, or remove them from the cell");
@@ -64,13 +64,13 @@ std::string RowText(std::vector<std::string> cells, bool raw, std::size_t row)
 {
     for (std::size_t i = 0; i < cells.size(); ++i) {
         if (raw) {
-            RefuseTornCell(cells[i], row, i + 1);
+            RefuseBreakingBytes(cells[i], row, i + 1);
         } else {
             cells[i] = SafeCell(cells[i]);
         }
     }
     if (cells.size() == 1) {
-        cells.emplace_back();  // a row of one cell has no end: the row behind it would run into it
+        cells.emplace_back();  // otherwise the next row would become cells of this one
     }
     return orv_fileutils::AddTextFileFormattedRow(cells);
 }
@@ -95,7 +95,7 @@ bool CanRead(const std::string& path)
     return orv_fileutils::FileExists(path.c_str()) && std::ifstream(path).is_open();
 }
 
-// The library would publish an empty page.
+// Without this check, the library would publish an empty page.
 void RequireReadable(const std::string& table)
 {
     (void)RequireRegularFile(table);
@@ -115,7 +115,7 @@ std::size_t TablesIn(const std::string& path)
     return tables;
 }
 
-// A full /var/tmp tears a page, and the library does not tell.
+// If /var/tmp is full, the page is incomplete, and the library does not report it.
 bool IsWholePage(const std::string& path)
 {
     static const std::string kFooter = "</body></html></KPX_PLD>";
@@ -125,7 +125,7 @@ bool IsWholePage(const std::string& path)
     return file.read(&end[0], static_cast<std::streamsize>(end.size())) && end == kFooter;
 }
 
-// A new page is a new file, whichever way it was moved into place.
+// A new page is always a new file, whether it was renamed or copied.
 bool IsReplaced(const std::optional<struct stat>& before, const std::optional<struct stat>& after)
 {
     return after && (!before || !IsSameFile(*before, *after));
@@ -136,7 +136,7 @@ void Publish(const PageOptions& options)
     const std::optional<struct stat> before = LinkStatusOf(options.page);
     orv_fileutils::GenHtmlPagefromTextFile(options.table.c_str(), options.page.c_str());
     const std::optional<struct stat> after = LinkStatusOf(options.page);
-    (void)unlink(("/var/tmp/TextToHtml_" + std::to_string(getpid()) + ".tmp").c_str());  // left after a failed move
+    (void)unlink(("/var/tmp/TextToHtml_" + std::to_string(getpid()) + ".tmp").c_str());  // left by a failed move
     if (!IsReplaced(before, after)) {
         throw Failure("cannot publish " + Quoted(options.page) + "; nothing was replaced",
                       "check that its directory exists and is writable, that it is not a directory itself, and that "

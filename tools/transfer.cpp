@@ -16,7 +16,7 @@
 
 namespace {
 
-// ---- What both transfers refuse
+// ---- Checks before a move or a copy
 
 std::string LastPart(const std::string& path)
 {
@@ -45,7 +45,7 @@ void RefuseDirectory(const std::string& source, const std::string& destination)
 
 // ---- Comparing
 
-// Reads `bytes` full, unless the file ends.
+// Fills `block`, unless the file ends. Returns the number of bytes read.
 std::size_t ReadBlock(int descriptor, std::array<char, 65536>& block, const std::string& path)
 {
     std::size_t have = 0;
@@ -73,7 +73,7 @@ int OpenFile(const std::string& path)
     return descriptor;
 }
 
-// CopyFile's 0 does not say that the data arrived; this does.
+// CopyFile returns 0 even if not all data was written, so the files are compared.
 void RequireSameBytes(const std::string& source, const std::string& copy, off_t bytes)
 {
     const Progress progress("comparing", 2 * bytes, Progress::Counted::kRead);
@@ -113,7 +113,7 @@ void CopyBytes(const std::string& source, const std::string& destination, off_t 
         case 0:
             return;
         case -1:
-            (void)RequireRegularFile(source);  // says why, if it is still so
+            (void)RequireRegularFile(source);  // reports why, unless it is one now
             throw Failure(Quoted(source) + " was replaced in the meantime", "run this again when nobody replaces it");
         case -2:
             throw Failure("cannot read " + Quoted(source) + ": " + ErrorText(error), Remedy(error, source));
@@ -124,7 +124,7 @@ void CopyBytes(const std::string& source, const std::string& destination, off_t 
 
 // ---- Moving by a copy beside the destination
 
-// A new, empty file beside the destination, which is gone at the end unless it was put in place.
+// A new, empty file beside the destination. The destructor removes it unless Release() was called.
 class StagedFile {
 public:
     explicit StagedFile(const std::string& destination) : path_(destination + "_XXXXXX")
@@ -173,7 +173,7 @@ std::string DirectoryOf(const std::string& path)
     return slash == std::string::npos ? "." : path.substr(0, slash + 1);
 }
 
-// Renames within a directory unless the new name exists. False, with errno, if the rename failed.
+// Renames a file unless the new name exists. Returns false and sets errno if the rename failed.
 bool RenameToNewName(const std::string& from, const std::string& to)
 {
     if (renameat2(AT_FDCWD, from.c_str(), AT_FDCWD, to.c_str(), RENAME_NOREPLACE) == 0) {
@@ -182,7 +182,7 @@ bool RenameToNewName(const std::string& from, const std::string& to)
     if (errno != EINVAL && errno != ENOSYS) {
         return false;
     }
-    // A file system that cannot do it in one step: a link never replaces either.
+    // The file system does not support that. link(2) does not replace a file either.
     return link(from.c_str(), to.c_str()) == 0 && unlink(from.c_str()) == 0;
 }
 
@@ -213,7 +213,7 @@ void GivePermissions(const std::string& path, mode_t mode)
     }
 }
 
-// The source is removed only when its content stands at the destination and, if so asked, on the disk.
+// Removes the source only after its content is at the destination and, with --durable, on the disk.
 void MoveByVerifiedCopy(const MoveOptions& options, const struct stat& source)
 {
     StagedFile staged(options.destination);
@@ -238,7 +238,7 @@ void MoveByVerifiedCopy(const MoveOptions& options, const struct stat& source)
 void MoveToNewName(const MoveOptions& options, const struct stat& source)
 {
     if (LinkStatusOf(options.destination)) {
-        FailForExisting(options.destination);  // before anything is copied; the rename makes sure
+        FailForExisting(options.destination);  // reported before copying; the rename checks again
     }
     if (!options.durable && RenameToNewName(options.source, options.destination)) {
         return;
@@ -252,7 +252,7 @@ void MoveToNewName(const MoveOptions& options, const struct stat& source)
     MoveByVerifiedCopy(options, source);
 }
 
-// Whether the file that was to be moved is still there. A new one may have come in its place, even with its inode.
+// Whether the file that was to be moved is still there. A new file with the same inode number may have replaced it.
 bool IsLeft(const std::string& path, const struct stat& before)
 {
     const std::optional<struct stat> now = LinkStatusOf(path);

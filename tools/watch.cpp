@@ -55,14 +55,14 @@ bool FileWatch::Wait()
         if (ready[0].revents != 0) {
             return false;
         }
-        if (ready[1].revents != 0 && TakeEvents()) {
+        if (ready[1].revents != 0 && ReadEvents()) {
             return true;
         }
     }
 }
 
-// Takes all that have come in; true when one of them is about the file.
-bool FileWatch::TakeEvents()
+// Reads all events that are there; returns true if one of them is about the file.
+bool FileWatch::ReadEvents()
 {
     bool changed = false;
     alignas(struct inotify_event) char block[16384];

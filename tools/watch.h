@@ -1,4 +1,4 @@
-// Waiting for a file to be written or replaced.
+// Waits for a file to be written or replaced.
 #ifndef ORV_TOOLS_WATCH_H
 #define ORV_TOOLS_WATCH_H
 
@@ -6,18 +6,18 @@
 
 #include "support.h"
 
-// Watches the file from its construction on, through its directory, so that a file that takes its place is seen too.
-// SIGINT and SIGTERM then end the next wait and nothing else.
+// Watches the directory of the file, so that it notices a file that replaces it too. From its construction on, SIGINT
+// and SIGTERM only end the next wait.
 class FileWatch {
 public:
     explicit FileWatch(const std::string& path);
 
-    // Returns true when the file was written and closed, or replaced; false at a signal. Throws Failure when the
+    // Returns true if the file was written and closed, or replaced; false after a signal. Throws Failure if the
     // directory is gone.
     bool Wait();
 
 private:
-    bool TakeEvents();
+    bool ReadEvents();
 
     const std::string directory_;
     const std::string name_;
