@@ -1,6 +1,8 @@
 # The files that `cmake --install` installs, in three components: runtime, development and tools (see tools/ and man/).
-# They find each other by relative paths, so that an installation can be moved as a whole.
+# They find each other by relative paths, so that an installation can be moved as a whole. pkg-config then needs
+# --define-prefix.
 include(CMakePackageConfigHelpers)
+include(cmake/OrvInstallTemplate.cmake)
 
 install(
   TARGETS OrvFileUtils OrvStrUtils
@@ -24,18 +26,19 @@ install(
 install(FILES ${PROJECT_BINARY_DIR}/OrvFileUtilsConfig.cmake ${PROJECT_BINARY_DIR}/OrvFileUtilsConfigVersion.cmake
         DESTINATION ${package_directory} COMPONENT development)
 
-# For pkg-config, which sets ${pcfiledir} to the directory of the file.
-file(RELATIVE_PATH pc_prefix ${CMAKE_INSTALL_FULL_LIBDIR}/pkgconfig ${CMAKE_INSTALL_PREFIX})
-string(REGEX REPLACE "^(.*[^/])/*$" "\${pcfiledir}/\\1" pc_prefix "${pc_prefix}")
-set(pc_includedir "\${prefix}/${CMAKE_INSTALL_INCLUDEDIR}")
-if(IS_ABSOLUTE "${CMAKE_INSTALL_INCLUDEDIR}")
-  set(pc_includedir "${CMAKE_INSTALL_INCLUDEDIR}")
-endif()
+# For pkg-config. The directories are written out, because not every implementation knows that ${pcfiledir} is inside a
+# sysroot already.
+foreach(kind LIBDIR INCLUDEDIR)
+  string(TOLOWER pc_${kind} variable)
+  set(${variable} "\${prefix}/${CMAKE_INSTALL_${kind}}")
+  if(IS_ABSOLUTE "${CMAKE_INSTALL_${kind}}")
+    set(${variable} "${CMAKE_INSTALL_${kind}}")
+  endif()
+endforeach()
 set(pc_string_abi "")
 if(NOT ORV_CXX11_ABI)
   set(pc_string_abi " -D_GLIBCXX_USE_CXX11_ABI=0")
 endif()
 foreach(name OrvFileUtils OrvStrUtils)
-  configure_file(cmake/${name}.pc.in ${PROJECT_BINARY_DIR}/${name}.pc @ONLY)
-  install(FILES ${PROJECT_BINARY_DIR}/${name}.pc DESTINATION ${CMAKE_INSTALL_LIBDIR}/pkgconfig COMPONENT development)
+  orv_install_template(cmake/${name}.pc.in development ${CMAKE_INSTALL_LIBDIR}/pkgconfig)
 endforeach()

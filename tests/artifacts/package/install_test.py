@@ -5,14 +5,16 @@
   install_test.py no_foreign_path  nothing installed names the source tree, the build tree or the configured prefix
   install_test.py cmake            find_package() of an installation that was moved
   install_test.py version          find_package() refuses a version that may not fit
-  install_test.py pkg_config       make and pkg-config, with an installation that was moved
-  install_test.py sysroot          pkg-config with an installation staged by DESTDIR
+  install_test.py pkg_config       make and each pkg-config, with an installation that was moved
+  install_test.py sysroot          each pkg-config with an installation staged by DESTDIR
+  install_test.py system_paths     each pkg-config with an installation below /usr
   install_test.py add_subdirectory the library's sources as a part of the project's
   install_test.py tool             the installed orvfile runs where it was moved
 """
 
 import os
 import re
+import shlex
 import shutil
 import subprocess
 import tempfile
@@ -116,7 +118,10 @@ def no_foreign_path(installation):
     for directory, _, names in os.walk(installation.prefix):
         for name in names:
             with open(os.path.join(directory, name), "rb") as file:
-                problems += [f"{name} names {path!r}" for path in sorted(set(pattern.findall(file.read())))]
+                text = file.read()
+            if name.endswith(".pc"):  # names the prefix that it was installed with, in its first line
+                text = text.partition(b"\n")[2]
+            problems += [f"{name} names {path!r}" for path in sorted(set(pattern.findall(text)))]
     return problems
 
 
@@ -138,10 +143,32 @@ def version(installation):
     return problems
 
 
+def check_flags(installation, libraries, *words, **environment):
+    """Problems of what each pkg-config says of the libraries in that directory."""
+    expected = ["-I" + re.sub(f"{re.escape(installation.options.libdir)}$", "include", libraries), f"-L{libraries}",
+                "-lOrvFileUtils", "-lOrvStrUtils"]
+    problems = []
+    for program in installation.options.pkg_config:
+        said = run(program, *words, "--cflags", "--libs", "OrvFileUtils", env={**os.environ, **environment})
+        found = [word for word in shlex.split(said) if not word.startswith("-D")]
+        if list(map(os.fsencode, dict.fromkeys(found))) != list(map(os.fsencode, expected)):
+            problems.append(f"{program} says {found!r} instead of {expected!r}")
+    return problems
+
+
 def pkg_config(installation):
-    libraries = installation.path(installation.options.libdir)
-    installation.make(libraries, PKG_CONFIG_PATH=os.path.join(libraries, "pkgconfig"))
-    return installation.check_programs(installation.project)
+    """An installation that was not moved; then one that was, with the programs."""
+    options = installation.options
+    prefix = os.path.join(installation.directory, f"second {ODD}")
+    run(options.cmake, "--install", options.build, "--prefix", prefix)
+    libraries = os.path.join(prefix, options.libdir)
+    problems = check_flags(installation, libraries, PKG_CONFIG_PATH=os.path.join(libraries, "pkgconfig"))
+
+    libraries = installation.path(options.libdir)
+    found = {"PKG_CONFIG_PATH": os.path.join(libraries, "pkgconfig")}
+    problems += check_flags(installation, libraries, "--define-prefix", **found)
+    installation.make(libraries, PKG_CONFIG="pkg-config --define-prefix", **found)
+    return problems + installation.check_programs(installation.project)
 
 
 def sysroot(installation):
@@ -149,8 +176,38 @@ def sysroot(installation):
     root = os.path.join(installation.directory, ODD_ROOT)
     run(options.cmake, "--install", options.build, env={**os.environ, "DESTDIR": root})
     libraries = root + os.path.join(options.prefix, options.libdir)
-    installation.make(libraries, PKG_CONFIG_LIBDIR=os.path.join(libraries, "pkgconfig"), PKG_CONFIG_SYSROOT_DIR=root)
-    return installation.check_programs(installation.project)
+    found = {"PKG_CONFIG_LIBDIR": os.path.join(libraries, "pkgconfig"), "PKG_CONFIG_SYSROOT_DIR": root}
+    problems = check_flags(installation, libraries, **found)
+    installation.make(libraries, PKG_CONFIG="pkg-config", **found)
+    return problems + installation.check_programs(installation.project)
+
+
+def system_paths(installation):
+    """Below /usr, the include directory is one that compilers search anyway, and a sysroot is named once."""
+    options = installation.options
+    root = os.path.join(installation.directory, "root")
+    run(options.cmake, "--install", options.build, "--prefix", "/usr", env={**os.environ, "DESTDIR": root})
+    folder = os.path.join(root, "usr", options.libdir, "pkgconfig")
+    problems = []
+    for name in sorted(os.listdir(folder)):
+        with open(os.path.join(folder, name), encoding="utf-8") as file:
+            text = file.read()
+        # pkg-config 0.29.2 puts the sysroot before every path, though ${pcfiledir} is inside it already.
+        if "pcfiledir" in text or not text.startswith("prefix=/usr\n"):
+            problems.append(f"{name} doubles the sysroot:\n{text}")
+    for program in options.pkg_config:
+        def flags(**environment):
+            said = run(program, "--cflags", "OrvFileUtils", env={
+                **os.environ, "PKG_CONFIG_LIBDIR": folder, **environment})
+            return [word for word in said.split() if not word.startswith("-D")]
+
+        inside = f"-I{root}/usr/include"
+        everything = flags(PKG_CONFIG_SYSROOT_DIR=root, PKG_CONFIG_ALLOW_SYSTEM_CFLAGS="1")
+        if set(everything) != {inside}:
+            problems.append(f"{program}: {everything} in a sysroot, instead of {inside}")
+        if flags():
+            problems.append(f"{program} does not take {flags()} for a system path")
+    return problems
 
 
 def add_subdirectory(installation):
@@ -166,9 +223,11 @@ def tool(installation):
 
 
 CHECKS = {check.__name__: check for check in (
-    files, no_foreign_path, cmake, version, pkg_config, sysroot, add_subdirectory, tool)}
+    files, no_foreign_path, cmake, version, pkg_config, sysroot, system_paths, add_subdirectory, tool)}
 
-PROGRAMS = {"pkg_config": ["make", "pkg-config"], "sysroot": ["make", "pkg-config"]}  # that a check needs
+# What a check needs.
+PROGRAMS = {
+    "pkg_config": ["make", "pkg-config"], "sysroot": ["make", "pkg-config"], "system_paths": ["pkg-config"]}
 
 
 def main():
@@ -179,6 +238,7 @@ def main():
     parser.add_argument("--libdir", required=True, help="the directory of the libraries below the prefix")
     parser.add_argument("--config", required=True, help="the build type")
     parser.add_argument("--toolchain", help="CMake's file of a cross compiler")
+    parser.add_argument("--pkg-config", action="append", default=[], help="an implementation of pkg-config")
     parser.add_argument("--tool", action="store_true", help="orvfile was built")
     parser.add_argument("--cxx11-abi", action="store_true", help="built with the std::string of C++11")
     options = parser.parse_args()
