@@ -26,6 +26,16 @@ inline std::string AllBytes()
     return bytes;
 }
 
+// Bytes in which no block is like the next.
+inline std::string BytesOfLength(std::size_t length)
+{
+    std::string bytes;
+    for (std::size_t i = 0; i < length; ++i) {
+        bytes += static_cast<char>((i * 7 + i / 256) % 256);
+    }
+    return bytes;
+}
+
 // Random material that is the same on every machine, which the standard distributions do not promise.
 class Random {
 public:

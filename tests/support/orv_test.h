@@ -11,6 +11,7 @@
 
 #include "gmock/gmock.h"
 #include "gtest/gtest.h"
+#include "support/messages.h"
 
 // One call of __dlog_printf, as the library made it and as printf expands it.
 struct DlogCall {
@@ -27,14 +28,10 @@ std::vector<DlogCall> TakeDlogCalls();
 // True on a thread whose call is being captured: what is allocated then is not the library's doing.
 bool IsCapturingDlogCall();
 
-// What a test expects of one call: the unexpanded format and the expanded text. Severity, source tag and the function
-// name at the start of the text are the same rule for all.
-struct Report {
-    std::string format;
-    std::string text;
-};
+using messages::Report;
 
-// Compares the captured calls, whole and in order, and takes them.
+// Compares the captured calls, whole and in order, and takes them. Severity and source are the same for all. In an
+// expected text, messages::kAnySuffix fits any name of a temporary file.
 void ExpectReports(const std::vector<Report>& expected);
 
 // A directory of its own for a test, removed with everything in it at the end.

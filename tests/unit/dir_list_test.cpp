@@ -30,19 +30,17 @@ using Names = std::list<std::string>;
 
 Report NoDirectory()
 {
-    return {messages::kListNoDirectory, "GetDirFileList: No directory specified."};
+    return messages::kListNoDirectory();
 }
 
 Report NotOpened(const std::string& directory, int error)
 {
-    return {messages::kListOpen,
-            "GetDirFileList: Error opening directory folder '" + directory + "', errno: " + std::to_string(error)};
+    return messages::kListOpen(directory, error);
 }
 
 Report NotRead(const std::string& directory, int error)
 {
-    return {messages::kListRead,
-            "GetDirFileList: readdir_r failed for directory: " + directory + ", error: " + std::to_string(error)};
+    return messages::kListRead(directory, error);
 }
 
 // The names of the regular files among the first `count` entries of `directory`, the last one read in front.
@@ -623,8 +621,7 @@ TEST_F(DirListTest, AMissingDirectoryIsReportedAndLeavesTheListUnsorted)
     EXPECT_FALSE(Add(dir_ / "missing"));
 
     EXPECT_THAT(trace.Calls(), ElementsAre("opendir(" + (dir_ / "missing") + ")"));
-    ExpectReports({{messages::kListOpen,
-                    "GetDirFileList: Error opening directory folder '" + (dir_ / "missing") + "', errno: 2"}});
+    ExpectReports({messages::kListOpen(dir_ / "missing", 2)});
     EXPECT_THAT(names_, ElementsAre("z", "a"));
 }
 
@@ -677,8 +674,7 @@ TEST_F(DirListTest, ADirectoryThatTheCallerMayNotReadIsReported)
     RunAsNobody([this] {
         EXPECT_FALSE(List(dir_ / "shut"));
 
-        ExpectReports({{messages::kListOpen,
-                        "GetDirFileList: Error opening directory folder '" + (dir_ / "shut") + "', errno: 13"}});
+        ExpectReports({messages::kListOpen(dir_ / "shut", 13)});
     });
 
     ASSERT_EQ(0, chmod((dir_ / "shut").c_str(), 0700));
@@ -701,7 +697,7 @@ TEST_F(DirListTest, APathOfNineMegabytesIsReported)
 
     EXPECT_FALSE(ListPaths(path));
 
-    ExpectReports({{messages::kListOpen, "GetDirFileList: Error opening directory folder '" + path + "', errno: 36"}});
+    ExpectReports({messages::kListOpen(path, 36)});
 }
 
 TEST_F(DirListTest, APathOfAnyBytesIsReportedAsItStands)
@@ -725,8 +721,7 @@ TEST_F(DirListTest, AFailedFirstReadAddsNothingAndIsReportedByTheReturnedNumber)
     EXPECT_FALSE(Add(dir_.Path()));
 
     EXPECT_THAT(trace.Calls(), ElementsAre("opendir(" + dir_.Path() + ")", "readdir_r()", "closedir()"));
-    ExpectReports(
-        {{messages::kListRead, "GetDirFileList: readdir_r failed for directory: " + dir_.Path() + ", error: 5"}});
+    ExpectReports({messages::kListRead(dir_.Path(), 5)});
     EXPECT_THAT(names_, ElementsAre("z", "b"));
 }
 

@@ -45,28 +45,27 @@ private:
 
 Report RefusedIn(const std::string& parent)
 {
-    return {messages::kWorkerParent, "DoMakeDirPath: Can't make directory in " + parent};
+    return messages::kWorkerParent(parent);
 }
 
 Report NotMade(const std::string& path, const std::string& reason)
 {
-    return {messages::kWorkerMkdir,
-            "DoMakeDirPath: could not create subdirectory " + path + " due to error: " + reason};
+    return messages::kWorkerMkdir(path, reason);
 }
 
 Report Failed(const std::string& path)
 {
-    return {messages::kMakeFailed, "MakeDirPath: Create '" + path + "' directory failed."};
+    return messages::kMakeFailed(path);
 }
 
 Report NotChanged(const std::string& path, int error)
 {
-    return {messages::kMakeChmod, "MakeDirPath: Failed to chmod on '" + path + "': errno: " + std::to_string(error)};
+    return messages::kMakeChmod(path, error);
 }
 
 Report UnusualSize(std::size_t length)
 {
-    return {messages::kMakeSize, "MakeDirPath: can't make path of unusual size: " + std::to_string(length)};
+    return messages::kMakeSize(length);
 }
 
 bool IsDirectory(const std::string& path)
@@ -944,7 +943,7 @@ TEST_F(MakeDirPathTest, IsTrueThoughTheModeOfANewDirectoryCannotBeSet)
 
     EXPECT_TRUE(MakeDirPath(path.c_str(), 0777, /*applyMode=*/true));
 
-    ExpectReports({{messages::kMakeChmod, "MakeDirPath: Failed to chmod on '" + path + "': errno: 1"}});
+    ExpectReports({messages::kMakeChmod(path, 1)});
     EXPECT_EQ(0755U, ModeOf(path));
 }
 
@@ -967,7 +966,7 @@ TEST_F(MakeDirPathTest, IsTrueForTheDirectoryOfAnotherUserWhoseModeItMayNotSet)
 
         EXPECT_TRUE(MakeDirPath("/etc", ModeOf("/etc"), /*applyMode=*/true));
 
-        ExpectReports({{messages::kMakeChmod, "MakeDirPath: Failed to chmod on '/etc': errno: 1"}});
+        ExpectReports({messages::kMakeChmod("/etc", 1)});
     });
 }
 
@@ -989,7 +988,7 @@ TEST_F(MakeDirPathTest, RefusesAPathOf1025BytesWithoutAnyCall)
     EXPECT_FALSE(MakeDirPath(path.c_str(), 0755, /*applyMode=*/true));
 
     EXPECT_THAT(trace.Calls(), IsEmpty());
-    ExpectReports({{messages::kMakeSize, "MakeDirPath: can't make path of unusual size: 1025"}});
+    ExpectReports({messages::kMakeSize(1025)});
     EXPECT_THAT(dir_.Names(), IsEmpty());
 }
 

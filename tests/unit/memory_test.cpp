@@ -5,6 +5,7 @@
 #include "support/faults.h"
 #include "support/heap.h"
 #include "support/messages.h"
+#include "support/oracle.h"
 #include "support/orv_test.h"
 
 #include <unistd.h>
@@ -101,7 +102,7 @@ TEST_F(MemoryTest, DoMakeDirPathReportsThatItsWorkingCopyCannotBeAllocated)
 
     EXPECT_FALSE(made);
     EXPECT_TRUE(fault.Fired());
-    ExpectReports({{messages::kWorkerMalloc, "DoMakeDirPath: malloc failure (dirCopy)"}});
+    ExpectReports({messages::kWorkerMalloc()});
     EXPECT_EQ(std::vector<std::string>{}, dir_.Names());
 }
 
@@ -264,7 +265,7 @@ TEST_F(MemoryExhaustionTest, FileExistsAndMovesHaveNothingThatCouldFail)
             (void)orv_fileutils::RenameFileAcrossFs(near, far);
         },
         [&](bool) {
-            ExpectReports({{messages::kRenameStat, "RenameFileAcrossFs: stat(" + missing + ") failed (2)."}});
+            ExpectReports({messages::kRenameStat(missing, 2)});
             EXPECT_EQ(std::vector<std::string>{}, dir_.Names());
             EXPECT_EQ(bytes, other_.Read("far"));
             return "moved twice";
@@ -289,8 +290,7 @@ TEST_F(MemoryExhaustionTest, MakingDirectoriesFailsWithItsLinesAndMakesNone)
             EXPECT_EQ(made, Exists(path));
             EXPECT_EQ(made, Exists(dir_ / "a"));
             if (!made) {
-                ExpectReports({{messages::kWorkerMalloc, "DoMakeDirPath: malloc failure (dirCopy)"},
-                               {messages::kMakeFailed, "MakeDirPath: Create '" + path + "' directory failed."}});
+                ExpectReports({messages::kWorkerMalloc(), messages::kMakeFailed(path)});
             }
             return made ? "made" : "refused";
         });
@@ -300,7 +300,7 @@ TEST_F(MemoryExhaustionTest, MakingDirectoriesFailsWithItsLinesAndMakesNone)
         [&](bool threw) {
             EXPECT_FALSE(threw);
             if (!workerMade) {
-                ExpectReports({{messages::kWorkerMalloc, "DoMakeDirPath: malloc failure (dirCopy)"}});
+                ExpectReports({messages::kWorkerMalloc()});
             }
             return workerMade ? "made" : "refused";
         });
@@ -445,8 +445,7 @@ protected:
                 }
                 if (!listed) {
                     EXPECT_EQ(std::list<std::string>{}, names);
-                    ExpectReports({{messages::kListOpen, "GetDirFileList: Error opening directory folder '" +
-                                                             dir_.Path() + "', errno: " + std::to_string(ENOMEM)}});
+                    ExpectReports({messages::kListOpen(dir_.Path(), ENOMEM)});
                     return std::string("not opened");
                 }
                 EXPECT_EQ(expected_, names);
@@ -523,9 +522,7 @@ protected:
                 }
                 EXPECT_EQ("none", temporary);
                 if (written == "old") {
-                    ExpectReports({{messages::kRenameStat, "RenameFileAcrossFs: stat(" + temporary_ + ") failed (2)."},
-                                   {messages::kPageMove, "GenHtmlPagefromTextFile: RenameFileAcrossFs(" + temporary_ +
-                                                             ", " + page_ + ") failed."}});
+                    ExpectReports({messages::kRenameStat(temporary_, 2), messages::kPageMove(temporary_, page_)});
                     return std::string("refused");
                 }
                 const auto page = std::find(pages_.begin(), pages_.end(), written);
@@ -535,7 +532,7 @@ protected:
     }
 
     static constexpr std::size_t kLines = 3;
-    const std::string temporary_ = "/var/tmp/TextToHtml_" + std::to_string(getpid()) + ".tmp";
+    const std::string temporary_ = oracle::OwnTemporaryPage();
     const std::string text_ = dir_ / "text";
     const std::string page_ = dir_ / "page";
     std::vector<std::string> pages_;  // with no line of the text, with its first, with its first two, ...
@@ -611,7 +608,6 @@ protected:
     Outcomes SweepReading(Failing failing)
     {
         const std::string commentPrefix = "#";
-        const std::string notOpened = "ReadNameValueFromFile: Unable to open file \"" + file_ + "\"";
         NameValues nameValues;
         bool read = false;
         return Sweep(
@@ -629,15 +625,15 @@ protected:
                     return "true " + letters;
                 }
                 const int line = std::vector<int>{3, 4, 6}.at(letters.size());
-                const std::string notCut = "ReadNameValueFromFile: Error processing line " + std::to_string(line) +
-                                           " in file \"" + file_ + "\".  No delimiter '=' found.";
                 const std::vector<DlogCall> calls = TakeDlogCalls();
                 EXPECT_EQ(1U, calls.size());
-                EXPECT_EQ(3, calls[0].severity);
-                EXPECT_EQ("LxFileUtils.cpp", calls[0].sourceTag);
-                const bool open = calls[0].format != messages::kNameValueOpen;
-                EXPECT_EQ(open ? messages::kNameValueLine : messages::kNameValueOpen, calls[0].format);
-                EXPECT_EQ(open ? notCut : notOpened, calls[0].text);
+                EXPECT_EQ(messages::kSeverity, calls[0].severity);
+                EXPECT_EQ(messages::kSource, calls[0].sourceTag);
+                const bool open = calls[0].format != messages::kNameValueOpen.format;
+                const Report expected =
+                    open ? messages::kNameValueLine(line, file_, "=") : messages::kNameValueOpen(file_);
+                EXPECT_EQ(expected.format, calls[0].format);
+                EXPECT_EQ(expected.text, calls[0].text);
                 return (open ? "line " + std::to_string(line) + " " : "not opened ") + letters;
             });
     }

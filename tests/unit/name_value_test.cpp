@@ -2,6 +2,7 @@
 #include "support/cases.h"
 #include "support/faults.h"
 #include "support/messages.h"
+#include "support/oracle.h"
 #include "support/orv_test.h"
 
 #include <sys/stat.h>
@@ -19,7 +20,7 @@ using namespace std::string_literals;
 
 namespace {
 
-using NameValues = std::map<std::string, std::string>;
+using oracle::NameValues;
 
 class NameValueTest : public OrvTest {
 protected:
@@ -52,6 +53,7 @@ class FileCaseTest : public NameValueTest, public ::testing::WithParamInterface<
 TEST_P(FileCaseTest, GivesTheEntries)
 {
     EXPECT_EQ(GetParam().nameValues, Read(GetParam().bytes));
+    EXPECT_EQ(GetParam().nameValues, oracle::Read(GetParam().bytes, '=', "#", {}));
 }
 
 INSTANTIATE_TEST_SUITE_P(
@@ -175,6 +177,8 @@ class SyntaxCaseTest : public NameValueTest, public ::testing::WithParamInterfac
 TEST_P(SyntaxCaseTest, GivesTheEntries)
 {
     EXPECT_EQ(GetParam().nameValues, Read(GetParam().bytes, GetParam().delimiter, GetParam().commentPrefix));
+    EXPECT_EQ(GetParam().nameValues,
+              oracle::Read(GetParam().bytes, GetParam().delimiter, GetParam().commentPrefix, {}));
 }
 
 INSTANTIATE_TEST_SUITE_P(Delimiters, SyntaxCaseTest,
@@ -238,33 +242,6 @@ TEST_F(NameValueTest, TakesEveryByteValueAsDelimiter)
 
 // ---- Any text
 
-std::string TrimmedByModel(const std::string& text)
-{
-    const std::size_t first = text.find_first_not_of(" \t\n\v\f\r");
-    return first == std::string::npos ? "" : text.substr(first, text.find_last_not_of(" \t\n\v\f\r") + 1 - first);
-}
-
-void StoreByModel(const std::string& line, char delimiter, const std::string& commentPrefix, NameValues& nameValues)
-{
-    const std::string entry = TrimmedByModel(line);
-    if (entry.empty() || (!commentPrefix.empty() && entry.substr(0, commentPrefix.size()) == commentPrefix)) {
-        return;
-    }
-    const std::size_t cut = entry.find(delimiter);
-    nameValues[TrimmedByModel(entry.substr(0, cut))] =
-        cut == std::string::npos ? "" : TrimmedByModel(entry.substr(cut + 1));
-}
-
-void ReadByModel(const std::string& bytes, char delimiter, const std::string& commentPrefix, NameValues& nameValues)
-{
-    std::size_t start = 0;
-    for (std::size_t end = bytes.find('\n'); end != std::string::npos; end = bytes.find('\n', start)) {
-        StoreByModel(bytes.substr(start, end - start), delimiter, commentPrefix, nameValues);
-        start = end + 1;
-    }
-    StoreByModel(bytes.substr(start), delimiter, commentPrefix, nameValues);
-}
-
 TEST_F(NameValueTest, AgreesWithAModelForAnyText)
 {
     const std::string alphabet = "aab==#/ \t\r\n\n\0\xFF"s;
@@ -275,10 +252,9 @@ TEST_F(NameValueTest, AgreesWithAModelForAnyText)
         const std::string bytes = random.Text(alphabet, 200);
         const char delimiter = random.ByteOf("====ab# \t\r\n\0\xFF"s);
         const std::string commentPrefix = random.Text("#/a =\0"s, 2);
-        NameValues expected = {{"a", "old"}, {"other", "old"}};
-        NameValues nameValues = expected;
+        NameValues nameValues = {{"a", "old"}, {"other", "old"}};
         const std::string file = memory.Write("file", bytes);
-        ReadByModel(bytes, delimiter, commentPrefix, expected);
+        const NameValues expected = oracle::Read(bytes, delimiter, commentPrefix, nameValues);
         entries += expected.size() - 2;
 
         ASSERT_TRUE(ReadNameValueFromFile(file, nameValues, delimiter, commentPrefix));
@@ -301,7 +277,7 @@ protected:
         EXPECT_FALSE(ReadNameValueFromFile(path, nameValues, '=', "#"));
 
         EXPECT_EQ((NameValues{{"a", "old"}}), nameValues);
-        ExpectReports({{messages::kNameValueOpen, "ReadNameValueFromFile: Unable to open file \"" + shown + "\""}});
+        ExpectReports({messages::kNameValueOpen(shown)});
     }
 };
 

@@ -1,5 +1,6 @@
 #include "LxFileUtils.h"
 #include "support/cases.h"
+#include "support/oracle.h"
 #include "support/orv_test.h"
 
 #include <cstdint>
@@ -40,6 +41,7 @@ TEST_P(RowCaseTest, GivesTheRowTextAndLeavesTheCellsAlone)
     Cells cells = GetParam().cells;
 
     EXPECT_EQ(GetParam().row, AddTextFileFormattedRow(cells));
+    EXPECT_EQ(GetParam().row, oracle::Row(cells));
 
     EXPECT_EQ(GetParam().cells, cells);
 }
@@ -68,21 +70,6 @@ INSTANTIATE_TEST_SUITE_P(
 
 class TableRowTest : public OrvTest {};
 
-std::string RowByModel(const Cells& cells)
-{
-    if (cells.empty()) {
-        return "";
-    }
-    std::string further;
-    for (std::size_t i = 1; i < cells.size(); ++i) {
-        further += cells[i] + ",";
-    }
-    if (!further.empty()) {
-        further.back() = ';';
-    }
-    return cells.front() + ":" + further;
-}
-
 TEST_F(TableRowTest, AgreesWithAModelForAnyCells)
 {
     Random random(1);
@@ -93,7 +80,7 @@ TEST_F(TableRowTest, AgreesWithAModelForAnyCells)
         }
         const Cells before = cells;
 
-        ASSERT_EQ(RowByModel(before), AddTextFileFormattedRow(cells)) << PrintToString(before);
+        ASSERT_EQ(oracle::Row(before), AddTextFileFormattedRow(cells)) << PrintToString(before);
         ASSERT_EQ(before, cells);
     }
 }

@@ -82,7 +82,7 @@ protected:
         EXPECT_FALSE(getDirFileList("", "", "", names, false, /*clearList=*/false, true));
 
         EXPECT_THAT(names, ElementsAre("1.log", "2.log"));
-        ExpectReports({{messages::kListNoDirectory, "GetDirFileList: No directory specified."}});
+        ExpectReports({messages::kListNoDirectory()});
     }
 
     void TextUtilitiesWork(const LoadedLibrary& library)

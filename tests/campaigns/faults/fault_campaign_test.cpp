@@ -4,7 +4,9 @@
 
 #include "LxFileUtils.h"
 #include "campaigns/faults/tracer.h"
+#include "support/cases.h"
 #include "support/messages.h"
+#include "support/oracle.h"
 
 #include <dirent.h>
 #include <sys/stat.h>
@@ -96,42 +98,38 @@ mode_t Umask()
 constexpr int kAnyError = 0;
 
 struct Row {
-    const char* call;    // name and roles of its paths
-    int error;           // the row is for this error number alone; the first row that fits counts
-    const char* result;  // of the function, when the call goes wrong: it gives up there; null: it goes on
-    const char* format;  // of the line that reports it; null: there is none
-    const char* text;    // {1} and {2}: paths of the call, {e}: errno, {t}: its text, {m}: mode, {asked}, {got}: bytes
+    const char* call;               // name and roles of its paths
+    int error;                      // the row is for this error number alone; the first row that fits counts
+    const char* result;             // of the function, when the call goes wrong: it gives up there; null: it goes on
+    const messages::Message* line;  // that reports it; null: there is none
+    const char* arguments;  // of the line: 1 and 2 are paths of the call, e errno, t its text, m mode, asked, got bytes
 };
 
 constexpr char kFalse[] = "false";
+const std::string kFalseAndErrno = "false, errno ";  // and the error number
 
 const Row kFileExistsRows[] = {
-    {"stat(PATH)", kAnyError, "false, errno {e}", nullptr, nullptr},
+    {"stat(PATH)", kAnyError, kFalseAndErrno.c_str(), nullptr, nullptr},
 };
 
 const Row kMoveRows[] = {
-    {"stat(SOURCE)", kAnyError, kFalse, messages::kRenameStat, "RenameFileAcrossFs: stat({1}) failed ({e})."},
+    {"stat(SOURCE)", kAnyError, kFalse, &messages::kRenameStat, "1 e"},
     {"rename(SOURCE, DESTINATION)", EXDEV, nullptr, nullptr, nullptr},
-    {"rename(SOURCE, DESTINATION)", kAnyError, kFalse, messages::kRenameRename,
-     "RenameFileAcrossFs: rename({1}, {2}) failed ({e})."},
+    {"rename(SOURCE, DESTINATION)", kAnyError, kFalse, &messages::kRenameRename, "1 2 e"},
     // Whether the source may be removed: when that cannot be found out, it is left.
-    {"lstat(SOURCE)", kAnyError, nullptr, messages::kRenameUnlink, "RenameFileAcrossFs: unlink({1}) failed ({e})."},
+    {"lstat(SOURCE)", kAnyError, nullptr, &messages::kRenameUnlink, "1 e"},
     {"getrandom()", kAnyError, nullptr, nullptr, nullptr},     // mkstemp takes the clock instead
     {"create(TEMPORARY)", EEXIST, nullptr, nullptr, nullptr},  // mkstemp tries another name
-    {"create(TEMPORARY)", kAnyError, kFalse, messages::kRenameMkstemp,
-     "RenameFileAcrossFs: mkstemp({1}) failed ({e})."},
-    {"open(SOURCE)", kAnyError, kFalse, messages::kRenameOpen, "RenameFileAcrossFs: open({1}) failed ({e})."},
+    {"create(TEMPORARY)", kAnyError, kFalse, &messages::kRenameMkstemp, "1 e"},
+    {"open(SOURCE)", kAnyError, kFalse, &messages::kRenameOpen, "1 e"},
     {"read(SOURCE)", kAnyError, kFalse, nullptr, nullptr},
-    {"write(TEMPORARY)", kAnyError, kFalse, messages::kRenameWrite,
-     "RenameFileAcrossFs: write() failed ({asked}, {got}, {e})."},
+    {"write(TEMPORARY)", kAnyError, kFalse, &messages::kRenameWrite, "asked got e"},
     {"close(SOURCE)", kAnyError, nullptr, nullptr, nullptr},
     {"close(TEMPORARY)", kAnyError, nullptr, nullptr, nullptr},
-    {"chmod(TEMPORARY)", kAnyError, kFalse, messages::kRenameChmod,
-     "RenameFileAcrossFs: chmod({1}, {m}) failed ({e})."},
-    {"rename(TEMPORARY, DESTINATION)", kAnyError, kFalse, messages::kRenameRename,
-     "RenameFileAcrossFs: rename({1}, {2}) failed ({e})."},
-    {"unlink(SOURCE)", kAnyError, nullptr, messages::kRenameUnlink, "RenameFileAcrossFs: unlink({1}) failed ({e})."},
-    {"unlink(TEMPORARY)", kAnyError, nullptr, messages::kRenameUnlink, "RenameFileAcrossFs: unlink({1}) failed ({e})."},
+    {"chmod(TEMPORARY)", kAnyError, kFalse, &messages::kRenameChmod, "1 m e"},
+    {"rename(TEMPORARY, DESTINATION)", kAnyError, kFalse, &messages::kRenameRename, "1 2 e"},
+    {"unlink(SOURCE)", kAnyError, nullptr, &messages::kRenameUnlink, "1 e"},
+    {"unlink(TEMPORARY)", kAnyError, nullptr, &messages::kRenameUnlink, "1 e"},
 };
 
 // The page's own calls; those of its move, from its temporary file as the source, follow kMoveRows.
@@ -157,28 +155,23 @@ const Row kMakeDirRows[] = {
     {"stat(PATH)", kAnyError, nullptr, nullptr, nullptr},      // counts as missing
     {"stat(ANCESTOR)", kAnyError, nullptr, nullptr, nullptr},  // counts as missing
     {"mkdir(ANCESTOR)", EEXIST, nullptr, nullptr, nullptr},
-    {"mkdir(ANCESTOR)", kAnyError, kFalse, messages::kWorkerMkdir,
-     "DoMakeDirPath: could not create subdirectory {1} due to error: {t}"},
+    {"mkdir(ANCESTOR)", kAnyError, kFalse, &messages::kWorkerMkdir, "1 t"},
     {"mkdir(PATH)", EEXIST, nullptr, nullptr, nullptr},
-    {"mkdir(PATH)", kAnyError, kFalse, messages::kWorkerMkdir,
-     "DoMakeDirPath: could not create subdirectory {1} due to error: {t}"},
-    {"chmod(PATH)", kAnyError, nullptr, messages::kMakeChmod, "MakeDirPath: Failed to chmod on '{1}': errno: {e}"},
+    {"mkdir(PATH)", kAnyError, kFalse, &messages::kWorkerMkdir, "1 t"},
+    {"chmod(PATH)", kAnyError, nullptr, &messages::kMakeChmod, "1 e"},
 };
 
 const Row kListRows[] = {
-    {"open(PATH)", kAnyError, kFalse, messages::kListOpen,
-     "GetDirFileList: Error opening directory folder '{1}', errno: {e}"},
-    {"fstat(PATH)", kAnyError, kFalse, messages::kListOpen,  // made by opendir
-     "GetDirFileList: Error opening directory folder '{1}', errno: {e}"},
+    {"open(PATH)", kAnyError, kFalse, &messages::kListOpen, "1 e"},
+    {"fstat(PATH)", kAnyError, kFalse, &messages::kListOpen, "1 e"},
     {"getdents(PATH)", ENOENT, nullptr, nullptr,
      nullptr},  // readdir: a directory that was removed while open has ended
-    {"getdents(PATH)", kAnyError, kFalse, messages::kListRead,
-     "GetDirFileList: readdir_r failed for directory: {1}, error: {e}"},
+    {"getdents(PATH)", kAnyError, kFalse, &messages::kListRead, "1 e"},
     {"close(PATH)", kAnyError, nullptr, nullptr, nullptr},
 };
 
 const Row kNameValueRows[] = {
-    {"open(PATH)", kAnyError, kFalse, messages::kNameValueOpen, "ReadNameValueFromFile: Unable to open file \"{1}\""},
+    {"open(PATH)", kAnyError, kFalse, &messages::kNameValueOpen, "1"},
     {"read(PATH)", kAnyError, nullptr, nullptr, nullptr},
     {"close(PATH)", kAnyError, nullptr, nullptr, nullptr},
 };
@@ -243,24 +236,24 @@ std::string Octal(unsigned int mode)
     return text;
 }
 
-std::string Filled(std::string text, const TracedCall& call, int error)
+// The line that the row names, for a call that went wrong.
+Report LineFor(const Row& row, const TracedCall& call, int error)
 {
     const std::map<std::string, std::string> values = {
-        {"{1}", call.paths.empty() ? "" : call.paths[0]},
-        {"{2}", call.paths.size() < 2 ? "" : call.paths[1]},
-        {"{e}", std::to_string(error)},
-        {"{t}", std::strerror(error)},
-        {"{m}", Octal(call.mode)},
-        {"{asked}", std::to_string(call.asked)},
-        {"{got}", std::to_string(call.Failed() ? -1 : call.result)},
+        {"1", call.paths.empty() ? "" : call.paths[0]},
+        {"2", call.paths.size() < 2 ? "" : call.paths[1]},
+        {"e", std::to_string(error)},
+        {"t", std::strerror(error)},
+        {"m", Octal(call.mode)},
+        {"asked", std::to_string(call.asked)},
+        {"got", std::to_string(call.Failed() ? -1 : call.result)},
     };
-    for (const auto& [mark, value] : values) {
-        const std::size_t at = text.find(mark);
-        if (at != std::string::npos) {
-            text.replace(at, mark.size(), value);
-        }
+    std::vector<std::string> arguments;
+    std::istringstream names(row.arguments);
+    for (std::string name; names >> name;) {
+        arguments.push_back(values.at(name));
     }
-    return text;
+    return row.line->With(arguments);
 }
 
 const Row* RowFor(const Scenario& scenario, const std::string& key, int error)
@@ -295,11 +288,12 @@ Expectation ByTable(const Scenario& scenario, const TracedRun& run, std::vector<
         if (!WentWrong(call)) {
             continue;
         }
-        if (row->format != nullptr) {
-            expected.lines.push_back({row->format, Filled(row->text, call, error)});
+        if (row->line != nullptr) {
+            expected.lines.push_back(LineFor(*row, call, error));
         }
         if (row->result != nullptr) {
-            expected.answer.result = Filled(row->result, call, error);
+            expected.answer.result =
+                row->result == kFalseAndErrno ? kFalseAndErrno + std::to_string(error) : row->result;
             gaveUp = true;
         }
     }
@@ -371,13 +365,6 @@ std::string Written(const TracedRun& run, const std::string& path, const std::st
 
 // ---- Moves
 
-bool IsTemporaryOf(const std::string& path, const std::string& destination)
-{
-    const std::string stem = destination + "_";
-    return path.size() == stem.size() + 6 && path.compare(0, stem.size(), stem) == 0 &&
-           path.find('/', stem.size()) == std::string::npos;
-}
-
 std::string RoleInMove(const std::string& path, const std::string& source, const std::string& destination)
 {
     if (path == source) {
@@ -386,7 +373,7 @@ std::string RoleInMove(const std::string& path, const std::string& source, const
     if (path == destination) {
         return "DESTINATION";
     }
-    return IsTemporaryOf(path, destination) ? "TEMPORARY" : path;
+    return oracle::IsTemporaryCopy(path, destination) ? "TEMPORARY" : path;
 }
 
 // The files after a move of `sourceBytes`. A copy gets `copiedMode`, the nine permission bits of the source.
@@ -400,7 +387,7 @@ void CompleteMove(const TracedRun& run, Expectation& expected, const std::string
         return;
     }
     const auto created = std::find_if(run.calls.begin(), run.calls.end(), [&](const TracedCall& call) {
-        return call.name == "create" && IsTemporaryOf(call.paths[0], destination) && !call.Failed();
+        return call.name == "create" && oracle::IsTemporaryCopy(call.paths[0], destination) && !call.Failed();
     });
     if (created == run.calls.end()) {
         return;
@@ -424,15 +411,6 @@ void CompleteMove(const TracedRun& run, Expectation& expected, const std::string
     if (Succeeded(Find(run, "unlink", source))) {
         files.erase(source);
     }
-}
-
-std::string BytesOfLength(std::size_t length)
-{
-    std::string bytes;
-    for (std::size_t i = 0; i < length; ++i) {
-        bytes += static_cast<char>((i * 7 + i / 256) % 256);
-    }
-    return bytes;
 }
 
 enum class Destination { kNew, kOld };
@@ -515,8 +493,7 @@ void AddMoves(std::vector<Scenario>& scenarios, const TempDir& disk, const TempD
         "a directory", source, near, "", [=] { ASSERT_EQ(0, mkdir(source.c_str(), 0755)); }, kFalse);
     directory.complete = [=](const TracedRun& run, Expectation& expected) {
         if (Succeeded(Find(run, "stat", source))) {
-            expected.lines.push_back(
-                {messages::kRenameNotRegular, "RenameFileAcrossFs: " + source + " is not a regular file (0x4000)."});
+            expected.lines.push_back(messages::kRenameNotRegular(source, "4000"));
         }
     };
     scenarios.push_back(directory);
@@ -614,7 +591,7 @@ void CompleteRefusal(const TracedRun& run, Expectation& expected, const std::str
     }
     if (parent == "/") {
         expected.answer.result = kFalse;
-        expected.lines.push_back({messages::kWorkerParent, "DoMakeDirPath: Can't make directory in /"});
+        expected.lines.push_back(messages::kWorkerParent("/"));
     }
 }
 
@@ -626,7 +603,7 @@ void CompleteMakeDir(const TracedRun& run, Expectation& expected, const std::str
         CompleteRefusal(run, expected, path);
     }
     if (isEntryPoint && expected.answer.result == kFalse) {
-        expected.lines.push_back({messages::kMakeFailed, "MakeDirPath: Create '" + path + "' directory failed."});
+        expected.lines.push_back(messages::kMakeFailed(path));
     }
     for (const TracedCall& call : run.calls) {
         if (call.name == "mkdir" && !call.Failed()) {
@@ -685,15 +662,14 @@ void AddMakeDirs(std::vector<Scenario>& scenarios, const TempDir& disk)
     Scenario belowRoot = MakeDir("below the root", "/orv_test.missing", true, false, nothing);
     belowRoot.result = kFalse;
     belowRoot.complete = [](const TracedRun&, Expectation& expected) {
-        expected.lines = {{messages::kWorkerParent, "DoMakeDirPath: Can't make directory in /"},
-                          {messages::kMakeFailed, "MakeDirPath: Create '/orv_test.missing' directory failed."}};
+        expected.lines = {messages::kWorkerParent("/"), messages::kMakeFailed("/orv_test.missing")};
     };
     scenarios.push_back(belowRoot);
     Scenario tooLong = MakeDir("1025 bytes", std::string(1025, 'x'), true, false, nothing);
     tooLong.result = kFalse;
     tooLong.complete = [](const TracedRun& run, Expectation& expected) {
         EXPECT_TRUE(run.calls.empty());
-        expected.lines = {{messages::kMakeSize, "MakeDirPath: can't make path of unusual size: 1025"}};
+        expected.lines = {messages::kMakeSize(1025)};
     };
     scenarios.push_back(tooLong);
 }
@@ -794,82 +770,25 @@ void AddListings(std::vector<Scenario>& scenarios, const TempDir& disk, const Te
         "no directory", "", {nullptr, nullptr, false, true, false}, {}, [] {}, kFalse);
     unnamed.complete = [](const TracedRun& run, Expectation& expected) {
         EXPECT_TRUE(run.calls.empty());
-        expected.lines = {{messages::kListNoDirectory, "GetDirFileList: No directory specified."}};
+        expected.lines = {messages::kListNoDirectory()};
     };
     scenarios.push_back(unnamed);
 }
 
 // ---- Pages
 
-constexpr char kPageHeader[] =
-    "<KPX_PLD ua=\"none\" ln=\"1\" schema=\"1\" source=\"Tarnwick\" destination=\"HTML\" version=\"1\" "
-    "tagNestLevel=\"1\"> <!DOCTYPE HTML PUBLIC \"-//W3C//DTD HTML 4.01 Frameset//EN\" "
-    "\"http://www.w3.org/TR/html4/frameset.dtd\"><html><head><meta content=\"text/html; charset=utf-8\" "
-    "http-equiv=\"Content-Type\" ><meta http-equiv=\"refresh\" content=\"10\" > </head><body>";
-constexpr char kPageFooter[] = "</body></html></KPX_PLD>";
-
-std::vector<std::string> Pieces(const std::string& text, char delimiter)
-{
-    std::vector<std::string> pieces;
-    std::istringstream in(text);
-    for (std::string piece; std::getline(in, piece, delimiter);) {
-        pieces.push_back(piece);
-    }
-    return pieces.empty() ? std::vector<std::string>{""} : pieces;
-}
-
-std::string Cell(const std::string& text)
-{
-    return "<td>" + text + "</td>";
-}
-
-std::string PageModel(const std::string& text)
-{
-    std::string page = kPageHeader;
-    std::istringstream in(text);
-    for (std::string line; std::getline(in, line);) {
-        if (line.empty()) {
-            page += "<p></p>";
-            continue;
-        }
-        page += "<table  BORDER=2>";
-        for (const std::string& row : Pieces(line, ';')) {
-            const std::size_t colon = row.find(':');
-            page += "<tr>" + Cell(row.substr(0, colon));
-            for (const std::string& cell : Pieces(colon == std::string::npos ? row : row.substr(colon + 1), ',')) {
-                page += Cell(cell);
-            }
-            page += "</tr>";
-        }
-        page += "</table>";
-    }
-    return page + kPageFooter;
-}
-
-std::string TemporaryPageOf(pid_t child)
-{
-    return "/var/tmp/TextToHtml_" + std::to_string(child) + ".tmp";
-}
-
-// What a process of the same number may have left.
-void RemoveOwnTemporaryPage()
-{
-    (void)unlink(TemporaryPageOf(getpid()).c_str());
-}
-
 void CompletePage(const TracedRun& run, Expectation& expected, const std::string& text, const std::string& textBytes,
                   const std::string& page)
 {
-    const std::string temporary = TemporaryPageOf(run.child);
-    const std::string bytes = Written(run, temporary, PageModel(LinesDelivered(run, text, textBytes)));
+    const std::string temporary = oracle::TemporaryPage(run.child);
+    const std::string bytes = Written(run, temporary, oracle::Page(LinesDelivered(run, text, textBytes)));
     if (Succeeded(Find(run, "create", temporary))) {
         expected.files[temporary] = NewFile(0666 & ~Umask(), bytes);
     }
     const bool moved = expected.answer.result != kFalse;
     CompleteMove(run, expected, temporary, page, bytes, 0666 & ~Umask(), moved);
     if (!moved) {
-        expected.lines.push_back({messages::kPageMove, "GenHtmlPagefromTextFile: RenameFileAcrossFs(" + temporary +
-                                                           ", " + page + ") failed."});
+        expected.lines.push_back(messages::kPageMove(temporary, page));
     }
     expected.answer.result = "";
 }
@@ -887,7 +806,7 @@ Scenario Page(const std::string& name, const std::string& text, const std::strin
         return Answer{};
     };
     scenario.roleOf = [=](const std::string& path, pid_t child) {
-        return path == text ? "TEXT" : RoleInMove(path, TemporaryPageOf(child), page);
+        return path == text ? "TEXT" : RoleInMove(path, oracle::TemporaryPage(child), page);
     };
     scenario.complete = [=](const TracedRun& run, Expectation& expected) {
         CompletePage(run, expected, text, textBytes, page);
@@ -929,31 +848,15 @@ void AddPages(std::vector<Scenario>& scenarios, const TempDir& disk, const TempD
 
 // ---- Name-value files
 
-const std::map<std::string, std::string> kOldNameValues = {{"kept", "old"}, {"key 1", "old"}};
+const oracle::NameValues kOldNameValues = {{"kept", "old"}, {"key 1", "old"}};
 
-std::string Trimmed(const std::string& text)
+Answer AnswerOf(const std::string& result, const oracle::NameValues& nameValues)
 {
-    const std::size_t first = text.find_first_not_of(" \t");
-    return first == std::string::npos ? "" : text.substr(first, text.find_last_not_of(" \t") - first + 1);
-}
-
-std::vector<std::string> NameValueModel(const std::string& text)
-{
-    std::map<std::string, std::string> nameValues = kOldNameValues;
-    std::istringstream in(text);
-    for (std::string line; std::getline(in, line);) {
-        line = Trimmed(line);
-        if (line.empty() || line[0] == '#') {
-            continue;
-        }
-        const std::size_t at = line.find('=');
-        nameValues[Trimmed(line.substr(0, at))] = at == std::string::npos ? "" : Trimmed(line.substr(at + 1));
-    }
-    std::vector<std::string> items;
+    Answer answer{result, {}};
     for (const auto& [name, value] : nameValues) {
-        items.push_back(name + "=" + value);
+        answer.items.push_back(name + "=" + value);
     }
-    return items;
+    return answer;
 }
 
 Scenario NameValue(const std::string& name, const std::string& path, const std::string& bytes,
@@ -965,16 +868,14 @@ Scenario NameValue(const std::string& name, const std::string& path, const std::
     scenario.result = result;
     scenario.arrange = std::move(arrange);
     scenario.act = [=] {
-        std::map<std::string, std::string> nameValues = kOldNameValues;
-        Answer answer{BoolText(orv_fileutils::ReadNameValueFromFile(path, nameValues, '=', "#")), {}};
-        for (const auto& [key, value] : nameValues) {
-            answer.items.push_back(key + "=" + value);
-        }
-        return answer;
+        oracle::NameValues nameValues = kOldNameValues;
+        const bool read = orv_fileutils::ReadNameValueFromFile(path, nameValues, '=', "#");
+        return AnswerOf(BoolText(read), nameValues);
     };
     scenario.roleOf = [=](const std::string& callPath, pid_t) { return callPath == path ? "PATH" : callPath; };
     scenario.complete = [=](const TracedRun& run, Expectation& expected) {
-        expected.answer.items = NameValueModel(LinesDelivered(run, path, bytes));
+        const oracle::NameValues read = oracle::Read(LinesDelivered(run, path, bytes), '=', "#", kOldNameValues);
+        expected.answer = AnswerOf(expected.answer.result, read);
     };
     return scenario;
 }
@@ -1133,9 +1034,9 @@ Files FaultCampaignTest::FilesNow(pid_t child) const
             files[entry.path()] = StateOf(entry.path());
         }
     }
-    if (Exists(TemporaryPageOf(child))) {
-        files[TemporaryPageOf(child)] = StateOf(TemporaryPageOf(child));
-        (void)unlink(TemporaryPageOf(child).c_str());
+    if (Exists(oracle::TemporaryPage(child))) {
+        files[oracle::TemporaryPage(child)] = StateOf(oracle::TemporaryPage(child));
+        (void)unlink(oracle::TemporaryPage(child).c_str());
     }
     return files;
 }
@@ -1193,7 +1094,7 @@ TracedRun FaultCampaignTest::Check(const Scenario& scenario, const std::vector<F
     std::vector<Fault> all = scenario.always;
     all.insert(all.end(), faults.begin(), faults.end());
 
-    const TracedRun run = RunTraced(scenario.act, all, RemoveOwnTemporaryPage);
+    const TracedRun run = RunTraced(scenario.act, all);
 
     ++runs_;
     std::vector<std::string> problems;
@@ -1375,7 +1276,7 @@ TEST_F(FaultCampaignTest, AMoveGivesUpWhenEveryTemporaryNameIsTaken)
     std::string lastTry;
     crowded.complete = [&lastTry](const TracedRun& run, Expectation& expected) {
         lastTry = run.calls.back().paths.at(0);
-        expected.lines = {{messages::kRenameMkstemp, "RenameFileAcrossFs: mkstemp(" + lastTry + ") failed (17)."}};
+        expected.lines = {messages::kRenameMkstemp(lastTry, 17)};
     };
 
     const TracedRun run = Check(crowded, {{"create", 1, Fault::Kind::kError, EEXIST, 2 * kTries}});

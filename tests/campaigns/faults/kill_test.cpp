@@ -24,32 +24,13 @@
 #include <vector>
 
 #include "support/cases.h"
+#include "support/oracle.h"
 
 namespace {
 
 bool IsFull()
 {
     return std::getenv("ORV_FULL") != nullptr;
-}
-
-std::string BytesOfLength(std::size_t length)
-{
-    std::string bytes;
-    for (std::size_t i = 0; i < length; ++i) {
-        bytes += static_cast<char>((i * 7 + i / 256) % 256);
-    }
-    return bytes;
-}
-
-std::string TemporaryPageOf(pid_t child)
-{
-    return "/var/tmp/TextToHtml_" + std::to_string(child) + ".tmp";
-}
-
-// What a process of the same number may have left.
-void RemoveOwnTemporaryPage()
-{
-    (void)unlink(TemporaryPageOf(getpid()).c_str());
 }
 
 class KillTest : public TwoFileSystemsTest {
@@ -67,7 +48,7 @@ protected:
     {
         std::vector<std::string> found;
         for (const std::string& name : other_.Names()) {
-            if (name.size() == destination.size() + 7 && name.find(destination + "_") == 0) {
+            if (oracle::IsTemporaryCopy(name, destination)) {
                 found.push_back(name);
             }
         }
@@ -116,7 +97,7 @@ void KillEverywhere(const std::function<void()>& arrange, const std::function<An
                          std::to_string(call.occurrence));
             arrange();
 
-            const TracedRun run = RunTraced(body, {{call.name, call.occurrence, kind, 0, 1}}, RemoveOwnTemporaryPage);
+            const TracedRun run = RunTraced(body, {{call.name, call.occurrence, kind, 0, 1}});
 
             ++runs;
             ASSERT_EQ("", run.problem);
@@ -246,7 +227,7 @@ void KillTest::KillPages(const std::string& text, bool overAPage)
         },
         [&](const TracedRun& run) {
             // A page of its own for each process: the next one with this number empties it.
-            const std::string temporaryPage = TemporaryPageOf(run.child);
+            const std::string temporaryPage = oracle::TemporaryPage(run.child);
             EXPECT_TRUE(!Exists(temporaryPage) || whole.find(ReadFile(temporaryPage)) == 0);
             (void)unlink(temporaryPage.c_str());
             const bool isNew = Exists(page_) && ReadFile(page_) == whole;
@@ -258,7 +239,7 @@ void KillTest::KillPages(const std::string& text, bool overAPage)
 
             EXPECT_EQ(0U, TakeDlogCalls().size());
             EXPECT_EQ(whole, ReadFile(page_));
-            EXPECT_FALSE(Exists(TemporaryPageOf(getpid())));
+            EXPECT_FALSE(Exists(oracle::OwnTemporaryPage()));
         },
         runs_, kills_);
     std::printf("scenario: kill, page of %zu bytes%s: %d runs, %d faults\n", whole.size(),
@@ -720,9 +701,9 @@ TEST_F(KillTest, APageMadeAgainAndAgainAndKilledAtRandomTimesIsAlwaysWhole)
 
         EXPECT_EQ(whole, ReadFile(page_));
         EXPECT_GE(1U, Leftovers("page.html").size());
-        const bool leftAPage = Exists(TemporaryPageOf(worker.Child()));
+        const bool leftAPage = Exists(oracle::TemporaryPage(worker.Child()));
         halfway += leftAPage || !Leftovers("page.html").empty() ? 1 : 0;
-        (void)unlink(TemporaryPageOf(worker.Child()).c_str());
+        (void)unlink(oracle::TemporaryPage(worker.Child()).c_str());
         RemoveLeftovers("page.html");
     }
 

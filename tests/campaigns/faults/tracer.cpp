@@ -1,4 +1,5 @@
 #include "campaigns/faults/tracer.h"
+#include "support/oracle.h"
 
 #include <fcntl.h>
 #include <malloc.h>
@@ -491,15 +492,14 @@ TracedRun Tracer::Run()
 
 }  // namespace
 
-TracedRun RunTraced(const std::function<Answer()>& body, const std::vector<Fault>& faults,
-                    const std::function<void()>& prepare)
+TracedRun RunTraced(const std::function<Answer()>& body, const std::vector<Fault>& faults)
 {
     WarmUp();
     Shared().bytes = 0;
     (void)TakeDlogCalls();
     const pid_t child = fork();
     if (child == 0) {
-        prepare();
+        (void)unlink(oracle::OwnTemporaryPage().c_str());
         BeTraced(body);
     }
     TracedRun run = Tracer(child, faults).Run();

@@ -76,11 +76,9 @@ struct TracedRun {
     std::vector<std::string> descriptorsAfter;
 };
 
-// Calls `prepare` and then `body` in a child that is traced while it runs `body`. `body` may use the heap: it is large
-// enough from the start for no system call.
-TracedRun RunTraced(
-    const std::function<Answer()>& body, const std::vector<Fault>& faults,
-    const std::function<void()>& prepare = [] {});
+// Calls `body` in a child that is traced meanwhile. Removes a temporary page that an earlier process of the same number
+// has left. `body` may use the heap: it is large enough from the start for no system call.
+TracedRun RunTraced(const std::function<Answer()>& body, const std::vector<Fault>& faults);
 
 // True where a process may trace its children.
 bool CanTrace();

@@ -40,35 +40,6 @@ std::string TakeUpTo(char end, std::string& bytes)
     return taken;
 }
 
-std::vector<std::string> PiecesByModel(const std::string& text, char delimiter)
-{
-    std::vector<std::string> pieces(1);
-    for (std::size_t at = 0; at < text.size(); ++at) {
-        if (text[at] != delimiter) {
-            pieces.back() += text[at];
-        } else if (at + 1 < text.size()) {
-            pieces.emplace_back();
-        }
-    }
-    return pieces;
-}
-
-std::string TrimmedByModel(const std::string& text)
-{
-    std::string core;
-    std::string gap;  // white space that is inside only if something follows
-    for (const char byte : text) {
-        const bool white = byte == ' ' || (byte >= '\t' && byte <= '\r');
-        if (white) {
-            gap += core.empty() ? "" : std::string(1, byte);
-        } else {
-            core += gap + byte;
-            gap.clear();
-        }
-    }
-    return core;
-}
-
 MemoryFile::MemoryFile() : descriptor_(memfd_create("fuzz", MFD_CLOEXEC))
 {
     Require(descriptor_ != -1, "a file in memory can be created");

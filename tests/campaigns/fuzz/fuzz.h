@@ -1,5 +1,5 @@
-// What the fuzz targets share. A target takes any bytes, runs the library on them and on a model that was written
-// independently of it, and ends the process when the two differ. Run by libFuzzer (script/fuzz), and on the kept inputs
+// What the fuzz targets share. A target takes any bytes, compares what the library makes of them with the oracle, and
+// ends the process when the two differ. Run by libFuzzer (script/fuzz), and on the kept inputs
 // by replay.cpp in every build.
 #ifndef ORV_TESTS_FUZZ_H
 #define ORV_TESTS_FUZZ_H
@@ -8,6 +8,8 @@
 #include <cstdint>
 #include <string>
 #include <vector>
+
+#include "support/oracle.h"
 
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size);
 
@@ -19,12 +21,6 @@ int Reports();
 
 // Takes the bytes up to the first `end` off the front of `bytes`, and the `end` too; all of them where there is none.
 std::string TakeUpTo(char end, std::string& bytes);
-
-// The pieces of `text`: each delimiter ends one, and so does the end of the text, unless a delimiter was the last byte.
-std::vector<std::string> PiecesByModel(const std::string& text, char delimiter);
-
-// The text without white space at both ends.
-std::string TrimmedByModel(const std::string& text);
 
 // A file in memory with a path.
 class MemoryFile {

@@ -3,26 +3,6 @@
 #include "LxFileUtils.h"
 #include "fuzz.h"
 
-#include <map>
-
-namespace {
-
-using NameValues = std::map<std::string, std::string>;
-
-void ReadByModel(std::string bytes, char delimiter, const std::string& commentPrefix, NameValues& nameValues)
-{
-    while (!bytes.empty()) {
-        std::string value = TrimmedByModel(TakeUpTo('\n', bytes));
-        const bool comment = !commentPrefix.empty() && value.find(commentPrefix) == 0;
-        if (!value.empty() && !comment) {
-            const std::string name = TrimmedByModel(TakeUpTo(delimiter, value));
-            nameValues[name] = TrimmedByModel(value);
-        }
-    }
-}
-
-}  // namespace
-
 int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size)
 {
     static const MemoryFile file;
@@ -33,14 +13,13 @@ int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size)
     std::string bytes(data + 1, data + size);
     const std::string commentPrefix = TakeUpTo('\n', bytes);
     file.Write(bytes);
-    NameValues nameValues = {{"", "old"}, {"a", "old"}, {"other entry", "old"}};
-    NameValues expected = nameValues;
-    ReadByModel(bytes, delimiter, commentPrefix, expected);
+    oracle::NameValues nameValues = {{"", "old"}, {"a", "old"}, {"other entry", "old"}};
+    const oracle::NameValues expected = oracle::Read(bytes, delimiter, commentPrefix, nameValues);
 
     const bool read = orv_fileutils::ReadNameValueFromFile(file.Path(), nameValues, delimiter, commentPrefix);
 
     Require(read, "every file of bytes can be read");
-    Require(nameValues == expected, "the entries are those of the model");
+    Require(nameValues == expected, "the entries are those of the oracle");
     Require(Reports() == 0, "nothing is reported");
     return 0;
 }

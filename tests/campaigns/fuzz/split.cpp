@@ -13,8 +13,8 @@ int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size)
 
     LxStringUtils::Split(text, delimiter, pieces);
 
-    std::vector<std::string> expected = PiecesByModel(text, delimiter);
+    std::vector<std::string> expected = oracle::Pieces(text, delimiter);
     expected.insert(expected.begin(), "before");
-    Require(pieces == expected, "the pieces are those of the model, behind what the vector held");
+    Require(pieces == expected, "the pieces are those of the oracle, after what the vector held");
     return 0;
 }

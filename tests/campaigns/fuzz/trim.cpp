@@ -9,6 +9,6 @@ int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size)
 
     LxStringUtils::Trim(trimmed);
 
-    Require(trimmed == TrimmedByModel(text), "the trimmed text is that of the model");
+    Require(trimmed == oracle::Trimmed(text), "the trimmed text is that of the oracle");
     return 0;
 }

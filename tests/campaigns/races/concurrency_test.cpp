@@ -340,13 +340,13 @@ TEST_F(ThreadsTest, AllFunctionsWorkAtOnceOnAllThreadsAndThePageOnOne)
 
     std::map<std::string, int> lines;
     for (const DlogCall& call : TakeDlogCalls()) {
-        EXPECT_EQ(messages::kRenameStat, call.format);
+        EXPECT_EQ(messages::kRenameStat.format, call.format);
         ++lines[call.text];
     }
     std::map<std::string, int> expectedLines;
     for (int thread = 0; thread < threads; ++thread) {
         const std::string file = dir_ / ("file " + std::to_string(thread));
-        expectedLines["RenameFileAcrossFs: stat(" + file + ") failed (2)."] = rounds;
+        expectedLines[messages::kRenameStat(file, 2).text] = rounds;
     }
     EXPECT_EQ(expectedLines, lines);
     EXPECT_EQ((std::vector<std::string>{"listed", "made", "settings", "table"}), dir_.Names());

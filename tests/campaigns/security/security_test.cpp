@@ -3,6 +3,7 @@
 #include "LxFileUtils.h"
 #include "support/faults.h"
 #include "support/messages.h"
+#include "support/oracle.h"
 #include "support/orv_test.h"
 
 #include <pthread.h>
@@ -154,7 +155,7 @@ TEST_F(ForeignTextTest, APathStandsInALineAsItIsAndIsNeverAFormat)
 
     EXPECT_FALSE(orv_fileutils::RenameFileAcrossFs(path, dir_ / "destination"));
 
-    ExpectReports({{messages::kRenameStat, "RenameFileAcrossFs: stat(" + path + ") failed (2)."}});
+    ExpectReports({messages::kRenameStat(path, 2)});
 }
 
 std::atomic<int> signals{0};
@@ -194,7 +195,7 @@ public:
 class PlantedFifoTest : public OrvTest {
 protected:
     PlantedFifoTest()
-        : temporary_("/var/tmp/TextToHtml_" + std::to_string(getpid()) + ".tmp"),
+        : temporary_(oracle::OwnTemporaryPage()),
           table_(dir_.Write("table", "Port 1:up;\n")),
           page_(dir_.Write("page", "old"))
     {
@@ -203,10 +204,7 @@ protected:
 
     void ExpectRefusal() const
     {
-        ExpectReports(
-            {{messages::kRenameNotRegular, "RenameFileAcrossFs: " + temporary_ + " is not a regular file (0x1000)."},
-             {messages::kPageMove,
-              "GenHtmlPagefromTextFile: RenameFileAcrossFs(" + temporary_ + ", " + page_ + ") failed."}});
+        ExpectReports({messages::kRenameNotRegular(temporary_, "1000"), messages::kPageMove(temporary_, page_)});
         EXPECT_EQ("old", ReadFile(page_));
         EXPECT_EQ(0, unlink(temporary_.c_str()));
     }

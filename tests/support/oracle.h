@@ -1,0 +1,47 @@
+// What the library must answer, written once and in other ways than the library's: the expected result of unit tests,
+// campaigns and fuzzers. orv_oracle writes what the Python tests need of it to a file. What is expected of the examples
+// in data/ was written by hand; unit/oracle_test.cpp compares both, so that an error made twice shows.
+#ifndef ORV_TESTS_ORACLE_H
+#define ORV_TESTS_ORACLE_H
+
+#include <sys/types.h>
+
+#include <map>
+#include <string>
+#include <vector>
+
+namespace oracle {
+
+// ---- Strings
+
+std::vector<std::string> Pieces(const std::string& text, char delimiter);
+bool IsWhiteSpace(char byte);
+std::string Trimmed(const std::string& text);
+bool Matches(const std::string& text, const std::string& pattern);
+
+// ---- Tables and pages
+
+std::string Row(const std::vector<std::string>& cells);
+std::string TableMarkup(const std::string& line);
+std::string Page(const std::string& tableFile);  // of a file that holds these bytes
+
+extern const char kPageHeader[];
+extern const char kPageFooter[];
+constexpr std::size_t kPageHeaderBytes = 340;
+
+// ---- Name-value files
+
+using NameValues = std::map<std::string, std::string>;
+
+// What is in the map after a file of these bytes was read into `before`.
+NameValues Read(const std::string& bytes, char delimiter, const std::string& commentPrefix, NameValues before);
+
+// ---- Names of temporary files
+
+std::string TemporaryPage(pid_t process);
+std::string OwnTemporaryPage();
+bool IsTemporaryCopy(const std::string& path, const std::string& destination);
+
+}  // namespace oracle
+
+#endif  // ORV_TESTS_ORACLE_H
