@@ -8,6 +8,8 @@
 #include <string>
 #include <vector>
 
+// Exported also where -fvisibility=hidden is the default.
+#pragma GCC visibility push(default)
 namespace dlog_memory {
 
 /// The number of lines that are kept unless SetLimit is called.
@@ -34,5 +36,6 @@ void Clear();
 void SetLimit(std::size_t lines);
 
 }  // namespace dlog_memory
+#pragma GCC visibility pop
 
 #endif  // ORV_DLOG_MEMORY_H

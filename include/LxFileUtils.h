@@ -25,6 +25,8 @@
 #include <string>
 #include <vector>
 
+// Exported also where -fvisibility=hidden is the default.
+#pragma GCC visibility push(default)
 namespace orv_fileutils {
 
 /// Returns whether `path` names an existing regular file. Symbolic links are followed.
@@ -283,5 +285,6 @@ bool ReadNameValueFromFile(const std::string& filePath, std::map<std::string, st
                            const std::string& commentPrefix);
 
 }  // namespace orv_fileutils
+#pragma GCC visibility pop
 
 #endif  // ORV_LX_FILE_UTILS_H

@@ -7,6 +7,8 @@
 #include <string>
 #include <vector>
 
+// Exported also where -fvisibility=hidden is the default.
+#pragma GCC visibility push(default)
 namespace LxStringUtils {
 
 /// Splits `text` at each `delimiter` and appends the pieces to `pieces`, in order, empty pieces included.
@@ -44,5 +46,6 @@ bool StartsWith(const std::string& text, const std::string& prefix);
 bool WildcardedStringMatch(const std::string& text, const std::string& pattern);
 
 }  // namespace LxStringUtils
+#pragma GCC visibility pop
 
 #endif  // ORV_LX_STRING_UTILS_H

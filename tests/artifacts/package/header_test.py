@@ -109,7 +109,7 @@ def own_text(preprocessed, file_name):
         mark = re.match(r'# \d+ "(.*)"', line)
         if mark:
             inside = os.path.basename(mark[1]) == file_name
-        elif inside:
+        elif inside and not line.startswith("#"):  # such as #pragma
             own.append(line)
     return " ".join(" ".join(own).split())
 

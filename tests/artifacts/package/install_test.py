@@ -8,7 +8,8 @@
   install_test.py pkg_config       make and each pkg-config, with an installation that was moved
   install_test.py sysroot          each pkg-config with an installation staged by DESTDIR
   install_test.py system_paths     each pkg-config with an installation below /usr
-  install_test.py add_subdirectory the library's sources as a part of the project's
+  install_test.py add_subdirectory the library's sources as a part of a project that hides symbols and optimises at
+                                   link time
   install_test.py tool             the installed orvfile runs where it was moved
 """
 
@@ -212,6 +213,7 @@ def system_paths(installation):
 
 def add_subdirectory(installation):
     string_abi = [] if installation.options.cxx11_abi else ["-DORV_CXX11_ABI=OFF"]
+    installation.options.compiler += ["-fvisibility=hidden", "-flto"]
     run(*installation.configure(f"-DORV_SOURCE={orv_test.ROOT}", *string_abi))
     run(installation.options.cmake, "--build", os.path.join(installation.project, "build"))
     return installation.check_programs(os.path.join(installation.project, "build"))
