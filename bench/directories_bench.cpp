@@ -1,4 +1,4 @@
-// Making directory paths and listing directories.
+// Benchmarks of making directory paths and listing directories.
 
 #include "LxFileUtils.h"
 #include "support/bench.h"
@@ -42,7 +42,7 @@ const mode_t kMode = 0755;
 
 // ---- Making paths
 
-// Paths of which each call makes another one. With no levels to make, each is there already.
+// Paths; each call makes another one. If there are no levels to make, the path exists.
 struct Paths : Fixture {
     ScratchDir dir;
     std::vector<std::string> paths;
@@ -74,8 +74,8 @@ struct Paths : Fixture {
     }
 };
 
-// The system calls that the contract lists: a status query of the path, then of each parent up to one that exists, and
-// a mkdir for each level down again.
+// The system calls of MakeDirPath: a status call for the path, then for each parent up to one that exists, and a mkdir
+// for each level on the way down.
 bool FloorMakePath(const char* path)
 {
     struct stat status;
@@ -135,12 +135,12 @@ void AddMakePath(std::size_t levels, long calls)
 // ---- Listings
 
 struct Filter {
-    std::string include;  // empty for none, like an empty pattern
+    std::string include;  // no pattern if empty
     std::string exclude;
     bool withPath = false;
 };
 
-// A directory, with the names of a device's spool in no order.
+// A directory with the names of a device's spool directory, unsorted.
 struct Directory : Fixture {
     std::string path;
     Filter filter;
@@ -164,7 +164,7 @@ void MakeFiles(const std::string& path, std::size_t files)
     }
 }
 
-// What the directory holds, name by name, to whoever gathers it.
+// Calls a function for each name in the directory.
 template <typename Gather>
 bool ReadNames(const Directory& directory, const Gather& gather)
 {
@@ -181,7 +181,7 @@ bool ReadNames(const Directory& directory, const Gather& gather)
     return true;
 }
 
-// The two patterns of the workloads, matched by hand: the least that a filter can cost.
+// Matches the two patterns of the workloads by hand: the least possible cost of a filter.
 bool FloorWants(const Filter& filter, const char* name, std::size_t bytes)
 {
     const std::string_view text(name, bytes);
@@ -191,7 +191,7 @@ bool FloorWants(const Filter& filter, const char* name, std::size_t bytes)
            (prefix.empty() || text.substr(0, prefix.size()) != prefix);
 }
 
-// A name in the block of all names. Its first bytes, as numbers, decide most comparisons.
+// A name in the block of all names. Most comparisons need only its first bytes, as a number.
 struct NameKey {
     std::uint64_t first = 0;
     std::uint64_t second = 0;
@@ -212,7 +212,7 @@ struct NameKey {
     static constexpr std::size_t kHeadBytes = 16;
 };
 
-// The container floor: names gathered in one block and sorted by their keys, then a list made once, in order.
+// The floor: gathers the names in one block, sorts them by their keys, and then makes the list in order.
 std::list<std::string> FloorList(const Directory& directory)
 {
     std::string block;
@@ -255,7 +255,7 @@ bool PeerWants(const Filter& filter, const char* name)
            (filter.exclude.empty() || fnmatch(filter.exclude.c_str(), name, 0) != 0);
 }
 
-// scandir(3) gives its function no argument but the entry. In the C locale alphasort compares bytes.
+// scandir(3) passes only the entry to its function. In the C locale, alphasort compares bytes.
 const Directory* scanned = nullptr;
 
 int IsWantedByScan(const struct dirent* entry)
@@ -263,7 +263,7 @@ int IsWantedByScan(const struct dirent* entry)
     return entry->d_type == DT_REG && PeerWants(scanned->filter, entry->d_name) ? 1 : 0;
 }
 
-// What scandir(3) returns.
+// The result of scandir(3).
 class Scan {
 public:
     explicit Scan(const Directory& directory) : directory_(&directory)
@@ -304,13 +304,13 @@ std::string Text(const Scan& scan)
     return bench::Text(scan.Names());
 }
 
-// With paths the strings have to be made as well.
+// With paths, strings must be made too.
 std::vector<std::string> ScanWithPath(const Directory& directory)
 {
     return Scan(directory).Names();
 }
 
-// std::filesystem and Boost.Filesystem alike.
+// For both std::filesystem and Boost.Filesystem.
 template <typename Iterator>
 std::vector<std::string> ListByIterator(const Directory& directory)
 {
@@ -328,7 +328,7 @@ std::vector<std::string> ListByIterator(const Directory& directory)
     return names;
 }
 
-// Has `sort` write to a file, for someone has to take the names.
+// Lets `sort` write to a file, because something must read the names.
 struct FoundDirectory : Directory {
     ScratchDir dir;
 
@@ -351,7 +351,7 @@ struct FoundDirectory : Directory {
     }
 };
 
-// What the shell's command wrote.
+// The output of the shell's command.
 struct FoundNames {
     const FoundDirectory* directory;
 };

@@ -1,10 +1,11 @@
 #!/usr/bin/env python3
-"""Runs the benchmark program in rounds and says how this library stands beside its floor and its peers.
+"""Runs the benchmark program in rounds, and compares this library with the floor and with other libraries ("peers").
 
-Each measurement is a process of its own. A round measures every contender once, those of a workload one after the
-other, so that whatever else the machine does strikes them alike; what counts is the median, over the rounds, of the
-ratios within a round. All figures are CPU time. Files lie in memory: below /dev/shm, and where a second file system is
-needed in /var/tmp, which is a tmpfs of this run alone if mounting is allowed.
+The floor is the least possible cost: code written by hand for one purpose, with the same result. Each measurement is a
+process of its own. A round measures every contender once, those of a workload one after the other, so that other load
+on the machine affects them alike. The results are medians of the ratios of each round. All figures are CPU time. Files
+are in memory: below /dev/shm and, if a second file system is needed, in /var/tmp. If mounting is allowed, that is a
+tmpfs for this run only.
 """
 
 import argparse
@@ -24,12 +25,12 @@ import time
 
 ROOT = pathlib.Path(__file__).resolve().parent.parent
 STORED_COUNTS = ROOT / "bench" / "instructions.txt"
-GROWN = 1.02  # more instructions than that are reported
-PROFILED = 0.03  # functions with a smaller share are not printed
+GROWN = 1.02  # a count that grows by more than this factor is reported
+PROFILED = 0.03  # functions with a smaller share of the instructions are not printed
 OTHER_PARENT = "/var/tmp"
-PRIVATE = "ORV_BENCH_PRIVATE"  # in the environment: /var/tmp is this run's own
+PRIVATE = "ORV_BENCH_PRIVATE"  # set in the environment if /var/tmp is mounted for this run only
 
-# Peers that are compiled in where their packages are installed.
+# Peers that are compiled in if their packages are installed.
 OPTIONAL_PEERS = {"Abseil": "libabsl-dev", "Boost": "libboost-filesystem-dev", "GLib": "libglib2.0-dev",
                   "inih": "libinih-dev"}
 
@@ -96,7 +97,7 @@ class Workload:
 
 
 def ratios(ours, other):
-    """The ratio in each round."""
+    """Returns the ratio of each round."""
     return [a / b for a, b in zip(ours.nanoseconds, other.nanoseconds)]
 
 
@@ -193,7 +194,7 @@ def in_words(nanoseconds):
 
 
 def table(header, rows):
-    """A Markdown table that is readable as text, too."""
+    """Returns a Markdown table that is also readable as text."""
     widths = [max(len(str(row[i])) for row in [header, *rows]) for i in range(len(header))]
     lines = ["| " + " | ".join(str(cell).ljust(width) for cell, width in zip(row, widths)) + " |"
              for row in [header, *rows]]
@@ -278,7 +279,7 @@ def write_results(workloads, facts, directory):
     }, indent=1) + "\n")
     print(text.split("\n\n## All contenders")[0])
     print(f"\nEvery contender: {directory / 'results.md'}, {directory / 'results.json'}. "
-          "\"!\" marks what misses its aim.")
+          "\"!\" marks ratios that miss their aim.")
 
 
 def missing_peers(contenders):
@@ -299,12 +300,12 @@ def choose(runner, arguments):
         if re.search(arguments.filter, contender.workload) and not (arguments.quick and contender.heavy):
             by_workload.setdefault(contender.workload, []).append(contender)
     if not by_workload:
-        fail(f"no workload fits {arguments.filter}")
+        fail(f"no workload matches {arguments.filter}")
     return [Workload(name, group) for name, group in by_workload.items()]
 
 
 def exactly(workloads):
-    """A filter that fits these and no others."""
+    """Returns a filter that matches exactly these workloads."""
     return "^(" + "|".join(re.escape(w.name) for w in workloads) + ")/"
 
 
@@ -320,7 +321,7 @@ def check_and_measure(runner, workloads, arguments):
 
 def benchmark(runner, arguments):
     workloads = choose(runner, arguments)
-    if arguments.quick:  # nobody looks at its times
+    if arguments.quick:  # its times are not used
         with Runner(arguments.program) as other, concurrent.futures.ThreadPoolExecutor() as pool:
             halves = [(runner, workloads[::2]), (other, workloads[1::2])]
             list(pool.map(lambda half: check_and_measure(*half, arguments), halves))
@@ -335,13 +336,13 @@ def benchmark(runner, arguments):
 
 
 class Dump:
-    """What callgrind counted in one call: instructions by function, without those of the functions it calls."""
+    """The counts of callgrind for one call: instructions by function, without those of called functions."""
 
     def __init__(self, text, names):
         self.name = re.search(r"^desc: Trigger: Client Request: (.*)$", text, re.MULTILINE).group(1)
         self.functions = collections.Counter()
         function = None
-        of_a_call = False  # the next figure counts what a called function took, and stands with that one, too
+        of_a_call = False  # the next figure counts a called function, which has its own entry
         for line in text.splitlines():
             if match := re.match(r"c?fn=\((\d+)\)(?: (.*))?$", line):
                 if match.group(2):
@@ -358,7 +359,7 @@ class Dump:
 
 
 def count_instructions(runner, pattern, directory):
-    """The dumps by name of contender, and the names of the functions, which the first dump that meets one gives."""
+    """Returns the dumps by contender, and the names of functions; only the first dump with a function names it."""
     directory.mkdir(parents=True, exist_ok=True)
     for old in directory.glob("callgrind.out*"):
         old.unlink()
@@ -412,7 +413,7 @@ def instructions(runner, arguments):
     print(table(("workload", "instructions", "ours/floor", "stored", "change"), rows))
     left_out = [w.name for w in workloads if w.name not in counts]
     if left_out:
-        print("Not counted, for they take too long: " + ", ".join(left_out))
+        print("Not counted, because they take too long: " + ", ".join(left_out))
     if arguments.profile:
         for dump in dumps.values():
             print_profile(dump, names)
@@ -427,7 +428,7 @@ def instructions(runner, arguments):
 
 
 def be_private():
-    """As root, gives this run a /var/tmp of its own, in memory: the pages' temporary files go there."""
+    """As root, mounts a tmpfs on /var/tmp for this run only: temporary pages are written there."""
     if os.environ.get(PRIVATE) or os.geteuid() != 0 or str(ROOT).startswith(OTHER_PARENT + "/"):
         return
     mount = "mount -t tmpfs -o mode=1777,size=50% orv-bench " + OTHER_PARENT
@@ -443,18 +444,18 @@ def parse():
     parser.add_argument("--program", default=ROOT / "build" / "bench" / "bench" / "orv_bench", type=pathlib.Path,
                         help="the benchmark program")
     parser.add_argument("--output", default=ROOT / "build" / "bench", type=pathlib.Path,
-                        help="directory of results.md and results.json")
+                        help="directory for results.md and results.json")
     parser.add_argument("--filter", default="", metavar="REGEX",
-                        help="only workloads that it is found in, such as ^list/ or page/rows:10$")
-    parser.add_argument("--rounds", type=int, default=None, metavar="N", help="5 if not given")
+                        help="run only workloads that match, such as ^list/ or page/rows:10$")
+    parser.add_argument("--rounds", type=int, default=None, metavar="N", help="number of rounds (default 5)")
     parser.add_argument("--quick", action="store_true",
-                        help="about a minute: one short round, and not the longest workloads")
+                        help="one short round, without the longest workloads; takes a minute")
     parser.add_argument("--list", action="store_true", help="list the contenders")
     parser.add_argument("--instructions", action="store_true",
                         help="count instructions and compare them with bench/instructions.txt")
     parser.add_argument("--store", action="store_true", help="with --instructions: write that file")
     parser.add_argument("--profile", action="store_true",
-                        help="with --instructions: print in which functions they are")
+                        help="with --instructions: print the functions that execute them")
     arguments = parser.parse_args()
     if arguments.rounds is None:
         arguments.rounds = 1 if arguments.quick else 5

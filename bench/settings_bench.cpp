@@ -1,4 +1,4 @@
-// Reading name-value files.
+// Benchmarks of reading name-value files.
 
 #include "LxFileUtils.h"
 #include "support/bench.h"
@@ -34,7 +34,7 @@ struct Settings : Fixture {
     std::string file;
 };
 
-// One line in ten is a comment, and values hold blanks, as people write them.
+// One line in ten is a comment, and values contain blanks, as in files that people write.
 void MakeSettings(const std::string& path, std::size_t lines, std::size_t names, Order order, const char* firstLine)
 {
     std::vector<std::size_t> numbers(lines);
@@ -73,7 +73,7 @@ std::string_view Trimmed(const char* start, const char* end)
     return {start, static_cast<std::size_t>(end - start)};
 }
 
-// The container floor fills the map by hand: the place of the last entry is tried before the map is searched.
+// The floor fills the map by hand: it compares with the last entry before it searches the map.
 class MapFiller {
 public:
     explicit MapFiller(Map& map) : map_(map), last_(map.end())
@@ -114,14 +114,14 @@ void FloorLine(MapFiller& filler, const char* start, const char* end)
     filler.Set(Trimmed(line.data(), nameEnd), Trimmed(value, lineEnd));
 }
 
-// Reads in the blocks of a stream.
+// Reads blocks of the size that a stream uses.
 Map FloorRead(const Settings& settings)
 {
     Map map;
     MapFiller filler(map);
     const int file = open(settings.file.c_str(), O_RDONLY);
     char block[BUFSIZ - 1];
-    std::string line;  // the part of a line that an earlier block held
+    std::string line;  // the part of a line that was in an earlier block
     ssize_t got = 0;
     while ((got = read(file, block, sizeof block)) > 0) {
         const char* at = block;
@@ -146,7 +146,7 @@ Map FloorRead(const Settings& settings)
     return map;
 }
 
-// What a program would write by hand.
+// Code that a program would write by hand.
 Map StreamRead(const Settings& settings)
 {
     const char* const kBlanks = " \t\n\v\f\r";
@@ -236,7 +236,7 @@ void AddReading(const std::string& name, std::size_t lines, std::size_t names, O
     });
 #endif
 #ifdef ORV_BENCH_GLIB
-    // It insists on a group, and is a container of its own.
+    // GKeyFile requires a group, and has a container of its own.
     Add(
         workload, "GKeyFile", [makeWith] { return makeWith("_group", kGroupLine); },
         [](const Settings& settings) {

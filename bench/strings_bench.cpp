@@ -1,4 +1,4 @@
-// The string operations: wildcard match, split, trim.
+// Benchmarks of the string operations: wildcard match, split, trim.
 
 #include "LxStringUtils.h"
 #include "support/bench.h"
@@ -45,7 +45,7 @@ struct Match {
     std::string pattern;
 };
 
-// One call matches all of them. The result tells each outcome, so none is left out.
+// One call matches all of them. The result depends on each match, so the compiler cannot omit any.
 struct Matches : Fixture {
     std::vector<Match> all;
 };
@@ -62,7 +62,7 @@ std::string MatchAll(const Matches& matches, const One& one)
     return results;
 }
 
-// File names and patterns as they occur.
+// Typical file names and patterns.
 Matches TypicalNames()
 {
     const char* const patterns[] = {"*.log",         "event_*", "*_7?.txt", "trace_*.bak",
@@ -94,8 +94,8 @@ bool SegmentFits(const char* text, const char* segment, std::size_t bytes)
     return true;
 }
 
-// The first place from `text` to `end` where the segment fits, or null. The search goes by the segment's first plain
-// byte; a long segment of plain bytes is left to memmem, whose time is linear.
+// Returns the first match of the segment between `text` and `end`, or null. It searches for the first plain byte of the
+// segment. memmem, whose time is linear, searches for a long segment of plain bytes.
 const char* FindSegment(const char* text, const char* end, const char* segment, std::size_t bytes)
 {
     const std::size_t kLong = 16;
@@ -125,8 +125,8 @@ const char* FindSegment(const char* text, const char* end, const char* segment, 
     return nullptr;
 }
 
-// The floor: what stands before the first star and behind the last one has one place only; each segment between stars
-// belongs at the first place where it fits.
+// The floor: the text before the first star and after the last one can match at one place only; each segment between
+// stars is placed at its leftmost match.
 bool FloorMatch(const std::string& textString, const std::string& patternString)
 {
     const char* text = textString.data();
@@ -146,7 +146,7 @@ bool FloorMatch(const std::string& textString, const std::string& patternString)
             return false;
         }
     }
-    while (++pattern < patternEnd) {  // behind a star; the next one ends the segment
+    while (++pattern < patternEnd) {  // after a star; the next star ends the segment
         const char* star = pattern;
         while (*star != '*') {
             ++star;
@@ -241,7 +241,7 @@ Line LineOfPieces(std::size_t pieces)
     return line;
 }
 
-// How often `byte` occurs, eight bytes at a time.
+// Counts `byte`, eight bytes at a time.
 std::size_t CountOf(const std::string& text, char byte)
 {
     const std::uint64_t kOnes = 0x0101010101010101;
@@ -253,8 +253,8 @@ std::size_t CountOf(const std::string& text, char byte)
     for (; at + sizeof sought <= text.size(); at += sizeof sought) {
         std::uint64_t word = 0;
         std::memcpy(&word, text.data() + at, sizeof word);
-        word ^= sought;                                                      // zero bytes where it stands
-        const std::uint64_t high = ~(((word & kLow) + kLow) | word | kLow);  // their highest bits, and no others
+        word ^= sought;                                                      // bytes that are equal become zero
+        const std::uint64_t high = ~(((word & kLow) + kLow) | word | kLow);  // the highest bit of each zero byte
         count += ((high >> 7U) * kOnes) >> 56U;
     }
     return count +
@@ -326,7 +326,7 @@ void FloorTrim(std::string& text)
     text.resize(bytes);
 }
 
-// Each call starts by setting `work` to the text again; all contenders pay for that.
+// Each call first sets `work` to the text again; this costs all contenders the same.
 struct Trimming : Fixture {
     std::string text;
     std::string work;

@@ -1,4 +1,4 @@
-// Table rows, and pages made from table files.
+// Benchmarks of table rows, and of pages made from table files.
 
 #include "LxFileUtils.h"
 #include "support/bench.h"
@@ -98,7 +98,7 @@ const char kHeader[] =
     "<meta http-equiv=\"refresh\" content=\"10\" > </head><body>";
 const char kFooter[] = "</body></html></KPX_PLD>";
 
-// A table file, and beside the pages' temporary directory the place of the page, so that a rename brings it there.
+// A table file, and a path for the page on the file system of the temporary page, so that the page is renamed.
 struct Page : Fixture {
     std::string textFile;
     std::string page = "/var/tmp/orv-bench-page-" + std::to_string(getpid());
@@ -135,7 +135,7 @@ void MakeTables(const std::string& path, std::size_t tables, std::size_t rows, s
     }
 }
 
-// The page floor: the text is read in a stream's blocks, and what comes out of it goes through a block of that size.
+// The floor: reads the text in blocks of the size that a stream uses, and writes the page in blocks of that size.
 class PageWriter {
 public:
     explicit PageWriter(int descriptor) : descriptor_(descriptor)
@@ -180,7 +180,7 @@ private:
     char block_[BUFSIZ - 1];
 };
 
-// The rest of a row, split at ",": an empty rest is one empty cell, an empty piece at the end is none.
+// Splits the rest of a row at ",". An empty rest is one empty cell; an empty piece at the end is not a cell.
 void FloorCells(PageWriter& page, const char* rest, const char* end)
 {
     do {
@@ -223,7 +223,7 @@ void FloorLine(PageWriter& page, const char* line, const char* end)
 void FloorLines(PageWriter& page, int text)
 {
     char block[BUFSIZ - 1];
-    std::string line;  // the part of a line that an earlier block held
+    std::string line;  // the part of a line that was in an earlier block
     ssize_t got = 0;
     while ((got = read(text, block, sizeof block)) > 0) {
         const char* at = block;
@@ -265,7 +265,7 @@ bool FloorPage(const Page& paths)
            rename(paths.temp.c_str(), paths.page.c_str()) == 0;
 }
 
-// What a program would write by hand, with the streams alone: string streams cut the lines, ...
+// Code that a program would write by hand, with streams only: string streams split the lines, ...
 void StringStreamTable(std::ostream& page, const std::string& line)
 {
     page << "<table  BORDER=2>";
@@ -293,7 +293,7 @@ void StringStreamTable(std::ostream& page, const std::string& line)
     page << "</table>";
 }
 
-// ... or the strings' own search does, and views spare the copies.
+// ... or std::string::find does, and views avoid copies.
 void ViewTable(std::ostream& page, std::string_view line)
 {
     page << "<table  BORDER=2>";

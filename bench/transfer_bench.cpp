@@ -1,4 +1,4 @@
-// Moving, copying and testing files.
+// Benchmarks of moving, copying and testing files.
 
 #include "LxFileUtils.h"
 #include "support/bench.h"
@@ -48,7 +48,7 @@ std::string SizeName(std::size_t bytes)
 
 // ---- Moves
 
-// A file that each call moves, there and back in turn.
+// A file that each call moves, in turns there and back.
 struct Move : Fixture {
     ScratchDir dir;
     std::string from;
@@ -87,7 +87,7 @@ bool FloorMoveSame(const std::string& from, const std::string& to)
     return stat(from.c_str(), &status) == 0 && S_ISREG(status.st_mode) && rename(from.c_str(), to.c_str()) == 0;
 }
 
-// The copies: all bytes from one descriptor to another.
+// Ways to copy all bytes from one descriptor to another.
 bool CopyBlocks(int from, int to, char* block, std::size_t blockBytes)
 {
     for (;;) {
@@ -126,7 +126,7 @@ bool CopyOpen(int from, int to, bool (*copy)(int, int))
     return copied;
 }
 
-// The system calls that the contract of the move lists, with any way to copy.
+// The system calls of RenameFileAcrossFs, with any way to copy.
 bool MoveAcross(const std::string& from, const std::string& to, bool (*copy)(int, int))
 {
     struct stat status;
@@ -217,12 +217,12 @@ void AddMoveAcross(std::size_t bytes)
             return !error && fs::remove(from, error);
         });
     });
-    // Boost.Filesystem is left out: its copy_file does not cross file systems in every version (1.74).
+    // Not Boost.Filesystem: its copy_file does not copy to another file system in every version (1.74).
 }
 
 // ---- Copies
 
-// A file that each call copies over an earlier copy of it.
+// A file that each call copies onto its earlier copy.
 struct Copy : Fixture {
     ScratchDir dir;
     std::string from;
@@ -250,7 +250,7 @@ bool CopyFileBy(const Copy& files, bool (*copy)(int, int))
 
 void AddCopy(std::size_t bytes)
 {
-    constexpr std::size_t kStreamBlockBytes = BUFSIZ - 1;  // what a file stream reads at a time
+    constexpr std::size_t kStreamBlockBytes = BUFSIZ - 1;  // the size of a read of a file stream
 
     const Workload workload = {"copy/file:" + SizeName(bytes), static_cast<double>(bytes), "byte"};
     const auto make = [bytes] { return Copy(bytes); };

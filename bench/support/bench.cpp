@@ -1,4 +1,4 @@
-// The benchmark program: what to run and how, on top of Google Benchmark.
+// The benchmark program, which uses Google Benchmark.
 
 #include "support/bench.h"
 
@@ -77,7 +77,7 @@ struct Options {
     std::string only;
 };
 
-// Takes our own options out of the arguments.
+// Removes our own options from the arguments.
 Options ParseOptions(int& argc, char** argv)
 {
     Options options;
@@ -134,7 +134,7 @@ const Contender& FloorOf(const Workload& workload)
     std::exit(1);
 }
 
-// Whether all contenders achieve what the floor of their workload does.
+// Checks that all contenders have the same result as the floor of their workload.
 bool Check(const std::vector<const Contender*>& chosen)
 {
     bool same = true;
@@ -182,7 +182,7 @@ void Measure(const std::vector<const Contender*>& chosen, int argc, char** argv)
 
 int Run(int argc, char** argv)
 {
-    (void)setenv("GIO_USE_VFS", "local", 1);  // GLib without helpers that are threads and processes
+    (void)setenv("GIO_USE_VFS", "local", 1);  // keeps GLib from starting threads and processes
     AddTransfers();
     AddDirectories();
     AddStrings();

@@ -1,6 +1,6 @@
 /// @file
-/// The frame of the benchmarks. A workload ("move/across:4096") is one piece of work; its contenders do it in different
-/// ways: this library ("ours"), the least that the work takes ("floor"), and what else a program could call.
+/// The common code of the benchmarks. A workload ("move/across:4096") is one piece of work. Its contenders do it in
+/// different ways: this library ("ours"), the least possible cost ("floor"), and what a program could call instead.
 #ifndef ORV_BENCH_H
 #define ORV_BENCH_H
 
@@ -21,24 +21,24 @@
 
 namespace bench {
 
-/// What is measured, whoever does it.
+/// A piece of work, for all contenders.
 struct Workload {
-    std::string name;       // FAMILY/WORK, or FAMILY/WORK:SIZE where sizes are swept
+    std::string name;       // FAMILY/WORK, or FAMILY/WORK:SIZE if there are several sizes
     double units = 1;       // of work in one call
-    std::string unit;       // what they are: "call", "byte", "entry", "line"
-    long calls = 0;         // fixed number of calls in one measurement; 0 lets the clock decide
-    bool heavy = false;     // seconds a call: fewer rounds, and left out of the quick form
-    bool inMemory = false;  // its peak of memory is measured, too
+    std::string unit;       // "call", "byte", "entry" or "line"
+    long calls = 0;         // number of calls in one measurement; 0: as many as fit into the time
+    bool heavy = false;     // a call takes seconds: fewer rounds, and not in the quick form
+    bool inMemory = false;  // its peak memory is measured too
 };
 
 struct Contender {
     Workload workload;
-    std::string name;                                // "ours", "floor", or the peer's
-    bool process = false;                            // starts processes: their CPU time counts, not our own
-    std::function<std::string()> outcome;            // makes one call and tells what it achieved
+    std::string name;                                // "ours", "floor", or the name of another library
+    bool process = false;                            // starts processes, whose CPU time is measured
+    std::function<std::string()> outcome;            // makes one call and returns its result as text
     std::function<void(benchmark::State&)> measure;  // the timed loop
-    std::function<long()> peak;  // makes one call and tells by how many bytes the peak of memory grew
-    std::function<void(const std::string&)> count;  // makes one call under callgrind, whose counts get that name
+    std::function<long()> peak;                      // makes one call and returns the growth of peak memory in bytes
+    std::function<void(const std::string&)> count;   // makes one call under callgrind and gives the counts this name
 
     [[nodiscard]] std::string FullName() const
     {
@@ -46,16 +46,16 @@ struct Contender {
     }
 };
 
-/// All contenders; those of one workload stand together.
+/// All contenders; those of one workload are adjacent.
 std::vector<Contender>& Contenders();
 
-/// What a call achieved, as text to be compared with what the floor achieved.
+/// Converts the result of a call to text, which is compared with that of the floor.
 inline std::string Text(bool result)
 {
     return result ? "true\n" : "false\n";
 }
 
-/// For calls whose outcome shows in the fixture alone.
+/// For calls whose result is only in the fixture.
 struct Done {};
 
 inline std::string Text(Done)
@@ -98,23 +98,23 @@ inline std::string Text(const std::map<std::string, std::string>& result)
     return text;
 }
 
-/// The base of fixtures: what the calls work on, made before the clock starts.
+/// The base class of fixtures. A fixture contains the data of the calls and is made before the clock starts.
 struct Fixture {
-    /// What a call left behind besides its result, such as the content of a file.
+    /// Returns what a call changed besides its result, such as the content of a file.
     [[nodiscard]] static std::string After()
     {
         return {};
     }
 };
 
-/// CPU time of all child processes that have ended, in seconds.
+/// Returns the CPU time of all child processes that have ended, in seconds.
 double ChildSeconds();
 
-/// Peak of memory of this process, in bytes, since the last call of ForgetPeak.
+/// Returns the peak memory of this process since the last call of ForgetPeak, in bytes.
 long Peak();
 void ForgetPeak();
 
-/// What callgrind counts lies between these two.
+/// callgrind counts between these two calls.
 inline void StartCount()
 {
 #ifdef ORV_BENCH_VALGRIND
@@ -125,12 +125,12 @@ inline void StartCount()
 inline void EndCount([[maybe_unused]] const char* name)
 {
 #ifdef ORV_BENCH_VALGRIND
-    CALLGRIND_DUMP_STATS_AT(name);  // first: stopping forgets the counts
+    CALLGRIND_DUMP_STATS_AT(name);  // first, because stopping clears the counts
     CALLGRIND_STOP_INSTRUMENTATION;
 #endif
 }
 
-/// Makes one call as a program would make it: its result is used and destroyed.
+/// Makes one call as a program would: uses the result and destroys it.
 template <typename Fixture, typename Run>
 void Call(Fixture& fixture, const Run& run)
 {
@@ -138,7 +138,7 @@ void Call(Fixture& fixture, const Run& run)
     benchmark::DoNotOptimize(result);
 }
 
-/// Adds a contender: `make()` gives its fixture, `run(fixture)` is the call that is measured.
+/// Adds a contender: `make()` returns its fixture, `run(fixture)` is the call that is measured.
 template <typename Make, typename Run>
 Contender& Add(const Workload& workload, const std::string& name, Make make, Run run)
 {
@@ -165,7 +165,7 @@ Contender& Add(const Workload& workload, const std::string& name, Make make, Run
     };
     contender.count = [make, run](const std::string& countName) {
         auto fixture = make();
-        Call(fixture, run);  // symbols get resolved, buffers their size
+        Call(fixture, run);  // resolves symbols and lets buffers grow
         StartCount();
         Call(fixture, run);
         EndCount(countName.c_str());
@@ -174,7 +174,7 @@ Contender& Add(const Workload& workload, const std::string& name, Make make, Run
     return Contenders().back();
 }
 
-/// Adds a contender that is a program of its own: `run(fixture)` starts it and waits for its end.
+/// Adds a contender that is a program: `run(fixture)` starts it and waits until it ends.
 template <typename Make, typename Run>
 void AddProcess(const Workload& workload, const std::string& name, Make make, Run run)
 {
@@ -197,7 +197,7 @@ void AddStrings();
 void AddTables();
 void AddTransfers();
 
-/// Runs a program, found along PATH; false unless it ends well.
+/// Runs a program, which is searched for in PATH. Returns true if its exit status is 0.
 bool RunProgram(const std::vector<std::string>& arguments);
 
 }  // namespace bench

@@ -33,7 +33,7 @@ std::string MakeTempDir(const std::string& parent)
     return path;
 }
 
-// A directory that the environment names, or one of this process.
+// A directory that the environment names, or a new one of this process.
 class RootDir {
 public:
     RootDir(const char* variable, const char* parent)

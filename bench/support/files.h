@@ -1,5 +1,5 @@
 /// @file
-/// Directories and files that the workloads need. Large ones are made once and shared by all processes of a run.
+/// Directories and files for the workloads. Large ones are made once and shared by all processes of a run.
 #ifndef ORV_BENCH_FILES_H
 #define ORV_BENCH_FILES_H
 
@@ -9,14 +9,14 @@
 
 namespace bench {
 
-/// A directory of the file system that the workloads use: the one named by ORV_BENCH_DIR, where a driver has it shared
-/// by several processes, otherwise one of our own below /dev/shm that goes when the program ends.
+/// The directory of the workloads: ORV_BENCH_DIR, which run.py sets and several processes share, or otherwise a new one
+/// below /dev/shm, which is removed when the program ends.
 const std::string& WorkDir();
 
-/// The same on another file system: ORV_BENCH_OTHER_DIR, or below /var/tmp. The program ends if it is not another one.
+/// The same on another file system: ORV_BENCH_OTHER_DIR, or below /var/tmp. The program fails if it is the same one.
 const std::string& OtherDir();
 
-/// A new empty directory below WorkDir(), removed with all it holds by the destructor.
+/// A new, empty directory below WorkDir(). The destructor removes it with everything in it.
 class ScratchDir {
 public:
     ScratchDir();
@@ -32,16 +32,16 @@ private:
     std::string path_;
 };
 
-/// The path of a file or directory of that name below WorkDir(), which `make(path)` makes unless an earlier call or
-/// process has.
+/// Returns the path of a file or directory of that name below WorkDir(). If no earlier call or process has made it,
+/// `make(path)` makes it.
 std::string Shared(const std::string& name, const std::function<void(const std::string& path)>& make);
 
 void WriteFile(const std::string& path, std::string_view content);
 
-/// `bytes` bytes that do not repeat soon.
+/// Returns `bytes` bytes with a long period.
 std::string SomeBytes(std::size_t bytes);
 
-/// Stands for a file's content in comparisons: size and hash, or that there is none.
+/// Describes the content of a file for comparisons: its size and hash, or that it does not exist.
 std::string Digest(const std::string& path);
 
 }  // namespace bench
