@@ -42,6 +42,8 @@ void Keep(std::string line)
     if (line.size() > kMaxLineBytes) {
         line.resize(kMaxLineBytes - (sizeof kCut - 1));
         line += kCut;
+    }
+    if (line.capacity() > kMaxLineBytes) {  // it grew by doubling
         line.shrink_to_fit();
     }
     Memory& memory = TheMemory();

@@ -1,5 +1,8 @@
 #include "support/new_fault.h"
 
+#include <malloc.h>
+
+#include <atomic>
 #include <cstddef>
 #include <cstdlib>
 #include <new>
@@ -7,6 +10,7 @@
 namespace {
 
 thread_local int allocationsToFailure = 0;  // the next one is 1; 0: none is to fail
+std::atomic<std::size_t> bytesInUse(0);
 
 }  // namespace
 
@@ -25,6 +29,11 @@ bool ScopedNewFault::Fired() const
     return allocationsToFailure == 0;
 }
 
+std::size_t BytesInUse()
+{
+    return bytesInUse;
+}
+
 void* operator new(std::size_t bytes)
 {
     if (allocationsToFailure > 0 && --allocationsToFailure == 0) {
@@ -34,15 +43,17 @@ void* operator new(std::size_t bytes)
     if (block == nullptr) {
         throw std::bad_alloc();
     }
+    bytesInUse += malloc_usable_size(block);
     return block;
 }
 
 void operator delete(void* block) noexcept
 {
+    bytesInUse -= malloc_usable_size(block);
     std::free(block);
 }
 
 void operator delete(void* block, std::size_t) noexcept
 {
-    std::free(block);
+    operator delete(block);
 }

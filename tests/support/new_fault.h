@@ -1,7 +1,10 @@
-// Fails allocations of the calling thread by operator new, also in programs that run with a sanitizer. The program that
-// links this replaces operator new; those of the C library are not failed (see heap.h).
+// Fails allocations of the calling thread by operator new, and counts the bytes of all threads, also in programs that
+// run with a sanitizer. The program that links this replaces operator new; what the C library allocates is left alone
+// (see heap.h).
 #ifndef ORV_TESTS_NEW_FAULT_H
 #define ORV_TESTS_NEW_FAULT_H
+
+#include <cstddef>
 
 // While it lives, the `nth` (1-based) allocation throws std::bad_alloc. Read Fired() to learn whether there was such a
 // one: a sweep ends where there is none.
@@ -14,5 +17,8 @@ public:
 
     bool Fired() const;
 };
+
+// The bytes from operator new that are in use.
+std::size_t BytesInUse();
 
 #endif  // ORV_TESTS_NEW_FAULT_H

@@ -132,6 +132,19 @@ TEST_F(DlogMemoryTest, CutsALineThatIsLongerThanTheBound)
     EXPECT_THAT(dlog_memory::Lines(), ElementsAre(start + fits, start + fits.substr(0, fits.size() - 3) + "..."));
 }
 
+TEST_F(DlogMemoryTest, TakesNoMoreMemoryThanLinesOfTheGreatestSize)
+{
+    const std::size_t kPageBytes = 4096;  // to which some libraries round the size of a string
+    const std::string longest(dlog_memory::kMaxLineBytes - std::string("[3] tag: ").size(), 'm');
+    const std::string tooLong(1 << 20, 'm');
+    const std::size_t before = BytesInUse();
+
+    __dlog_printf(3, "tag", "%s", longest.c_str());
+    __dlog_printf(3, "tag", "%s", tooLong.c_str());
+
+    EXPECT_LE(BytesInUse() - before, 2 * (dlog_memory::kMaxLineBytes + kPageBytes));
+}
+
 TEST_F(DlogMemoryTest, PreservesErrno)
 {
     errno = EXDEV;
