@@ -5,9 +5,16 @@
 #include "orv/dlog.h"
 #include "support/new_fault.h"
 
+#include <malloc.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
 #include <cerrno>
 #include <cstddef>
+#include <cstdio>
 #include <cstdlib>
+#include <cstring>
+#include <functional>
 #include <set>
 #include <string>
 #include <thread>
@@ -21,6 +28,41 @@ using ::testing::IsEmpty;
 
 namespace {
 
+void Report(std::size_t number)
+{
+    __dlog_printf(3, "tag", "%zu", number);
+}
+
+// Of this program, the last object that is destroyed: it is made before main, so before the log's own objects.
+struct LastObject {
+    bool reports = false;
+
+    ~LastObject()
+    {
+        if (reports) {
+            Report(7);
+            const bool areKept = dlog_memory::Lines() == std::vector<std::string>{"[3] tag: 1", "[3] tag: 7"};
+            std::_Exit(areKept ? 0 : 1);
+        }
+    }
+} lastObject;
+
+// The log as the program finds it.
+struct AtStart {
+    unsigned long total = dlog_memory::Total();
+    std::size_t limit = 0;
+
+    AtStart()
+    {
+        for (std::size_t number = 0; number < 1000; ++number) {
+            Report(number);
+        }
+        limit = dlog_memory::Lines().size();
+    }
+};
+
+const AtStart atStart;
+
 class DlogMemoryTest : public ::testing::Test {
 protected:
     void SetUp() override
@@ -29,11 +71,6 @@ protected:
         dlog_memory::Clear();
     }
 };
-
-void Report(std::size_t number)
-{
-    __dlog_printf(3, "tag", "%zu", number);
-}
 
 TEST_F(DlogMemoryTest, KeepsALineForEachReportInOrder)
 {
@@ -61,6 +98,13 @@ TEST_F(DlogMemoryTest, EscapesControlCharactersAndBackslashes)
     EXPECT_THAT(dlog_memory::Lines(), ElementsAre("[3] t\\ng: a\\n[3] forged\\\\\\x1b\\x7f"));
 }
 
+TEST_F(DlogMemoryTest, EscapesANulInTheMessage)
+{
+    __dlog_printf(3, "tag", "a%cb", '\0');
+
+    EXPECT_THAT(dlog_memory::Lines(), ElementsAre("[3] tag: a\\x00b"));
+}
+
 TEST_F(DlogMemoryTest, DropsTheOldestBeyondTheLimitAndCountsThemStill)
 {
     dlog_memory::SetLimit(2);
@@ -75,6 +119,7 @@ TEST_F(DlogMemoryTest, DropsTheOldestBeyondTheLimitAndCountsThemStill)
 
 TEST_F(DlogMemoryTest, KeepsAHundredLinesUnlessTold)
 {
+    EXPECT_EQ(100U, atStart.limit);
     for (std::size_t number = 0; number < 101; ++number) {
         Report(number);
     }
@@ -83,6 +128,11 @@ TEST_F(DlogMemoryTest, KeepsAHundredLinesUnlessTold)
     ASSERT_EQ(100U, lines.size());
     EXPECT_EQ("[3] tag: 1", lines.front());
     EXPECT_EQ("[3] tag: 100", lines.back());
+}
+
+TEST_F(DlogMemoryTest, CountsFromZero)
+{
+    EXPECT_EQ(0U, atStart.total);
 }
 
 TEST_F(DlogMemoryTest, ALowerLimitDropsOldLinesAtOnceAndAHigherOneBringsNoneBack)
@@ -130,6 +180,12 @@ TEST_F(DlogMemoryTest, CutsALineThatIsLongerThanTheBound)
     __dlog_printf(3, "tag", "%sx", fits.c_str());
 
     EXPECT_THAT(dlog_memory::Lines(), ElementsAre(start + fits, start + fits.substr(0, fits.size() - 3) + "..."));
+}
+
+TEST_F(DlogMemoryTest, HasTheBoundsThatUsersCountOn)
+{
+    EXPECT_EQ(100U, dlog_memory::kDefaultLimit);
+    EXPECT_EQ(16384U, dlog_memory::kMaxLineBytes);
 }
 
 TEST_F(DlogMemoryTest, TakesNoMoreMemoryThanLinesOfTheGreatestSize)
@@ -182,6 +238,36 @@ TEST_F(DlogMemoryTest, TakesReportsOfSeveralThreadsWhileOthersRead)
     EXPECT_EQ(expected.size(), dlog_memory::Total());
 }
 
+// A thread for each function: so no lock of another function orders what this one does, and ThreadSanitizer finds a
+// function that takes none.
+TEST_F(DlogMemoryTest, EachFunctionMayRunWhileOthersDo)
+{
+    const std::vector<std::function<void(std::size_t)>> functions = {
+        Report,
+        Report,
+        [](std::size_t) { EXPECT_GE(200U, dlog_memory::Lines().size()); },
+        [](std::size_t) { EXPECT_GE(1000U, dlog_memory::Total()); },
+        [](std::size_t) { dlog_memory::Clear(); },
+        [](std::size_t round) { dlog_memory::SetLimit(round % 200); },
+    };
+
+    std::vector<std::thread> threads;
+    for (const auto& function : functions) {
+        threads.emplace_back([&function] {
+            for (std::size_t round = 0; round < 500; ++round) {
+                function(round);
+            }
+        });
+    }
+    for (std::thread& thread : threads) {
+        thread.join();
+    }
+
+    dlog_memory::Clear();
+    EXPECT_THAT(dlog_memory::Lines(), IsEmpty());
+    EXPECT_EQ(0U, dlog_memory::Total());
+}
+
 TEST_F(DlogMemoryTest, CountsWhatIsLostForLackOfMemory)
 {
     const std::string text(100, 't');
@@ -203,24 +289,21 @@ TEST_F(DlogMemoryTest, CountsWhatIsLostForLackOfMemory)
     EXPECT_GE(failures, 2) << "the message and the line are allocated";
 }
 
-// Reports when static objects are destroyed, which is after everything else.
-struct ReportsAtTheEnd {
-    ~ReportsAtTheEnd()
-    {
-        Report(7);
-        std::_Exit(dlog_memory::Lines().back() == "[3] tag: 7" ? 0 : 1);
-    }
-};
-
 TEST_F(DlogMemoryTest, TakesReportsUntilTheProcessEnds)
 {
-    EXPECT_EXIT(
-        {
-            static const ReportsAtTheEnd last;
-            Report(1);
-            std::exit(2);
-        },
-        ::testing::ExitedWithCode(0), "");
+    std::fflush(nullptr);
+    const pid_t child = fork();
+    if (child == 0) {
+        mallopt(M_PERTURB, 0x5a);  // so that what is destroyed does not look as before
+        Report(1);
+        lastObject.reports = true;
+        std::exit(2);
+    }
+    int status = -1;
+    EXPECT_EQ(child, waitpid(child, &status, 0)) << std::strerror(errno);
+
+    EXPECT_TRUE(WIFEXITED(status));
+    EXPECT_EQ(0, WEXITSTATUS(status));
 }
 
 }  // namespace

@@ -8,6 +8,7 @@
 #include <sched.h>
 #include <sys/mount.h>
 #include <sys/socket.h>
+#include <sys/time.h>
 #include <sys/un.h>
 #include <sys/wait.h>
 #include <syslog.h>
@@ -20,7 +21,9 @@
 #include <ctime>
 #include <fstream>
 #include <functional>
+#include <set>
 #include <string>
+#include <thread>
 #include <vector>
 
 #include "gmock/gmock.h"
@@ -61,6 +64,8 @@ int BindDevLog()
     address.sun_family = AF_UNIX;
     std::strcpy(address.sun_path, "/dev/log");
     EXPECT_EQ(0, bind(descriptor, reinterpret_cast<const sockaddr*>(&address), sizeof address)) << std::strerror(errno);
+    const struct timeval patience = {60, 0};
+    EXPECT_EQ(0, setsockopt(descriptor, SOL_SOCKET, SO_RCVTIMEO, &patience, sizeof patience)) << std::strerror(errno);
     return descriptor;
 }
 
@@ -73,13 +78,20 @@ std::string WithoutTime(const std::string& packet)
     return rest == nullptr ? packet : packet.substr(0, start) + "TIME" + rest;
 }
 
+// Takes a packet; empty when none comes in.
+std::string NextPacket(int descriptor, int flags = 0)
+{
+    char packet[4096];
+    const ssize_t bytes = recv(descriptor, packet, sizeof packet, flags);
+    return bytes < 0 ? "" : WithoutTime(std::string(packet, static_cast<std::size_t>(bytes)));
+}
+
 // Takes the packets that have come in.
 std::vector<std::string> Packets(int descriptor)
 {
     std::vector<std::string> packets;
-    char packet[4096];
-    for (ssize_t bytes; (bytes = recv(descriptor, packet, sizeof packet, MSG_DONTWAIT)) >= 0;) {
-        packets.push_back(WithoutTime(std::string(packet, static_cast<std::size_t>(bytes))));
+    for (std::string packet; !(packet = NextPacket(descriptor, MSG_DONTWAIT)).empty();) {
+        packets.push_back(packet);
     }
     return packets;
 }
@@ -175,6 +187,40 @@ TEST(DlogSyslogTest, PreservesErrnoAlsoWhereNobodyListens)
         errno = EXDEV;
         __dlog_printf(3, "tag", "not heard");
         EXPECT_EQ(EXDEV, errno);
+    });
+}
+
+TEST(DlogSyslogTest, SendsTheReportsOfSeveralThreadsWhole)
+{
+    EXPECT_WITH_DEV_LOG([](int log) {
+        const int kThreads = 4;
+        const int kReports = 100;
+        const std::string filler(300, '.');
+        openlog("t", 0, LOG_USER);
+
+        std::vector<std::thread> threads;
+        for (int thread = 0; thread < kThreads; ++thread) {
+            threads.emplace_back([&filler, thread] {
+                for (int report = 0; report < kReports; ++report) {
+                    __dlog_printf(thread, "tag", "%s %d", filler.c_str(), report);
+                }
+            });
+        }
+        std::multiset<std::string> packets;
+        std::multiset<std::string> expected;
+        for (int thread = 0; thread < kThreads; ++thread) {
+            for (int report = 0; report < kReports; ++report) {
+                packets.insert(NextPacket(log));
+                expected.insert("<" + std::to_string(8 + thread) + ">TIME t: tag: " + filler + " " +
+                                std::to_string(report));
+            }
+        }
+        for (std::thread& thread : threads) {
+            thread.join();
+        }
+
+        EXPECT_EQ(expected, packets);
+        EXPECT_THAT(Packets(log), ElementsAre());
     });
 }
 
