@@ -16,9 +16,9 @@ endfunction()
 # ends with 77 when it was skipped.
 function(orv_add_python_test name script)
   orv_add_test(${name} ${Python3_EXECUTABLE} -B ${CMAKE_CURRENT_SOURCE_DIR}/${script} ${ARGN})
-  set_tests_properties(
-    ${name} PROPERTIES SKIP_RETURN_CODE 77
-                       ENVIRONMENT "PYTHONPATH=${PROJECT_SOURCE_DIR}/tests/support;ORV_VERSION=${PROJECT_VERSION}")
+  set(environment PYTHONPATH=${PROJECT_SOURCE_DIR}/tests/support ORV_VERSION=${PROJECT_VERSION}
+                  ORV_ORACLE=${CMAKE_RUNTIME_OUTPUT_DIRECTORY}/oracle.json)
+  set_tests_properties(${name} PROPERTIES SKIP_RETURN_CODE 77 ENVIRONMENT "${environment}")
 endfunction()
 
 # orv_discover_tests(PROGRAM): each of its tests in a process of its own.

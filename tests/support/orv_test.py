@@ -37,7 +37,7 @@ def finish(problems):
 
 
 def run_unittests():
-    """Runs the unittest cases of the program. ORV_UNITTEST in the environment has options such as -f, or names of tests."""
+    """Runs the unittest cases of the program. ORV_UNITTEST in the environment holds options (-f) or names of tests."""
     options = os.environ.get("ORV_UNITTEST", "").split()
     result = unittest.main(argv=[sys.argv[0], *options], verbosity=2, exit=False).result
     if not result.wasSuccessful() or (result.skipped and not MAY_SKIP):

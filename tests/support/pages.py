@@ -4,14 +4,6 @@ import ctypes
 import html.parser
 import os
 
-HEADER = (
-    b'<KPX_PLD ua="none" ln="1" schema="1" source="Tarnwick" destination="HTML" version="1" tagNestLevel="1"> '
-    b'<!DOCTYPE HTML PUBLIC "-//W3C//DTD HTML 4.01 Frameset//EN" "http://www.w3.org/TR/html4/frameset.dtd">'
-    b'<html><head><meta content="text/html; charset=utf-8" http-equiv="Content-Type" >'
-    b'<meta http-equiv="refresh" content="10" > </head><body>'
-)
-FOOTER = b"</body></html></KPX_PLD>"
-
 ALL_BYTES = bytes(byte for byte in range(1, 256) if byte != ord("/"))
 HOSTILE_NAMES = [
     *(b"a%cb" % byte for byte in b"&<>\";,:\r\n'"),

@@ -13,7 +13,8 @@ import subprocess
 import threading
 
 import fslab
-from fslab import MOVE, TEMPORARY, file, material, read, shape, tree, write
+from fslab import MOVE, file, material, read, shape, tree, write
+from oracle import ANY_SUFFIX, LINES, PAGE_FOOTER, PAGE_HEADER, temporary_page
 
 BLOCK = 4096
 CONTENT = material(10000)
@@ -56,7 +57,7 @@ class Setting:
             after = tree(self.source_dir), tree(self.destination_dir)
             self.lab.check(f"{self.claim}: nothing changed", after, before)
 
-    def fails(self, *report, **paths):
+    def fails(self, report, **paths):
         """The move gives false with this line, and nothing has changed."""
         self.move("0", report, **paths)
 
@@ -144,8 +145,8 @@ def bind_socket(path):
 def fails_to_replace(s, error, destination=None):
     """The kernel refuses to rename onto the destination: at once, or with the finished copy."""
     target = destination or s.destination
-    source = s.source if s.checked else target + TEMPORARY
-    s.fails(fslab.RENAME, MOVE, source, target, error, destination=destination)
+    source = s.source if s.checked else target + ANY_SUFFIX
+    s.fails(LINES.RenameRename(source, target, error), destination=destination)
 
 
 def copied_destinations(s):
@@ -194,20 +195,20 @@ def copied_destinations(s):
 
 def trailing_slashes(s):
     s.begin("slash behind the source")
-    s.fails(fslab.STAT, MOVE, s.source + "/", errno.ENOTDIR, source=s.source + "/")
+    s.fails(LINES.RenameStat(s.source + "/", errno.ENOTDIR), source=s.source + "/")
 
     target = s.destination + "/"
     s.begin("slash behind a missing destination")
     if s.checked:
-        s.fails(fslab.RENAME, MOVE, s.source, target, errno.ENOTDIR, destination=target)
+        s.fails(LINES.RenameRename(s.source, target, errno.ENOTDIR), destination=target)
     else:
-        s.fails(fslab.MKSTEMP, MOVE, target + TEMPORARY, errno.ENOENT, destination=target)
+        s.fails(LINES.RenameMkstemp(target + ANY_SUFFIX, errno.ENOENT), destination=target)
 
     s.begin("slash behind a file", old=OLD)
     if s.checked:
-        s.fails(fslab.RENAME, MOVE, s.source, target, errno.ENOTDIR, destination=target)
+        s.fails(LINES.RenameRename(s.source, target, errno.ENOTDIR), destination=target)
     else:
-        s.fails(fslab.MKSTEMP, MOVE, target + TEMPORARY, errno.ENOTDIR, destination=target)
+        s.fails(LINES.RenameMkstemp(target + ANY_SUFFIX, errno.ENOTDIR), destination=target)
 
     s.begin("slash behind a directory")
     os.mkdir(s.destination)
@@ -224,36 +225,36 @@ def long_names(s):
             s.move("1", destination=target)
             s.destination_holds({name: file(CONTENT)})
         elif s.renames or s.checked and length > 255:
-            s.fails(fslab.RENAME, MOVE, s.source, target, errno.ENAMETOOLONG, destination=target)
+            s.fails(LINES.RenameRename(s.source, target, errno.ENAMETOOLONG), destination=target)
         else:
-            s.fails(fslab.MKSTEMP, MOVE, target + TEMPORARY, errno.ENAMETOOLONG, destination=target)
+            s.fails(LINES.RenameMkstemp(target + ANY_SUFFIX, errno.ENAMETOOLONG), destination=target)
 
 
 def loops(s):
     s.begin("loop of links: source")
     loop = os.path.join(s.source_dir, "loop")
     os.symlink("loop", loop)
-    s.fails(fslab.STAT, MOVE, loop, errno.ELOOP, source=loop)
+    s.fails(LINES.RenameStat(loop, errno.ELOOP), source=loop)
     s.lab.expect(s.claim, s.caller.call("FileExists", loop), "0")
     s.lab.expect(s.claim, s.caller.call("CopyFile", loop, s.destination), "-1")
     s.lab.expect(s.claim, s.caller.call("GetDirFileList", loop, "", "", "0", "1"), "0",
-                 (fslab.LIST_OPEN, "GetDirFileList", loop, errno.ELOOP))
+                 LINES.ListOpen(loop, errno.ELOOP))
     s.lab.expect(s.claim, s.caller.call("ReadNameValueFromFile", loop, "=", ""), "0",
-                 (fslab.NAME_VALUE_OPEN, "ReadNameValueFromFile", loop))
+                 LINES.NameValueOpen(loop))
 
     s.begin("loop of links: destination's directory")
     loop = os.path.join(s.destination_dir, "loop")
     os.symlink("loop", loop)
     target = os.path.join(loop, "new")
     # The kernel walks to both directories before it compares their file systems.
-    s.fails(fslab.RENAME, MOVE, s.source, target, errno.ELOOP, destination=target)
+    s.fails(LINES.RenameRename(s.source, target, errno.ELOOP), destination=target)
     s.lab.expect(s.claim, s.caller.call("MakeDirPath", target, "755", "0"), "0",
-                 (fslab.MKDIR, "DoMakeDirPath", target, os.strerror(errno.ELOOP)),
-                 (fslab.MAKE_FAILED, "MakeDirPath", target))
+                 LINES.WorkerMkdir(target, os.strerror(errno.ELOOP)),
+                 LINES.MakeFailed(target))
 
     s.begin("missing directory of the destination")
     target = os.path.join(s.destination_dir, "missing", "new")
-    s.fails(fslab.RENAME, MOVE, s.source, target, errno.ENOENT, destination=target)
+    s.fails(LINES.RenameRename(s.source, target, errno.ENOENT), destination=target)
 
 
 # ---- Protected files
@@ -270,9 +271,9 @@ def busy(s):
     s.begin("busy source")
     s.lab.run("mount", "--bind", cover, s.source)
     if s.checked:
-        s.fails(fslab.RENAME, MOVE, s.source, s.destination, errno.EBUSY)
+        s.fails(LINES.RenameRename(s.source, s.destination, errno.EBUSY))
     else:
-        s.move("1", (fslab.UNLINK, MOVE, s.source, errno.EBUSY))
+        s.move("1", LINES.RenameUnlink(s.source, errno.EBUSY))
         s.destination_holds({"new": file(b"cover")})
     s.lab.umount(s.source)
     s.source_holds({"f": file(CONTENT)})
@@ -292,9 +293,9 @@ def sticky(s, nobody):
     os.chmod(asked.source_dir, 0o1777)
     os.chmod(asked.destination_dir, 0o777)
     if s.checked:
-        asked.fails(fslab.RENAME, MOVE, asked.source, asked.destination, errno.EPERM)
+        asked.fails(LINES.RenameRename(asked.source, asked.destination, errno.EPERM))
     else:
-        asked.move("1", (fslab.UNLINK, MOVE, asked.source, errno.EPERM))
+        asked.move("1", LINES.RenameUnlink(asked.source, errno.EPERM))
         asked.source_holds({"f": file(CONTENT)})
         asked.destination_holds({"new": file(CONTENT)})
     for directory in (s.source_dir, s.destination_dir):
@@ -304,9 +305,9 @@ def sticky(s, nobody):
     os.chmod(asked.source_dir, 0o777)
     os.chmod(asked.destination_dir, 0o555)
     if s.checked:
-        asked.fails(fslab.RENAME, MOVE, asked.source, asked.destination, errno.EACCES)
+        asked.fails(LINES.RenameRename(asked.source, asked.destination, errno.EACCES))
     else:
-        asked.fails(fslab.MKSTEMP, MOVE, asked.destination + TEMPORARY, errno.EACCES)
+        asked.fails(LINES.RenameMkstemp(asked.destination + ANY_SUFFIX, errno.EACCES))
     asked.copy("-3")
     for directory in (s.source_dir, s.destination_dir):
         os.chmod(directory, 0o755)
@@ -321,9 +322,9 @@ def immutable_source(s):
     if not chattr("+i", s.source):
         return False
     if s.checked:
-        s.fails(fslab.RENAME, MOVE, s.source, s.destination, errno.EPERM)
+        s.fails(LINES.RenameRename(s.source, s.destination, errno.EPERM))
     else:
-        s.move("1", (fslab.UNLINK, MOVE, s.source, errno.EPERM))
+        s.move("1", LINES.RenameUnlink(s.source, errno.EPERM))
         s.destination_holds({"new": file(CONTENT)})
     s.source_holds({"f": file(CONTENT)})
     chattr("-i", s.source)
@@ -337,20 +338,20 @@ def immutable_destination(s):
     fails_to_replace(s, errno.EPERM)
     s.copy("-3")
     s.lab.expect(s.claim, s.caller.call("MakeDirPath", s.destination, "700", "1"), "1",
-                 (fslab.MAKE_CHMOD, "MakeDirPath", s.destination, errno.EPERM))
+                 LINES.MakeChmod(s.destination, errno.EPERM))
     chattr("-i", s.destination)
 
     s.begin("immutable directory of the destination")
     chattr("+i", s.destination_dir)
     if s.checked:
-        s.fails(fslab.RENAME, MOVE, s.source, s.destination, errno.EPERM)
+        s.fails(LINES.RenameRename(s.source, s.destination, errno.EPERM))
     else:
-        s.fails(fslab.MKSTEMP, MOVE, s.destination + TEMPORARY, errno.EPERM)
+        s.fails(LINES.RenameMkstemp(s.destination + ANY_SUFFIX, errno.EPERM))
     s.copy("-3")
     below = os.path.join(s.destination_dir, "a")
     s.lab.expect(s.claim, s.caller.call("MakeDirPath", below + "/b", "755", "0"), "0",
-                 (fslab.MKDIR, "DoMakeDirPath", below, os.strerror(errno.EPERM)),
-                 (fslab.MAKE_FAILED, "MakeDirPath", below + "/b"))
+                 LINES.WorkerMkdir(below, os.strerror(errno.EPERM)),
+                 LINES.MakeFailed(below + "/b"))
     chattr("-i", s.destination_dir)
     return True
 
@@ -380,7 +381,7 @@ def full_at_every_write(lab, caller, table):
                 lab.check(s.claim, tree(path), {"new": file(content)})
             else:
                 asked = BLOCK if free < 16 else 100
-                s.fails(fslab.WRITE, MOVE, asked, -1, errno.ENOSPC)
+                s.fails(LINES.RenameWrite(asked, -1, errno.ENOSPC))
 
                 lab.expect(f"{s.claim}: copy", caller.call("CopyFile", s.source, s.destination), "0")
                 room = (free + taken) * BLOCK
@@ -392,8 +393,8 @@ def full_at_every_write(lab, caller, table):
     # A page is built and moved by the same rules: cut where the temporary one has no room, kept away where it has.
     line = b"Port:" + b"1" * 9990 + b"\n"
     write(table, line)
-    page = fslab.PAGE_HEADER + b"<table  BORDER=2><tr><td>Port</td><td>" + line[5:-1] + b"</td></tr></table>"
-    page += fslab.PAGE_FOOTER
+    page = PAGE_HEADER + b"<table  BORDER=2><tr><td>Port</td><td>" + line[5:-1] + b"</td></tr></table>"
+    page += PAGE_FOOTER
     for blocks in (1, 2, 3):
         place, target = lab.directory("page.target"), "new"
         lab.run("mount", "-t", "tmpfs", "-o", f"size={blocks * BLOCK}", "orv", PAGES)
@@ -406,15 +407,15 @@ def full_at_every_write(lab, caller, table):
         lab.run("mount", "-t", "tmpfs", "orv", PAGES)
         place = lab.tmpfs("page.full", f"size={blocks * BLOCK}")
         target = os.path.join(place, "new")
-        temporary = f"{PAGES}/TextToHtml_{caller.pid}.tmp"
+        temporary = temporary_page(caller.pid)
         answer = caller.call(PAGE, table, target)
         if blocks == 3:
             lab.expect("page that fits", answer, "")
             lab.check("page that fits", tree(place), {"new": file(page)})
         else:
             asked = BLOCK if blocks == 1 else len(page) - 2 * BLOCK
-            lab.expect("page without room", answer, "", (fslab.WRITE, MOVE, asked, -1, errno.ENOSPC),
-                       (fslab.PAGE_MOVE, PAGE, temporary, target))
+            lab.expect("page without room", answer, "", LINES.RenameWrite(asked, -1, errno.ENOSPC),
+                       LINES.PageMove(temporary, target))
             lab.check("page without room", tree(place), {})
             lab.check("page without room: temporary page", shape(temporary), file(page))
         lab.umount(PAGES)
@@ -453,7 +454,7 @@ def full_disks(lab, caller):
         before = tree(directory)
         answer = caller.call(MOVE, s.source, s.destination)
         lab.check(s.claim, answer.result, "0")
-        lab.check(s.claim, [report[0] for report in answer.reports], [fslab.WRITE])
+        lab.check(s.claim, [report[0] for report in answer.reports], [LINES.RenameWrite.format])
         lab.check(s.claim, answer.reports[0][1].endswith(f", {errno.ENOSPC})."), True)
         lab.check(f"{s.claim}: destination", tree(directory), before)
         lab.check(f"{s.claim}: source", tree(s.source_dir), {"f": file(content)})
@@ -474,11 +475,11 @@ def no_inodes(lab, caller):
                 taken += 1
         except OSError as error:
             lab.check(s.claim, error.errno, errno.ENOSPC)
-        s.fails(fslab.MKSTEMP, MOVE, s.destination + TEMPORARY, errno.ENOSPC)
+        s.fails(LINES.RenameMkstemp(s.destination + ANY_SUFFIX, errno.ENOSPC))
         lab.expect(s.claim, caller.call("CopyFile", s.source, os.path.join(path, "other")), "-3")
         lab.expect(s.claim, caller.call("MakeDirPath", path + "/a/b", "755", "1"), "0",
-                   (fslab.MKDIR, "DoMakeDirPath", path + "/a", os.strerror(errno.ENOSPC)),
-                   (fslab.MAKE_FAILED, "MakeDirPath", path + "/a/b"))
+                   LINES.WorkerMkdir(path + "/a", os.strerror(errno.ENOSPC)),
+                   LINES.MakeFailed(path + "/a/b"))
         within = Setting(lab, caller, path, path, True)
         within.claim = f"no inodes on {name}, within"
         within.source = os.path.join(path, "taken0")
@@ -512,7 +513,7 @@ def over_quota(lab, caller):
     content = material(4 << 20)
     s.begin("over quota", content, OLD)
     answer = caller.call(MOVE, s.source, s.destination)
-    lab.expect(s.claim, answer, "0", (fslab.WRITE, MOVE, BLOCK, -1, errno.EDQUOT))
+    lab.expect(s.claim, answer, "0", LINES.RenameWrite(BLOCK, -1, errno.EDQUOT))
     s.source_holds({"f": file(content)})
     s.destination_holds({"new": file(OLD)})
     lab.expect(s.claim, caller.call("CopyFile", s.source, s.destination), "0")
@@ -525,7 +526,7 @@ def over_quota(lab, caller):
 
 def file_size_limit(s, limited):
     """A write across the limit is short, one at the limit fails; the signal is ignored."""
-    stale = fslab.ANY_NUMBER  # a short write leaves errno as it was
+    stale = errno.EXDEV  # a short write leaves errno as the plain rename has set it
     cases = ((0, (BLOCK, -1, errno.EFBIG)), (1, (BLOCK, 1, stale)), (4095, (BLOCK, 4095, stale)),
              (4096, (BLOCK, -1, errno.EFBIG)), (4097, (BLOCK, 1, stale)), (8192, (1808, -1, errno.EFBIG)),
              (9999, (1808, 1807, stale)), (10000, None))
@@ -536,7 +537,7 @@ def file_size_limit(s, limited):
         if written is None or s.renames:
             asked.move("1")
         else:
-            asked.fails(fslab.WRITE, MOVE, *written)
+            asked.fails(LINES.RenameWrite(*written))
             asked.lab.expect(asked.claim, limited.call("CopyFile", asked.source, asked.destination), "0")
             asked.destination_holds({"new": file(CONTENT[:limit])})
     resource.prlimit(limited.pid, resource.RLIMIT_FSIZE, (resource.RLIM_INFINITY, resource.RLIM_INFINITY))
@@ -558,9 +559,9 @@ def descriptor_limit(s, table):
         if s.renames or free == 2:
             s.move("1")
         elif free == 0:
-            s.fails(fslab.MKSTEMP, MOVE, s.destination + TEMPORARY, errno.EMFILE)
+            s.fails(LINES.RenameMkstemp(s.destination + ANY_SUFFIX, errno.EMFILE))
         else:
-            s.fails(fslab.OPEN, MOVE, s.source, errno.EMFILE)
+            s.fails(LINES.RenameOpen(s.source, errno.EMFILE))
 
         s.begin(f"{free} free descriptors", old=OLD)
         s.copy(("-2", "-3", "0")[free])
@@ -570,8 +571,8 @@ def descriptor_limit(s, table):
         read_all = caller.call("ReadNameValueFromFile", s.source, "=", "")
         if free == 0:
             s.lab.expect(s.claim, listed, "0",
-                         (fslab.LIST_OPEN, "GetDirFileList", s.destination_dir, errno.EMFILE))
-            s.lab.expect(s.claim, read_all, "0", (fslab.NAME_VALUE_OPEN, "ReadNameValueFromFile", s.source))
+                         LINES.ListOpen(s.destination_dir, errno.EMFILE))
+            s.lab.expect(s.claim, read_all, "0", LINES.NameValueOpen(s.source))
         else:
             s.lab.expect(s.claim, listed, "1")
             s.lab.check(s.claim, listed.items, fslab.listed(s.destination_dir, ["new"]))
@@ -580,23 +581,23 @@ def descriptor_limit(s, table):
 
     # Without a descriptor for the page there is nothing to move; with one alone the page stays empty.
     s.lab.run("mount", "-t", "tmpfs", "orv", PAGES)
-    temporary = f"{PAGES}/TextToHtml_{caller.pid}.tmp"
+    temporary = temporary_page(caller.pid)
     for free in range(3):
         s.begin(f"page with {free} free descriptors", old=OLD)
         limit(standard + free)
         answer = caller.call(PAGE, table, s.destination)
         limit(before[0])
         if free == 0:
-            s.lab.expect(s.claim, answer, "", (fslab.STAT, MOVE, temporary, errno.ENOENT),
-                         (fslab.PAGE_MOVE, PAGE, temporary, s.destination))
+            s.lab.expect(s.claim, answer, "", LINES.RenameStat(temporary, errno.ENOENT),
+                         LINES.PageMove(temporary, s.destination))
             s.destination_holds({"new": file(OLD)})
         elif free == 1:  # the text file has it
-            s.lab.expect(s.claim, answer, "", (fslab.STAT, MOVE, temporary, errno.ENOENT),
-                         (fslab.PAGE_MOVE, PAGE, temporary, s.destination))
+            s.lab.expect(s.claim, answer, "", LINES.RenameStat(temporary, errno.ENOENT),
+                         LINES.PageMove(temporary, s.destination))
             s.destination_holds({"new": file(OLD)})
         else:
             s.lab.expect(s.claim, answer, "")
-            s.lab.check(s.claim, read(s.destination).startswith(fslab.PAGE_HEADER), True)
+            s.lab.check(s.claim, read(s.destination).startswith(PAGE_HEADER), True)
     s.lab.umount(PAGES)
 
 
@@ -620,25 +621,25 @@ def read_only(lab, caller, members):
             s.claim = f"from {member.name} to read-only {name}"
             fslab.clear(member.path)
             write(s.source, CONTENT)
-            s.fails(fslab.MKSTEMP, MOVE, s.destination + TEMPORARY, errno.EROFS)
+            s.fails(LINES.RenameMkstemp(s.destination + ANY_SUFFIX, errno.EROFS))
             s.copy("-3")
 
             s = Setting(lab, caller, path, member.path, False)
             s.source = kept
             s.claim = f"from read-only {name} to {member.name}"
             fslab.clear(member.path)
-            s.move("1", (fslab.UNLINK, MOVE, kept, errno.EROFS))
+            s.move("1", LINES.RenameUnlink(kept, errno.EROFS))
             s.destination_holds({"new": file(OLD)})
             lab.counts["cases"] += 2
         target = os.path.join(path, "other")
         within = Setting(lab, caller, path, path, True)
         within.claim = f"within read-only {name}"
-        within.fails(fslab.RENAME, MOVE, kept, target, errno.EROFS, source=kept, destination=target)
+        within.fails(LINES.RenameRename(kept, target, errno.EROFS), source=kept, destination=target)
         lab.expect(within.claim, caller.call("MakeDirPath", path, "700", "1"), "1",
-                   (fslab.MAKE_CHMOD, "MakeDirPath", path, errno.EROFS))
+                   LINES.MakeChmod(path, errno.EROFS))
         lab.expect(within.claim, caller.call("MakeDirPath", path + "/a/b", "755", "1"), "0",
-                   (fslab.MKDIR, "DoMakeDirPath", path + "/a", os.strerror(errno.EROFS)),
-                   (fslab.MAKE_FAILED, "MakeDirPath", path + "/a/b"))
+                   LINES.WorkerMkdir(path + "/a", os.strerror(errno.EROFS)),
+                   LINES.MakeFailed(path + "/a/b"))
         lab.check(within.claim, tree(path), before)
         lab.counts["cases"] += 3
         lab.umount(mounted)
@@ -652,7 +653,7 @@ def one_file_in_two_mounts(lab, caller, members):
         source = write(os.path.join(member.path, "f"), CONTENT)
         claim = f"one file in two mounts on {member.name}"
         lab.expect(claim, caller.call(MOVE, source, os.path.join(twin, "f")), "1",
-                   (fslab.UNLINK, MOVE, source, errno.ESTALE))
+                   LINES.RenameUnlink(source, errno.ESTALE))
         lab.check(claim, tree(member.path), {"f": file(CONTENT)})
         os.link(source, os.path.join(member.path, "linked"))
         lab.expect(claim, caller.call(MOVE, source, os.path.join(twin, "linked")), "1")

@@ -23,6 +23,7 @@ import traceback
 import urllib.parse
 
 import orv_test
+from oracle import SEVERITY, SOURCE, is_like
 
 MEBIBYTE = 1 << 20
 NOBODY = 65534
@@ -48,31 +49,6 @@ WRITABLE = ("ext2", "ext3", "ext4", "ext4-nofiletype", "xfs", "btrfs-a", "btrfs-
 READ_ONLY = ("squashfs", "erofs", "ext4-readonly")
 
 MOVE = "RenameFileAcrossFs"
-STAT = "%s: stat(%s) failed (%i)."
-NOT_REGULAR = "%s: %s is not a regular file (0x%x)."
-RENAME = "%s: rename(%s, %s) failed (%i)."
-UNLINK = "%s: unlink(%s) failed (%i)."
-OPEN = "%s: open(%s) failed (%i)."
-MKSTEMP = "%s: mkstemp(%s) failed (%i)."
-WRITE = "%s: write() failed (%zi, %zi, %i)."
-CHMOD = "%s: chmod(%s, %03o) failed (%i)."
-MKDIR = "%s: could not create subdirectory %s due to error: %s"
-MAKE_FAILED = "%s: Create '%s' directory failed."
-MAKE_CHMOD = "%s: Failed to chmod on '%s': errno: %d"
-LIST_OPEN = "%s: Error opening directory folder '%s', errno: %d"
-LIST_READ = "%s: readdir_r failed for directory: %s, error: %u"
-PAGE_MOVE = "%s: RenameFileAcrossFs(%s, %s) failed."
-NAME_VALUE_OPEN = '%s: Unable to open file "%s"'
-TEMPORARY = "_XXXXXX"  # in an expected text: any name that mkstemp may make
-ANY_NUMBER = 987654321  # in an expected text: any number
-
-PAGE_HEADER = (
-    b'<KPX_PLD ua="none" ln="1" schema="1" source="Tarnwick" destination="HTML" version="1" tagNestLevel="1"> '
-    b'<!DOCTYPE HTML PUBLIC "-//W3C//DTD HTML 4.01 Frameset//EN" "http://www.w3.org/TR/html4/frameset.dtd">'
-    b'<html><head><meta content="text/html; charset=utf-8" http-equiv="Content-Type" >'
-    b'<meta http-equiv="refresh" content="10" > </head><body>'
-)
-PAGE_FOOTER = b"</body></html></KPX_PLD>"
 TABLE = b"Port:1,up\n"
 TABLE_HTML = b"<table  BORDER=2><tr><td>Port</td><td>1</td><td>up</td></tr></table>"
 
@@ -138,13 +114,6 @@ def clear(directory):
             os.unlink(entry.path)
 
 
-def text_of(report):
-    """The expected text of a report, as a pattern."""
-    text = report[0].replace("%zi", "%i") % report[1:]
-    pattern = re.escape(text).replace(re.escape(TEMPORARY), "_[A-Za-z0-9]{6}")
-    return pattern.replace(str(ANY_NUMBER), r"\d+")
-
-
 def shortened(value):
     text = repr(value)
     return text if len(text) < 2000 else f"{text[:1000]} ... {text[-900:]} ({len(text)} characters)"
@@ -190,7 +159,7 @@ class Caller:
             if kind == "report":
                 severity, tag, message, text = values
                 self.lab.check(f"{operation}: a report at severity 3 with the source's name", (severity, tag),
-                               ("3", "LxFileUtils.cpp"))
+                               (str(SEVERITY), SOURCE))
                 reports.append((message, text))
             elif kind == "item":
                 items.append(values[0] if len(values) == 1 else tuple(values))
@@ -248,7 +217,7 @@ class Lab:
         """The answer has this result and exactly these reports."""
         self.check(f"{claim}: result", answer.result, result)
         fits = len(answer.reports) == len(reports) and all(
-            got[0] == expected[0] and re.fullmatch(text_of(expected), got[1])
+            got[0] == expected.format and is_like(expected.text, got[1])
             for got, expected in zip(answer.reports, reports))
         self.checks += 1
         if not fits:

@@ -8,7 +8,8 @@ import errno
 import os
 
 import fslab
-from fslab import MOVE, TEMPORARY, file, material, tree, write
+from fslab import MOVE, file, material, tree, write
+from oracle import ANY_SUFFIX, LINES, PAGE_FOOTER, PAGE_HEADER
 
 GOOD_BYTES = 8192
 SHORT_BYTES = 1000
@@ -71,7 +72,7 @@ def reading(h):
     write(os.path.join(h.shown, "read-eio"), b"a:b\n" * 4000)
     h.expect("", [], PAGE, source, target)
     row = b"<table  BORDER=2><tr><td>a</td><td>b</td></tr></table>"
-    h.check(tree(h.good), {"new": file(fslab.PAGE_HEADER + row * (GOOD_BYTES // 4) + fslab.PAGE_FOOTER)})
+    h.check(tree(h.good), {"new": file(PAGE_HEADER + row * (GOOD_BYTES // 4) + PAGE_FOOTER)})
 
     for name in ("short-read", "open-eio"):
         h.begin(f"source: {name}")
@@ -86,8 +87,8 @@ def reading(h):
         else:
             h.expect("1", [], "FileExists", source)
             h.expect("-2", [], "CopyFile", source, target)
-            h.expect("0", [(fslab.OPEN, MOVE, source, errno.EIO)], MOVE, source, target)
-            h.expect("0", [(fslab.NAME_VALUE_OPEN, "ReadNameValueFromFile", source)], "ReadNameValueFromFile", source,
+            h.expect("0", [LINES.RenameOpen(source, errno.EIO)], MOVE, source, target)
+            h.expect("0", [LINES.NameValueOpen(source)], "ReadNameValueFromFile", source,
                      "=", "")
             h.check(tree(h.good), {"new": file(OLD)})
             h.check(tree(h.shown), {name: file(CONTENT)})
@@ -95,7 +96,7 @@ def reading(h):
     h.begin("source that cannot be removed: true with a line")
     source, target = h.at("unlink-eio"), os.path.join(h.good, "new")
     write(os.path.join(h.shown, "unlink-eio"), CONTENT)
-    h.expect("1", [(fslab.UNLINK, MOVE, source, errno.EIO)], MOVE, source, target)
+    h.expect("1", [LINES.RenameUnlink(source, errno.EIO)], MOVE, source, target)
     h.check(tree(h.good), {"new": file(CONTENT)})
     h.check(tree(h.shown), {"unlink-eio": file(CONTENT)})
 
@@ -114,17 +115,17 @@ def writing(h):
         h.check(left.pop(name), file(OLD))
         h.check(len(left), 1 if kept else 0)
 
-    failure("create-eio", lambda path: [(fslab.MKSTEMP, MOVE, path + TEMPORARY, errno.EIO)])
-    failure("write-eio", lambda path: [(fslab.WRITE, MOVE, 4096, -1, errno.EIO)])
-    failure("short-write", lambda path: [(fslab.WRITE, MOVE, 4096, SHORT_BYTES, fslab.ANY_NUMBER)])
-    failure("chmod-eio", lambda path: [(fslab.CHMOD, MOVE, path + TEMPORARY, 0o644, errno.EIO)])
-    failure("rename-eio", lambda path: [(fslab.RENAME, MOVE, path + TEMPORARY, path, errno.EIO)])
+    failure("create-eio", lambda path: [LINES.RenameMkstemp(path + ANY_SUFFIX, errno.EIO)])
+    failure("write-eio", lambda path: [LINES.RenameWrite(4096, -1, errno.EIO)])
+    failure("short-write", lambda path: [LINES.RenameWrite(4096, SHORT_BYTES, errno.EXDEV)])
+    failure("chmod-eio", lambda path: [LINES.RenameChmod(path + ANY_SUFFIX, 0o644, errno.EIO)])
+    failure("rename-eio", lambda path: [LINES.RenameRename(path + ANY_SUFFIX, path, errno.EIO)])
     for error, line in (
-            ("write-eio", lambda path: (fslab.WRITE, MOVE, 4096, -1, errno.EIO)),
-            ("chmod-eio", lambda path: (fslab.CHMOD, MOVE, path + TEMPORARY, 0o644, errno.EIO)),
-            ("rename-eio", lambda path: (fslab.RENAME, MOVE, path + TEMPORARY, path, errno.EIO))):
+            ("write-eio", lambda path: LINES.RenameWrite(4096, -1, errno.EIO)),
+            ("chmod-eio", lambda path: LINES.RenameChmod(path + ANY_SUFFIX, 0o644, errno.EIO)),
+            ("rename-eio", lambda path: LINES.RenameRename(path + ANY_SUFFIX, path, errno.EIO))):
         failure(f"{error},unlink-eio",
-                lambda path, line=line: [line(path), (fslab.UNLINK, MOVE, path + TEMPORARY, errno.EIO)], kept=True)
+                lambda path, line=line: [line(path), LINES.RenameUnlink(path + ANY_SUFFIX, errno.EIO)], kept=True)
 
     h.begin("error at close: not looked at")
     write(source, CONTENT, 0o640)
@@ -156,7 +157,7 @@ def writing(h):
         h.check(os.path.isdir(os.path.join(h.shown, "a/b/c")), True)
 
     h.begin("directory whose mode cannot be set: true with a line")
-    h.expect("1", [(fslab.MAKE_CHMOD, "MakeDirPath", h.at("a/chmod-eio"), errno.EIO)], "MakeDirPath",
+    h.expect("1", [LINES.MakeChmod(h.at("a/chmod-eio"), errno.EIO)], "MakeDirPath",
              h.at("a/chmod-eio"), "750", "1")
     h.check(os.path.isdir(os.path.join(h.shown, "a/chmod-eio")), True)
 
@@ -179,7 +180,7 @@ def listing(h):
     h.check(h.expect("1", [], "GetDirFileList", path, "*", "", "1", "1").items, [])
 
     path = populated("list-eio")
-    report = (fslab.LIST_READ, "GetDirFileList", path, errno.EIO)
+    report = LINES.ListRead(path, errno.EIO)
     items = h.expect("0", [report], "GetDirFileList", path, "", "", "0", "0").items
     h.check((len(items), set(items) <= {"a", "b", "c"}), (1, True))
 
@@ -192,7 +193,7 @@ def far_inodes(h):
     h.check(os.stat(source).st_ino > 1 << 32, True)
     h.expect("1", [], "FileExists", source)
     twin = h.lab.mount("twin", "--bind", h.path)
-    h.expect("1", [(fslab.UNLINK, MOVE, source, errno.ESTALE)], MOVE, source, os.path.join(twin, "f"))
+    h.expect("1", [LINES.RenameUnlink(source, errno.ESTALE)], MOVE, source, os.path.join(twin, "f"))
     h.check(tree(h.shown), {"f": file(CONTENT, 0o751)})
     h.expect("1", [], MOVE, source, os.path.join(twin, "g"))
     h.check(tree(h.shown), {"g": file(CONTENT, 0o751)})
@@ -214,7 +215,7 @@ def large(h):
     h.expect("0", [], MOVE, h.at("read-eio"), os.path.join(h.good, "new"))
     h.check(tree(h.good), {})
     h.check(os.stat(h.at("read-eio")).st_size, size)
-    h.expect("0", [(fslab.WRITE, MOVE, 4096, -1, errno.EIO)], MOVE, write(os.path.join(h.good, "f"), CONTENT),
+    h.expect("0", [LINES.RenameWrite(4096, -1, errno.EIO)], MOVE, write(os.path.join(h.good, "f"), CONTENT),
              h.at("write-eio"))
     if not fslab.FULL:
         return

@@ -13,6 +13,7 @@ import stat
 
 import fslab
 from fslab import MOVE, write
+from oracle import LINES
 
 MODES = [*range(0o1000), 0o4755, 0o2755, 0o1755, 0o6777]
 UMASKS = (0, 0o022, 0o077)
@@ -33,7 +34,7 @@ def move(lab, caller, source, destination, mode, owner):
     answer = caller.call(MOVE, old, new)
 
     if not renames and owner != 0 and not mode & 0o400:
-        lab.expect(claim, answer, "0", (fslab.OPEN, MOVE, old, errno.EACCES))
+        lab.expect(claim, answer, "0", LINES.RenameOpen(old, errno.EACCES))
         lab.check(f"{claim}: destination", os.listdir(destination), [])
         new, kept = old, mode
         lab.counts["refused, unreadable"] += 1

@@ -9,11 +9,12 @@ import os
 
 import fslab
 from fslab import MOVE, file, material, tree, write
+from oracle import ANY_SUFFIX, LINES, PAGE_FOOTER, PAGE_HEADER, temporary_page
 
 SIZES = (0, 1, 4095, 4096, 4097, 10000, 1 << 20) if fslab.FULL else (0, 4097, 10000)
 OLD_CONTENT = b"old content, longer than some"
 OLD = file(OLD_CONTENT, 0o600)
-PAGE = fslab.PAGE_HEADER + fslab.TABLE_HTML + fslab.PAGE_FOOTER
+PAGE = PAGE_HEADER + fslab.TABLE_HTML + PAGE_FOOTER
 PAGES = "/var/tmp"
 
 
@@ -86,7 +87,7 @@ class Pair:
 
         answer = self.caller.call(MOVE, source, self.destination)
 
-        self.lab.expect(claim, answer, "1", (fslab.UNLINK, MOVE, source, errno.EROFS))
+        self.lab.expect(claim, answer, "1", LINES.RenameUnlink(source, errno.EROFS))
         self.lab.check(f"{claim}: destination", tree(self.destination_dir), {"new": file(content, 0o751)})
         self.lab.expect(claim + ", copy", self.caller.call("CopyFile", source, self.destination), "0")
         self.lab.check(f"{claim}: copy", tree(self.destination_dir), {"new": file(content, 0o751)})
@@ -100,13 +101,13 @@ class Pair:
     def page_from_read_only(self, table):
         """Nothing can be built, so there is nothing to move."""
         write(self.destination, OLD_CONTENT, 0o600)
-        temporary = f"{PAGES}/TextToHtml_{self.caller.pid}.tmp"
+        temporary = temporary_page(self.caller.pid)
         claim = f"page from {self.name}"
 
         answer = self.caller.call("GenHtmlPagefromTextFile", table, self.destination)
 
-        self.lab.expect(claim, answer, "", (fslab.STAT, MOVE, temporary, errno.ENOENT),
-                        (fslab.PAGE_MOVE, "GenHtmlPagefromTextFile", temporary, self.destination))
+        self.lab.expect(claim, answer, "", LINES.RenameStat(temporary, errno.ENOENT),
+                        LINES.PageMove(temporary, self.destination))
         self.lab.check(f"{claim}: page", tree(self.destination_dir), {"new": OLD})
         self.lab.counts["pages from read-only ones"] += 1
         self.finish_destination()
@@ -117,9 +118,9 @@ class Pair:
         source = os.path.join(self.source_dir, "f4097")
         claim = f"to a read-only one, {self.name}"
         if self.one:
-            line = (fslab.RENAME, MOVE, source, destination, errno.EROFS)
+            line = LINES.RenameRename(source, destination, errno.EROFS)
         else:
-            line = (fslab.MKSTEMP, MOVE, destination + fslab.TEMPORARY, errno.EROFS)
+            line = LINES.RenameMkstemp(destination + ANY_SUFFIX, errno.EROFS)
 
         self.lab.expect("move " + claim, self.caller.call(MOVE, source, destination), "0", line)
         self.lab.expect("copy " + claim, self.caller.call("CopyFile", source, destination), "-3")

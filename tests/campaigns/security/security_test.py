@@ -23,6 +23,7 @@ import sys
 import time
 
 import orv_test
+from oracle import LINES, PAGE_FOOTER, SEVERITY, SOURCE, temporary_page
 
 SETTINGS = {"symlinks": 2, "regular": 3, "fifos": 3, "hardlinks": 2}  # fs.protected_*: number of values
 BUILD_DIRECTORY = "/var/tmp"
@@ -248,20 +249,19 @@ def other_file_state(what, victim, own_file, new_page):
 
 def shorten(lines, pid, page):
     """The lines of the service as the table has them; the rest of each is pinned here."""
-    name = re.escape(f"{BUILD_DIRECTORY}/TextToHtml_{pid}.tmp")
-    page = re.escape(page)
+    name, page = re.escape(temporary_page(pid)), re.escape(page)
     forms = {
-        rf"RenameFileAcrossFs: stat\({name}\) failed \((\d+)\)\.": "stat {}",
-        rf"RenameFileAcrossFs: {name} is not a regular file \((0x\w+)\)\.": "type {}",
-        rf"RenameFileAcrossFs: rename\({name}, {page}\) failed \((\d+)\)\.": "rename {}",
-        rf"RenameFileAcrossFs: open\({name}\) failed \((\d+)\)\.": "open {}",
-        rf"RenameFileAcrossFs: unlink\({name}\) failed \((\d+)\)\.": "unlink {}",
-        rf"GenHtmlPagefromTextFile: RenameFileAcrossFs\({name}, {page}\) failed\.": "move",
+        LINES.RenameStat.pattern(name, r"(\d+)"): "stat {}",
+        LINES.RenameNotRegular.pattern(name, r"(\w+)"): "type 0x{}",
+        LINES.RenameRename.pattern(name, page, r"(\d+)"): "rename {}",
+        LINES.RenameOpen.pattern(name, r"(\d+)"): "open {}",
+        LINES.RenameUnlink.pattern(name, r"(\d+)"): "unlink {}",
+        LINES.PageMove.pattern(name, page): "move",
     }
     short = []
     for line in lines:
         for form, text in forms.items():
-            match = re.fullmatch(r"\[3\] LxFileUtils\.cpp: " + form, line)
+            match = re.fullmatch(re.escape(f"[{SEVERITY}] {SOURCE}: ") + form, line)
             if match:
                 short.append(text.format(*match.groups()))
                 break
@@ -299,7 +299,7 @@ def attack(program, what, service, planter, page_directory, new_page):
         [*program, str(service), private + "/table", page], stdin=subprocess.PIPE, stderr=subprocess.PIPE
     ) as process:
         try:
-            name = f"{BUILD_DIRECTORY}/TextToHtml_{process.pid}.tmp"
+            name = temporary_page(process.pid)
             failure = as_user(planter, lambda: plant(what, name, victim, own_file))
             if failure != 0:
                 return ("cannot be planted", f"errno {failure}", "-", "-")
@@ -330,7 +330,7 @@ def make_page(program, user):
     write_file(table, TABLE_TEXT, 0o644, user)
     subprocess.run([*program, str(user), table, page], stdin=subprocess.DEVNULL, check=True, timeout=PATIENCE_SECONDS)
     content = read_file(page)
-    assert b"<td>100 Mbit/s</td>" in content and content.endswith(b"</body></html></KPX_PLD>")
+    assert b"<td>100 Mbit/s</td>" in content and content.endswith(PAGE_FOOTER)
     return content
 
 

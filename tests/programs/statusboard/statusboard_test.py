@@ -17,7 +17,8 @@ import time
 import unittest
 
 import orv_test
-from pages import FOOTER, HEADER, HOSTILE_NAMES, Page, text, without_capabilities
+from oracle import LINES, PAGE_FOOTER, PAGE_HEADER, logged, temporary_page
+from pages import HOSTILE_NAMES, Page, text, without_capabilities
 
 PROGRAM = []
 USAGE = "Usage: statusboard [--watch] [--page PATH] SETTINGS_FILE\n"
@@ -68,7 +69,7 @@ class StatusboardTest(unittest.TestCase):
         finally:
             process.kill()
         self.assertEqual(b"", out)
-        leftover = f"{BUILD_DIRECTORY}/TextToHtml_{process.pid}.tmp"
+        leftover = temporary_page(process.pid)
         self.assertFalse(os.path.lexists(leftover), leftover)
         return process.returncode, text(err)
 
@@ -83,9 +84,9 @@ class StatusboardTest(unittest.TestCase):
 
     def read_page(self, path=None):
         raw = self.read(path or self.page)
-        self.assertEqual(340, len(HEADER))
-        self.assertEqual(HEADER, raw[:340])
-        self.assertEqual(FOOTER, raw[-len(FOOTER) :])
+        self.assertEqual(340, len(PAGE_HEADER))
+        self.assertEqual(PAGE_HEADER, raw[:340])
+        self.assertEqual(PAGE_FOOTER, raw[-len(PAGE_FOOTER) :])
         self.assertNotIn(b"\n", raw)
         page = Page(raw)
         self.assertEqual([], page.foreign)
@@ -264,7 +265,7 @@ class PlaceTest(StatusboardTest):
             self.assert_published(self.settings_file())
 
             self.assertNotEqual(os.fstat(old.fileno()).st_ino, os.stat(self.page).st_ino)
-            self.assertEqual(FOOTER, old.read()[-len(FOOTER) :])
+            self.assertEqual(PAGE_FOOTER, old.read()[-len(PAGE_FOOTER) :])
         self.assertEqual(["new"], self.listed())
 
     def test_the_page_may_be_on_another_file_system(self):
@@ -310,9 +311,8 @@ class PlaceTest(StatusboardTest):
     def test_a_directory_directly_below_the_current_one_is_not_made(self):
         self.assert_fails(
             1,
-            "[3] LxFileUtils.cpp: DoMakeDirPath: Can't make directory in .\n"
-            "[3] LxFileUtils.cpp: MakeDirPath: Create 'new/' directory failed.\n"
-            "statusboard: cannot make the directory 'new/'\n",
+            logged(LINES.WorkerParent("."), LINES.MakeFailed("new/"))
+            + "statusboard: cannot make the directory 'new/'\n",
             *("--page", "new/page.html", self.settings_file()),
             cwd=self.out,
         )
@@ -374,8 +374,8 @@ class BadInputTest(StatusboardTest):
 
         self.assert_fails(
             1,
-            f"[3] LxFileUtils.cpp: GetDirFileList: Error opening directory folder '{missing}', errno: 2\n"
-            f"statusboard: cannot list the directory '{missing}'\n",
+            logged(LINES.ListOpen(missing, 2))
+            + f"statusboard: cannot list the directory '{missing}'\n",
             self.settings_file(directory=missing),
         )
         self.assertEqual([], os.listdir(self.out))
@@ -414,14 +414,13 @@ class BadInputTest(StatusboardTest):
         os.mkdir(self.page)
 
         process = self.start(self.settings_file())
-        built = f"{BUILD_DIRECTORY}/TextToHtml_{process.pid}.tmp"
+        built = temporary_page(process.pid)
 
         self.assertEqual(
             (
                 1,
-                f"[3] LxFileUtils.cpp: RenameFileAcrossFs: rename({built}, {self.page}) failed (21).\n"
-                f"[3] LxFileUtils.cpp: GenHtmlPagefromTextFile: RenameFileAcrossFs({built}, {self.page}) failed.\n"
-                f"statusboard: cannot publish '{self.page}'\n",
+                logged(LINES.RenameRename(built, self.page, 21), LINES.PageMove(built, self.page))
+                + f"statusboard: cannot publish '{self.page}'\n",
             ),
             self.finish(process),
         )

@@ -21,14 +21,14 @@ import time
 import unittest
 
 import orv_test
-from pages import FOOTER, HEADER, HOSTILE_NAMES, Page, text, without_capabilities
+from oracle import LINES, PAGE_FOOTER, PAGE_HEADER, logged, temporary_page
+from pages import HOSTILE_NAMES, Page, text, without_capabilities
 
 SHIM = []
 PROGRAM = []
 PATIENCE_SECONDS = 60  # until a wait counts as failed
 COMMANDS = ["exists", "move", "copy", "mkdir", "list", "row", "page", "get"]
 COMPLETION = os.path.join(orv_test.ROOT, "tools", "orvfile.bash")
-LIBRARY = "[3] LxFileUtils.cpp: "
 
 
 def problem(message, remedy):
@@ -102,7 +102,7 @@ class OrvfileTest(unittest.TestCase):
             out, err = process.communicate(data, timeout=PATIENCE_SECONDS)
         finally:
             process.kill()
-        leftover = f"/var/tmp/TextToHtml_{process.pid}.tmp"
+        leftover = temporary_page(process.pid)
         self.assertFalse(os.path.lexists(leftover), leftover)
         return process.returncode, out, text(err or b"")
 
@@ -335,7 +335,7 @@ class MoveTest(OrvfileTest):
              "see the lines above, and check the kernel's log (dmesg) for errors of the medium", ""),
             ("rename", "cannot move 'a' to 'b': Input/output error",
              "see the lines above, and check the kernel's log (dmesg) for errors of the medium; 'a' is unchanged",
-             LIBRARY + "RenameFileAcrossFs: rename(b_??????, b) failed (5).\n"),
+             logged(LINES.RenameRename("b_??????", "b", 5))),
         ):  # fmt: skip
             with self.subTest(call=call):
                 self.write("a", b"new")
@@ -349,7 +349,7 @@ class MoveTest(OrvfileTest):
 
     def test_a_full_disk_loses_nothing(self):
         for options, message in (
-            ([], LIBRARY + "RenameFileAcrossFs: write() failed (4096, -1, 27).\n"
+            ([], logged(LINES.RenameWrite(4096, -1, 27))
              + problem("cannot move 'a' to '{0}': File too large",
                        "see the lines above, and check the kernel's log (dmesg) for errors of the medium; 'a' is unchanged")),
             (["--durable"],
@@ -415,7 +415,7 @@ class MoveTest(OrvfileTest):
         hint = "check the spelling of 'no/b', and check that its directory exists"
 
         self.assert_fails(
-            LIBRARY + "RenameFileAcrossFs: rename(a, no/b) failed (2).\n"
+            logged(LINES.RenameRename("a", "no/b", 2))
             + problem("cannot move 'a' to 'no/b': No such file or directory", hint + "; 'a' is unchanged"),
             *("move", "a", "no/b"))  # fmt: skip
         self.assert_fails(
@@ -429,7 +429,7 @@ class MoveTest(OrvfileTest):
     def test_a_source_that_cannot_be_removed_is_reported(self):
         self.write("a", b"data")
         to = os.path.join(self.other, "b")
-        line = LIBRARY + "RenameFileAcrossFs: unlink(a) failed (30).\n"
+        line = logged(LINES.RenameUnlink("a", 30))
         left = f"the content is at '{to}', but 'a' "
         for options, err in (
             ([], line + problem(left + "was not removed", "remove 'a' yourself")),
@@ -548,7 +548,7 @@ class MkdirTest(OrvfileTest):
         os.mkdir(path, 0o700)
 
         self.assert_fails(
-            LIBRARY + f"MakeDirPath: Failed to chmod on '{path}': errno: 1\n"
+            logged(LINES.MakeChmod(path, 1))
             + problem(f"cannot set the requested mode of '{path}'",
                       "set it with chmod(1), as the owner of the directory or as root"),
             *("mkdir", "--exact-mode", "-m", "755", path), shim={"FAIL": f"chmod:{errno.EPERM}"})  # fmt: skip
@@ -582,8 +582,7 @@ class MkdirTest(OrvfileTest):
 
         self.assert_fails(exists, "mkdir", "--exact-mode", "-m", "777", "file")
         self.assert_fails(
-            LIBRARY + "DoMakeDirPath: could not create subdirectory file/a due to error: Not a directory\n" + LIBRARY
-            + "MakeDirPath: Create 'file/a' directory failed.\n" + below,
+            logged(LINES.WorkerMkdir("file/a", "Not a directory"), LINES.MakeFailed("file/a")) + below,
             *("mkdir", "file/a"))  # fmt: skip
         self.assertEqual((0o600, b"data"), (self.mode("file"), self.read("file")))
 
@@ -662,17 +661,17 @@ class ListTest(OrvfileTest):
 
     def test_a_bad_directory_is_reported(self):
         self.assert_fails(
-            LIBRARY + "GetDirFileList: Error opening directory folder 'gone', errno: 2\n"
+            logged(LINES.ListOpen("gone", 2))
             + problem("cannot list 'gone': No such file or directory",
                       "check the spelling of 'gone', and check that its directory exists"),
             *("list", "gone"))  # fmt: skip
         self.assert_fails(
-            LIBRARY + "GetDirFileList: Error opening directory folder 'a.log', errno: 20\n"
+            logged(LINES.ListOpen("a.log", 20))
             + problem("cannot list 'a.log': Not a directory",
                       "a component of 'a.log' is not a directory: correct the path"),
             *("list", "a.log"))  # fmt: skip
         self.assert_fails(
-            LIBRARY + "GetDirFileList: No directory specified.\n"
+            logged(LINES.ListNoDirectory())
             + problem("the path is empty", "give the path of a directory"),
             *("list", ""))  # fmt: skip
 
@@ -762,7 +761,7 @@ class RowTest(OrvfileTest):
 
 class PageTest(OrvfileTest):
     def assert_published(self, *arguments, tables, body, page="page.html"):
-        whole = HEADER + body + FOOTER
+        whole = PAGE_HEADER + body + PAGE_FOOTER
         count = f"{tables} table" if tables == 1 else f"{tables} tables"
         self.assert_done("page", *arguments, out=f"published '{page}': {count}, {len(whole)} bytes\n".encode())
         self.assertEqual(whole, self.read(page))
@@ -784,7 +783,7 @@ class PageTest(OrvfileTest):
 
         self.assert_done("page", "-q", "table", "page.html")
 
-        self.assertEqual(FOOTER, self.read("page.html")[-len(FOOTER) :])
+        self.assertEqual(PAGE_FOOTER, self.read("page.html")[-len(PAGE_FOOTER) :])
 
     def test_hostile_cells_come_back_unchanged_and_stay_text(self):
         names = [text(name) for name in HOSTILE_NAMES]
@@ -828,11 +827,10 @@ class PageTest(OrvfileTest):
         os.mkdir(self.path("d"))
         for page, error in (("no/page", 2), ("d", 21)):
             process = self.start("page", "table", page)
-            built = f"/var/tmp/TextToHtml_{process.pid}.tmp"
+            built = temporary_page(process.pid)
 
             self.assertEqual(
-                (1, b"", LIBRARY + f"RenameFileAcrossFs: rename({built}, {page}) failed ({error}).\n" + LIBRARY
-                 + f"GenHtmlPagefromTextFile: RenameFileAcrossFs({built}, {page}) failed.\n"
+                (1, b"", logged(LINES.RenameRename(built, page, error), LINES.PageMove(built, page))
                  + problem(f"cannot publish '{page}'; nothing was replaced",
                            "check that its directory exists and is writable, that it is not a directory itself, and "
                            "that /var/tmp is writable; the lines above name the call that failed")),
@@ -859,7 +857,7 @@ class WatchTest(OrvfileTest):
         os.rename(self.write("new", cell + b":;\n"), self.path("table"))
 
     def shown(self):
-        return self.read(self.page)[len(HEADER) : -len(FOOTER)]
+        return self.read(self.page)[len(PAGE_HEADER) : -len(PAGE_FOOTER)]
 
     def shows(self, cell):
         return lambda: os.path.exists(self.page) and b"<td>%s</td>" % cell in self.shown()
@@ -972,7 +970,7 @@ class GetTest(OrvfileTest):
     def test_a_bad_file_is_reported(self):
         hint = "check the spelling of 'gone', and check that its directory exists"
         self.assert_fails(
-            LIBRARY + 'ReadNameValueFromFile: Unable to open file "gone"\n'
+            logged(LINES.NameValueOpen("gone"))
             + problem("cannot read 'gone': No such file or directory", hint),
             *("get", "gone"))  # fmt: skip
         self.assert_fails(problem("cannot read 'gone': No such file or directory", hint), "get", "gone", "--lint")
