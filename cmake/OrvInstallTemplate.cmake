@@ -3,6 +3,10 @@
 # quoted for pkg-config.
 function(orv_install_template template component destination)
   get_filename_component(name ${template} NAME_WLE) # without ".in"
+  set(directory "\${CMAKE_INSTALL_PREFIX}/${destination}")
+  if(IS_ABSOLUTE "${destination}")
+    set(directory "${destination}")
+  endif()
   set(prefix "@prefix@")
   set(pc_prefix "@pc_prefix@")
   set(with_prefix_left ${PROJECT_BINARY_DIR}/templates/${name})
@@ -10,7 +14,9 @@ function(orv_install_template template component destination)
   install(
     CODE "string(REGEX REPLACE \"/+\$\" \"\" prefix \"\${CMAKE_INSTALL_PREFIX}\")
 string(REGEX REPLACE \"([ \\t'\\\"\\\\\\\\])\" \"\\\\\\\\\\\\1\" pc_prefix \"\${prefix}\")
-configure_file([==[${with_prefix_left}]==] [==[${PROJECT_BINARY_DIR}/${name}]==] @ONLY)"
+string(MD5 place \"\$ENV{DESTDIR}\${CMAKE_INSTALL_PREFIX}\") # so that installations may run at the same time
+configure_file([==[${with_prefix_left}]==] \"${PROJECT_BINARY_DIR}/templates/\${place}/${name}\" @ONLY)
+file(INSTALL DESTINATION \"${directory}\" TYPE FILE FILES \"${PROJECT_BINARY_DIR}/templates/\${place}/${name}\")
+file(REMOVE_RECURSE \"${PROJECT_BINARY_DIR}/templates/\${place}\")"
     COMPONENT ${component})
-  install(FILES ${PROJECT_BINARY_DIR}/${name} DESTINATION ${destination} COMPONENT ${component})
 endfunction()
