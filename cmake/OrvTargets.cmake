@@ -59,6 +59,10 @@ function(orv_add_dlog name source)
   add_library(OrvFileUtils::${name} ALIAS ${name})
   orv_product(${name} 11)
   orv_log_headers(${name})
+  # Asked for from the start, the function is found in any order of the libraries.
+  target_link_options(${name} INTERFACE LINKER:-u,__dlog_printf)
+  # CMake refuses a program that links two substitutes. The linker would take the first one without a word.
+  set_target_properties(${name} PROPERTIES INTERFACE_ORV_LOG ${name} COMPATIBLE_INTERFACE_STRING ORV_LOG)
   set_target_properties(${name} PROPERTIES POSITION_INDEPENDENT_CODE ON
                                            ARCHIVE_OUTPUT_DIRECTORY ${PROJECT_BINARY_DIR}/lib)
 endfunction()

@@ -5,6 +5,7 @@
   install_test.py no_foreign_path  nothing installed names the source tree, the build tree or the configured prefix
   install_test.py cmake            find_package() of an installation that was moved
   install_test.py version          find_package() refuses a version that may not fit
+  install_test.py two_logs         CMake refuses a program that links two substitutes for the log
   install_test.py pkg_config       make and each pkg-config, with an installation that was moved
   install_test.py sysroot          each pkg-config with an installation staged by DESTDIR
   install_test.py system_paths     each pkg-config with an installation below /usr
@@ -144,10 +145,18 @@ def version(installation):
     return problems
 
 
+def two_logs(installation):
+    result = subprocess.run(
+        installation.configure(installation.found(), f"-DORV_WANTED={orv_test.VERSION}", "-DORV_TWO_LOGS=ON"),
+        stdout=subprocess.PIPE, stderr=subprocess.STDOUT, errors="replace", check=False)
+    refused = result.returncode != 0 and "ORV_LOG" in result.stdout
+    return [] if refused else [f"two substitutes for the log were not refused:\n{result.stdout}"]
+
+
 def check_flags(installation, libraries, *words, **environment):
     """Problems of what each pkg-config says of the libraries in that directory."""
     expected = ["-I" + re.sub(f"{re.escape(installation.options.libdir)}$", "include", libraries), f"-L{libraries}",
-                "-lOrvFileUtils", "-lOrvStrUtils"]
+                "-Wl,-u,__dlog_printf", "-lOrvFileUtils", "-lOrvStrUtils"]
     problems = []
     for program in installation.options.pkg_config:
         said = run(program, *words, "--cflags", "--libs", "OrvFileUtils", env={**os.environ, **environment})
@@ -225,7 +234,7 @@ def tool(installation):
 
 
 CHECKS = {check.__name__: check for check in (
-    files, no_foreign_path, cmake, version, pkg_config, sysroot, system_paths, add_subdirectory, tool)}
+    files, no_foreign_path, cmake, version, two_logs, pkg_config, sysroot, system_paths, add_subdirectory, tool)}
 
 # What a check needs.
 PROGRAMS = {
