@@ -1,16 +1,17 @@
 # Debian packages of the files that `cmake --install` installs: one with the libraries, one with everything for building
 # programs, and orvfile. script/package builds them.
 set(ORV_PACKAGE_CONTACT "" CACHE STRING "The maintainer of the packages: Name <address>")
-set(ORV_DEBIAN_DEPENDS "" CACHE STRING "The packages of the system's libraries; if empty, dpkg-shlibdeps finds them")
+set(ORV_PACKAGE_VERSION ${PROJECT_VERSION} CACHE STRING "The version of the packages, such as that of a snapshot")
 
 set(CPACK_GENERATOR DEB)
 set(CPACK_PACKAGE_NAME orvfileutils)
+set(CPACK_PACKAGE_VERSION ${ORV_PACKAGE_VERSION})
 set(CPACK_PACKAGE_CONTACT "${ORV_PACKAGE_CONTACT}")
 set(CPACK_VERBATIM_VARIABLES ON)
-set(CPACK_STRIP_FILES ON)
 set(CPACK_INSTALL_DEFAULT_DIRECTORY_PERMISSIONS OWNER_READ OWNER_WRITE OWNER_EXECUTE GROUP_READ GROUP_EXECUTE
                                                 WORLD_READ WORLD_EXECUTE)
-set(CPACK_PRE_BUILD_SCRIPTS ${PROJECT_SOURCE_DIR}/cmake/OrvCompressDocs.cmake)
+set(CPACK_PRE_BUILD_SCRIPTS ${PROJECT_SOURCE_DIR}/cmake/OrvDebianFiles.cmake)
+set(CPACK_POST_BUILD_SCRIPTS ${PROJECT_SOURCE_DIR}/cmake/OrvDebianFields.cmake)
 
 set(CPACK_PACKAGE_DESCRIPTION_SUMMARY "") # the first line of each description is its summary
 
@@ -24,14 +25,21 @@ set(CPACK_COMPONENT_TOOLS_DEPENDS runtime)
 set(CPACK_DEB_COMPONENT_INSTALL ON)
 set(CPACK_DEBIAN_FILE_NAME DEB-DEFAULT)
 set(CPACK_DEBIAN_ENABLE_COMPONENT_DEPENDS ON)
-set(CPACK_DEBIAN_PACKAGE_GENERATE_SHLIBS ON)
+set(CPACK_DEBIAN_DEBUGINFO_PACKAGE ON)
+set(CPACK_OBJCOPY_EXECUTABLE ${CMAKE_OBJCOPY}) # the target's, in a cross build
+set(CPACK_READELF_EXECUTABLE ${CMAKE_READELF})
+set(CPACK_ORV_STRIP ${CMAKE_STRIP})
 set(CPACK_DEBIAN_PACKAGE_SHLIBDEPS_PRIVATE_DIRS ${PROJECT_BINARY_DIR}/lib)
 set(CPACK_DEBIAN_PACKAGE_CONTROL_STRICT_PERMISSION ON)
 
 set(CPACK_DEBIAN_RUNTIME_PACKAGE_NAME liborvfileutils0)
 set(CPACK_DEBIAN_RUNTIME_PACKAGE_SECTION libs)
 file(WRITE ${PROJECT_BINARY_DIR}/triggers "activate-noawait ldconfig\n")
-set(CPACK_DEBIAN_RUNTIME_PACKAGE_CONTROL_EXTRA ${PROJECT_BINARY_DIR}/triggers)
+# What a program that was built with this package demands: the first version, snapshots included, whose interface is the
+# same.
+set(demanded "liborvfileutils0 (>= ${PROJECT_VERSION_MAJOR}.${PROJECT_VERSION_MINOR}.0~)")
+file(WRITE ${PROJECT_BINARY_DIR}/shlibs "libOrvFileUtils 0 ${demanded}\nlibOrvStrUtils 0 ${demanded}\n")
+set(CPACK_DEBIAN_RUNTIME_PACKAGE_CONTROL_EXTRA ${PROJECT_BINARY_DIR}/triggers ${PROJECT_BINARY_DIR}/shlibs)
 set(CPACK_DEBIAN_RUNTIME_DESCRIPTION
     "file-system utilities for embedded devices
 Moves and copies files, makes directories, lists them with wildcards, writes
@@ -59,19 +67,17 @@ set(CPACK_DEBIAN_TOOLS_DESCRIPTION
 Moves and copies files, makes directories, lists them with wildcards, writes
 tables and HTML pages and reads name-value files, for shells and scripts.")
 
-foreach(part RUNTIME TOOLS)
-  if(ORV_DEBIAN_DEPENDS)
-    set(CPACK_DEBIAN_${part}_PACKAGE_DEPENDS "${ORV_DEBIAN_DEPENDS}")
-  else()
-    set(CPACK_DEBIAN_${part}_PACKAGE_SHLIBDEPS ON)
-  endif()
-endforeach()
+# dpkg-shlibdeps does not know the target's libraries; script/package names them instead.
+if(NOT CMAKE_CROSSCOMPILING)
+  set(CPACK_DEBIAN_RUNTIME_PACKAGE_SHLIBDEPS ON)
+  set(CPACK_DEBIAN_TOOLS_PACKAGE_SHLIBDEPS ON)
+endif()
 
 # Debian's changelog has one entry. Its date is that of SOURCE_DATE_EPOCH.
 if(ORV_PACKAGE_CONTACT)
   string(TIMESTAMP date "%a, %d %b %Y %H:%M:%S +0000" UTC)
   file(WRITE ${PROJECT_BINARY_DIR}/changelog
-       "orvfileutils (${PROJECT_VERSION}) unstable; urgency=medium
+       "orvfileutils (${ORV_PACKAGE_VERSION}) unstable; urgency=medium
 
   * See CHANGELOG.md in the sources for the changes.
 

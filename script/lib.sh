@@ -86,3 +86,9 @@ need_packages() {
         exit 1
     fi
 }
+
+# newest_needed PREFIX FILE...: the newest version of symbols, of those with this prefix, that the programs and libraries
+# need, such as GLIBC_2.34; nothing if they need none.
+newest_needed() {
+    readelf --version-info --wide "${@:2}" | grep -oE " $1_[0-9.]+" | tr -d ' ' | sort -uV | tail -n 1
+}
