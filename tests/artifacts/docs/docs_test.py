@@ -5,6 +5,7 @@
   docs_test.py error_numbers  its error numbers are those of the system
   docs_test.py caveats        docs/caveats.md names tests that exist, and has a row with an asterisk for each comment of
                               the source that begins with Deliberate:
+  docs_test.py linker         the documents quote what the linker says of a program without the log
   docs_test.py reference      the API reference is made without a warning and holds every function
 """
 
@@ -136,8 +137,21 @@ def reference(_):
     return [f"the reference does not describe {name}" for name in functions if name not in detailed]
 
 
+def linker(options):
+    libraries = [library for library in options.library if "Dlog" not in os.path.basename(library)]
+    program = "#include <LxFileUtils.h>\nint main() { return orv_fileutils::FileExists(\"/\"); }\n"
+    include = f"-I{os.path.join(orv_test.ROOT, 'include')}"
+    messages = building.messages_of(
+        options.compiler, include, *building.INPUT, *libraries, "-o", os.devnull, text=program) or ""
+    said = re.search(r"undefined reference to `__dlog_printf'", messages)
+    if said is None:
+        return [f"a program without the log links, or the linker says something else:\n{messages}"]
+    documents = ("README.md", os.path.join("docs", "diagnostics.md"), os.path.join("docs", "cross-build.md"))
+    return [f"{name} does not quote: {said[0]}" for name in documents if said[0] not in orv_test.read(name)]
+
+
 def main():
-    checks = {check.__name__: check for check in (diagnostics, error_numbers, caveats, reference)}
+    checks = {check.__name__: check for check in (diagnostics, error_numbers, caveats, linker, reference)}
     options = building.parser(__doc__, checks).parse_args()
     orv_test.finish(checks[options.check](options))
 
