@@ -1,4 +1,4 @@
-// Material for tests that run through many cases.
+// Helpers for tests with many cases.
 #ifndef ORV_TESTS_CASES_H
 #define ORV_TESTS_CASES_H
 
@@ -16,7 +16,7 @@ std::string CaseName(const ::testing::TestParamInfo<Case>& info)
     return info.param.name;
 }
 
-// The byte values in order, each once.
+// Returns all byte values in order.
 inline std::string AllBytes()
 {
     std::string bytes;
@@ -26,7 +26,7 @@ inline std::string AllBytes()
     return bytes;
 }
 
-// Bytes in which no block is like the next.
+// Returns bytes in which adjacent blocks differ.
 inline std::string BytesOfLength(std::size_t length)
 {
     std::string bytes;
@@ -36,7 +36,7 @@ inline std::string BytesOfLength(std::size_t length)
     return bytes;
 }
 
-// Random material that is the same on every machine, which the standard distributions do not promise.
+// Random data that is the same on every machine; the standard distributions do not promise that.
 class Random {
 public:
     explicit Random(std::uint32_t seed) : engine_(seed)

@@ -1,5 +1,5 @@
-// The wrappers define both the plain and the 64-bit names of the calls; with a 64-bit file offset in this file, the
-// system's headers would rename the plain ones.
+// The wrappers define both the plain and the 64-bit names of the calls. With 64-bit file offsets in this file, the
+// system's headers would rename the plain names.
 #undef _FILE_OFFSET_BITS
 #undef _TIME_BITS
 
@@ -33,15 +33,15 @@ struct Trace {
     std::string temporary;
 };
 
-// All per thread: a fault concerns the calls of the thread that set it.
+// All of these belong to a thread: a fault affects only calls of the thread that set it.
 thread_local std::vector<ScopedFault*> faults;
 thread_local ShortWrite shortWrite;
 thread_local bool unknownTypes = false;
-thread_local std::string vanishing;  // the path to remove after its status was taken
+thread_local std::string vanishing;  // the path to remove after its status was read
 thread_local Trace* trace = nullptr;
 thread_local ScopedAction* scopedAction = nullptr;
 
-// The system's own function of that name.
+// Returns the system's function of that name.
 template <typename Function>
 Function Real(const char* name)
 {
@@ -66,7 +66,7 @@ const ScopedFault* FaultFor(Call call)
     return hit;
 }
 
-// Sets errno to the fault's and says so.
+// Returns whether the call must fail; then errno is that of the fault.
 bool Fails(Call call)
 {
     const ScopedFault* const fault = FaultFor(call);
@@ -156,7 +156,7 @@ int ReadEntry(const char* realName, DIR* directory, Entry* buffer, Entry** entry
     }
     if (const ScopedFault* const fault = FaultFor(Call::kReaddir)) {
         *entry = nullptr;
-        errno = 0;  // readdir_r returns its error: a caller that reads errno shows itself
+        errno = 0;  // readdir_r returns its error; a caller that reads errno instead is noticed
         return fault->Error();
     }
     const int error = Real<int (*)(DIR*, Entry*, Entry**)>(realName)(directory, buffer, entry);
@@ -281,7 +281,7 @@ int lstat64(const char* path, struct stat64* status) noexcept
 }
 
 #if __WORDSIZE == 32
-// The names of the two on 32-bit systems with 64-bit times.
+// The names of both on 32-bit systems with 64-bit times.
 int __stat64_time64(const char* path, void* status) noexcept
 {
     return OnPath(Call::kStat, "stat", "__stat64_time64", path, status);
@@ -377,7 +377,7 @@ int close(int descriptor)
         trace->paths.erase(descriptor);
     }
     const int result = Real<int (*)(int)>("close")(descriptor);
-    return Fails(Call::kClose) ? -1 : result;  // as the system does: an error of close still closes
+    return Fails(Call::kClose) ? -1 : result;  // like the system, which closes even if close fails
 }
 
 int fsync(int descriptor)

@@ -1,5 +1,5 @@
-// Faults in system calls, and a trace of them. The test program defines the calls itself and forwards to the system's,
-// so the dynamic linker hands it every call that the libraries make; the product needs no seam.
+// Makes system calls fail and traces them. The test program defines the calls itself and forwards to those of the
+// system, so the dynamic linker directs every call of the libraries to the test. The libraries need no change for it.
 #ifndef ORV_TESTS_FAULTS_H
 #define ORV_TESTS_FAULTS_H
 
@@ -26,8 +26,8 @@ enum class Call {
     kClosedir,
 };
 
-// While it lives, the `nth` (1-based) `call` from now on, made by this thread, fails with `error`. Its destructor
-// fails the test when the fault never fired.
+// While it exists, the `nth` (1-based) `call` of this thread from now on fails with `error`. The destructor fails the
+// test if the fault did not occur.
 class ScopedFault {
 public:
     ScopedFault(Call call, int nth, int error);
@@ -40,7 +40,7 @@ public:
         return fired_;
     }
 
-    // For the wrappers: counts an occurrence; true when it is the one to fail.
+    // For the wrappers: counts a call. Returns true if this call must fail.
     bool Hits(Call call);
     int Error() const
     {
@@ -54,7 +54,7 @@ private:
     bool fired_ = false;
 };
 
-// While it lives, the `nth` write takes only `bytes` of what it is given, and leaves errno alone.
+// While it exists, the `nth` write writes only `bytes` bytes and does not change errno.
 class ScopedShortWrite {
 public:
     ScopedShortWrite(int nth, std::size_t bytes);
@@ -63,7 +63,7 @@ public:
     ScopedShortWrite& operator=(const ScopedShortWrite&) = delete;
 };
 
-// While it lives, every directory entry read carries the type "unknown", as on file systems that record none.
+// While it exists, every directory entry has the type "unknown", as on file systems that do not record types.
 class ScopedUnknownTypes {
 public:
     ScopedUnknownTypes();
@@ -72,7 +72,7 @@ public:
     ScopedUnknownTypes& operator=(const ScopedUnknownTypes&) = delete;
 };
 
-// Removes the file `path` as soon as its status has been queried by this thread: between a test and an open.
+// Removes the file `path` directly after this thread has read its status: between a test and an open.
 class ScopedVanishAfterStat {
 public:
     explicit ScopedVanishAfterStat(const std::string& path);
@@ -81,9 +81,9 @@ public:
     ScopedVanishAfterStat& operator=(const ScopedVanishAfterStat&) = delete;
 };
 
-// While it lives, `action` runs once, on this thread: just before its `nth` (1-based) `call` from now on, or just after
-// it where that closes something. What another process may do at that moment, or what the moment looks like. Its
-// destructor fails the test when the action never ran. One at a time.
+// While it exists, `action` runs once on this thread: directly before the `nth` (1-based) `call` from now on, or
+// directly after it if the call closes something. It does what another process may do at that moment, or checks the
+// state. The destructor fails the test if the action did not run. Use one at a time.
 class ScopedAction {
 public:
     ScopedAction(Call call, int nth, std::function<void()> action);
@@ -91,7 +91,7 @@ public:
     ScopedAction(const ScopedAction&) = delete;
     ScopedAction& operator=(const ScopedAction&) = delete;
 
-    // For the wrappers: counts an occurrence, and runs the action when it is the one.
+    // For the wrappers: counts a call, and runs the action if this is the right one.
     void RunIfDue(Call call);
 
 private:
@@ -101,8 +101,8 @@ private:
     bool ran_ = false;
 };
 
-// While it lives, calls of this thread are recorded. A path that mkstemp made is written as "<temporary>", and a
-// descriptor as the path that it was opened on: "read(/tmp/a, 4096) = 17".
+// While it exists, the calls of this thread are recorded. A path that mkstemp made is recorded as "<temporary>", and a
+// descriptor as the path that it was opened with: "read(/tmp/a, 4096) = 17".
 class ScopedTrace {
 public:
     ScopedTrace();

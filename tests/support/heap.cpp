@@ -8,7 +8,7 @@
 namespace {
 
 thread_local int allocations = 0;
-thread_local int allocationsUntilFault = 0;  // 0: no fault is set
+thread_local int allocationsUntilFault = 0;  // 0: there is no fault
 thread_local bool failsForGood = false;
 thread_local bool fired = false;
 
@@ -22,7 +22,7 @@ bool Fails()
     return true;
 }
 
-// Counts an allocation; true, with errno set, when it is to fail.
+// Counts an allocation. Returns true and sets errno if it must fail.
 bool IsToFail()
 {
     if (IsCapturingDlogCall()) {
@@ -69,7 +69,7 @@ bool ScopedAllocationFault::Fired() const
 
 extern "C" {
 
-// The C library's functions under their other names.
+// The other names of these functions in the C library.
 void* __libc_malloc(std::size_t bytes);
 void* __libc_calloc(std::size_t count, std::size_t bytes);
 void* __libc_realloc(void* block, std::size_t bytes);

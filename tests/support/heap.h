@@ -1,12 +1,11 @@
-// Counts and fails allocations of the calling thread. The program that links this replaces malloc, calloc and realloc,
-// which operator new and the C library call too; so it is for programs that run without a sanitizer, which replaces
-// them itself.
+// Counts allocations of the calling thread, and makes them fail. A program that links this replaces malloc, calloc and
+// realloc, which operator new and the C library call too. It must run without a sanitizer, which replaces them itself.
 #ifndef ORV_TESTS_HEAP_H
 #define ORV_TESTS_HEAP_H
 
-// The allocations that the capture of diagnostic calls makes (orv_test.h) neither count nor fail.
+// Allocations for captured log calls (orv_test.h) are not counted and do not fail.
 
-// Counts the calls of malloc, calloc and realloc while it lives.
+// Counts the calls of malloc, calloc and realloc while it exists.
 class ScopedHeapCount {
 public:
     ScopedHeapCount();
@@ -19,8 +18,8 @@ public:
 
 enum class Failing { kOnce, kFromThereOn };
 
-// While it lives, the `nth` (1-based) allocation fails, alone or with all that follow. Read Fired() to learn whether
-// there was such a one: a sweep ends where there is none.
+// While it exists, the `nth` (1-based) allocation fails, or it and all that follow. Fired() returns whether there were
+// that many; if not, a loop over all allocations is at its end.
 class ScopedAllocationFault {
 public:
     explicit ScopedAllocationFault(int nth, Failing failing = Failing::kOnce);

@@ -1,4 +1,4 @@
-// The lines that the library writes to the log. data/messages.txt holds one of each as it is to be read in the field.
+// The lines that the library writes to the log. data/messages.txt contains an example of each.
 #ifndef ORV_TESTS_MESSAGES_H
 #define ORV_TESTS_MESSAGES_H
 
@@ -10,9 +10,10 @@ namespace messages {
 
 constexpr int kSeverity = 3;
 constexpr char kSource[] = "LxFileUtils.cpp";
-constexpr char kAnySuffix[] = "_??????";  // in an expected path: what mkstemp makes of "_XXXXXX"
+constexpr char kAnySuffix[] =
+    "_??????";  // in an expected path: matches the characters that mkstemp puts in place of "_XXXXXX"
 
-// One line as a test expects it: the format that is passed to __dlog_printf, and what printf makes of it.
+// A line that a test expects: the format that is passed to __dlog_printf, and the text that printf makes of it.
 struct Report {
     std::string format;
     std::string text;
@@ -23,8 +24,8 @@ struct Message {
     const char* function;  // the first argument of the format
     const char* format;
 
-    // The line with these arguments after the name of the function. Numbers are written in decimal; pass others as
-    // text.
+    // Returns the line with these arguments after the name of the function. Numbers are written in decimal; pass text
+    // for other forms.
     template <typename... Arguments>
     Report operator()(const Arguments&... arguments) const
     {
@@ -73,7 +74,7 @@ constexpr const Message* kAll[] = {&kRenameStat,   &kRenameNotRegular, &kRenameR
                                    &kMakeFailed,   &kMakeChmod,        &kListNoDirectory, &kListOpen,
                                    &kListRead,     &kPageMove,         &kNameValueOpen,   &kNameValueLine};
 
-// Whether the text is the expected one; each "?" of that takes one letter or digit, too.
+// Whether the text is equal to the expected one, in which each "?" also matches one letter or digit.
 bool IsLike(const std::string& expected, const std::string& text);
 
 }  // namespace messages

@@ -9,7 +9,7 @@
 
 namespace {
 
-thread_local int allocationsToFailure = 0;  // the next one is 1; 0: none is to fail
+thread_local int allocationsToFailure = 0;  // the next one is 1; 0: there is no fault
 std::atomic<std::size_t> bytesInUse(0);
 
 }  // namespace

@@ -6,8 +6,8 @@
 
 #include <cstddef>
 
-// While it lives, the `nth` (1-based) allocation throws std::bad_alloc. Read Fired() to learn whether there was such a
-// one: a sweep ends where there is none.
+// While it exists, the `nth` (1-based) allocation throws std::bad_alloc. Fired() returns whether there were that many;
+// if not, a loop over all allocations is at its end.
 class ScopedNewFault {
 public:
     explicit ScopedNewFault(int nth);

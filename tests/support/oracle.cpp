@@ -25,7 +25,7 @@ Report Message::With(std::vector<std::string> arguments) const
         text += arguments.at(used++);
     }
     if (used != arguments.size()) {
-        std::abort();  // an argument too many is a mistake of the test
+        std::abort();  // the test passes too many arguments
     }
     return {format, text};
 }
@@ -46,7 +46,7 @@ namespace oracle {
 
 namespace {
 
-// Takes the bytes up to the first `end` off the front of `bytes`, and the `end` too; all of them where there is none.
+// Removes and returns the bytes before the first `end`, and removes that `end`. Without an `end`, takes all bytes.
 std::string TakeUpTo(char end, std::string& bytes)
 {
     const std::size_t at = bytes.find(end);
@@ -55,7 +55,7 @@ std::string TakeUpTo(char end, std::string& bytes)
     return taken;
 }
 
-// The lines of a file; a final line feed begins no further one.
+// Returns the lines of a file. No line begins after a final line feed.
 std::vector<std::string> Lines(const std::string& bytes)
 {
     return bytes.empty() ? std::vector<std::string>() : Pieces(bytes, '\n');
@@ -68,7 +68,7 @@ std::string Cell(const std::string& text)
 
 }  // namespace
 
-// Each delimiter ends a piece, and so does the end of the text, unless a delimiter was the last byte.
+// Each delimiter ends a piece. The end of the text ends one too, unless the last byte is a delimiter.
 std::vector<std::string> Pieces(const std::string& text, char delimiter)
 {
     std::vector<std::string> pieces(1);
@@ -94,7 +94,7 @@ std::string Trimmed(const std::string& text)
     return first == std::string::npos ? "" : text.substr(first, text.find_last_not_of(whiteSpace) + 1 - first);
 }
 
-// Which positions of the text the pattern can have come to, byte by byte.
+// Keeps, for each byte of the pattern, the positions of the text that it can have reached.
 bool Matches(const std::string& text, const std::string& pattern)
 {
     std::vector<bool> reached(text.size() + 1, false);
@@ -135,7 +135,7 @@ const char kPageHeader[] =
     R"(<meta http-equiv="refresh" content="10" > </head><body>)";
 const char kPageFooter[] = "</body></html></KPX_PLD>";
 
-// A row without a colon is shown as its head cell, and once more as the other cells.
+// A row without a colon is shown twice: as its head cell and as the other cells.
 std::string TableMarkup(const std::string& line)
 {
     std::string table = "<table  BORDER=2>";

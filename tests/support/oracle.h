@@ -1,6 +1,6 @@
-// What the library must answer, written once and in other ways than the library's: the expected result of unit tests,
-// campaigns and fuzzers. orv_oracle writes what the Python tests need of it to a file. What is expected of the examples
-// in data/ was written by hand; unit/oracle_test.cpp compares both, so that an error made twice shows.
+// Computes the results that the library must have, in other ways than the library does, for unit tests, campaigns and
+// fuzzers. orv_oracle writes the results that the Python tests need to a file. The expected results in data/ were
+// written by hand; unit/oracle_test.cpp compares them with the oracle, so that an error in both is unlikely.
 #ifndef ORV_TESTS_ORACLE_H
 #define ORV_TESTS_ORACLE_H
 
@@ -23,7 +23,7 @@ bool Matches(const std::string& text, const std::string& pattern);
 
 std::string Row(const std::vector<std::string>& cells);
 std::string TableMarkup(const std::string& line);
-std::string Page(const std::string& tableFile);  // of a file that holds these bytes
+std::string Page(const std::string& tableFile);  // of a file with these bytes
 
 extern const char kPageHeader[];
 extern const char kPageFooter[];
@@ -33,7 +33,7 @@ constexpr std::size_t kPageHeaderBytes = 340;
 
 using NameValues = std::map<std::string, std::string>;
 
-// What is in the map after a file of these bytes was read into `before`.
+// Returns the map after a file with these bytes was read into `before`.
 NameValues Read(const std::string& bytes, char delimiter, const std::string& commentPrefix, NameValues before);
 
 // ---- Names of temporary files

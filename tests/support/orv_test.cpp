@@ -56,7 +56,7 @@ void WriteWhole(const std::string& path, const std::string& text)
     ASSERT_TRUE(file) << path << ": " << std::strerror(errno);
 }
 
-// Gives a user without privileges a name space in which it may mount, as its root.
+// Makes a namespace in which a user without privileges is root and may mount.
 bool EnterMountNamespace()
 {
     const uid_t user = geteuid();

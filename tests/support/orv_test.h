@@ -1,5 +1,5 @@
-// What every test of the library stands on: captured diagnostic calls, temporary directories that must end clean, and
-// a count of open descriptors. A test that produces a diagnostic call and does not expect it fails.
+// The base of every test of the library: captured log calls, temporary directories that must be clean at the end, and a
+// count of open descriptors. A log call that the test does not expect fails it.
 #ifndef ORV_TESTS_ORV_TEST_H
 #define ORV_TESTS_ORV_TEST_H
 
@@ -13,7 +13,7 @@
 #include "gtest/gtest.h"
 #include "support/messages.h"
 
-// One call of __dlog_printf, as the library made it and as printf expands it.
+// A call of __dlog_printf, with the arguments of the library and the text that printf makes of them.
 struct DlogCall {
     int severity;
     std::string sourceTag;
@@ -22,22 +22,22 @@ struct DlogCall {
     std::string text;
 };
 
-// Takes the calls captured since the last time.
+// Returns the calls that were captured since the last time, and forgets them.
 std::vector<DlogCall> TakeDlogCalls();
 
-// True on a thread whose call is being captured: what is allocated then is not the library's doing.
+// True on a thread while its log call is captured: allocations are then those of the test.
 bool IsCapturingDlogCall();
 
 using messages::Report;
 
-// Compares the captured calls, whole and in order, and takes them. Severity and source are the same for all. In an
-// expected text, messages::kAnySuffix fits any name of a temporary file.
+// Compares the captured calls, completely and in order, and forgets them. Severity and source are the same for all. In
+// an expected text, messages::kAnySuffix matches any name of a temporary file.
 void ExpectReports(const std::vector<Report>& expected);
 
-// A directory of its own for a test, removed with everything in it at the end.
+// A temporary directory for a test. At the end, it is removed with everything in it.
 class TempDir {
 public:
-    // Below `base`, which should be a directory that all users may enter.
+    // Makes the directory below `base`, which all users should be able to enter.
     explicit TempDir(const std::string& base);
     ~TempDir();
     TempDir(const TempDir&) = delete;
@@ -47,10 +47,10 @@ public:
     {
         return path_;
     }
-    // The path of `name` in this directory.
+    // Returns the path of `name` in this directory.
     std::string operator/(const std::string& name) const;
 
-    // Creates or replaces the file; the mode is set exactly. Returns its path.
+    // Creates or replaces the file and sets exactly this mode. Returns its path.
     std::string Write(const std::string& name, const std::string& bytes, mode_t mode = 0644) const;
     std::string Read(const std::string& name) const;
     std::vector<std::string> Names() const;  // of all entries, sorted
@@ -63,18 +63,18 @@ std::string ReadFile(const std::string& path);
 void WriteFile(const std::string& path, const std::string& bytes);
 std::vector<std::string> NamesIn(const std::string& directory);
 
-// The status of `path`, links not followed; fails the test when there is none.
+// Returns the status of `path` without following links. Fails the test if `path` does not exist.
 struct stat StatusOf(const std::string& path);
-bool Exists(const std::string& path);    // links not followed
+bool Exists(const std::string& path);    // without following links
 mode_t ModeOf(const std::string& path);  // the twelve mode bits
 
-// The open descriptors of this process, sorted.
+// Returns the open descriptors of this process, sorted.
 std::vector<std::string> OpenDescriptors();
 
 class OrvTest : public ::testing::Test {
 protected:
     OrvTest();
-    void TearDown() override;  // no unexpected diagnostic call, no descriptor left open
+    void TearDown() override;  // checks that there is no unexpected log call and no open descriptor
 
     TempDir dir_;  // on the disk
 
@@ -86,12 +86,12 @@ private:
 class TwoFileSystemsTest : public OrvTest {
 protected:
     TwoFileSystemsTest();
-    void SetUp() override;  // fails when both are on one file system
+    void SetUp() override;  // fails if both are on one file system
 
     TempDir other_;  // in memory
 };
 
-// Skips the test with a reason; where skipping is not allowed (environment ORV_NO_SKIP), fails it instead.
+// Skips the test with a reason. If skipping is not allowed (environment ORV_NO_SKIP), fails it instead.
 #define ORV_SKIP(reason)                          \
     do {                                          \
         if (std::getenv("ORV_NO_SKIP")) {         \
@@ -103,24 +103,24 @@ protected:
 // Runs `body` in a forked child; its failed assertions fail the test.
 void RunInChild(const std::function<void()>& body);
 
-// Runs `body` in a child without privileges: files that user and mode protect are out of its reach.
+// Runs `body` in a child without privileges, for which owners and modes of files apply.
 void RunAsNobody(const std::function<void()>& body);
 
-// Runs `body` in a forked child that may write files of `bytes` at most and, as usual, dies of SIGXFSZ where one would
-// grow beyond; fails the test when it does not.
+// Runs `body` in a forked child whose files may have at most `bytes` bytes. A larger write kills the child with
+// SIGXFSZ. Fails the test if that does not happen.
 void RunIntoFileSizeLimit(std::size_t bytes, const std::function<void()>& body);
 
 // Runs `body` on a thread with a stack of 64 KiB, or of the smallest size that the system allows.
 void RunOnSmallStack(const std::function<void()>& body);
 
-// True where private mounts can be made, as root or with user namespaces, and `body`, run in a child that has them,
-// answers true.
+// Returns true if private mounts are possible, as root or with user namespaces, and `body` returns true in a child that
+// has them.
 bool CanMount(const std::function<bool()>& body = [] { return true; });
 
-// Runs `body` in a child with mounts of its own, in which it may mount what it likes.
+// Runs `body` in a child with private mounts, in which it may mount anything.
 void RunWithPrivateMounts(const std::function<void()>& body);
 
-// For use in RunWithPrivateMounts: mounts a memory file system of `bytes` at `path`.
+// For use in RunWithPrivateMounts: mounts a file system in memory, with `bytes` bytes, at `path`.
 void MountTmpfs(const std::string& path, std::size_t bytes);
 
 #endif  // ORV_TESTS_ORV_TEST_H

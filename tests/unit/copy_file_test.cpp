@@ -56,7 +56,7 @@ TEST_F(CopyFileTest, CopiesNulBytesAndCarriageReturnsWithoutTranslation)
     EXPECT_EQ(bytes, dir_.Read("copy"));
 }
 
-TEST_F(CopyFileTest, GivesANewFileOrdinaryPermissionsAndNotTheSources)
+TEST_F(CopyFileTest, MakesANewFileWithOrdinaryPermissionsNotThoseOfTheSource)
 {
     const mode_t before = umask(0027);
     const std::string source = dir_.Write("source", "abc", 0755);
@@ -122,7 +122,7 @@ TEST_F(CopyFileTest, CreatesTheTargetOfADanglingLink)
     EXPECT_EQ("abc", dir_.Read("target"));
 }
 
-TEST_F(CopyFileTest, WritesIntoADeviceWithoutALine)
+TEST_F(CopyFileTest, WritesToADeviceAndLogsNothing)
 {
     dir_.Write("source", "abc");
 
@@ -175,7 +175,7 @@ TEST_F(CopyFileTest, NoticesThatTheSourceVanishedBeforeTheOpen)
     EXPECT_EQ("old", dir_.Read("copy"));
 }
 
-TEST_F(CopyFileTest, ReportsByCodeADestinationThatCannotBeOpened)
+TEST_F(CopyFileTest, ReturnsACodeForADestinationThatCannotBeOpened)
 {
     const std::string source = dir_.Write("source", "abc");
     ASSERT_EQ(0, mkdir((dir_ / "directory").c_str(), 0755));
@@ -189,7 +189,7 @@ TEST_F(CopyFileTest, ReportsByCodeADestinationThatCannotBeOpened)
     EXPECT_EQ("abc", dir_.Read("source"));
 }
 
-TEST_F(CopyFileTest, ReportsByCodeADestinationThatTheCallerMayNotWrite)
+TEST_F(CopyFileTest, ReturnsACodeForADestinationThatTheCallerMayNotWrite)
 {
     const std::string source = dir_.Write("source", "abc");
     const std::string destination = dir_.Write("copy", "old", 0444);
@@ -199,7 +199,7 @@ TEST_F(CopyFileTest, ReportsByCodeADestinationThatTheCallerMayNotWrite)
     EXPECT_EQ("old", dir_.Read("copy"));
 }
 
-TEST_F(CopyFileTest, AnswersZeroOnAFullDisk)
+TEST_F(CopyFileTest, ReturnsZeroOnAFullDisk)
 {
     if (!CanMount()) {
         ORV_SKIP("no private mounts here: needs root or user namespaces");
@@ -221,7 +221,7 @@ TEST_F(CopyFileTest, AnswersZeroOnAFullDisk)
     });
 }
 
-TEST_F(CopyFileTest, LeavesABeginningWhenTheProcessDiesOfTheFileSizeLimit)
+TEST_F(CopyFileTest, LeavesPartOfTheFileWhenTheProcessDiesOfTheFileSizeLimit)
 {
     const std::string bytes = Bytes(100000);
     const std::string source = dir_.Write("source", bytes);
@@ -239,7 +239,7 @@ TEST_F(CopyFileTest, LeavesABeginningWhenTheProcessDiesOfTheFileSizeLimit)
     EXPECT_TRUE(bytes == ReadFile(destination));
 }
 
-TEST_F(CopyFileTest, AnswersZeroAfterAReadError)
+TEST_F(CopyFileTest, ReturnsZeroAfterAReadError)
 {
     const std::string bytes = Bytes(100000);
     const std::string source = dir_.Write("source", bytes);
@@ -252,14 +252,14 @@ TEST_F(CopyFileTest, AnswersZeroAfterAReadError)
     EXPECT_TRUE(bytes.compare(0, copy.size(), copy) == 0);
 }
 
-TEST_F(CopyFileTest, AnswersZeroAfterAFailedClose)
+TEST_F(CopyFileTest, ReturnsZeroAfterAFailedClose)
 {
     const std::string source = dir_.Write("source", "abc");
 
     EXPECT_EQ(0, CopyFile(source, "/dev/full")) << "three bytes fail only when the close flushes them";
 }
 
-TEST_F(CopyFileTest, AsksForTheSourceOnceAndBeforeAnythingElse)
+TEST_F(CopyFileTest, QueriesTheSourceOnceAndFirst)
 {
     const std::string source = dir_.Write("source", "abc");
     const ScopedTrace trace;

@@ -159,7 +159,7 @@ TEST_F(DirListTest, APathThatEndsInASlashGetsNoSecondOne)
     EXPECT_THAT(names_, ElementsAre(dir_.Path() + "/a.txt", dir_.Path() + "/b.log"));
 }
 
-TEST_F(DirListTest, ThePathIsUsedAsItStands)
+TEST_F(DirListTest, ThePathIsUsedUnchanged)
 {
     WriteAll({"a"});
     const std::string spelling = dir_.Path() + "/.//../" + dir_.Path().substr(dir_.Path().rfind('/') + 1) + "//";
@@ -209,7 +209,7 @@ TEST_F(DirListTest, ADirectoryIsFoundThroughALink)
     EXPECT_THAT(names_, ElementsAre(dir_ / "link/a"));
 }
 
-TEST_F(DirListTest, NoLinkIsListedNotEvenToARegularFile)
+TEST_F(DirListTest, LinksAreNotListedNotEvenToRegularFiles)
 {
     WriteAll({"file"});
     ASSERT_EQ(0, symlink("file", (dir_ / "toFile").c_str()));
@@ -232,7 +232,7 @@ TEST_F(DirListTest, EachHardLinkIsListed)
     EXPECT_THAT(names_, ElementsAre("a", "b"));
 }
 
-TEST_F(DirListTest, NeitherAFifoNorASocketIsListed)
+TEST_F(DirListTest, FifosAndSocketsAreNotListed)
 {
     ASSERT_EQ(0, mkfifo((dir_ / "fifo").c_str(), 0600));
     sockaddr_un address{};
@@ -248,7 +248,7 @@ TEST_F(DirListTest, NeitherAFifoNorASocketIsListed)
     EXPECT_THAT(names_, ElementsAre("file"));
 }
 
-TEST_F(DirListTest, NoDeviceIsListed)
+TEST_F(DirListTest, DevicesAreNotListed)
 {
     ASSERT_TRUE(S_ISCHR(StatusOf("/dev/null").st_mode));
 
@@ -257,7 +257,7 @@ TEST_F(DirListTest, NoDeviceIsListed)
     EXPECT_THAT(names_, IsEmpty());
 }
 
-TEST_F(DirListTest, NothingIsListedWhereTheFileSystemRecordsNoTypes)
+TEST_F(DirListTest, NothingIsListedIfTheFileSystemDoesNotRecordTypes)
 {
     WriteAll({"a", "b"});
     names_ = {"old"};
@@ -302,7 +302,7 @@ TEST_F(DirListTest, FilesWhoseStatusTheCallerMayNotQueryAreListed)
     ASSERT_EQ(0, chmod((dir_ / "readOnly").c_str(), 0700));
 }
 
-TEST_F(DirListTest, NamesMayHoldAnyBytes)
+TEST_F(DirListTest, NamesMayContainAnyBytes)
 {
     const std::string longest(255, 'x');
     WriteAll({"with blank", "line\nfeed", ".hidden", "%s%n", "*", "\xc3\xa9", "\xff", " ", longest});
@@ -380,7 +380,7 @@ TEST_F(DirListTest, NamesThatBeginAlikeAreSorted)
 
 // Names are compared by eight bytes at a time, and only names whose eighth byte is not a NUL go on. The endings are in
 // neither order, since a directory is read in any.
-TEST_F(DirListTest, NamesThatShareEightBytesAreSortedWhateverTheEighthIs)
+TEST_F(DirListTest, NamesThatShareEightBytesAreSortedForEachEighthByte)
 {
     std::vector<std::string> names;
     for (const char eighth : {'\x01', 'x', '\x7f', '\x80', '\xff'}) {
@@ -421,7 +421,7 @@ TEST_F(DirListTest, NamesThatAllBeginAlikeAreSorted)
     EXPECT_THAT(names_, ElementsAreArray(names));
 }
 
-TEST_F(DirListTest, OldElementsThatHoldANulOrAMegabyteAreSortedIn)
+TEST_F(DirListTest, OldElementsWithANulOrAMegabyteAreSortedIn)
 {
     using std::string_literals::operator""s;
     WriteAll({"b", "bb"});
@@ -443,7 +443,7 @@ TEST_F(DirListTest, OldElementsAreSortedInWithTheNewAndEqualOnesKept)
     EXPECT_THAT(names_, ElementsAre("a.txt", "a.txt", "z"));
 }
 
-TEST_F(DirListTest, OfEqualElementsTheNewOneStandsInFrontOfTheOldOneWhichStaysTheSameObject)
+TEST_F(DirListTest, ANewElementComesBeforeAnEqualOldOneWhichStaysTheSameObject)
 {
     WriteAll({"a"});
     names_ = {"z", "a"};
@@ -532,7 +532,7 @@ TEST_F(DirListTest, AnIncludePatternThatNothingMatchesLeavesTheListSorted)
     EXPECT_THAT(names_, ElementsAre("y", "z"));
 }
 
-TEST_F(DirListTest, PatternsAreMatchedWithTheNameAloneAlsoWhenThePathPrecedesIt)
+TEST_F(DirListTest, PatternsAreMatchedWithTheNameWithoutThePath)
 {
     WriteAll({"a", "b"});
 
@@ -552,7 +552,7 @@ TEST_F(DirListTest, PatternsDoNotFilterOldElements)
     EXPECT_THAT(names_, ElementsAre("new.log", "old.log", "old.txt"));
 }
 
-TEST_F(DirListTest, APatternMayHoldBytesAbove0x7F)
+TEST_F(DirListTest, APatternMayContainBytesAbove0x7F)
 {
     WriteAll({"\xc3\xa9.log", "\xc3\xa8.log", "e.log"});
 
@@ -625,7 +625,7 @@ TEST_F(DirListTest, AMissingDirectoryIsReportedAndLeavesTheListUnsorted)
     EXPECT_THAT(names_, ElementsAre("z", "a"));
 }
 
-TEST_F(DirListTest, AMissingDirectoryIsSilentOnRequest)
+TEST_F(DirListTest, AMissingDirectoryIsNotLoggedOnRequest)
 {
     names_ = {"z", "a"};
 
@@ -649,7 +649,7 @@ TEST_F(DirListTest, TheListIsClearedBeforeTheDirectoryIsOpened)
     ExpectReports({NotOpened(dir_ / "missing", ENOENT)});
 }
 
-TEST_F(DirListTest, ARegularFileIsNoDirectory)
+TEST_F(DirListTest, ARegularFileIsNotADirectory)
 {
     const std::string file = dir_.Write("file", "abc");
 
@@ -658,7 +658,7 @@ TEST_F(DirListTest, ARegularFileIsNoDirectory)
     ExpectReports({NotOpened(file, ENOTDIR)});
 }
 
-TEST_F(DirListTest, ALinkLoopIsNoDirectory)
+TEST_F(DirListTest, ALinkLoopIsNotADirectory)
 {
     ASSERT_EQ(0, symlink("loop", (dir_ / "loop").c_str()));
 
@@ -680,7 +680,7 @@ TEST_F(DirListTest, ADirectoryThatTheCallerMayNotReadIsReported)
     ASSERT_EQ(0, chmod((dir_ / "shut").c_str(), 0700));
 }
 
-TEST_F(DirListTest, ADirectoryWithoutADescriptorToSpareIsReported)
+TEST_F(DirListTest, ALackOfDescriptorsIsReported)
 {
     WriteAll({"a"});
     const ScopedFault fault(Call::kOpendir, /*nth=*/1, EMFILE);
@@ -700,7 +700,7 @@ TEST_F(DirListTest, APathOfNineMegabytesIsReported)
     ExpectReports({messages::kListOpen(path, 36)});
 }
 
-TEST_F(DirListTest, APathOfAnyBytesIsReportedAsItStands)
+TEST_F(DirListTest, APathOfAnyBytesIsReportedUnchanged)
 {
     const std::string path = dir_ / "with blank\n%s%n\x80\xff";
 
@@ -711,7 +711,7 @@ TEST_F(DirListTest, APathOfAnyBytesIsReportedAsItStands)
 
 // ---- A directory that cannot be read to its end
 
-TEST_F(DirListTest, AFailedFirstReadAddsNothingAndIsReportedByTheReturnedNumber)
+TEST_F(DirListTest, AFailedFirstReadAddsNothingAndIsReportedWithTheReturnedError)
 {
     WriteAll({"a"});
     names_ = {"z", "b"};
@@ -725,7 +725,7 @@ TEST_F(DirListTest, AFailedFirstReadAddsNothingAndIsReportedByTheReturnedNumber)
     EXPECT_THAT(names_, ElementsAre("z", "b"));
 }
 
-TEST_F(DirListTest, AFailedReadLeavesTheNamesFoundSoFarInFrontUnsortedAndTheOldElementsBehindUntouched)
+TEST_F(DirListTest, AFailedReadLeavesTheNamesUnsortedInFrontOfTheOldElements)
 {
     WriteFifty();
     constexpr int kRead = 40;
@@ -742,7 +742,7 @@ TEST_F(DirListTest, AFailedReadLeavesTheNamesFoundSoFarInFrontUnsortedAndTheOldE
     ExpectReports({NotRead(dir_.Path(), EIO)});
 }
 
-TEST_F(DirListTest, AFailedReadOfAClearedListLeavesTheNamesFoundSoFarAlone)
+TEST_F(DirListTest, AFailedReadOfAClearedListLeavesOnlyTheNamesFoundSoFar)
 {
     WriteFifty();
     constexpr int kRead = 40;
@@ -782,7 +782,7 @@ TEST_F(DirListTest, AFailedReadIsReportedEvenWhenOpenErrorsAreNot)
     ExpectReports({NotRead(dir_.Path(), EIO)});
 }
 
-TEST_F(DirListTest, AFailedCloseIsNoFailure)
+TEST_F(DirListTest, AFailedCloseIsNotAFailure)
 {
     WriteAll({"a"});
     const ScopedFault fault(Call::kClosedir, /*nth=*/1, EIO);

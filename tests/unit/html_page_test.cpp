@@ -88,7 +88,7 @@ INSTANTIATE_TEST_SUITE_P(Pages, GoldenPageTest,
                                            "utf8"),
                          [](const auto& golden) { return std::string(golden.param); });
 
-TEST_F(HtmlPageTest, CarriesEveryByteValueButTheMarks)
+TEST_F(HtmlPageTest, ContainsEveryByteValueExceptTheSeparators)
 {
     std::string bytes;
     for (const char byte : AllBytes()) {
@@ -104,7 +104,7 @@ TEST_F(HtmlPageTest, CarriesEveryByteValueButTheMarks)
     EXPECT_EQ(Page(bytes + ":" + bytes + ";\n"), dir_.Read("page"));
 }
 
-TEST_F(HtmlPageTest, TakesALineOfMegabytes)
+TEST_F(HtmlPageTest, ReadsALineOfMegabytes)
 {
     const std::string cell(3 << 20, 'x');
     const std::string text = dir_.Write("text", "A:" + cell + ";\nB:2;\n");
@@ -124,7 +124,7 @@ std::string ManyLines()
     return text;
 }
 
-TEST_F(HtmlPageTest, TakesManyLines)
+TEST_F(HtmlPageTest, ReadsManyLines)
 {
     const std::string text = dir_.Write("text", ManyLines());
 
@@ -141,7 +141,7 @@ void ExpectBeginning(const std::string& whole, const std::string& page)
     EXPECT_TRUE(whole.compare(0, page.size(), page) == 0) << "not the beginning of the page";
 }
 
-TEST_F(HtmlPageTest, AgreesWithAModelForAnyTextAndHoldsNoLineFeed)
+TEST_F(HtmlPageTest, AgreesWithAModelForAnyTextAndContainsNoLineFeed)
 {
     const std::string page = dir_ / "page";
     Random random(1);
@@ -192,7 +192,7 @@ TEST_F(HtmlPageTest, ReadsATextFileThatMayOnlyBeRead)
     });
 }
 
-TEST_F(HtmlPageTest, AMissingTextFileGivesAnEmptyPage)
+TEST_F(HtmlPageTest, AMissingTextFileMakesAnEmptyPage)
 {
     dir_.Write("page", "old");
 
@@ -202,7 +202,7 @@ TEST_F(HtmlPageTest, AMissingTextFileGivesAnEmptyPage)
     EXPECT_EQ(Names{"page"}, dir_.Names());
 }
 
-TEST_F(HtmlPageTest, AnEmptyTextFilePathGivesAnEmptyPage)
+TEST_F(HtmlPageTest, AnEmptyTextFilePathMakesAnEmptyPage)
 {
     dir_.Write("page", "old");
 
@@ -211,7 +211,7 @@ TEST_F(HtmlPageTest, AnEmptyTextFilePathGivesAnEmptyPage)
     EXPECT_EQ(Page(""), dir_.Read("page"));
 }
 
-TEST_F(HtmlPageTest, AnEmptyTextFileGivesAnEmptyPage)
+TEST_F(HtmlPageTest, AnEmptyTextFileMakesAnEmptyPage)
 {
     dir_.Write("page", "old");
     const std::string text = dir_.Write("text", "");
@@ -221,7 +221,7 @@ TEST_F(HtmlPageTest, AnEmptyTextFileGivesAnEmptyPage)
     EXPECT_EQ(Page(""), dir_.Read("page"));
 }
 
-TEST_F(HtmlPageTest, ADirectoryAsTextFileGivesAnEmptyPage)
+TEST_F(HtmlPageTest, ADirectoryAsTextFileMakesAnEmptyPage)
 {
     dir_.Write("page", "old");
 
@@ -230,7 +230,7 @@ TEST_F(HtmlPageTest, ADirectoryAsTextFileGivesAnEmptyPage)
     EXPECT_EQ(Page(""), dir_.Read("page"));
 }
 
-TEST_F(HtmlPageTest, AnUnreadableTextFileGivesAnEmptyPage)
+TEST_F(HtmlPageTest, AnUnreadableTextFileMakesAnEmptyPage)
 {
     dir_.Write("page", "old", 0666);
     const std::string text = dir_.Write("text", "A:1;\n", 0);
@@ -244,7 +244,7 @@ TEST_F(HtmlPageTest, AnUnreadableTextFileGivesAnEmptyPage)
     });
 }
 
-TEST_F(HtmlPageTest, AReadErrorEndsThePageBehindTheLastWholeLine)
+TEST_F(HtmlPageTest, AReadErrorEndsThePageAfterTheLastCompleteLine)
 {
     const std::string text = dir_.Write("text", "A:1;\nB:" + std::string(1 << 20, 'x') + ";\nC:3;\n");
     const ScopedFault fault(Call::kRead, /*nth=*/2, EIO);
@@ -299,7 +299,7 @@ TEST_F(HtmlPageTest, IsWrittenToTheTemporaryFileAndThenMoved)
                 ::testing::Each(::testing::AnyOf(::testing::StartsWith("read("), ::testing::StartsWith("write("))));
 }
 
-TEST_F(HtmlPageTest, EmptiesAndReusesATemporaryFileLeftBehind)
+TEST_F(HtmlPageTest, EmptiesAndReusesATemporaryFileThatWasLeft)
 {
     const std::string text = dir_.Write("text", "A:1;\n");
     WriteFile(OwnTemporaryPage(), std::string(100000, 'x'));
@@ -373,7 +373,7 @@ TEST_F(TemporaryDirectoryTest, AMissingOneIsReportedAndThePageStays)
     });
 }
 
-TEST_F(TemporaryDirectoryTest, AFullOneGivesAnIncompletePageWithoutAReport)
+TEST_F(TemporaryDirectoryTest, AFullOneMakesAnIncompletePageAndLogsNothing)
 {
     if (!CanMount()) {
         ORV_SKIP("mounts are not allowed here");
@@ -390,7 +390,7 @@ TEST_F(TemporaryDirectoryTest, AFullOneGivesAnIncompletePageWithoutAReport)
     });
 }
 
-TEST_F(TemporaryDirectoryTest, OneThatIsFullFromTheStartGivesAnEmptyFileWithoutAReport)
+TEST_F(TemporaryDirectoryTest, OneThatIsFullFromTheStartMakesAnEmptyFileAndLogsNothing)
 {
     if (!CanMount()) {
         ORV_SKIP("mounts are not allowed here");
@@ -407,7 +407,7 @@ TEST_F(TemporaryDirectoryTest, OneThatIsFullFromTheStartGivesAnEmptyFileWithoutA
     });
 }
 
-TEST_F(HtmlPageTest, AWriteErrorGivesAnIncompletePageWithoutAReport)
+TEST_F(HtmlPageTest, AWriteErrorMakesAnIncompletePageAndLogsNothing)
 {
     dir_.Write("page", "old");
     const std::string text = dir_.Write("text", ManyLines());
@@ -467,7 +467,7 @@ TEST_F(HtmlPageTest, LeavesTheTemporaryFileWhenThePagesDirectoryIsMissing)
     EXPECT_EQ(Names{"text"}, dir_.Names());
 }
 
-TEST_F(HtmlPageTest, LeavesTheTemporaryFileWhenADirectoryStandsAtThePagePath)
+TEST_F(HtmlPageTest, LeavesTheTemporaryFileWhenThePagePathIsADirectory)
 {
     const std::string text = dir_.Write("text", "A:1;\n");
     const std::string page = dir_ / "page";
@@ -505,7 +505,7 @@ TEST_F(HtmlPageTest, LeavesTheOldPageWhenItMayNotBeReplaced)
     EXPECT_EQ(Page("A:1;\n"), TakeTemporaryPage());
 }
 
-TEST_F(HtmlPageTest, ReportsAFailedReadOfTheMoveByItsOwnLineAlone)
+TEST_F(HtmlPageTest, ReportsAFailedReadOfTheMoveOnlyByItsOwnLine)
 {
     const std::string page = other_.Write("page", "old");
     {
@@ -572,7 +572,7 @@ TEST_P(PagePlaceTest, IsCreated)
     EXPECT_FALSE(Exists(OwnTemporaryPage()));
 }
 
-TEST_P(PagePlaceTest, HasTheModeOfANewFileWhateverTheOldPageHad)
+TEST_P(PagePlaceTest, HasTheModeOfANewFileNotOfTheOldPage)
 {
     const std::string page = Place().Write("page", "old", 0600);
     for (const mode_t mask : {0U, 022U, 027U, 077U, 0111U}) {

@@ -45,7 +45,7 @@ protected:
         EXPECT_EQ(0, close(file));
     }
 
-    // Whether the second file system, in memory, can take a large copy.
+    // Whether the second file system, which is in memory, has room for a large copy.
     bool HasRoom() const
     {
         struct statvfs status {};
@@ -99,8 +99,8 @@ TEST_F(LargeFileTest, IsCopied)
     ExpectLarge(other_ / "copy");
 }
 
-// A directory on a disk file system orders its names by a hash, which it hands out as a 64-bit offset.
-TEST_F(LargeFileTest, HasNoPartInADirectoryOfWhichAllNamesAreListed)
+// Disk file systems order the names of a directory by a hash, which is the 64-bit offset of an entry.
+TEST_F(LargeFileTest, ListsAllNamesOfADirectoryWith64BitOffsets)
 {
     std::list<std::string> expected;
     for (int i = 1000; i < 2000; ++i) {
@@ -116,7 +116,7 @@ TEST_F(LargeFileTest, HasNoPartInADirectoryOfWhichAllNamesAreListed)
 
 class FarDateTest : public TwoFileSystemsTest, public ::testing::WithParamInterface<std::int64_t> {
 protected:
-    // Dates the file as far back as its file system allows: some begin in 1901.
+    // Sets the oldest date that the file system allows: in some it is in 1901.
     static void SetDate(const std::string& path, std::int64_t seconds)
     {
         const timespec times[2] = {{static_cast<time_t>(seconds), 0}, {static_cast<time_t>(seconds), 0}};

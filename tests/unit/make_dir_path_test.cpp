@@ -144,7 +144,7 @@ TEST_F(DoMakeDirPathTest, LooksForAParentUpwardsAndThenMakesDownwards)
                                            "mkdir(" + (dir_ / "a/b") + ")", "mkdir(" + (dir_ / "a/b/c") + ")"));
 }
 
-TEST_F(DoMakeDirPathTest, LooksNoFurtherThanTheFirstParentThatAnswers)
+TEST_F(DoMakeDirPathTest, StopsAtTheFirstParentThatExists)
 {
     ASSERT_EQ(0, mkdir((dir_ / "a").c_str(), 0755));
     const ScopedTrace trace;
@@ -154,7 +154,7 @@ TEST_F(DoMakeDirPathTest, LooksNoFurtherThanTheFirstParentThatAnswers)
     EXPECT_THAT(trace.Calls(), ElementsAre("stat(" + (dir_ / "a") + ")", "mkdir(" + (dir_ / "a/b") + ")"));
 }
 
-TEST_F(DoMakeDirPathTest, GivesEveryDirectoryTheModeLessTheMask)
+TEST_F(DoMakeDirPathTest, MakesEveryDirectoryWithTheModeLessTheMask)
 {
     const ScopedMask mask(027);
 
@@ -164,7 +164,7 @@ TEST_F(DoMakeDirPathTest, GivesEveryDirectoryTheModeLessTheMask)
     EXPECT_EQ(0750U, ModeOf(dir_ / "a/b"));
 }
 
-TEST_F(DoMakeDirPathTest, HandsTheStickyBitOnAndLeavesTheSetIdBitsToTheKernelWhichDropsThem)
+TEST_F(DoMakeDirPathTest, PassesTheStickyBitAndLeavesTheSetIdBitsToTheKernelWhichDropsThem)
 {
     EXPECT_TRUE(DoMakeDirPath((dir_ / "a/b").c_str(), 07777));
 
@@ -254,7 +254,7 @@ TEST_F(DoMakeDirPathTest, AcceptsManySlashes)
     EXPECT_TRUE(IsDirectory(dir_ / "a/b"));
 }
 
-TEST_F(DoMakeDirPathTest, TakesDotsAsTheyStand)
+TEST_F(DoMakeDirPathTest, UsesDotsUnchanged)
 {
     const ScopedTrace trace;
 
@@ -266,7 +266,7 @@ TEST_F(DoMakeDirPathTest, TakesDotsAsTheyStand)
     EXPECT_THAT(dir_.Names(), ElementsAre("a", "b"));
 }
 
-TEST_F(DoMakeDirPathTest, TakesAnyBytesInNames)
+TEST_F(DoMakeDirPathTest, AcceptsAnyBytesInNames)
 {
     const std::string odd = "with blank\nand\tfeed/%s%n/\x80\xff";
 
@@ -275,7 +275,7 @@ TEST_F(DoMakeDirPathTest, TakesAnyBytesInNames)
     EXPECT_TRUE(IsDirectory(dir_ / odd));
 }
 
-TEST_F(DoMakeDirPathTest, ReportsAPathOfAnyBytesAsItStands)
+TEST_F(DoMakeDirPathTest, ReportsAPathOfAnyBytesUnchanged)
 {
     const std::string odd = dir_ / "with blank\n%s%n\x80\xff";
     const ScopedFault fault(Call::kMkdir, /*nth=*/1, EROFS);
@@ -313,7 +313,7 @@ protected:
     }
 };
 
-TEST_P(RefusedDirPathTest, DoMakeDirPathSaysWhereItMakesNothing)
+TEST_P(RefusedDirPathTest, DoMakeDirPathReportsTheRefusedParent)
 {
     RunWhereNothingIsLost([] {
         const ScopedTrace trace;
@@ -462,7 +462,7 @@ TEST_F(DoMakeDirPathTest, ReportsTheLevelThatFailedAndLeavesTheLevelsAbove)
     EXPECT_THAT(NamesIn(dir_ / "a"), IsEmpty());
 }
 
-TEST_F(DoMakeDirPathTest, TakesAParentForUsableWhateverItIs)
+TEST_F(DoMakeDirPathTest, UsesAParentOfAnyType)
 {
     dir_.Write("file", "abc");
     const std::string path = dir_ / "file/a";
@@ -484,7 +484,7 @@ TEST_F(DoMakeDirPathTest, ClimbsPastAParentBelowAFile)
     ExpectReports({NotMade(dir_ / "file/a", "Not a directory")});
 }
 
-TEST_F(DoMakeDirPathTest, ClimbsPastAParentThatCannotBeQueriedForWhateverReason)
+TEST_F(DoMakeDirPathTest, ClimbsPastAParentThatCannotBeQueriedForAnyReason)
 {
     ASSERT_TRUE(DoMakeDirPath((dir_ / "a/b").c_str(), 0755));
     const ScopedFault notSearched(Call::kStat, /*nth=*/1, EACCES);
@@ -551,7 +551,7 @@ TEST_F(DoMakeDirPathTest, FailsWhereTheCallerMayNotSearchEvenAtWhatExists)
     EXPECT_THAT(NamesIn(dir_ / "shut/in"), IsEmpty());
 }
 
-TEST_F(DoMakeDirPathTest, AModeThatShutsTheCallerOutFailsAtTheSecondLevel)
+TEST_F(DoMakeDirPathTest, AModeThatLocksTheCallerOutFailsAtTheSecondLevel)
 {
     RunAsNobody([&] {
         EXPECT_FALSE(DoMakeDirPath((dir_ / "a/b").c_str(), 0600));
@@ -584,7 +584,7 @@ TEST_F(DoMakeDirPathTest, AFileThatAnotherProcessMakesMeanwhileCountsAsMadeToo)
     EXPECT_EQ("abc", dir_.Read("a/b"));
 }
 
-TEST_F(DoMakeDirPathTest, AnsweredThatThePathExistsItIsContent)
+TEST_F(DoMakeDirPathTest, CountsAPathAsMadeIfMkdirReportsThatItExists)
 {
     const ScopedFault raced(Call::kMkdir, /*nth=*/2, EEXIST);
 
@@ -679,14 +679,14 @@ TEST_F(DoMakeDirPathTest, ReportsAnAncestorWhoseNameIsTooLong)
     EXPECT_THAT(NamesIn(dir_ / "a"), IsEmpty());
 }
 
-TEST_F(DoMakeDirPathTest, TakesANameOf255Bytes)
+TEST_F(DoMakeDirPathTest, AcceptsANameOf255Bytes)
 {
     EXPECT_TRUE(DoMakeDirPath((dir_ / (std::string(255, 'x') + "/a")).c_str(), 0755));
 
     EXPECT_TRUE(IsDirectory(dir_ / (std::string(255, 'x') + "/a")));
 }
 
-TEST_F(DoMakeDirPathTest, MakesTheLongestPathThatTheKernelTakes)
+TEST_F(DoMakeDirPathTest, MakesTheLongestPathThatTheKernelAccepts)
 {
     const std::string path = PathOfLength(dir_.Path(), 4095);
     ASSERT_EQ(4095U, path.size());
@@ -790,7 +790,7 @@ TEST_F(MakeDirPathTest, LeavesTheModeToTheMaskUnlessAsked)
     EXPECT_EQ(0700U, ModeOf(dir_ / "a"));
 }
 
-TEST_F(MakeDirPathTest, SetsTheModeOfTheLastDirectoryAlonePastTheMask)
+TEST_F(MakeDirPathTest, SetsTheModeOfOnlyTheLastDirectoryPastTheMask)
 {
     const ScopedMask mask(027);
 
@@ -809,7 +809,7 @@ TEST_F(MakeDirPathTest, SetsAllTwelveModeBits)
     EXPECT_EQ(07775U, ModeOf(dir_ / "a/b"));
 }
 
-TEST_F(MakeDirPathTest, OnlyLooksAtADirectoryThatExists)
+TEST_F(MakeDirPathTest, OnlyQueriesADirectoryThatExists)
 {
     ASSERT_EQ(0, mkdir((dir_ / "a").c_str(), 0700));
     const ScopedTrace trace;

@@ -248,7 +248,7 @@ const auto kNothing = [] {};
 
 class MemoryExhaustionTest : public MemoryTest {};
 
-TEST_F(MemoryExhaustionTest, FileExistsAndMovesHaveNothingThatCouldFail)
+TEST_F(MemoryExhaustionTest, FileExistsAndMovesAllocateNothingThatCouldFail)
 {
     const std::string bytes(10000, 'x');
     const std::string source = dir_ / "source";
@@ -272,7 +272,7 @@ TEST_F(MemoryExhaustionTest, FileExistsAndMovesHaveNothingThatCouldFail)
         });
 }
 
-TEST_F(MemoryExhaustionTest, MakingDirectoriesFailsWithItsLinesAndMakesNone)
+TEST_F(MemoryExhaustionTest, MakingDirectoriesFailsWithItsLinesAndMakesNothing)
 {
     const std::string path = dir_ / "a/b";
     bool workerMade = false;
@@ -306,7 +306,7 @@ TEST_F(MemoryExhaustionTest, MakingDirectoriesFailsWithItsLinesAndMakesNone)
         });
 }
 
-TEST_F(MemoryExhaustionTest, SplitThrowsAndTheVectorHoldsTheFirstPieces)
+TEST_F(MemoryExhaustionTest, SplitThrowsAndTheVectorContainsTheFirstPieces)
 {
     const std::string piece(100, 'x');
     const std::string text = piece + "1;" + piece + "2;" + piece + "3";
@@ -323,7 +323,7 @@ TEST_F(MemoryExhaustionTest, SplitThrowsAndTheVectorHoldsTheFirstPieces)
         });
 }
 
-TEST_F(MemoryExhaustionTest, TheOtherStringOperationsHaveNothingThatCouldFail)
+TEST_F(MemoryExhaustionTest, TheOtherStringOperationsAllocateNothingThatCouldFail)
 {
     const std::string original = "  \t" + std::string(100, 'x') + " \r\n";
     const std::string pattern = "*x?x*";
@@ -373,7 +373,7 @@ TEST_F(MemoryExhaustionTest, AddTextFileFormattedRowThrowsAndLeavesTheCellsAlone
 }
 
 // The stream reports that it could not open; its buffer throws. Once both are open the copy needs no memory.
-TEST_F(MemoryExhaustionTest, CopyFileGivesItsCodeForAStreamAndThrowsForABuffer)
+TEST_F(MemoryExhaustionTest, CopyFileReturnsItsCodeForAStreamAndThrowsForABuffer)
 {
     const std::string bytes(100000, 'x');
     const std::string source = dir_.Write("source", bytes);

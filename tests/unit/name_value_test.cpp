@@ -50,7 +50,7 @@ void PrintTo(const FileCase& param, std::ostream* out)
 // Delimiter '=' and comment prefix "#".
 class FileCaseTest : public NameValueTest, public ::testing::WithParamInterface<FileCase> {};
 
-TEST_P(FileCaseTest, GivesTheEntries)
+TEST_P(FileCaseTest, ReadsTheEntries)
 {
     EXPECT_EQ(GetParam().nameValues, Read(GetParam().bytes));
     EXPECT_EQ(GetParam().nameValues, oracle::Read(GetParam().bytes, '=', "#", {}));
@@ -107,7 +107,7 @@ INSTANTIATE_TEST_SUITE_P(
                       FileCase{"Formats", "%s=%n\n", {{"%s", "%n"}}}),
     CaseName<FileCase>);
 
-TEST_F(NameValueTest, KeepsEveryByteValueButLineFeedAndDelimiter)
+TEST_F(NameValueTest, KeepsEveryByteValueExceptLineFeedAndDelimiter)
 {
     std::string bytes = AllBytes();
     bytes.erase(bytes.find('='), 1);
@@ -116,7 +116,7 @@ TEST_F(NameValueTest, KeepsEveryByteValueButLineFeedAndDelimiter)
     EXPECT_EQ((NameValues{{bytes, bytes}}), Read(bytes + "=" + bytes + "\n"));
 }
 
-TEST_F(NameValueTest, TakesLinesOfMegabytes)
+TEST_F(NameValueTest, ReadsLinesOfMegabytes)
 {
     const std::string name(1 << 20, 'n');
     const std::string value(3 << 20, 'v');
@@ -125,7 +125,7 @@ TEST_F(NameValueTest, TakesLinesOfMegabytes)
               Read(name + "=" + value + "\n" + name + "x\n#" + value + "\nb=2\n"));
 }
 
-TEST_F(NameValueTest, TakesManyLines)
+TEST_F(NameValueTest, ReadsManyLines)
 {
     std::string bytes;
     NameValues expected;
@@ -139,13 +139,13 @@ TEST_F(NameValueTest, TakesManyLines)
 
 // ---- The map
 
-TEST_F(NameValueTest, KeepsEntriesThatTheFileDoesNotHold)
+TEST_F(NameValueTest, KeepsEntriesThatTheFileDoesNotContain)
 {
     EXPECT_EQ((NameValues{{"", "nameless"}, {"a", "1"}, {"b", "old"}, {"c", "3"}}),
               Read("a=1\nc=3\n", '=', "#", {{"", "nameless"}, {"b", "old"}}));
 }
 
-TEST_F(NameValueTest, OverwritesEntriesThatTheFileHolds)
+TEST_F(NameValueTest, OverwritesEntriesThatTheFileContains)
 {
     EXPECT_EQ((NameValues{{"", "new"}, {"a", "1"}, {"b", ""}, {"c", ""}}),
               Read("a=1\nb=\nc\n=new\n", '=', "#", {{"", "old"}, {"a", "old"}, {"b", "old"}, {"c", "old"}}));
@@ -174,7 +174,7 @@ void PrintTo(const SyntaxCase& param, std::ostream* out)
 
 class SyntaxCaseTest : public NameValueTest, public ::testing::WithParamInterface<SyntaxCase> {};
 
-TEST_P(SyntaxCaseTest, GivesTheEntries)
+TEST_P(SyntaxCaseTest, ReadsTheEntries)
 {
     EXPECT_EQ(GetParam().nameValues, Read(GetParam().bytes, GetParam().delimiter, GetParam().commentPrefix));
     EXPECT_EQ(GetParam().nameValues,
@@ -228,7 +228,7 @@ INSTANTIATE_TEST_SUITE_P(
                       SyntaxCase{"NoWildcards", '=', "*", "a=1\n*b=2\n", {{"a", "1"}}}),
     CaseName<SyntaxCase>);
 
-TEST_F(NameValueTest, TakesEveryByteValueAsDelimiter)
+TEST_F(NameValueTest, AcceptsEveryByteValueAsDelimiter)
 {
     for (const char delimiter : AllBytes()) {
         const std::string line = "n"s + delimiter + "1";
@@ -313,7 +313,7 @@ TEST_F(OpenFailureTest, ReportsAPathThatIsTooLong)
     ExpectRefusal(path, path);
 }
 
-TEST_F(OpenFailureTest, ReportsAPathWithBytesThatPrintfMightTakeForItsOwn)
+TEST_F(OpenFailureTest, ReportsAPathThatLooksLikeAFormat)
 {
     ExpectRefusal(dir_ / "%s%n \"\\\n\xFF", dir_ / "%s%n \"\\\n\xFF");
 }
@@ -396,7 +396,7 @@ TEST_F(NameValueTest, OnlyReadsTheFile)
     EXPECT_EQ(std::vector<std::string>{"file"}, dir_.Names());
 }
 
-TEST_F(NameValueTest, TakesADirectoryForAnEmptyFile)
+TEST_F(NameValueTest, ReadsADirectoryAsAnEmptyFile)
 {
     NameValues nameValues = {{"a", "old"}};
 

@@ -11,7 +11,7 @@
 
 namespace {
 
-TEST(OracleTest, LinesAreThoseOfTheField)
+TEST(OracleTest, LinesAreThoseOfTheDataFolder)
 {
     const std::string page = oracle::TemporaryPage(4711);
     const std::vector<Report> lines = {
@@ -48,7 +48,7 @@ TEST(OracleTest, LinesAreThoseOfTheField)
     }
 }
 
-TEST(OracleTest, PagesAreTheKeptOnes)
+TEST(OracleTest, PagesAreThoseOfTheDataFolder)
 {
     const std::string folder = ORV_TEST_DATA "/pages";
     int pages = 0;
@@ -64,7 +64,7 @@ TEST(OracleTest, PagesAreTheKeptOnes)
     EXPECT_EQ(oracle::kPageHeaderBytes, std::string(oracle::kPageHeader).size());
 }
 
-TEST(OracleTest, OnlyLettersAndDigitsFitTheNameOfATemporaryFile)
+TEST(OracleTest, OnlyLettersAndDigitsMatchTheNameOfATemporaryFile)
 {
     EXPECT_TRUE(oracle::IsTemporaryCopy("/usb/report_a1B2cZ", "/usb/report"));
     for (const char* const path : {"/usb/report_a1B2c", "/usb/report_a1B2c34", "/usb/report_a1B2c/",

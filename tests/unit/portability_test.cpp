@@ -101,14 +101,14 @@ private:
     }
 };
 
-TEST_F(PortabilityTest, HighBytesGiveTheSameOnEveryMachine)
+TEST_F(PortabilityTest, HighBytesHaveTheSameResultOnEveryMachine)
 {
     const std::string transcript = Transcript();
 
     EXPECT_EQ(ReadFile(ORV_TEST_DATA "/high_bytes.txt"), transcript);
 }
 
-TEST_F(PortabilityTest, PlainCharIsNotLookedAt)
+TEST_F(PortabilityTest, ResultsDoNotDependOnPlainChar)
 {
     std::list<std::string> names = {"b\x80", "a\xff", "a\x7f", "a"};
     EXPECT_TRUE(orv_fileutils::GetDirFileList(dir_.Path().c_str(), nullptr, nullptr, names, false, false, true));

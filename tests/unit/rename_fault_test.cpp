@@ -113,7 +113,7 @@ TEST_F(RenameFaultTest, RemovesTheTemporaryFileWhenTheSourceCannotBeOpened)
     ExpectNothingChanged();
 }
 
-TEST_F(RenameFaultTest, GivesUpWithoutALineWhenAReadFails)
+TEST_F(RenameFaultTest, FailsAndLogsNothingWhenAReadFails)
 {
     for (const int nth : {1, 2, 3}) {
         const ScopedFault otherFs(Call::kRename, /*nth=*/1, EXDEV);
@@ -183,7 +183,7 @@ TEST_F(RenameFaultTest, DoesNotRetryAnInterruptedWrite)
     ExpectNothingChanged();
 }
 
-TEST_F(RenameFaultTest, TakesAShortWriteForAFailureAndPrintsTheStaleErrno)
+TEST_F(RenameFaultTest, TreatsAShortWriteAsAFailureAndPrintsTheStaleErrno)
 {
     for (const std::size_t taken : {std::size_t{0}, std::size_t{1}, std::size_t{4095}}) {
         const ScopedFault otherFs(Call::kRename, /*nth=*/1, EXDEV);

@@ -143,7 +143,7 @@ TEST_F(RenameTest, MovesNamesWithBlanksLineFeedsAndHighBytes)
     EXPECT_THAT(dir_.Names(), ElementsAre("d e\nf\x80"));
 }
 
-TEST_F(RenameTest, TakesPathsOnlyUpToTheirFirstNul)
+TEST_F(RenameTest, UsesPathsOnlyUpToTheirFirstNul)
 {
     dir_.Write("source", "abc");
     const std::string source = (dir_ / "source") + std::string("\0tail", 5);
@@ -202,7 +202,7 @@ TEST_F(RenameTest, RefusesADirectoryThatAPlainRenameWouldMove)
     EXPECT_THAT(dir_.Names(), ElementsAre("directory"));
 }
 
-TEST_F(RenameTest, RefusesAFifoWithItsTypeBitsAlone)
+TEST_F(RenameTest, ReportsAFifoWithItsTypeBitsOnly)
 {
     const std::string source = dir_ / "fifo";
     ASSERT_EQ(0, mkfifo(source.c_str(), 0644));
@@ -401,7 +401,7 @@ TEST_F(RenameAcrossTest, DropsSetIdAndStickyBits)
     }
 }
 
-TEST_F(RenameAcrossTest, GivesTheCopyItsModeWhateverTheUmask)
+TEST_F(RenameAcrossTest, GivesTheCopyItsModeDespiteTheUmask)
 {
     const mode_t before = umask(0077);
     for (const mode_t mode : {0777U, 0666U, 0604U, 0000U}) {
@@ -416,7 +416,7 @@ TEST_F(RenameAcrossTest, GivesTheCopyItsModeWhateverTheUmask)
     umask(before);
 }
 
-TEST_F(RenameAcrossTest, DoesNotCarryOverTimes)
+TEST_F(RenameAcrossTest, DoesNotPreserveTimes)
 {
     const std::string source = dir_.Write("source", "abc");
     const timespec old[2] = {{1000000000, 0}, {1000000000, 0}};
@@ -520,7 +520,7 @@ TEST_F(RenameAcrossTest, ReportsASourceThatTheCallerMayNotRead)
     EXPECT_TRUE(Exists(source));
 }
 
-TEST_F(RenameAcrossTest, IsTrueWithALineWhenTheSourceCannotBeRemoved)
+TEST_F(RenameAcrossTest, IsTrueAndLogsWhenTheSourceCannotBeRemoved)
 {
     ASSERT_EQ(0, mkdir((dir_ / "closed").c_str(), 0755));
     const std::string source = dir_.Write("closed/source", "abc", 0444);
@@ -551,7 +551,7 @@ TEST_F(RenameAcrossTest, NeedsRoomForSevenMoreBytesInTheName)
     EXPECT_THAT(other_.Names(), ElementsAre(fits));
 }
 
-TEST_F(RenameAcrossTest, TakesTheLengthOfTheDestinationUpToItsFirstNul)
+TEST_F(RenameAcrossTest, UsesTheDestinationUpToItsFirstNul)
 {
     dir_.Write("source", "abc");
     const std::string destination = (other_ / "destination") + '\0' + std::string(9000000, 'x');
@@ -561,7 +561,7 @@ TEST_F(RenameAcrossTest, TakesTheLengthOfTheDestinationUpToItsFirstNul)
     EXPECT_THAT(other_.Names(), ElementsAre("destination"));
 }
 
-TEST_F(RenameAcrossTest, MakesDoWithTheLongestPathThatTheKernelTakes)
+TEST_F(RenameAcrossTest, WorksWithTheLongestPathThatTheKernelAccepts)
 {
     const std::string source = dir_.Write("source", "abc");
     std::string directory = other_.Path();
@@ -864,7 +864,7 @@ TEST_F(RenameMountTest, ReportsAReadOnlyDestination)
     });
 }
 
-TEST_F(RenameMountTest, IsTrueWithALineWhenTheSourceIsOnAReadOnlyFileSystem)
+TEST_F(RenameMountTest, IsTrueAndLogsWhenTheSourceIsOnAReadOnlyFileSystem)
 {
     const std::string readOnly = dir_ / "readonly";
     ASSERT_EQ(0, mkdir(readOnly.c_str(), 0755));

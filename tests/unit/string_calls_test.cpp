@@ -134,7 +134,7 @@ TEST_F(ListingStringCallsTest, WithoutPatternsNothingIsMatched)
     EXPECT_THAT(recorded, IsEmpty());
 }
 
-TEST_F(ListingStringCallsTest, AnIncludePatternIsAskedOnceForEachRegularFileInTheOrderOfTheDirectory)
+TEST_F(ListingStringCallsTest, AnIncludePatternIsMatchedOnceForEachRegularFileInTheOrderOfTheDirectory)
 {
     for (const char* const name : {"c", "a", "d", "b"}) {
         dir_.Write(name, "");
@@ -150,7 +150,7 @@ TEST_F(ListingStringCallsTest, AnIncludePatternIsAskedOnceForEachRegularFileInTh
     EXPECT_EQ(expected, recorded);
 }
 
-TEST_F(ListingStringCallsTest, AnExcludePatternAloneIsAskedOnceForEachRegularFile)
+TEST_F(ListingStringCallsTest, AnExcludePatternOnlyIsMatchedOnceForEachRegularFile)
 {
     dir_.Write("a.log", "");
     dir_.Write("b.txt", "");
@@ -160,7 +160,7 @@ TEST_F(ListingStringCallsTest, AnExcludePatternAloneIsAskedOnceForEachRegularFil
     EXPECT_THAT(recorded, UnorderedElementsAre("Match('a.log', '*.log')", "Match('b.txt', '*.log')"));
 }
 
-TEST_F(ListingStringCallsTest, TheIncludePatternIsAskedBeforeTheExcludePattern)
+TEST_F(ListingStringCallsTest, TheIncludePatternIsMatchedBeforeTheExcludePattern)
 {
     dir_.Write("a.log", "");
 
@@ -170,7 +170,7 @@ TEST_F(ListingStringCallsTest, TheIncludePatternIsAskedBeforeTheExcludePattern)
     EXPECT_THAT(names_, IsEmpty());
 }
 
-TEST_F(ListingStringCallsTest, TheExcludePatternIsNotAskedAboutANameThatIsNotIncluded)
+TEST_F(ListingStringCallsTest, TheExcludePatternIsNotMatchedWithANameThatIsNotIncluded)
 {
     dir_.Write("a.log", "");
 
@@ -315,7 +315,7 @@ TEST_F(NameValueStringCallsTest, ACommentLineIsComparedAndThenSkipped)
     EXPECT_THAT(values_, IsEmpty());
 }
 
-TEST_F(NameValueStringCallsTest, AValueThatIsNotThereIsNotTrimmed)
+TEST_F(NameValueStringCallsTest, AMissingValueIsNotTrimmed)
 {
     EXPECT_TRUE(Read("a=1\nb=\nc\n", ""));
 
@@ -324,7 +324,7 @@ TEST_F(NameValueStringCallsTest, AValueThatIsNotThereIsNotTrimmed)
     EXPECT_THAT(values_, ElementsAre(Pair("a", "1"), Pair("b", ""), Pair("c", "")));
 }
 
-TEST_F(NameValueStringCallsTest, TheWholeRestBehindTheFirstDelimiterIsTrimmed)
+TEST_F(NameValueStringCallsTest, TheWholeRestAfterTheFirstDelimiterIsTrimmed)
 {
     EXPECT_TRUE(Read("a= b = c \n", ""));
 

@@ -48,7 +48,7 @@ void PrintTo(const SplitCase& param, std::ostream* out)
 
 class SplitCaseTest : public ::testing::TestWithParam<SplitCase> {};
 
-TEST_P(SplitCaseTest, GivesThePieces)
+TEST_P(SplitCaseTest, AppendsThePieces)
 {
     EXPECT_EQ(GetParam().pieces, PiecesOf(GetParam().text, GetParam().delimiter));
     EXPECT_EQ(GetParam().pieces, oracle::Pieces(GetParam().text, GetParam().delimiter));
@@ -80,7 +80,7 @@ TEST(SplitTest, AppendsToTheVector)
     EXPECT_THAT(pieces, ElementsAre("before", "a", "b", ""));
 }
 
-TEST(SplitTest, MakesRoomInANewVectorOnce)
+TEST(SplitTest, ReservesMemoryInANewVectorOnce)
 {
     Strings pieces;
 
@@ -89,7 +89,7 @@ TEST(SplitTest, MakesRoomInANewVectorOnce)
     EXPECT_EQ(3U, pieces.capacity());
 }
 
-TEST(SplitTest, TakesEveryByteValueAsDelimiter)
+TEST(SplitTest, AcceptsEveryByteValueAsDelimiter)
 {
     const std::string text = AllBytes() + "=" + AllBytes();  // each value twice, and '=' three times
     for (const char delimiter : AllBytes()) {
@@ -111,7 +111,7 @@ TEST(SplitTest, TakesEveryByteValueAsDelimiter)
 
 // This fixes the pieces of any text: there is at least one, none holds the delimiter, and joined they are the text,
 // less one delimiter at its end.
-TEST(SplitTest, JoiningThePiecesGivesTheTextBackLessAFinalDelimiter)
+TEST(SplitTest, JoinedPiecesAreTheTextWithoutAFinalDelimiter)
 {
     Random random(1);
     for (int i = 0; i < 50000; ++i) {
@@ -130,7 +130,7 @@ TEST(SplitTest, JoiningThePiecesGivesTheTextBackLessAFinalDelimiter)
     }
 }
 
-TEST(SplitTest, TakesAMillionPieces)
+TEST(SplitTest, MakesAMillionPieces)
 {
     std::string text;
     for (int i = 0; i < 1000000; ++i) {
@@ -211,7 +211,7 @@ TEST(TrimTest, FindsTheCoreOfAnyText)
     }
 }
 
-TEST(TrimTest, TakesAMegabyteOfBlanks)
+TEST(TrimTest, TrimsAMegabyteOfBlanks)
 {
     EXPECT_EQ("", Trimmed(std::string(1 << 20, ' ')));
     EXPECT_EQ("a", Trimmed(std::string(1 << 20, ' ') + "a" + std::string(1 << 20, '\t')));
@@ -253,7 +253,7 @@ INSTANTIATE_TEST_SUITE_P(
                       StartsWithCase{"WildcardsAreText", "abc", "a*", false}),
     CaseName<StartsWithCase>);
 
-TEST(StartsWithTest, TellsAllByteValuesApart)
+TEST(StartsWithTest, DistinguishesAllByteValues)
 {
     for (const char first : AllBytes()) {
         for (const char prefix : AllBytes()) {
@@ -263,7 +263,7 @@ TEST(StartsWithTest, TellsAllByteValuesApart)
     }
 }
 
-TEST(StartsWithTest, IsTrueForAnyTextThatThePrefixWasPutInFrontOf)
+TEST(StartsWithTest, IsTrueForAnyTextAfterThePrefix)
 {
     Random random(3);
     int others = 0;
@@ -345,7 +345,7 @@ INSTANTIATE_TEST_SUITE_P(
         MatchCase{"TwoMarksNeedTwoBytes", "a", "?*?", false}),
     CaseName<MatchCase>);
 
-TEST(WildcardedStringMatchTest, EveryByteValueButTheWildcardsStandsForItselfAlone)
+TEST(WildcardedStringMatchTest, EveryByteValueExceptTheWildcardsMatchesOnlyItself)
 {
     for (const char byte : AllBytes()) {
         for (const char literal : AllBytes()) {
@@ -356,7 +356,7 @@ TEST(WildcardedStringMatchTest, EveryByteValueButTheWildcardsStandsForItselfAlon
     }
 }
 
-TEST(WildcardedStringMatchTest, WildcardsTakeEveryByteValue)
+TEST(WildcardedStringMatchTest, WildcardsMatchEveryByteValue)
 {
     EXPECT_TRUE(WildcardedStringMatch(AllBytes(), std::string(256, '?')));
     EXPECT_FALSE(WildcardedStringMatch(AllBytes(), std::string(257, '?')));
@@ -383,7 +383,7 @@ TEST(WildcardedStringMatchTest, AgreesWithAModelThatTriesAllPositions)
 
 // Parts of a pattern between stars from 1 to 40 bytes long, with and without question marks, are found wherever they
 // stand, and not where one byte is another.
-TEST(WildcardedStringMatchTest, FindsPartsOfEveryLengthBetweenStars)
+TEST(WildcardedStringMatchTest, FindsSegmentsOfEveryLengthBetweenStars)
 {
     for (std::size_t bytes = 1; bytes <= 40; ++bytes) {
         const std::string part = std::string(bytes - 1, 'a') + 'b';
@@ -447,7 +447,7 @@ TEST(WildcardedStringMatchTest, EndsInTimeWithManyStars)
 }
 
 // A matcher that calls itself for each byte would run out of stack here.
-TEST(WildcardedStringMatchTest, TakesTextsAndPatternsOfMegabytes)
+TEST(WildcardedStringMatchTest, MatchesTextsAndPatternsOfMegabytes)
 {
     const std::string text(4 << 20, 'a');
 

@@ -36,7 +36,7 @@ void PrintTo(const RowCase& param, std::ostream* out)
 
 class RowCaseTest : public OrvTest, public ::testing::WithParamInterface<RowCase> {};
 
-TEST_P(RowCaseTest, GivesTheRowTextAndLeavesTheCellsAlone)
+TEST_P(RowCaseTest, FormatsTheRowAndLeavesTheCellsAlone)
 {
     Cells cells = GetParam().cells;
 
@@ -100,7 +100,7 @@ TEST_F(TableRowTest, LeavesCapacityAndPlaceOfTheCellsAlone)
     EXPECT_EQ(capacity, cells.capacity());
 }
 
-TEST_F(TableRowTest, TakesLongAndManyCells)
+TEST_F(TableRowTest, AcceptsLongAndManyCells)
 {
     EXPECT_EQ(std::string(1 << 20, 'a') + ":" + std::string(1 << 20, 'b') + ";",
               RowOf({std::string(1 << 20, 'a'), std::string(1 << 20, 'b')}));

@@ -515,7 +515,7 @@ void KillCopyTest::KillCopies(const std::string& bytes, const std::string* old)
                 runs_ - runsBefore);
 }
 
-TEST_F(KillCopyTest, ACopyKilledAtAnyCallLeavesABeginningAndTheSourceAndCanBeRepeated)
+TEST_F(KillCopyTest, ACopyKilledAtAnyCallLeavesPartOfTheFileAndTheSourceAndCanBeRepeated)
 {
     const mode_t maskBefore = umask(kMask);
     const std::string shortOne = kOld;

@@ -189,7 +189,7 @@ void RunRacer(Race& race, const std::string& base, int rounds, bool first)
     }
 }
 
-TEST(MakeDirPathRaceTest, ProcessesThatRaceForOnePathAllSucceedWithoutALine)
+TEST(MakeDirPathRaceTest, ProcessesThatRaceForOnePathAllSucceedAndLogNothing)
 {
     const TempDir dir("/dev/shm");  // in memory: more rounds
     const int rounds = Amount(300, 10000);

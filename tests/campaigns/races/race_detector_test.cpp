@@ -40,22 +40,22 @@ void ExpectReport(const std::string& argument, const std::string& place)
     EXPECT_THAT(ending.output, ::testing::HasSubstr(place));
 }
 
-TEST(RaceDetectorTest, SeesARaceInTheProgram)
+TEST(RaceDetectorTest, ReportsARaceInTheProgram)
 {
     ExpectReport("program", "RaceInTheProgram");
 }
 
-TEST(RaceDetectorTest, SeesARaceInTheFileUtilities)
+TEST(RaceDetectorTest, ReportsARaceInTheFileUtilities)
 {
     ExpectReport("file utilities", "orv_fileutils::GetDirFileList");
 }
 
-TEST(RaceDetectorTest, SeesARaceInTheStringOperations)
+TEST(RaceDetectorTest, ReportsARaceInTheStringOperations)
 {
     ExpectReport("string operations", "LxStringUtils::Trim");
 }
 
-TEST(RaceDetectorTest, IsSilentWhereThereIsNone)
+TEST(RaceDetectorTest, ReportsNothingWithoutARace)
 {
     const Ending ending = RunRaceProgram("nowhere");
 

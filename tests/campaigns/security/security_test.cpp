@@ -75,7 +75,7 @@ TEST_F(SharedDirectoryTest, AMoveSetsTheModeOfTheFileOfALinkThatReplacedItsTempo
     EXPECT_EQ(std::vector<std::string>{"destination"}, other_.Names());
 }
 
-TEST_F(SharedDirectoryTest, ATemporaryCopyIsForItsOwnerAloneUntilItIsComplete)
+TEST_F(SharedDirectoryTest, OnlyTheOwnerMayReadATemporaryCopyUntilItIsComplete)
 {
     const std::string bytes(10000, 'x');
     const std::string source = dir_.Write("source", bytes, 0666);
@@ -149,7 +149,7 @@ TEST_F(ForeignTextTest, AScriptInACellIsAScriptInThePage)
     EXPECT_THAT(dir_.Read("page"), HasSubstr("<td><script>alert(1)</script></td>"));
 }
 
-TEST_F(ForeignTextTest, APathStandsInALineAsItIsAndIsNeverAFormat)
+TEST_F(ForeignTextTest, APathIsLoggedUnchangedAndIsNeverAFormat)
 {
     const std::string path = dir_ / "a\n[3] LxFileUtils.cpp: forged \x1b[2J %s%n";
 

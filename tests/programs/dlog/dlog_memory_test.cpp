@@ -105,7 +105,7 @@ TEST_F(DlogMemoryTest, EscapesANulInTheMessage)
     EXPECT_THAT(dlog_memory::Lines(), ElementsAre("[3] tag: a\\x00b"));
 }
 
-TEST_F(DlogMemoryTest, DropsTheOldestBeyondTheLimitAndCountsThemStill)
+TEST_F(DlogMemoryTest, DropsTheOldestLinesBeyondTheLimitButCountsThem)
 {
     dlog_memory::SetLimit(2);
 
@@ -117,7 +117,7 @@ TEST_F(DlogMemoryTest, DropsTheOldestBeyondTheLimitAndCountsThemStill)
     EXPECT_EQ(3U, dlog_memory::Total());
 }
 
-TEST_F(DlogMemoryTest, KeepsAHundredLinesUnlessTold)
+TEST_F(DlogMemoryTest, KeepsAHundredLinesByDefault)
 {
     EXPECT_EQ(100U, atStart.limit);
     for (std::size_t number = 0; number < 101; ++number) {
@@ -135,7 +135,7 @@ TEST_F(DlogMemoryTest, CountsFromZero)
     EXPECT_EQ(0U, atStart.total);
 }
 
-TEST_F(DlogMemoryTest, ALowerLimitDropsOldLinesAtOnceAndAHigherOneBringsNoneBack)
+TEST_F(DlogMemoryTest, ALowerLimitDropsOldLinesAtOnceAndAHigherOneRestoresNone)
 {
     for (std::size_t number = 1; number <= 3; ++number) {
         Report(number);
@@ -147,7 +147,7 @@ TEST_F(DlogMemoryTest, ALowerLimitDropsOldLinesAtOnceAndAHigherOneBringsNoneBack
     EXPECT_THAT(dlog_memory::Lines(), ElementsAre("[3] tag: 3"));
 }
 
-TEST_F(DlogMemoryTest, ALimitOfNoneOnlyCounts)
+TEST_F(DlogMemoryTest, ALimitOf0KeepsNoLinesButCounts)
 {
     dlog_memory::SetLimit(0);
 
@@ -157,7 +157,7 @@ TEST_F(DlogMemoryTest, ALimitOfNoneOnlyCounts)
     EXPECT_EQ(1U, dlog_memory::Total());
 }
 
-TEST_F(DlogMemoryTest, ClearForgetsLinesAndCountButNotTheLimit)
+TEST_F(DlogMemoryTest, ClearResetsLinesAndCountButNotTheLimit)
 {
     dlog_memory::SetLimit(1);
     Report(1);
@@ -171,7 +171,7 @@ TEST_F(DlogMemoryTest, ClearForgetsLinesAndCountButNotTheLimit)
     EXPECT_THAT(dlog_memory::Lines(), ElementsAre("[3] tag: 3"));
 }
 
-TEST_F(DlogMemoryTest, CutsALineThatIsLongerThanTheBound)
+TEST_F(DlogMemoryTest, CutsALineThatIsLongerThanTheLimit)
 {
     const std::string start = "[3] tag: ";
     const std::string fits(dlog_memory::kMaxLineBytes - start.size(), 'm');
@@ -182,13 +182,13 @@ TEST_F(DlogMemoryTest, CutsALineThatIsLongerThanTheBound)
     EXPECT_THAT(dlog_memory::Lines(), ElementsAre(start + fits, start + fits.substr(0, fits.size() - 3) + "..."));
 }
 
-TEST_F(DlogMemoryTest, HasTheBoundsThatUsersCountOn)
+TEST_F(DlogMemoryTest, HasTheLimitsThatTheHeaderPromises)
 {
     EXPECT_EQ(100U, dlog_memory::kDefaultLimit);
     EXPECT_EQ(16384U, dlog_memory::kMaxLineBytes);
 }
 
-TEST_F(DlogMemoryTest, TakesNoMoreMemoryThanLinesOfTheGreatestSize)
+TEST_F(DlogMemoryTest, NeedsNoMoreMemoryThanLinesOfTheGreatestSize)
 {
     const std::size_t kPageBytes = 4096;  // to which some libraries round the size of a string
     const std::string longest(dlog_memory::kMaxLineBytes - std::string("[3] tag: ").size(), 'm');
@@ -209,7 +209,7 @@ TEST_F(DlogMemoryTest, PreservesErrno)
     EXPECT_EQ(EXDEV, errno);
 }
 
-TEST_F(DlogMemoryTest, TakesReportsOfSeveralThreadsWhileOthersRead)
+TEST_F(DlogMemoryTest, AcceptsReportsOfSeveralThreadsWhileOthersRead)
 {
     const std::size_t kThreads = 4;
     const std::size_t kLines = 500;
@@ -268,7 +268,7 @@ TEST_F(DlogMemoryTest, EachFunctionMayRunWhileOthersDo)
     EXPECT_EQ(0U, dlog_memory::Total());
 }
 
-TEST_F(DlogMemoryTest, CountsWhatIsLostForLackOfMemory)
+TEST_F(DlogMemoryTest, CountsReportsThatAreLostForLackOfMemory)
 {
     const std::string text(100, 't');
     bool fired = true;
@@ -289,7 +289,7 @@ TEST_F(DlogMemoryTest, CountsWhatIsLostForLackOfMemory)
     EXPECT_GE(failures, 2) << "the message and the line are allocated";
 }
 
-TEST_F(DlogMemoryTest, TakesReportsUntilTheProcessEnds)
+TEST_F(DlogMemoryTest, AcceptsReportsUntilTheProcessEnds)
 {
     std::fflush(nullptr);
     const pid_t child = fork();

@@ -92,7 +92,7 @@ TEST(DlogStderrTest, WritesSeverityTagAndMessageAsOneLineInOneWrite)
     EXPECT_THAT(writes, ElementsAre("[3] LxFileUtils.cpp: GetDir: No directory specified.\n"));
 }
 
-TEST(DlogStderrTest, WritesEachReportForItself)
+TEST(DlogStderrTest, WritesEachReportSeparately)
 {
     const auto writes = WritesOf([] {
         __dlog_printf(0, "a", "first");
@@ -161,7 +161,7 @@ TEST(DlogStderrTest, EscapesControlCharactersInHexadecimalAndPassesEveryOtherByt
     }
 }
 
-TEST(DlogStderrTest, WritesAMessageOfAMegabyteWhole)
+TEST(DlogStderrTest, WritesAMessageOfAMegabyteCompletely)
 {
     const std::string megabyte(1 << 20, 'm');
 
@@ -170,7 +170,7 @@ TEST(DlogStderrTest, WritesAMessageOfAMegabyteWhole)
     EXPECT_EQ("[3] tag: " + megabyte + ".\n", written);
 }
 
-TEST(DlogStderrTest, WritesTheFormatWhereTheMessageCannotBeExpanded)
+TEST(DlogStderrTest, WritesTheFormatIfTheMessageCannotBeExpanded)
 {
     const wchar_t noCharacter[] = {0x7FFFFFFF, 0};
 
@@ -193,7 +193,7 @@ TEST(DlogStderrTest, PreservesErrno)
     EXPECT_EQ(1U, writes.size());
 }
 
-TEST(DlogStderrTest, LosesTheLineButNotErrnoWhereStandardErrorIsClosed)
+TEST(DlogStderrTest, LosesTheLineButNotErrnoIfStandardErrorIsClosed)
 {
     int after = 0;
 
@@ -238,7 +238,7 @@ TEST(DlogStderrTest, DoesNotMixTheLinesOfSeveralThreads)
               linesOf);
 }
 
-TEST(DlogStderrTest, SaysSoWhereALineIsLostForLackOfMemory)
+TEST(DlogStderrTest, ReportsThatALineIsLostForLackOfMemory)
 {
     const std::string text(100, 't');
     bool fired = true;

@@ -150,7 +150,7 @@ TEST(DlogSyslogTest, KeepsIdentityAndFacilityThatTheProgramChose)
     });
 }
 
-TEST(DlogSyslogTest, MapsEverySeverityToItselfAndWhatIsNoneToError)
+TEST(DlogSyslogTest, MapsEverySeverityToItselfAndOtherNumbersToError)
 {
     EXPECT_WITH_DEV_LOG([](int log) {
         openlog("t", 0, LOG_USER);
@@ -175,7 +175,7 @@ TEST(DlogSyslogTest, EscapesControlCharactersAndPassesPercentSigns)
     });
 }
 
-TEST(DlogSyslogTest, PreservesErrnoAlsoWhereNobodyListens)
+TEST(DlogSyslogTest, PreservesErrnoEvenIfNobodyListens)
 {
     EXPECT_WITH_DEV_LOG([](int log) {
         errno = EXDEV;
@@ -190,7 +190,7 @@ TEST(DlogSyslogTest, PreservesErrnoAlsoWhereNobodyListens)
     });
 }
 
-TEST(DlogSyslogTest, SendsTheReportsOfSeveralThreadsWhole)
+TEST(DlogSyslogTest, SendsTheReportsOfSeveralThreadsCompletely)
 {
     EXPECT_WITH_DEV_LOG([](int log) {
         const int kThreads = 4;
@@ -224,7 +224,7 @@ TEST(DlogSyslogTest, SendsTheReportsOfSeveralThreadsWhole)
     });
 }
 
-TEST(DlogSyslogTest, SaysSoWhereAReportIsLostForLackOfMemory)
+TEST(DlogSyslogTest, ReportsThatAReportIsLostForLackOfMemory)
 {
     EXPECT_WITH_DEV_LOG([](int log) {
         openlog("t", 0, LOG_USER);
