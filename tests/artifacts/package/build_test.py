@@ -1,0 +1,84 @@
+#!/usr/bin/env python3
+"""Builds a copy of the sources as a user or a packager does.
+
+  build_test.py plain    the plain build makes the libraries and the substitutes for the log, and nothing else
+"""
+
+import os
+import shutil
+import subprocess
+import tempfile
+
+import building
+import orv_test
+
+
+def not_copied(directory, names):
+    return [name for name in names if directory == orv_test.ROOT and (name == ".git" or name.startswith("build"))]
+
+
+class Build:
+    """A copy of the sources and its build directory."""
+
+    def __init__(self, options, directory):
+        self.options = options
+        self.sources = os.path.join(directory, "sources")
+        self.build = os.path.join(directory, "build")
+        shutil.copytree(orv_test.ROOT, self.sources, ignore=not_copied)
+
+    def cmake(self, *arguments):
+        """What CMake said; the test fails with it when CMake does."""
+        run = subprocess.run(
+            [self.options.cmake, *arguments], stdout=subprocess.PIPE, stderr=subprocess.STDOUT, text=True, check=False)
+        if run.returncode != 0:
+            orv_test.finish([f"cmake {' '.join(arguments)}: {run.returncode}\n{run.stdout}"])
+        return run.stdout
+
+    def configure(self, flags, *definitions):
+        compiler, *own = self.options.compiler
+        toolchain = [f"--toolchain={self.options.toolchain}"] if self.options.toolchain else []
+        return self.cmake(
+            "-G", self.options.generator, "-S", self.sources, "-B", self.build, *toolchain,
+            f"-DCMAKE_CXX_COMPILER={compiler}", f"-DCMAKE_CXX_FLAGS={' '.join([*own, *flags])}", *definitions)
+
+
+def linked_files(directory):
+    """The programs and libraries below the directory, without those that CMake made for itself."""
+    found = set()
+    for place, folders, names in os.walk(directory):
+        if "CMakeFiles" in folders:
+            folders.remove("CMakeFiles")
+        for path in (os.path.join(place, name) for name in names):
+            with open(path, "rb") as file:
+                if file.read(8).startswith((b"\x7fELF", b"!<arch>")):
+                    found.add(os.path.relpath(path, directory))
+    return found
+
+
+def plain(build):
+    build.configure([])
+    build.cmake("--build", build.build)
+    shared = [f"lib/lib{name}.so{end}" for name in ("OrvFileUtils", "OrvStrUtils")
+              for end in ("", ".0", f".{orv_test.VERSION}")]  # fmt: skip
+    expected = {*shared, *(f"lib/libDlog{name}.a" for name in ("Stderr", "Syslog", "Memory"))}
+    found = linked_files(build.build)
+    return [] if found == expected else [f"built {sorted(found)} instead of {sorted(expected)}"]
+
+
+CHECKS = {check.__name__: check for check in (plain,)}
+
+
+def main():
+    parser = building.parser(__doc__, CHECKS)
+    parser.add_argument("--cmake", required=True, help="the program")
+    parser.add_argument("--generator", required=True, help="CMake's generator")
+    parser.add_argument("--toolchain", help="CMake's file of a cross compiler")
+    options = parser.parse_args()
+    building.require_compiler(options)
+    with tempfile.TemporaryDirectory(prefix="orv_test.") as directory:
+        problems = CHECKS[options.check](Build(options, directory))
+    orv_test.finish(problems)
+
+
+if __name__ == "__main__":
+    main()
