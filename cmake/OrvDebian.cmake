@@ -1,5 +1,4 @@
-# Debian packages of the files that `cmake --install` installs: one with the libraries, one with everything for building
-# programs, and orvfile. script/package builds them.
+# Debian packages of the files that `cmake --install` installs, one for each component. script/package builds them.
 set(ORV_PACKAGE_CONTACT "" CACHE STRING "The maintainer of the packages: Name <address>")
 set(ORV_PACKAGE_VERSION ${PROJECT_VERSION} CACHE STRING "The version of the packages, such as that of a snapshot")
 
@@ -15,12 +14,16 @@ set(CPACK_POST_BUILD_SCRIPTS ${PROJECT_SOURCE_DIR}/cmake/OrvDebianFields.cmake)
 
 set(CPACK_PACKAGE_DESCRIPTION_SUMMARY "") # the first line of each description is its summary
 
-set(CPACK_COMPONENTS_ALL runtime development)
+set(CPACK_COMPONENTS_ALL runtime development documentation)
 if(ORV_BUILD_TOOLS)
   list(APPEND CPACK_COMPONENTS_ALL tools)
 endif()
+if(ORV_BUILD_EXAMPLES)
+  list(APPEND CPACK_COMPONENTS_ALL statusboard)
+endif()
 set(CPACK_COMPONENT_DEVELOPMENT_DEPENDS runtime)
 set(CPACK_COMPONENT_TOOLS_DEPENDS runtime)
+set(CPACK_COMPONENT_STATUSBOARD_DEPENDS runtime)
 
 set(CPACK_DEB_COMPONENT_INSTALL ON)
 set(CPACK_DEBIAN_FILE_NAME DEB-DEFAULT)
@@ -59,6 +62,28 @@ through the log of the program.
 This package contains the headers, the manual, files for CMake and pkg-config,
 and substitutes for the log.")
 
+set(CPACK_DEBIAN_DEVELOPMENT_PACKAGE_SUGGESTS orvfileutils-doc)
+
+set(CPACK_DEBIAN_DOCUMENTATION_PACKAGE_NAME orvfileutils-doc)
+set(CPACK_DEBIAN_DOCUMENTATION_PACKAGE_ARCHITECTURE all)
+set(CPACK_DEBIAN_DOCUMENTATION_PACKAGE_SECTION doc)
+set(CPACK_DEBIAN_DOCUMENTATION_DESCRIPTION
+    "file-system utilities for embedded devices (documentation)
+This package contains the caveats of liborvfileutils0, every line that it
+writes to the log, what other users of the machine can do to a program that
+uses it, and an example program.")
+
+set(CPACK_DEBIAN_STATUSBOARD_PACKAGE_NAME orv-statusboard)
+set(CPACK_DEBIAN_STATUSBOARD_PACKAGE_SECTION utils)
+file(WRITE ${PROJECT_BINARY_DIR}/conffiles "/etc/statusboard.conf\n")
+set(CPACK_DEBIAN_STATUSBOARD_PACKAGE_CONTROL_EXTRA ${PROJECT_BINARY_DIR}/conffiles)
+set(CPACK_DEBIAN_STATUSBOARD_DESCRIPTION
+    "status page of a machine, updated by a service
+The page shows load, file systems, network interfaces and the files of a
+directory. It is the example program of liborvfileutils-dev.
+.
+The service is not enabled. To start it: systemctl enable --now statusboard")
+
 set(CPACK_DEBIAN_TOOLS_PACKAGE_NAME orvfile)
 set(CPACK_DEBIAN_TOOLS_PACKAGE_SECTION utils)
 set(CPACK_DEBIAN_TOOLS_PACKAGE_SUGGESTS liborvfileutils-dev)
@@ -71,6 +96,7 @@ tables and HTML pages and reads name-value files, for shells and scripts.")
 if(NOT CMAKE_CROSSCOMPILING)
   set(CPACK_DEBIAN_RUNTIME_PACKAGE_SHLIBDEPS ON)
   set(CPACK_DEBIAN_TOOLS_PACKAGE_SHLIBDEPS ON)
+  set(CPACK_DEBIAN_STATUSBOARD_PACKAGE_SHLIBDEPS ON)
 endif()
 
 # Debian's changelog has one entry. Its date is that of SOURCE_DATE_EPOCH.

@@ -1,5 +1,5 @@
-# The files that `cmake --install` installs, in three components: runtime, development and tools (see tools/ and man/).
-# They find each other by relative paths, so that an installation can be moved as a whole. pkg-config then needs
+# The files that `cmake --install` installs, in components: runtime, development, documentation, tools (see tools/ and
+# man/) and statusboard (see examples/). They find each other by relative paths, so that an installation can be moved as a whole. pkg-config then needs
 # --define-prefix.
 include(CMakePackageConfigHelpers)
 include(cmake/OrvInstallTemplate.cmake)
@@ -11,6 +11,10 @@ install(
 install(TARGETS DlogStderr DlogSyslog DlogMemory EXPORT OrvFileUtilsTargets ARCHIVE COMPONENT development)
 install(FILES include/LxFileUtils.h strutils/LxStringUtils.h TYPE INCLUDE COMPONENT development)
 install(FILES dlog/dlog.h dlog/dlog_memory.h DESTINATION ${CMAKE_INSTALL_INCLUDEDIR}/orv COMPONENT development)
+
+install(FILES docs/caveats.md docs/diagnostics.md docs/security.md DESTINATION ${CMAKE_INSTALL_DOCDIR}
+        COMPONENT documentation)
+install(FILES examples/statusboard.cpp DESTINATION ${CMAKE_INSTALL_DOCDIR}/examples COMPONENT documentation)
 
 # For find_package(OrvFileUtils). Before version 1.0, any minor version may break programs.
 set(package_directory ${CMAKE_INSTALL_LIBDIR}/cmake/OrvFileUtils)

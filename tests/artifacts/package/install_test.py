@@ -48,7 +48,8 @@ class Installation:
         self.options = options
         self.directory = directory
         first = os.path.join(directory, f"first {ODD}")
-        run(options.cmake, "--install", options.build, "--prefix", os.path.join(first, "prefix"))
+        self.first = os.path.join(first, "prefix")
+        run(options.cmake, "--install", options.build, "--prefix", self.first)
         self.prefix = os.path.join(directory, ODD, "prefix")
         os.rename(first, os.path.dirname(self.prefix))
         self.project = os.path.join(directory, "project")
@@ -121,8 +122,9 @@ def no_foreign_path(installation):
         for name in names:
             with open(os.path.join(directory, name), "rb") as file:
                 text = file.read()
-            if name.endswith(".pc"):  # names the prefix that it was installed with, in its first line
-                text = text.partition(b"\n")[2]
+            if name.endswith((".pc", ".service")):  # name the prefix that they were installed with
+                for prefix in (installation.first, installation.first.replace(" ", "\\ ")):
+                    text = text.replace(os.fsencode(prefix), b"")
             problems += [f"{name} names {path!r}" for path in sorted(set(pattern.findall(text)))]
     return problems
 

@@ -183,7 +183,7 @@ class PackagesTest(unittest.TestCase):
     def test_each_program_and_library_has_its_debug_information(self):
         for architecture in (NATIVE, "powerpc"):
             packages = built(architecture)
-            for name in (LIBRARY, "orvfile") if packages else ():
+            for name in (LIBRARY, "orvfile", "orv-statusboard") if packages else ():
                 content = self.path(f"{name}-{architecture}")
                 run("dpkg-deb", "--extract", packages[name], content)
                 elves = [path for path in glob.glob(f"{content}/usr/**", recursive=True) if is_program(path)]
@@ -193,6 +193,24 @@ class PackagesTest(unittest.TestCase):
                     build_id = re.search(r"Build ID: (\w\w)(\w+)", run("readelf", "--notes", "--wide", path))
                     self.assertIn(f"/usr/lib/debug/.build-id/{build_id[1]}/{build_id[2]}.debug", debug)
                     self.assertNotIn(" .debug_info", run("readelf", "--sections", "--wide", path))
+
+    def test_the_package_of_the_status_board_has_its_settings_and_its_service(self):
+        package = built(NATIVE)["orv-statusboard"]
+        self.assertTrue({"/usr/bin/statusboard", "/etc/statusboard.conf",
+                         "/usr/lib/systemd/system/statusboard.service"} <= set(files(package)), files(package))
+        self.assertEqual("/etc/statusboard.conf\n", run("dpkg-deb", "--info", package, "conffiles"))
+        content = self.path("content")
+        run("dpkg-deb", "--extract", package, content)
+        with open(f"{content}/usr/lib/systemd/system/statusboard.service", encoding="utf-8") as unit:
+            self.assertRegex(unit.read(), r"(?m)^ExecStart=/usr/bin/statusboard .* /etc/statusboard\.conf$")
+
+    def test_the_documents_and_the_example_have_a_package_for_every_machine(self):
+        package = built("all")["orvfileutils-doc"]
+        folder = "/usr/share/doc/orvfileutils-doc"
+        self.assertEqual(
+            {f"{folder}/{name}" for name in (
+                "caveats.md", "changelog.gz", "diagnostics.md", "examples/statusboard.cpp", "security.md")},
+            set(files(package)))
 
     def test_no_package_names_the_build_tree(self):
         tree = os.fsencode(os.path.realpath(directory))

@@ -1,11 +1,12 @@
 #!/usr/bin/env python3
-"""Lets systemd check examples/statusboard.service, with the path of the program that was built.
+"""Installs the status board with its service, runs the program, and lets systemd check the service.
 
-Usage: statusboard_service_test.py PROGRAM
+Usage: statusboard_service_test.py CMAKE BUILD
 Ends with 77 when there is no systemd-analyze, which fails where ORV_NO_SKIP is set.
 """
 
 import os
+import re
 import subprocess
 import sys
 import tempfile
@@ -13,18 +14,22 @@ import unittest
 
 import orv_test
 
-SERVICE = os.path.join(orv_test.ROOT, "examples", "statusboard.service")
-INSTALLED = "/usr/local/bin/statusboard"
 MAX_EXPOSURE = 25  # of 100, as systemd counts it; a service without any restriction has 96
-PROGRAM = ""
+CMAKE = ""
+BUILD = ""
 
 
 class StatusboardServiceTest(unittest.TestCase):
     def setUp(self):
-        with open(SERVICE, encoding="utf-8") as file:
+        directory = tempfile.TemporaryDirectory(prefix="orv_test.")
+        self.addCleanup(directory.cleanup)
+        self.prefix = directory.name
+        for component in ("runtime", "statusboard"):
+            subprocess.run([CMAKE, "--install", BUILD, "--prefix", self.prefix, "--component", component], check=True,
+                           stdout=subprocess.DEVNULL)
+        with open(os.path.join(self.prefix, "lib/systemd/system/statusboard.service"), encoding="utf-8") as file:
             self.unit = file.read()
-        self.assertIn(f"ExecStart={INSTALLED} ", self.unit)
-        self.unit = self.unit.replace(INSTALLED, PROGRAM)
+        self.command = re.search(r"^ExecStart=(.*)$", self.unit, re.M)[1].split()
 
     def analyze(self, unit, *command):
         """Exit status and output of systemd-analyze for the unit."""
@@ -37,6 +42,24 @@ class StatusboardServiceTest(unittest.TestCase):
                 check=False)
         return run.returncode, run.stdout
 
+    def test_the_command_of_the_service_publishes_a_page_with_the_installed_files(self):
+        self.assertEqual([os.path.join(self.prefix, "bin/statusboard"), "--watch", "--page",
+                          "/run/statusboard/statusboard.html", os.path.join(self.prefix, "etc/statusboard.conf")],
+                         self.command)
+        page = os.path.join(self.prefix, "statusboard.html")
+        subprocess.run([self.command[0], "--page", page, self.command[-1]], check=True)
+        self.assertTrue(os.path.getsize(page) > 0)
+
+    def test_the_installed_program_does_not_look_for_libraries_in_the_build_tree(self):
+        dynamic = subprocess.run(["readelf", "--dynamic", "--wide", self.command[0]], check=True, text=True,
+                                 stdout=subprocess.PIPE).stdout
+        self.assertEqual(["$ORIGIN/../lib"], re.findall(r"R(?:UN)?PATH.*\[(.*)\]", dynamic))
+
+    def test_the_first_lines_name_the_installed_files(self):
+        for name in (self.command[-1], os.path.join(self.prefix, "lib/systemd/system/statusboard.service")):
+            self.assertIn(name, self.unit.split("[Unit]")[0])
+            self.assertTrue(os.path.exists(name), name)
+
     def test_systemd_reports_nothing(self):
         self.assertEqual((0, ""), self.analyze(self.unit, "verify"))
 
@@ -44,7 +67,7 @@ class StatusboardServiceTest(unittest.TestCase):
         self.assertIn("PrivateTemp", self.analyze(self.unit.replace("PrivateTmp", "PrivateTemp"), "verify")[1])
 
     def test_systemd_would_report_a_missing_program(self):
-        self.assertNotEqual(0, self.analyze(self.unit.replace(PROGRAM, PROGRAM + ".gone"), "verify")[0])
+        self.assertNotEqual(0, self.analyze(self.unit.replace(self.command[0], self.command[0] + ".gone"), "verify")[0])
 
     def test_the_service_may_do_little(self):
         exposure = ["security", "--offline=true", f"--threshold={MAX_EXPOSURE}"]
@@ -54,11 +77,12 @@ class StatusboardServiceTest(unittest.TestCase):
             self.assertIn(f"\n{setting}\n", self.unit)
 
     def test_systemd_would_report_a_service_without_restrictions(self):
-        open_unit = f"[Service]\nExecStart={PROGRAM}\n"
+        open_unit = f"[Service]\nExecStart={self.command[0]}\n"
         self.assertNotEqual(0, self.analyze(open_unit, "security", "--offline=true", f"--threshold={MAX_EXPOSURE}")[0])
 
 
 if __name__ == "__main__":
-    PROGRAM = sys.argv.pop()
+    BUILD = sys.argv.pop()
+    CMAKE = sys.argv.pop()
     orv_test.require("systemd-analyze")  # Debian: systemd
     orv_test.run_unittests()
