@@ -1,6 +1,6 @@
-// Fails allocations of the calling thread by operator new, and counts the bytes of all threads, also in programs that
-// run with a sanitizer. The program that links this replaces operator new; what the C library allocates is left alone
-// (see heap.h).
+// Makes allocations of the calling thread by operator new fail, and counts the bytes of all threads, even in programs
+// with a sanitizer. A program that links this replaces operator new. Allocations of the C library are not affected (see
+// heap.h).
 #ifndef ORV_TESTS_NEW_FAULT_H
 #define ORV_TESTS_NEW_FAULT_H
 

@@ -43,7 +43,7 @@ Report NotRead(const std::string& directory, int error)
     return messages::kListRead(directory, error);
 }
 
-// The names of the regular files among the first `count` entries of `directory`, the last one read in front.
+// Returns the names of the regular files among the first `count` entries of `directory`, the last one first.
 Names FrontOf(const std::string& directory, int count)
 {
     Names names;
@@ -67,14 +67,14 @@ protected:
                               /*clearList=*/true, /*logOpenError=*/true);
     }
 
-    // The same with the directory in front of each name.
+    // The same with the directory before each name.
     bool ListPaths(const std::string& directory)
     {
         return GetDirFileList(directory.c_str(), nullptr, nullptr, names_, /*withDirPath=*/true, /*clearList=*/true,
                               /*logOpenError=*/true);
     }
 
-    // Adds the bare names to what the list holds.
+    // Adds the bare names to the list.
     bool Add(const std::string& directory, const char* includePattern = nullptr, bool logOpenError = true)
     {
         return GetDirFileList(directory.c_str(), includePattern, nullptr, names_, /*withDirPath=*/false,
@@ -88,7 +88,7 @@ protected:
         }
     }
 
-    // Fifty files in an order that no directory keeps by chance.
+    // Makes fifty files in an order that a directory does not have by chance.
     void WriteFifty()
     {
         for (int i = 0; i < 50; ++i) {
@@ -96,7 +96,7 @@ protected:
         }
     }
 
-    // Has the kernel give the entries of a directory that is being read once more.
+    // Makes the kernel return the entries of a directory again while it is being read.
     static void Rewind(const std::string& path)
     {
         for (const std::string& number : OpenDescriptors()) {
@@ -110,7 +110,7 @@ protected:
     Names names_;
 };
 
-// ---- What is listed
+// ---- Listed entries
 
 TEST_F(DirListTest, AnEmptyDirectoryAddsNothing)
 {
@@ -362,7 +362,7 @@ TEST_F(DirListTest, NamesAreSortedByUnsignedByteValue)
     EXPECT_THAT(names_, ElementsAre("\x01", "10", "9", "A", "B.txt", "a", "a.txt", "z", "\x7f", "\x80", "\xff"));
 }
 
-// Names that are equal for up to 249 bytes, and names that end where others go on.
+// Names that are equal in up to 249 bytes, and names that are the beginning of others.
 TEST_F(DirListTest, NamesThatBeginAlikeAreSorted)
 {
     std::vector<std::string> names;
@@ -378,8 +378,8 @@ TEST_F(DirListTest, NamesThatBeginAlikeAreSorted)
     EXPECT_THAT(names_, ElementsAreArray(names));
 }
 
-// Names are compared by eight bytes at a time, and only names whose eighth byte is not a NUL go on. The endings are in
-// neither order, since a directory is read in any.
+// Names are compared eight bytes at a time, and the comparison continues only if the eighth byte is not a NUL. The
+// endings are not sorted in either direction, because a directory can be read in any order.
 TEST_F(DirListTest, NamesThatShareEightBytesAreSortedForEachEighthByte)
 {
     std::vector<std::string> names;
@@ -396,7 +396,7 @@ TEST_F(DirListTest, NamesThatShareEightBytesAreSortedForEachEighthByte)
     EXPECT_THAT(names_, ElementsAreArray(names));
 }
 
-// As can happen while others change the directory.
+// This can happen while another process changes the directory.
 TEST_F(DirListTest, NamesThatAreReadTwiceAreListedTwice)
 {
     WriteAll({"a", "a name of more than sixteen bytes", "b"});
@@ -561,7 +561,7 @@ TEST_F(DirListTest, APatternMayContainBytesAbove0x7F)
     EXPECT_THAT(names_, ElementsAre("\xc3\xa9.log"));
 }
 
-// ---- No directory
+// ---- No directory argument
 
 struct NoDirectoryCase {
     const char* name;

@@ -38,7 +38,7 @@ void Generate(const std::string& text, const std::string& page)
     GenHtmlPagefromTextFile(text.c_str(), page.c_str());
 }
 
-// The line of a move that failed, and that of the page.
+// Returns the line of a move that failed and the line of the page.
 void ExpectFailedMove(const Report& line, const std::string& page)
 {
     ExpectReports({line, messages::kPageMove(OwnTemporaryPage(), page)});
@@ -54,7 +54,7 @@ protected:
         TwoFileSystemsTest::TearDown();
     }
 
-    // For tests whose page stays in the temporary file: takes it away.
+    // For tests whose page stays in the temporary file: removes it.
     static std::string TakeTemporaryPage()
     {
         const std::string page = ReadFile(OwnTemporaryPage());
@@ -63,7 +63,7 @@ protected:
     }
 };
 
-// ---- What the page holds
+// ---- Content of the page
 
 class GoldenPageTest : public HtmlPageTest, public ::testing::WithParamInterface<const char*> {};
 
@@ -114,7 +114,7 @@ TEST_F(HtmlPageTest, ReadsALineOfMegabytes)
     EXPECT_EQ(Page("A:" + cell + ";\nB:2;\n"), dir_.Read("page"));
 }
 
-// Text for a page of two megabytes.
+// Returns text for a page of two megabytes.
 std::string ManyLines()
 {
     std::string text;
@@ -133,7 +133,7 @@ TEST_F(HtmlPageTest, ReadsManyLines)
     EXPECT_EQ(Page(ManyLines()), dir_.Read("page"));
 }
 
-// An incomplete page: the whole one was cut off somewhere behind its header.
+// Expects an incomplete page, which ends somewhere after its header.
 void ExpectBeginning(const std::string& whole, const std::string& page)
 {
     EXPECT_LT(oracle::kPageHeaderBytes, page.size());
@@ -324,7 +324,7 @@ TEST_F(HtmlPageTest, OverwritesTheTemporaryFileOfAnEarlierCallWhoseMoveFailed)
     EXPECT_EQ(Page("C:3;\n"), dir_.Read("page"));
 }
 
-// Text and page lie outside /var/tmp, which the tests cover with mounts of their own.
+// Text and page are not in /var/tmp, on which the tests mount another file system.
 class TemporaryDirectoryTest : public HtmlPageTest {
 protected:
     void WithPrivateMounts(const std::function<void()>& body)
@@ -397,7 +397,7 @@ TEST_F(TemporaryDirectoryTest, OneThatIsFullFromTheStartMakesAnEmptyFileAndLogsN
     }
     WithPrivateMounts([this] {
         MountTmpfs("/var/tmp", 64 << 10);
-        std::ofstream("/var/tmp/filler") << std::string(128 << 10, 'x');  // as far as there is space
+        std::ofstream("/var/tmp/filler") << std::string(128 << 10, 'x');  // until the space is used up
 
         Generate(text_, page_);
 
@@ -531,7 +531,7 @@ TEST_F(HtmlPageTest, ReportsAMissingDirectoryOnAnotherFileSystem)
     EXPECT_EQ(Names{}, other_.Names());
 }
 
-// ---- The page in its place, on the file system of the temporary file and on another
+// ---- The page on the file system of the temporary file, and on another one
 
 class Umask {
 public:
@@ -602,13 +602,13 @@ TEST_P(PagePlaceTest, IsANewFileSoThatReadersKeepTheOldOne)
     EXPECT_EQ((Names{"page", "text"}), Place().Names());
 }
 
-// What may stand at the page's path and gives way to it. Beside it stand a file, a directory and the text file.
+// An object that may be at the page's path and is replaced. Beside it are a file, a directory and the text file.
 struct Occupant {
     std::string name;
     std::function<int(const std::string& page, const TempDir& place)> make;
 };
 
-// Else GoogleTest prints its bytes, unset ones among them.
+// Without this, GoogleTest would print its bytes, including uninitialised ones.
 void PrintTo(const Occupant& occupant, std::ostream* out)
 {
     *out << occupant.name;
@@ -703,8 +703,7 @@ TEST_F(HtmlPageTest, LeavesADirectoryAtThePagePathOnAnotherFileSystem)
     EXPECT_EQ("old", ReadFile(page + "/file"));
 }
 
-// A directory that its user may read but not write, with a page in it that he might write: a page is never written in
-// place.
+// The user may read the directory but not write to it, and may write the page in it. A page is never written in place.
 TEST_P(PagePlaceTest, LeavesAPageInADirectoryThatTheCallerMayNotWrite)
 {
     const std::string text = Place().Write("text", "A:1;\n");
@@ -728,7 +727,7 @@ TEST_P(PagePlaceTest, LeavesAPageInADirectoryThatTheCallerMayNotWrite)
     EXPECT_EQ(Names{"page"}, NamesIn(directory));
     EXPECT_EQ("old", ReadFile(page));
     EXPECT_EQ(0666U, ModeOf(page));
-    ASSERT_EQ(0, chmod(directory.c_str(), 0755));  // so that it can be removed without being root
+    ASSERT_EQ(0, chmod(directory.c_str(), 0755));  // so that it can be removed without root
 }
 
 TEST_P(PagePlaceTest, StaysOldWhenTheProcessDiesOfTheFileSizeLimit)

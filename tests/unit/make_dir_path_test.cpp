@@ -26,7 +26,7 @@ using ::testing::IsEmpty;
 
 namespace {
 
-// The file-creation mask while it lives.
+// Sets the file-creation mask while it exists.
 class ScopedMask {
 public:
     explicit ScopedMask(mode_t mask) : before_(umask(mask))
@@ -73,7 +73,7 @@ bool IsDirectory(const std::string& path)
     return Exists(path) && S_ISDIR(StatusOf(path).st_mode);
 }
 
-// `base`, extended by components of at most 200 bytes to a path of `length` bytes.
+// Returns `base` extended to a path of `length` bytes, with components of at most 200 bytes.
 std::string PathOfLength(const std::string& base, std::size_t length)
 {
     constexpr std::size_t kComponentBytes = 200;
@@ -86,7 +86,7 @@ std::string PathOfLength(const std::string& base, std::size_t length)
     return path;
 }
 
-// `base`, extended by `levels` components of one byte.
+// Returns `base` with `levels` more components of one byte.
 std::string DeepPath(const std::string& base, int levels)
 {
     std::string path = base;
@@ -96,8 +96,8 @@ std::string DeepPath(const std::string& base, int levels)
     return path;
 }
 
-// Removes the directory `path` and those above it, up to `base`; each must be there and hold nothing else. Returns how
-// many there were. (A recursive removal from above would need a descriptor for each level.)
+// Removes the directory `path` and those above it, up to `base`. Each must exist and contain nothing else. Returns
+// their number. (A recursive removal from the top would need a descriptor for each level.)
 int RemoveChain(std::string path, const std::string& base)
 {
     int levels = 0;
@@ -114,11 +114,11 @@ int RemoveChain(std::string path, const std::string& base)
 
 class DirPathTest : public OrvTest {
 protected:
-    // The whole of what the tests know of the mask: group and others may not write.
+    // All tests use this mask: group and others may not write.
     ScopedMask mask_{022};
 };
 
-// ---- The worker
+// ---- DoMakeDirPath
 
 class DoMakeDirPathTest : public DirPathTest {};
 
@@ -300,7 +300,7 @@ void PrintTo(const RefusedCase& refused, std::ostream* out)
 
 class RefusedDirPathTest : public DirPathTest, public ::testing::WithParamInterface<RefusedCase> {
 protected:
-    // In a process that may not write to the root, and whose current directory holds only "here".
+    // Runs in a process that may not write to the root directory, and whose current directory contains only "here".
     void RunWhereNothingIsLost(const std::function<void()>& body)
     {
         ASSERT_EQ(0, mkdir((dir_ / "here").c_str(), 0755));
@@ -410,7 +410,7 @@ TEST_F(DoMakeDirPathTest, DoesNotRecogniseTheRootInAnotherSpelling)
     });
 }
 
-// dirname("//") is "//" again: there is no way further up.
+// dirname("//") is "//" again, so there is no parent to try.
 TEST_F(DoMakeDirPathTest, LeavesTwoSlashesToMkdir)
 {
     const ScopedTrace trace;
@@ -444,7 +444,7 @@ TEST_F(DoMakeDirPathTest, EndsItsClimbAtTwoSlashesThatCannotBeQueried)
     });
 }
 
-// ---- Failures of the worker
+// ---- Failures of DoMakeDirPath
 
 TEST_F(DoMakeDirPathTest, ReportsTheLevelThatFailedAndLeavesTheLevelsAbove)
 {
@@ -645,7 +645,7 @@ TEST_F(DoMakeDirPathTest, ProcessesThatRaceForOnePathAllSucceed)
         if (child == 0) {
             char nothing;
             close(start[1]);
-            const bool started = read(start[0], &nothing, 1) == 0;  // all at once, when the last writer closes
+            const bool started = read(start[0], &nothing, 1) == 0;  // all start when the last writer closes
             _exit(started && DoMakeDirPath(path.c_str(), 0755) && TakeDlogCalls().empty() ? 0 : 1);
         }
         ASSERT_LT(0, child);
@@ -722,7 +722,7 @@ TEST_F(DoMakeDirPathTest, APathWhoseParentIsTooLongTooMakesNothing)
     EXPECT_THAT(dir_.Names(), IsEmpty());
 }
 
-// With a climb from parent to parent this would be half a million levels over a megabyte each.
+// A climb from parent to parent would need half a million steps over a megabyte each.
 TEST_F(DoMakeDirPathTest, APathOfAMegabyteFailsAtOnceOnASmallStack)
 {
     const std::string path = DeepPath(dir_.Path(), 1 << 19);
@@ -753,7 +753,7 @@ TEST_F(DoMakeDirPathTest, MakesTwoThousandLevelsOnASmallStack)
     EXPECT_EQ(kLevels, RemoveChain(path, dir_.Path()));
 }
 
-// ---- The entry point
+// ---- MakeDirPath
 
 class MakeDirPathTest : public DirPathTest {};
 

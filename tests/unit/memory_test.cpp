@@ -1,4 +1,4 @@
-// What must not allocate, and what happens when memory runs out.
+// Tests what does not allocate, and what happens if memory runs out.
 #include "LxFileUtils.h"
 #include "LxStringUtils.h"
 #include "support/cases.h"
@@ -106,11 +106,11 @@ TEST_F(MemoryTest, DoMakeDirPathReportsThatItsWorkingCopyCannotBeAllocated)
     EXPECT_EQ(std::vector<std::string>{}, dir_.Names());
 }
 
-// ---- The faults themselves
+// ---- The faults
 
 struct Allocator {
     std::string name;
-    bool (*allocates)();  // and releases; false when there was no memory
+    bool (*allocates)();  // and releases; returns false if there was no memory
 };
 
 bool Releases(void* block)
@@ -121,7 +121,7 @@ bool Releases(void* block)
 
 bool AllocatesByRealloc()
 {
-    void* volatile none = nullptr;  // if the compiler knew that, it would call malloc
+    void* volatile none = nullptr;  // volatile, so that the compiler does not call malloc instead
     return Releases(std::realloc(none, 100));
 }
 
@@ -173,7 +173,7 @@ TEST_P(AllocationFaultTest, FailsTheOneThatWasAskedForAndOnRequestAllThatFollow)
         EXPECT_THAT(fired, ::testing::ElementsAre(false, false, true, true));
         EXPECT_EQ(ENOMEM, error);
         EXPECT_TRUE(allocatedAfterwards);
-        EXPECT_LE(5, allocations);  // an exception is allocated, too
+        EXPECT_LE(5, allocations);  // an exception is allocated too
     }
 }
 
@@ -185,21 +185,21 @@ INSTANTIATE_TEST_SUITE_P(Allocators, AllocationFaultTest,
                                            Allocator{"strdup", AllocatesInTheCLibrary}),
                          CaseName<Allocator>);
 
-// ---- Memory exhaustion at every allocation in turn
+// ---- Memory runs out at every allocation in turn
 
 using Outcomes = std::vector<std::string>;
 
-// The std::string from before C++11 has no room for short texts in itself, and its copies share the text.
+// The std::string from before C++11 cannot store short texts in itself, and its copies share the text.
 #if _GLIBCXX_USE_CXX11_ABI
 constexpr bool kOldStrings = false;
 #else
 constexpr bool kOldStrings = true;
 #endif
 
-// Runs `act` with its first, its second, ... allocation failing (alone, or with all that follow) up to a run without
-// failure; `prepare` runs before each. `outcome`, which is told whether act threw std::bad_alloc, checks how it ended
-// and puts it into words. Gives these in order, equal neighbours once, so that it does not count how many allocations
-// the standard library makes for one purpose. No run may leave a descriptor open.
+// Runs `act` so that its first, second, ... allocation fails (or this one and all that follow), until a run has no
+// failure; `prepare` runs before each. `outcome` gets whether act threw std::bad_alloc, checks the result and describes
+// it. Returns the descriptions in order. Equal neighbours are listed once, so that the list does not depend on the
+// number of allocations that the standard library makes for one purpose. No run may leave a descriptor open.
 Outcomes Sweep(Failing failing, const std::function<void()>& prepare, const std::function<void()>& act,
                const std::function<std::string(bool threw)>& outcome)
 {
@@ -231,7 +231,7 @@ Outcomes Sweep(Failing failing, const std::function<void()>& prepare, const std:
     }
 }
 
-// An outcome for each run, in the order in which later and later allocations fail.
+// The result of each run; in each, a later allocation fails than in the one before.
 void ExpectBothSweeps(const Outcomes& expected, const std::function<void()>& prepare, const std::function<void()>& act,
                       const std::function<std::string(bool threw)>& outcome)
 {
@@ -372,7 +372,7 @@ TEST_F(MemoryExhaustionTest, AddTextFileFormattedRowThrowsAndLeavesTheCellsAlone
         });
 }
 
-// The stream reports that it could not open; its buffer throws. Once both are open the copy needs no memory.
+// A stream reports that it could not open; its buffer throws. After both are open, the copy needs no memory.
 TEST_F(MemoryExhaustionTest, CopyFileReturnsItsCodeForAStreamAndThrowsForABuffer)
 {
     const std::string bytes(100000, 'x');
@@ -394,7 +394,7 @@ TEST_F(MemoryExhaustionTest, CopyFileReturnsItsCodeForAStreamAndThrowsForABuffer
         });
 }
 
-// Closes the one descriptor that was opened since `before`, which must be one of `path`.
+// Closes the only descriptor that was opened since `before`. It must be open on `path`.
 void CloseLeaked(const std::vector<std::string>& before, const std::string& path)
 {
     std::vector<std::string> leaked;
@@ -409,7 +409,7 @@ class ListingExhaustionTest : public MemoryExhaustionTest {
 protected:
     ListingExhaustionTest()
     {
-        for (const char* const last : {"0", "3", "1", "4", "2"}) {  // not in order, whichever way they are read
+        for (const char* const last : {"0", "3", "1", "4", "2"}) {  // unsorted, in whatever order they are read
             expected_.push_back(dir_.Write(std::string("a name too long for the string object itself ") + last, ""));
         }
         expected_.sort();
@@ -456,7 +456,7 @@ protected:
     std::list<std::string> expected_;
 };
 
-// The directory handle stays open; that is the one thing that the library leaves behind.
+// The directory stays open. The library leaves nothing else open or allocated.
 TEST_F(ListingExhaustionTest, GetDirFileListThrowsAndTheListKeepsWhatItHas)
 {
     const Outcomes expected = {"not opened",
@@ -465,7 +465,7 @@ TEST_F(ListingExhaustionTest, GetDirFileListThrowsAndTheListKeepsWhatItHas)
                                "threw, 2",
                                "threw, 3",
                                "threw, 4",
-                               "listed",  // sorted without the help of more memory
+                               "listed",  // sorted without more memory
                                "without failure: listed"};
 
     EXPECT_EQ(expected, SweepListing(Failing::kOnce, /*clearList=*/false));
@@ -484,14 +484,14 @@ protected:
             dir_.Write("text", lines);
             orv_fileutils::GenHtmlPagefromTextFile(text_.c_str(), page_.c_str());
             pages_.push_back(dir_.Read("page"));
-            // Longer from line to line, so that each line needs memory of its own.
+            // Each line is longer than the one before, so that it needs more memory.
             lines += i == kLines ? ""
                                  : cell + ":" + std::string(100U << (2 * i), 'y') + "," + cell + ";" + cell + ":" +
                                        cell + ";\n";
         }
     }
 
-    // What stands at the temporary path, which is then removed.
+    // Returns a description of the temporary page, and removes it.
     std::string TakeTemporary() const
     {
         if (!Exists(temporary_)) {
@@ -535,10 +535,10 @@ protected:
     const std::string temporary_ = oracle::OwnTemporaryPage();
     const std::string text_ = dir_ / "text";
     const std::string page_ = dir_ / "page";
-    std::vector<std::string> pages_;  // with no line of the text, with its first, with its first two, ...
+    std::vector<std::string> pages_;  // with 0, 1, 2, ... lines of the text
 };
 
-// A stream that cannot open is not noticed; a line that finds no memory ends the text; all else throws.
+// A stream that cannot open is ignored; a line without memory ends the text; everything else throws.
 TEST_F(PageExhaustionTest, GenHtmlPagefromTextFileThrowsOrEndsThePageEarly)
 {
     const Outcomes expected = {"page of 0 lines",  // the text was not opened
@@ -557,7 +557,7 @@ TEST_F(PageExhaustionTest, GenHtmlPagefromTextFileThrowsOrEndsThePageEarly)
     EXPECT_EQ(expected, SweepPage(Failing::kOnce));
 }
 
-// What the streams swallow comes out at the arguments of the move: no torn page is published.
+// Streams ignore lack of memory, but then the arguments of the move throw: no incomplete page is published.
 TEST_F(PageExhaustionTest, GenHtmlPagefromTextFileAlwaysThrowsWhenNoMemoryComesBack)
 {
     const Outcomes expected = {"threw, temporary page none",       "threw, temporary page empty",
@@ -575,7 +575,7 @@ class NameValueExhaustionTest : public MemoryExhaustionTest {
 protected:
     NameValueExhaustionTest()
     {
-        // Each longer than all before, so that each needs memory of its own.
+        // Each is longer than all before, so that it needs more memory.
         for (std::size_t i = 0; i < 3; ++i) {
             entries_.emplace_back(std::to_string(i) + std::string(100U << (3 * i), 'n'),
                                   std::string(200U << (3 * i), 'v'));
@@ -585,7 +585,7 @@ protected:
                                        "\n  \n" + entries_[2].first + "=" + entries_[2].second + "\n");
     }
 
-    // The state of the map as the letters of its entries in order: V as it should be, E with an empty value.
+    // Describes the map by a letter for each entry: V for the right value, E for an empty one.
     std::string Letters(const NameValues& nameValues) const
     {
         EXPECT_EQ(1U, nameValues.count("old"));
@@ -638,7 +638,7 @@ protected:
             });
     }
 
-    // Without those where the value is not copied into the map, when copying needs no memory.
+    // Removes the runs in which the value was not copied into the map, if copying needs no memory.
     static Outcomes WhereCopied(Outcomes outcomes)
     {
         const auto needsCopy = [](const std::string& words) {
@@ -660,8 +660,8 @@ TEST_F(NameValueExhaustionTest, ReadNameValueFromFileThrowsOrReportsTheLineOrEnd
                                "threw ",     // no buffer for the file
                                "true ",      // the first entry's line was not read
                                "threw ",     // the line was not copied
-                               "line 3 ",    // its name was not cut off
-                               "true EVV",   // its value was not cut off
+                               "line 3 ",    // its name was not extracted
+                               "true EVV",   // its value was not extracted
                                "threw ",     // no room in the map
                                "threw E",    // the value was not copied into the map
                                "true V",     // the same with the second entry
@@ -687,8 +687,8 @@ TEST_F(NameValueExhaustionTest, ReadNameValueFromFileThrowsWhereItWouldLoseAValu
                                "threw ",     // no buffer for the file
                                "true ",      // the first entry's line was not read
                                "threw ",     // the line was not copied
-                               "line 3 ",    // its name was not cut off
-                               "threw ",     // its value was not cut off, or no room in the map
+                               "line 3 ",    // its name was not extracted
+                               "threw ",     // its value was not extracted, or no room in the map
                                "threw E",    // the value was not copied into the map
                                "true V",     // the same with the second entry
                                "threw V",    //

@@ -24,7 +24,7 @@ using oracle::NameValues;
 
 class NameValueTest : public OrvTest {
 protected:
-    // Reads a file of these bytes; whatever it holds, reading it succeeds.
+    // Reads a file with these bytes. Reading succeeds for any bytes.
     NameValues Read(const std::string& bytes, char delimiter = '=', const std::string& commentPrefix = "#",
                     NameValues nameValues = {})
     {
@@ -34,7 +34,7 @@ protected:
     }
 };
 
-// ---- What a file says
+// ---- Names and values
 
 struct FileCase {
     const char* name;
@@ -245,7 +245,7 @@ TEST_F(NameValueTest, AcceptsEveryByteValueAsDelimiter)
 TEST_F(NameValueTest, AgreesWithAModelForAnyText)
 {
     const std::string alphabet = "aab==#/ \t\r\n\n\0\xFF"s;
-    const TempDir memory("/dev/shm");  // so many files take long on a busy disk
+    const TempDir memory("/dev/shm");  // because many files take long on a busy disk
     Random random(1);
     std::size_t entries = 0;
     for (int i = 0; i < 5000; ++i) {
@@ -269,7 +269,7 @@ TEST_F(NameValueTest, AgreesWithAModelForAnyText)
 
 class OpenFailureTest : public NameValueTest {
 protected:
-    // `path` cannot be opened, which is reported with `shown`.
+    // Expects that `path` cannot be opened, and that the report shows `shown`.
     static void ExpectRefusal(const std::string& path, const std::string& shown)
     {
         NameValues nameValues = {{"a", "old"}};

@@ -1,5 +1,5 @@
-// The oracle, which other tests take their expectations from, against what was written by hand: the files of data/. The
-// tables of the tests of each family do the same for strings, rows and name-value files.
+// Compares the oracle, which computes the expected results of other tests, with files in data/ that were written by
+// hand. For strings, rows and name-value files, the tables of their tests do the same.
 #include "support/oracle.h"
 #include "support/cases.h"
 #include "support/messages.h"

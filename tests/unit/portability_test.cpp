@@ -1,5 +1,5 @@
-// Bytes above 0x7F, for which plain char is negative on one machine and positive on another: what the library makes of
-// them is written down in one file, byte for byte the same on every machine.
+// Bytes above 0x7F, for which plain char is negative on one machine and positive on another. One file contains the
+// results of the library for them, which must be the same bytes on every machine.
 #include "LxFileUtils.h"
 #include "LxStringUtils.h"
 #include "support/cases.h"
@@ -36,7 +36,7 @@ std::string HexOfEach(const Strings& texts)
 
 class PortabilityTest : public OrvTest {
 protected:
-    // One line for each thing that the library does with all byte values, or with the 128 high ones.
+    // Returns a line for each operation of the library with all byte values or with the 128 high ones.
     std::string Transcript() const
     {
         return Strings() + Listing() + Tables() + NameValues();

@@ -1,5 +1,5 @@
-// The move when a system call fails that cannot be made to fail for real. The plain rename is refused with EXDEV, so
-// both names may lie in one directory.
+// Moves in which a system call fails that cannot be made to fail in reality. The plain rename fails with EXDEV, so that
+// both names can be in one directory.
 #include "LxFileUtils.h"
 #include "support/faults.h"
 #include "support/messages.h"
@@ -28,7 +28,7 @@ protected:
         return RenameFileAcrossFs(source_, destination_);
     }
 
-    // The temporary file's path, as a line may have it.
+    // The path of the temporary file, as it may appear in a line.
     std::string Temporary() const
     {
         return destination_ + messages::kAnySuffix;

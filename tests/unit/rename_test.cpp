@@ -1,4 +1,4 @@
-// The move under real conditions: one file system, two file systems, a full one, closed directories, bind mounts.
+// Moves under real conditions: one file system, two file systems, a full one, closed directories, bind mounts.
 #include "LxFileUtils.h"
 #include "support/faults.h"
 #include "support/messages.h"
@@ -24,7 +24,7 @@ using ::testing::IsEmpty;
 
 namespace {
 
-// The status that a move of the very same file must keep.
+// The parts of the status that stay if the file itself is moved.
 void ExpectSameFile(const struct stat& expected, const std::string& path)
 {
     const struct stat status = StatusOf(path);
@@ -89,7 +89,7 @@ TEST_F(RenameTest, MovesASymbolicLinkItselfOnOneFileSystem)
     EXPECT_TRUE(S_ISLNK(StatusOf(dir_ / "destination").st_mode));
 }
 
-// The caveat of docs/caveats.md: rename(2) is called as for any other link.
+// docs/caveats.md warns of this: the library calls rename(2) as for any other link.
 TEST_F(RenameTest, ReplacesAFileByALinkToItselfAndLosesTheContent)
 {
     const std::string file = dir_.Write("file", "abc");
@@ -311,7 +311,7 @@ TEST_F(RenameTest, ReportsPathsOfMegabytesAsTooLong)
 
 class RenameAcrossTest : public TwoFileSystemsTest {
 protected:
-    // What the contract says a copy of `bytes` does: every call in its order, in blocks of 4096 bytes.
+    // Returns the system calls of a copy of `bytes` bytes, in order, with blocks of 4096 bytes.
     static std::vector<std::string> CallsOfACopy(const std::string& source, const std::string& destination,
                                                  std::size_t bytes)
     {
@@ -407,7 +407,7 @@ TEST_F(RenameAcrossTest, GivesTheCopyItsModeDespiteTheUmask)
     for (const mode_t mode : {0777U, 0666U, 0604U, 0000U}) {
         const std::string source = dir_.Write("source", "abc", mode);
 
-        // Mode 0 keeps ordinary users from reading their own file.
+        // With mode 0, ordinary users cannot read their own file.
         if (geteuid() == 0 || (mode & 0400) != 0) {
             EXPECT_TRUE(RenameFileAcrossFs(source, other_ / "destination"));
             EXPECT_EQ(mode, ModeOf(other_ / "destination"));
@@ -484,7 +484,7 @@ TEST_F(RenameAcrossTest, ReportsADirectoryAtTheDestination)
 
     EXPECT_FALSE(RenameFileAcrossFs(source, destination));
 
-    // The kernel finds the other file system first, so it is the rename of the copy that fails, on a name of its own.
+    // The kernel checks for another file system first, so the rename of the copy fails, which has its own name.
     ExpectReports({messages::kRenameRename(destination + messages::kAnySuffix, destination, 21)});
     EXPECT_THAT(other_.Names(), ElementsAre("directory"));
     EXPECT_EQ("abc", dir_.Read("source"));
@@ -644,7 +644,7 @@ TEST_F(RenameAcrossTest, LosesNothingWhenTheProcessDiesOfTheFileSizeLimit)
     EXPECT_THAT(other_.Names(), ElementsAre("destination", names[1]));
 }
 
-// ---- With mounts of its own
+// ---- With private mounts
 
 class RenameMountTest : public OrvTest {
 protected:
@@ -656,8 +656,8 @@ protected:
     }
 };
 
-// Names that lie on two mounts, and are one file. The kernel refuses the plain rename, and the copy that replaces the
-// destination replaces the source too: whoever then removes the source has lost the file.
+// Two names on two mounts that are one file. The kernel refuses the plain rename. The copy that replaces the
+// destination also replaces the source, so removing the source would lose the file.
 class RenameAliasTest : public RenameMountTest {
 protected:
     RenameAliasTest() : real_(dir_ / "real"), bound_(dir_ / "bound")
@@ -671,7 +671,7 @@ protected:
         ASSERT_EQ(0, mount(real_.c_str(), bound_.c_str(), nullptr, MS_BIND, nullptr));
     }
 
-    // Moves `source` onto `destination`, which are two names of one file that holds "abc" and end as such.
+    // Moves `source` onto `destination`. Both are names of one file with the content "abc", before and after.
     static void ExpectKept(const std::string& source, const std::string& destination)
     {
         ASSERT_EQ(-1, rename(source.c_str(), destination.c_str()));
@@ -718,7 +718,7 @@ TEST_F(RenameAliasTest, KeepsTheContentOfALinkMovedOntoItselfThroughAnotherMount
     });
 }
 
-// The two names have different device numbers, so that comparing the files before the copy does not help.
+// The two names have different device numbers, so comparing the files before the copy does not help.
 class RenameOverlayTest : public RenameAliasTest {
 protected:
     void SetUp() override
@@ -793,7 +793,7 @@ TEST_F(RenameMountTest, MovesOntoAFileThatHasTheSourcesInodeNumberOnAnotherFileS
     ASSERT_EQ(0, mkdir((dir_ / "other").c_str(), 0755));
 
     RunWithPrivateMounts([&] {
-        // Fresh file systems of one type number their files alike.
+        // New file systems of one type assign the same inode numbers.
         MountTmpfs(dir_ / "one", 64 << 10);
         MountTmpfs(dir_ / "other", 64 << 10);
         const std::string source = dir_.Write("one/file", "new");

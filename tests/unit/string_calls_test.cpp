@@ -1,5 +1,5 @@
-// Which string operations the library calls, with what and in what order. This program defines the four itself, records
-// each call and forwards to the string library, so the product needs no seam.
+// Checks which string operations the library calls, with which arguments and in which order. This program defines the
+// four operations itself, records each call and forwards it to the string library.
 #include "LxFileUtils.h"
 #include "LxStringUtils.h"
 #include "support/oracle.h"
@@ -26,7 +26,7 @@ using ::testing::UnorderedElementsAre;
 namespace {
 
 std::vector<std::string> recorded;
-int callsUntilFailure = 0;  // 0: none fails
+int callsUntilFailure = 0;  // 0: no call fails
 
 void Record(const std::string& call)
 {
@@ -41,7 +41,7 @@ std::string Quoted(const std::string& text)
     return "'" + text + "'";
 }
 
-// The definition of `operation` in the string library: the next one of the same name.
+// Finds the definition of `operation` in the string library, the next one with this name.
 template <typename Function>
 Function* Real(Function* operation)
 {
@@ -105,7 +105,7 @@ protected:
                                                   /*withDirPath=*/true, /*clearList=*/true, /*logOpenError=*/true));
     }
 
-    // The names of the regular files in the order in which the directory gives them.
+    // Returns the names of the regular files in the order of the directory.
     std::vector<std::string> NamesAsRead() const
     {
         std::vector<std::string> names;
@@ -197,7 +197,7 @@ TEST_F(ListingStringCallsTest, AnExceptionPassesKeepsTheNamesListedAndLeavesTheD
     }
     const std::vector<std::string> asRead = NamesAsRead();
 
-    RunInChild([&] {  // whose end closes the directory
+    RunInChild([&] {  // the end of the child closes the directory
         const std::size_t descriptors = OpenDescriptors().size();
         names_ = {"z", "y"};
         callsUntilFailure = 3;
@@ -213,7 +213,7 @@ TEST_F(ListingStringCallsTest, AnExceptionPassesKeepsTheNamesListedAndLeavesTheD
 
 class PageStringCallsTest : public StringCallsTest {
 protected:
-    // The page of a text file of these bytes.
+    // Returns the page of a text file with these bytes.
     std::string PageOf(const std::string& text)
     {
         orv_fileutils::GenHtmlPagefromTextFile(dir_.Write("table", text).c_str(), (dir_ / "page").c_str());

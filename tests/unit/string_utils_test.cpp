@@ -102,15 +102,15 @@ TEST(SplitTest, AcceptsEveryByteValueAsDelimiter)
             }
         }
         if (expected.back().empty()) {
-            expected.pop_back();  // nothing behind a final delimiter
+            expected.pop_back();  // no piece after a final delimiter
         }
 
         EXPECT_EQ(expected, PiecesOf(text, delimiter)) << PrintToString(delimiter);
     }
 }
 
-// This fixes the pieces of any text: there is at least one, none holds the delimiter, and joined they are the text,
-// less one delimiter at its end.
+// This determines the pieces of any text: there is at least one, none contains the delimiter, and joined they are the
+// text without one delimiter at its end.
 TEST(SplitTest, JoinedPiecesAreTheTextWithoutAFinalDelimiter)
 {
     Random random(1);
@@ -381,8 +381,8 @@ TEST(WildcardedStringMatchTest, AgreesWithAModelThatTriesAllPositions)
     EXPECT_GT(48000, matches);
 }
 
-// Parts of a pattern between stars from 1 to 40 bytes long, with and without question marks, are found wherever they
-// stand, and not where one byte is another.
+// Segments of 1 to 40 bytes between stars, with and without question marks, are found at every position, but not if one
+// byte differs.
 TEST(WildcardedStringMatchTest, FindsSegmentsOfEveryLengthBetweenStars)
 {
     for (std::size_t bytes = 1; bytes <= 40; ++bytes) {
@@ -401,7 +401,7 @@ TEST(WildcardedStringMatchTest, FindsSegmentsOfEveryLengthBetweenStars)
     }
 }
 
-// The system's matcher agrees on all patterns without brackets and NUL bytes.
+// For all patterns without brackets and NUL bytes, fnmatch(3) has the same result.
 TEST(WildcardedStringMatchTest, AgreesWithTheFileNameMatcherOfTheSystem)
 {
     Random random(5);
@@ -433,7 +433,7 @@ TEST(WildcardedStringMatchTest, ATextWithoutWildcardsMatchesItself)
     }
 }
 
-// A matcher that tries all ways to share the text among the stars would not come to an end here.
+// A matcher that tries all ways to distribute the text among the stars would not end here.
 TEST(WildcardedStringMatchTest, EndsInTimeWithManyStars)
 {
     const std::string text(5000, 'a');

@@ -145,7 +145,7 @@ TEST_F(TableRowTest, TableDelimitersAreIndependentStrings)
 }
 
 #if SIZE_MAX == UINT32_MAX && !_GLIBCXX_USE_CXX11_ABI
-// Strings from before C++11 can share one block, so 32 bits hold cells that are longer together than any string.
+// Strings from before C++11 can share one block, so on 32 bits, cells can be longer together than any string.
 TEST_F(TableRowTest, ARowLongerThanAnyStringIsRefused)
 {
     std::vector<std::string> cells(4096, std::string(1024UL * 1024, 'x'));

@@ -1,4 +1,4 @@
-// A library that a test loads while it runs, and not when the program starts.
+// A library that a test loads at run time, not when the program starts.
 #ifndef ORV_TESTS_LOADED_LIBRARY_H
 #define ORV_TESTS_LOADED_LIBRARY_H
 
@@ -8,7 +8,7 @@
 #include <string>
 #include <vector>
 
-// Loads the library at `path` with all its symbols bound; unloads it with the object.
+// Loads the library at `path` and binds all its symbols. The destructor unloads it.
 class LoadedLibrary {
 public:
     explicit LoadedLibrary(const char* path) : handle_(dlopen(path, RTLD_NOW | RTLD_LOCAL))
@@ -26,7 +26,7 @@ public:
     LoadedLibrary(const LoadedLibrary&) = delete;
     LoadedLibrary& operator=(const LoadedLibrary&) = delete;
 
-    const std::string& Error() const  // empty when it was loaded
+    const std::string& Error() const  // empty if it was loaded
     {
         return error_;
     }
@@ -40,7 +40,7 @@ private:
     std::string error_;
 };
 
-// The lines of this process's memory map that name one of the product's libraries.
+// Returns the lines of this process's memory map that name one of the libraries.
 inline std::vector<std::string> MappedProductLibraries()
 {
     std::vector<std::string> lines;

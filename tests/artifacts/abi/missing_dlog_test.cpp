@@ -1,4 +1,4 @@
-// A host that forgot to supply __dlog_printf.
+// A program that does not define __dlog_printf.
 
 #include "artifacts/abi/loaded_library.h"
 

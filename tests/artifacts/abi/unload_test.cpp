@@ -1,5 +1,5 @@
-// A host that loads the library while it runs, calls it by its symbols' names and unloads it, as plug-ins do.
-// This program supplies __dlog_printf (tests/support) and is not linked with the libraries.
+// A program that loads the library at run time, calls functions by the names of their symbols and unloads it again.
+// This program defines __dlog_printf (tests/support) and is not linked with the libraries.
 
 #include "LxFileUtils.h"
 #include "artifacts/abi/loaded_library.h"
@@ -19,7 +19,7 @@ using ::testing::Pair;
 
 namespace {
 
-// The symbol of a function, from the reviewed list of exports.
+// Returns the symbol of a function, from the reviewed list of exports.
 std::string SymbolOf(const std::string& function)
 {
     const std::string qualifiedName = "orv_fileutils::" + function;
@@ -35,7 +35,7 @@ std::string SymbolOf(const std::string& function)
     return "";
 }
 
-// A function of the library. Nothing here refers to the header's functions but for their types.
+// A function of the library. The program uses only the types of the functions in the header.
 template <typename Function>
 Function* Find(const LoadedLibrary& library, const std::string& name)
 {
@@ -48,7 +48,7 @@ Function* Find(const LoadedLibrary& library, const std::string& name)
 
 class UnloadTest : public OrvTest {
 protected:
-    // The test cannot go on without the functions: a null one would crash it.
+    // The test cannot continue without the functions: calling a null pointer would crash it.
     void FileUtilitiesWork(const LoadedLibrary& library)
     {
         auto* const fileExists = ORV_FIND(library, FileExists);

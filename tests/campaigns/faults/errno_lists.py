@@ -1,5 +1,5 @@
 #!/usr/bin/env python3
-"""Writes the error numbers that each system call may give, as its manual page lists them.
+"""Writes the error numbers of each system call that its manual page lists.
 
 usage: errno_lists.py OUTPUT CALL...
 

@@ -1,6 +1,6 @@
-// Every system call of every function fails once and for good, with every error number that its manual page lists, and
-// every read and write comes out short. What must follow stands in the tables of this file, one row for each way in
-// which a call may go wrong; it is compared whole: result, containers, lines, files, descriptors.
+// Makes every system call of every function fail, once and from there on, with every error number that its manual page
+// lists, and shortens every read and write. The tables of this file contain the expected result, one row for each
+// failure of a call. The tests compare everything: result, containers, log lines, files, descriptors.
 
 #include "LxFileUtils.h"
 #include "campaigns/faults/tracer.h"
@@ -29,14 +29,14 @@
 
 namespace {
 
-// ---- Files, as they stand before and after a run
+// ---- Files before and after a run
 
 struct FileState {
     mode_t mode = 0;    // type and permissions
-    std::string bytes;  // content, or where a symbolic link leads
+    std::string bytes;  // content, or the target of a symbolic link
     nlink_t links = 1;
     uid_t owner = geteuid();
-    ino_t inode = 0;  // 0: of a file that the run is to make
+    ino_t inode = 0;  // 0 for a file that the run makes
     std::int64_t modified = 0;
 };
 
@@ -54,7 +54,7 @@ FileState StateOf(const std::string& path)
     } else if (S_ISLNK(status.st_mode)) {
         state.bytes = std::filesystem::read_symlink(path);
     }
-    if (!S_ISDIR(status.st_mode)) {  // links and time of a directory change with its entries, which are compared anyway
+    if (!S_ISDIR(status.st_mode)) {  // links and time of a directory change with its entries, which are compared
         state.links = status.st_nlink;
         state.modified = status.st_mtim.tv_sec * 1000000000LL + status.st_mtim.tv_nsec;
     }
@@ -93,15 +93,15 @@ mode_t Umask()
     return mask;
 }
 
-// ---- The tables: what follows when a call goes wrong
+// ---- The tables: the results of failed calls
 
 constexpr int kAnyError = 0;
 
 struct Row {
     const char* call;               // name and roles of its paths
-    int error;                      // the row is for this error number alone; the first row that fits counts
-    const char* result;             // of the function, when the call goes wrong: it gives up there; null: it goes on
-    const messages::Message* line;  // that reports it; null: there is none
+    int error;                      // the row is only for this error number; the first row that matches counts
+    const char* result;             // of the function, which ends after the failed call; null: it continues
+    const messages::Message* line;  // that reports it; null: no line
     const char* arguments;  // of the line: 1 and 2 are paths of the call, e errno, t its text, m mode, asked, got bytes
 };
 
@@ -116,9 +116,9 @@ const Row kMoveRows[] = {
     {"stat(SOURCE)", kAnyError, kFalse, &messages::kRenameStat, "1 e"},
     {"rename(SOURCE, DESTINATION)", EXDEV, nullptr, nullptr, nullptr},
     {"rename(SOURCE, DESTINATION)", kAnyError, kFalse, &messages::kRenameRename, "1 2 e"},
-    // Whether the source may be removed: when that cannot be found out, it is left.
+    // Checks whether the source may be removed. If the check fails, the source stays.
     {"lstat(SOURCE)", kAnyError, nullptr, &messages::kRenameUnlink, "1 e"},
-    {"getrandom()", kAnyError, nullptr, nullptr, nullptr},     // mkstemp takes the clock instead
+    {"getrandom()", kAnyError, nullptr, nullptr, nullptr},     // mkstemp then uses the clock
     {"create(TEMPORARY)", EEXIST, nullptr, nullptr, nullptr},  // mkstemp tries another name
     {"create(TEMPORARY)", kAnyError, kFalse, &messages::kRenameMkstemp, "1 e"},
     {"open(SOURCE)", kAnyError, kFalse, &messages::kRenameOpen, "1 e"},
@@ -132,7 +132,7 @@ const Row kMoveRows[] = {
     {"unlink(TEMPORARY)", kAnyError, nullptr, &messages::kRenameUnlink, "1 e"},
 };
 
-// The page's own calls; those of its move, from its temporary file as the source, follow kMoveRows.
+// The calls of the page. Those of its move, whose source is the temporary page, are in kMoveRows.
 const Row kPageRows[] = {
     {"getpid()", kAnyError, nullptr, nullptr, nullptr},       {"open(TEXT)", kAnyError, nullptr, nullptr, nullptr},
     {"create(SOURCE)", kAnyError, nullptr, nullptr, nullptr}, {"read(TEXT)", kAnyError, nullptr, nullptr, nullptr},
@@ -165,7 +165,7 @@ const Row kListRows[] = {
     {"open(PATH)", kAnyError, kFalse, &messages::kListOpen, "1 e"},
     {"fstat(PATH)", kAnyError, kFalse, &messages::kListOpen, "1 e"},
     {"getdents(PATH)", ENOENT, nullptr, nullptr,
-     nullptr},  // readdir: a directory that was removed while open has ended
+     nullptr},  // readdir: a directory that was removed while it was open has no more entries
     {"getdents(PATH)", kAnyError, kFalse, &messages::kListRead, "1 e"},
     {"close(PATH)", kAnyError, nullptr, nullptr, nullptr},
 };
@@ -192,7 +192,7 @@ std::vector<Row> PageTable()
 
 // ---- Scenarios
 
-// What is to be found after a run. It starts with the files from before it, and the result and lines of the table.
+// The expected state after a run. It begins as the files before the run, and the result and lines of the table.
 struct Expectation {
     Answer answer;
     std::vector<Report> lines;
@@ -202,11 +202,11 @@ struct Expectation {
 struct Scenario {
     std::string name;
     std::vector<Row> rows;
-    std::string result;  // when nothing goes wrong
+    std::string result;  // if no call fails
     std::function<void()> arrange;
     std::function<Answer()> act;
     std::function<std::string(const std::string& path, pid_t child)> roleOf;
-    std::function<void(const TracedRun& run, Expectation& expected)> complete;  // adds what the table does not say
+    std::function<void(const TracedRun& run, Expectation& expected)> complete;  // adds what is not in the table
     std::vector<Fault> always;                                                  // injected in every run
 };
 
@@ -236,7 +236,7 @@ std::string Octal(unsigned int mode)
     return text;
 }
 
-// The line that the row names, for a call that went wrong.
+// Returns the line of the row for a failed call.
 Report LineFor(const Row& row, const TracedCall& call, int error)
 {
     const std::map<std::string, std::string> values = {
@@ -264,8 +264,8 @@ const Row* RowFor(const Scenario& scenario, const std::string& key, int error)
     return row == scenario.rows.end() ? nullptr : &*row;
 }
 
-// What the table says about the calls of a run. The error of a short write is a stale one: that of the call that failed
-// last before it. Calls inside mkstemp do not count there: when it finds a name, it leaves errno alone.
+// Applies the table to the calls of a run. The errno of a short write is that of the last call that failed before it.
+// Calls inside mkstemp do not count: if mkstemp finds a name, it does not change errno.
 Expectation ByTable(const Scenario& scenario, const TracedRun& run, std::vector<std::string>& problems)
 {
     Expectation expected;
@@ -279,7 +279,7 @@ Expectation ByTable(const Scenario& scenario, const TracedRun& run, std::vector<
         staleError = isInMkstemp ? staleError : error;
         const Row* const row = RowFor(scenario, key, error);
         if (row == nullptr) {
-            problems.push_back("a call that the contract does not know: " + key);
+            problems.push_back("a call that the tables do not list: " + key);
             continue;
         }
         if (gaveUp && call.name != "close" && key != "unlink(TEMPORARY)") {
@@ -313,7 +313,7 @@ bool Succeeded(const TracedCall* call)
     return call != nullptr && !call->Failed();
 }
 
-// The bytes that the successful calls of that name moved.
+// Returns the number of bytes that the successful calls of that name moved.
 std::size_t BytesMoved(const TracedRun& run, const std::string& name, const std::string& path)
 {
     std::size_t bytes = 0;
@@ -332,8 +332,8 @@ bool AnyFailed(const TracedRun& run, const std::string& name, const std::string&
     });
 }
 
-// What the reads of `path` delivered of its `bytes`: all of them, unless it was not opened, or a read failed or was
-// made to look like the end of the file. One that was interrupted does not end a stream's reading.
+// Returns the part of `bytes` that was read from `path`: all, unless it was not opened, or a read failed or returned 0
+// bytes. An interrupted read does not end the reading of a stream.
 std::string Delivered(const TracedRun& run, const std::string& path, const std::string& bytes)
 {
     if (!Succeeded(Find(run, "open", path))) {
@@ -345,7 +345,7 @@ std::string Delivered(const TracedRun& run, const std::string& path, const std::
     return endedEarly || AnyFailed(run, "read", path) ? bytes.substr(0, BytesMoved(run, "read", path)) : bytes;
 }
 
-// What a stream delivered of `text`, line by line. After an error, what it has read of an unfinished line is lost.
+// Returns the part of `text` that a stream read, line by line. After an error, an incomplete line is lost.
 std::string LinesDelivered(const TracedRun& run, const std::string& path, const std::string& text)
 {
     std::string delivered = Delivered(run, path, text);
@@ -355,8 +355,8 @@ std::string LinesDelivered(const TracedRun& run, const std::string& path, const 
     return delivered;
 }
 
-// What a stream that was given `bytes` wrote to `path`: all of them, unless a write failed; then the beginning that the
-// other writes took. (The failed one ends the writing, but the close tries once more what still stands in the buffer.)
+// Returns the part of `bytes` that a stream wrote to `path`: all, unless a write failed; then the beginning that the
+// other writes wrote. (After the failed write, only close writes once more what is still in the buffer.)
 std::string Written(const TracedRun& run, const std::string& path, const std::string& bytes)
 {
     const bool failed = AnyFailed(run, "write", path) || AnyFailed(run, "writev", path);
@@ -395,7 +395,7 @@ void CompleteMove(const TracedRun& run, Expectation& expected, const std::string
     const std::string temporary = created->paths[0];
     if (!moved) {
         const TracedCall* const unlinked = Find(run, "unlink", temporary);
-        if (unlinked != nullptr && unlinked->Failed()) {  // reported, by the table
+        if (unlinked != nullptr && unlinked->Failed()) {  // the table reports it
             const bool hasMode = Succeeded(Find(run, "chmod", temporary));
             files[temporary] =
                 NewFile(hasMode ? copiedMode : 0600, sourceBytes.substr(0, BytesMoved(run, "write", temporary)));
@@ -406,7 +406,7 @@ void CompleteMove(const TracedRun& run, Expectation& expected, const std::string
     if (was.links == 2) {  // the other name was the destination
         was.links = 1;
     }
-    // A read that gives nothing is the end of the file, wherever it comes.
+    // A read of 0 bytes is the end of the file, at any position.
     files[destination] = NewFile(copiedMode, Delivered(run, source, sourceBytes));
     if (Succeeded(Find(run, "unlink", source))) {
         files.erase(source);
@@ -498,7 +498,7 @@ void AddMoves(std::vector<Scenario>& scenarios, const TempDir& disk, const TempD
     };
     scenarios.push_back(directory);
 
-    // Two mounts of one file system, as the kernel shows them: EXDEV, and both names are one file.
+    // Like two mounts of one file system: EXDEV, but both names are one file.
     Scenario oneFile = Move("two names of one file", source, near, "0123456789", [=] {
         WriteWithMode(source, "0123456789", 0640);
         ASSERT_EQ(0, link(source.c_str(), near.c_str()));
@@ -509,7 +509,7 @@ void AddMoves(std::vector<Scenario>& scenarios, const TempDir& disk, const TempD
 
 // ---- Copies
 
-// The bytes that a copy delivers: all, or, after an error, a beginning; as many as the calls say.
+// Returns the bytes that a copy writes: all, or after an error the beginning that the calls wrote.
 void CompleteCopy(const TracedRun& run, Expectation& expected, const std::string& source,
                   const std::string& destination, const std::string& sourceBytes)
 {
@@ -565,7 +565,7 @@ void AddCopies(std::vector<Scenario>& scenarios, const TempDir& disk, const Temp
     scenarios.push_back(Copy(
         "into a missing directory", source, memory / "missing/copy", "abc", [=] { WriteFile(source, "abc"); }, "-3"));
     Scenario onItself = Copy("onto itself", source, source, "", [=] { WriteFile(source, "abc"); });
-    for (Row& row : onItself.rows) {  // there is but one path
+    for (Row& row : onItself.rows) {  // there is only one path
         if (std::string(row.call) == "create(DESTINATION)") {
             row.call = "create(SOURCE)";
         }
@@ -573,7 +573,7 @@ void AddCopies(std::vector<Scenario>& scenarios, const TempDir& disk, const Temp
     scenarios.push_back(onItself);
 }
 
-// ---- Directories to be made
+// ---- Making directories
 
 constexpr mode_t kDirMode = 0777;
 
@@ -582,7 +582,7 @@ std::string ParentOf(const std::string& path)
     return std::filesystem::path(path).parent_path();
 }
 
-// Where building starts: the first ancestor that can be queried. Refuses "/", below which nothing is made.
+// Returns the first ancestor whose status can be read. Refuses "/", below which nothing is made.
 void CompleteRefusal(const TracedRun& run, Expectation& expected, const std::string& path)
 {
     std::string parent = ParentOf(path);
@@ -686,7 +686,7 @@ struct Listing {
 
 const std::vector<std::string> kOldItems = {"z.old", "a.old"};
 
-// In the order in which the directory gives them.
+// In the order of the directory.
 std::vector<std::string> NamesAsRead(const std::string& directory)
 {
     std::vector<std::string> names;
@@ -705,7 +705,7 @@ void CompleteListing(const TracedRun& run, Expectation& expected, const std::str
 {
     std::vector<std::string> items = listing.clearList ? std::vector<std::string>() : kOldItems;
     const TracedCall* const firstRead = Find(run, "getdents", path);
-    if (Succeeded(firstRead)) {  // one read takes in the whole directory
+    if (Succeeded(firstRead)) {  // one read returns the whole directory
         for (const std::string& name : NamesAsRead(path)) {
             if (wanted.count(name) != 0) {
                 items.insert(items.begin(), (listing.withDirPath ? path + "/" : "") + name);
@@ -961,7 +961,7 @@ std::map<std::string, std::vector<int>> ReadErrorLists()
             lists[call].push_back(error);
         }
     }
-    // Forms of one call, under the names of the tracer.
+    // The forms of one call, with the names of the tracer.
     lists["create"] = lists["open"];
     lists["lstat"] = lists["fstat"] = lists["stat"];
     std::vector<int>& writev = lists["writev"];
@@ -1002,7 +1002,7 @@ protected:
         return scenarios;
     }
 
-    // Runs the scenario on fresh files with its own faults and `faults`, and compares everything.
+    // Runs the scenario on new files with its own faults and `faults`, and compares everything.
     TracedRun Check(const Scenario& scenario, const std::vector<Fault>& faults);
     void SingleFaults(const Scenario& scenario);
     void DoubleFaults(const Scenario& scenario);
@@ -1133,8 +1133,8 @@ TracedRun FaultCampaignTest::Check(const Scenario& scenario, const std::vector<F
     return run;
 }
 
-// Whether the call is made in every run of the scenario. For its first name mkstemp asks the kernel for random bytes in
-// one run of twenty only; for its second name, always.
+// Whether every run of the scenario makes the call. For its first name, mkstemp asks the kernel for random bytes only
+// in about one run of twenty; for its second name, always.
 bool IsCertain(const Scenario& scenario, const TracedCall& call)
 {
     const bool secondName = !scenario.always.empty() && scenario.always[0].call == kTakenName.call;
@@ -1180,7 +1180,7 @@ void FaultCampaignTest::SingleFaults(const Scenario& scenario)
     for (const TracedCall& call : undisturbed.calls) {
         EXPECT_TRUE(call.name == "getpid" || errorLists_.count(call.name) == 1) << call.name << " has no error list";
         if (call.faults != 0 || !IsCertain(scenario, call)) {
-            continue;  // disturbed in every run, or not made in every run
+            continue;  // fails in every run anyway, or is not made in every run
         }
         for (const Fault& fault : FaultsAt(call, errorLists_)) {
             const TracedRun run = Check(scenario, {fault});
@@ -1197,7 +1197,7 @@ void FaultCampaignTest::SingleFaults(const Scenario& scenario)
                 firedFaults_ - faultsBefore);
 }
 
-// Each run with one fault shows where a second may strike: at every call behind the first, cleaning up included.
+// Each run with one fault shows where a second fault can occur: at every later call, even during cleaning up.
 void FaultCampaignTest::DoubleFaults(const Scenario& scenario)
 {
     const int runsBefore = runs_;

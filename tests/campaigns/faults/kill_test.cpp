@@ -1,7 +1,7 @@
-// SIGKILL before and after every system call of a move across file systems and of a page, and at random times. What is
-// left must be the old or the new, never a part, and the same call again must complete. Also at every call of what
-// makes directories, copies in place and only reads. ORV_FULL in the environment makes the random kills 10,000 and adds
-// a file of 1 MiB.
+// Sends SIGKILL before and after every system call of a move across file systems and of a page, and at random times.
+// The file must then be the old or the new one, never a part, and repeating the call must succeed. The same is done at
+// every call of the functions that make directories, copy in place and only read. With ORV_FULL in the environment,
+// there are 10,000 random kills, and also a file of 1 MiB.
 
 #include "LxFileUtils.h"
 #include "campaigns/faults/tracer.h"
@@ -43,7 +43,7 @@ protected:
         }
     }
 
-    // The temporary files of moves: names that other tests and users do not have here.
+    // Returns the temporary files of moves. Other tests and users have no such names here.
     std::vector<std::string> Leftovers(const std::string& destination) const
     {
         std::vector<std::string> found;
@@ -80,7 +80,7 @@ private:
 
 constexpr char kOld[] = "old";
 
-// Runs `body` with a kill at every call of `undisturbed`, before and after it; `check` looks at what is left.
+// Runs `body` and kills it before and after every call of `undisturbed`. `check` checks the files after that.
 void KillEverywhere(const std::function<void()>& arrange, const std::function<Answer()>& body,
                     const std::function<void(const TracedRun&)>& check, int& runs, int& kills)
 {
@@ -90,7 +90,7 @@ void KillEverywhere(const std::function<void()>& arrange, const std::function<An
     ASSERT_FALSE(undisturbed.calls.empty());
     for (const TracedCall& call : undisturbed.calls) {
         if (call.name == "getrandom") {
-            continue;  // changes nothing, and mkstemp makes it in one run of twenty only
+            continue;  // changes nothing, and mkstemp makes it only in about one run of twenty
         }
         for (const Fault::Kind kind : {Fault::Kind::kKillBefore, Fault::Kind::kKillAfter}) {
             SCOPED_TRACE((kind == Fault::Kind::kKillBefore ? "killed before " : "killed after ") + call.name + " #" +
@@ -147,7 +147,7 @@ void KillTest::CheckKilledMove(const std::string& bytes, bool overAFile) const
     }
 }
 
-// The same call again completes, or finds no source since the content already stands at the destination.
+// Repeating the call succeeds, or finds no source because the content is already at the destination.
 void KillTest::CheckRepeatedMove(const std::string& bytes) const
 {
     const std::vector<std::string> leftovers = Leftovers("destination");
@@ -159,7 +159,7 @@ void KillTest::CheckRepeatedMove(const std::string& bytes) const
     EXPECT_EQ(bytes, ReadFile(destination_));
     EXPECT_EQ(0640U, ModeOf(destination_));
     EXPECT_FALSE(Exists(source_));
-    EXPECT_EQ(leftovers, Leftovers("destination"));  // no more than the kill left
+    EXPECT_EQ(leftovers, Leftovers("destination"));  // only those that the kill left
 }
 
 void KillTest::KillMoves(const std::string& bytes, bool overAFile)
@@ -226,7 +226,7 @@ void KillTest::KillPages(const std::string& text, bool overAPage)
             return Answer{};
         },
         [&](const TracedRun& run) {
-            // A page of its own for each process: the next one with this number empties it.
+            // Each process has a temporary page of its own; the next process with the same id truncates it.
             const std::string temporaryPage = oracle::TemporaryPage(run.child);
             EXPECT_TRUE(!Exists(temporaryPage) || whole.find(ReadFile(temporaryPage)) == 0);
             (void)unlink(temporaryPage.c_str());
@@ -259,9 +259,9 @@ TEST_F(KillTest, APageKilledAtAnyCallIsOldOrNewAndCanBeRepeated)
     std::printf("campaign: kill, pages: %d runs, %d faults\n", runs_, kills_);
 }
 
-// ---- What makes directories
+// ---- Making directories
 
-using Modes = std::map<std::string, mode_t>;  // type and mode of each object, by its path
+using Modes = std::map<std::string, mode_t>;  // type and mode of each object by path
 
 Modes ModesBelow(const std::string& directory)
 {
@@ -292,7 +292,7 @@ const Maker kMakers[] = {
      [](const std::string& path) { return orv_fileutils::MakeDirPath(path.c_str(), kMode, true); }, true, 2},
 };
 
-// A directory with something in it to keep, in which the levels of a path are made.
+// A directory with a file that must stay, in which the levels of a path are made.
 class KillDirectoriesTest : public KillTest {
 protected:
     KillDirectoriesTest() : maskBefore_(umask(kMask))
@@ -312,7 +312,7 @@ protected:
     const std::string base_ = dir_ / "base";
     std::vector<std::string> levels_;  // below base_
     int halfway_ = 0;                  // kills that left a part of the path
-    int finished_ = 0;                 // kills that left all of it with the mode that chmod gave
+    int finished_ = 0;                 // kills that left all of it with the mode of chmod
 
 private:
     Modes Arrange(std::size_t standing) const;
@@ -321,7 +321,7 @@ private:
     mode_t maskBefore_;
 };
 
-// The first `standing` levels are there, and a file that is in nobody's way.
+// The first `standing` levels exist, and a file that is not part of the path.
 Modes KillDirectoriesTest::Arrange(std::size_t standing) const
 {
     std::filesystem::remove_all(base_);
@@ -333,7 +333,7 @@ Modes KillDirectoriesTest::Arrange(std::size_t standing) const
     return ModesBelow(dir_.Path());
 }
 
-// What is there beyond `before` must be a chain of levels without a gap.
+// New objects since `before` must be a chain of levels without a gap.
 void KillDirectoriesTest::CheckKilled(const Modes& before, const TracedRun& run)
 {
     const Modes after = ModesBelow(dir_.Path());
@@ -381,7 +381,7 @@ void KillDirectoriesTest::KillDirectories(const Maker& maker, const std::string&
                 levels_.size() - standing, levels_.size(), runs_ - runsBefore, runs_ - runsBefore);
 }
 
-// A path that may not be made: neither the killed call nor the next one makes any of it.
+// A path that may not be made. Neither the killed call nor the next one makes any of its levels.
 void KillDirectoriesTest::KillRefusals(const Maker& maker, const std::string& path)
 {
     const Modes before = ModesBelow(dir_.Path());
@@ -432,9 +432,9 @@ TEST_F(KillDirectoriesTest, APathKilledAtAnyCallIsAChainFromTheTopAndCanBeRepeat
     std::printf("campaign: kill, directories: %d runs, %d faults, %d halfway\n", runs_, kills_, halfway_);
 }
 
-// ---- What copies in place, and what only reads
+// ---- Copying in place, and only reading
 
-// All of a file that a call may change; not the time of its last reading.
+// Everything in a file that a call may change, except the time of its last access.
 struct FileState {
     ino_t inode;
     mode_t mode;
@@ -462,10 +462,10 @@ protected:
     void KillCopies(const std::string& bytes, const std::string* old);
     void CheckKilledCopy(const std::string& bytes, const std::string* old, ino_t inode);
 
-    int touched_ = 0;  // kills that left the destination neither as it was nor whole
+    int touched_ = 0;  // kills that left the destination incomplete
 };
 
-// The destination is as it was, or it holds a beginning of the source: in the old file, or in a new one.
+// The destination is unchanged, or it contains the beginning of the source: in the old file or in a new one.
 void KillCopyTest::CheckKilledCopy(const std::string& bytes, const std::string* old, ino_t inode)
 {
     if (!Exists(destination_)) {
@@ -575,7 +575,7 @@ TEST_F(KillTest, AFunctionThatOnlyReadsChangesNothingWhereverItIsKilled)
 
 // ---- Kills at random times
 
-// A child that calls `round` again and again until it is killed.
+// A child that calls `round` repeatedly until it is killed.
 class Worker {
 public:
     explicit Worker(const std::function<void()>& round)

@@ -30,21 +30,21 @@ namespace {
 
 using SyscallInfo = __ptrace_syscall_info;
 
-// Calls that change nothing and that nobody else makes.
+// Calls that change nothing and that are not made otherwise.
 constexpr int kBeginMark = -1000;
 constexpr int kEndMark = -1001;
 
 constexpr std::size_t kHeapBytes = 8U << 20;      // more than any scenario allocates
-constexpr std::size_t kReportBytes = 4U << 20;    // what a child hands over
-constexpr std::size_t kMostCalls = 2000000;       // of one run: more means that it does not end
-constexpr std::size_t kMostPathBytes = 4096 + 1;  // as the kernel takes them
+constexpr std::size_t kReportBytes = 4U << 20;    // the largest report of a child
+constexpr std::size_t kMostCalls = 2000000;       // of one run: with more, it would not end
+constexpr std::size_t kMostPathBytes = 4096 + 1;  // the longest that the kernel accepts
 
-// ---- Which argument of a call is what
+// ---- The arguments of the calls
 
 struct CallForm {
     long number;
     const char* name;
-    int firstPath;  // index of the argument; -1: none
+    int firstPath;  // index of the argument; -1: there is none
     int secondPath;
     int descriptor;  // -1: none
     int mode;        // -1: none
@@ -181,9 +181,8 @@ void ReadReport(TracedRun& run)
     _exit(0);
 }
 
-// Once, before the first child: what the C and C++ libraries do with system calls only for the first time. The heap
-// gets its memory and never gives it back; an exception is thrown, for the streams throw one inside after a failed
-// read.
+// Runs once, before the first child, because the C and C++ libraries make some system calls only once. The heap gets
+// its memory and keeps it. An exception is thrown, because streams throw one internally after a failed read.
 void WarmUp()
 {
     static const bool warm = [] {
@@ -239,12 +238,12 @@ private:
     std::map<std::string, int> occurrences_;
     std::map<int, std::string> descriptorPaths_;
 
-    // Of the call that is being made:
+    // For the current call:
     const Fault* killAfter_ = nullptr;
     long forcedResult_ = 0;             // 0: none
-    std::uint64_t countToRestore_ = 0;  // of a shortened read or write: the caller's register
+    std::uint64_t countToRestore_ = 0;  // the register of the caller, for a shortened read or write
     bool restoreCount_ = false;
-    std::uint64_t vectorAddress_ = 0;  // of a shortened writev: the caller's memory
+    std::uint64_t vectorAddress_ = 0;  // the memory of the caller, for a shortened writev
     std::vector<char> vectorToRestore_;
 };
 
@@ -261,7 +260,7 @@ std::vector<Item> Tracer::ItemsAt(std::uint64_t address, std::size_t count) cons
 
 std::string Tracer::TextAt(std::uint64_t address) const
 {
-    // Page by page: the text may end just before memory that is not there.
+    // Reads page by page, because the memory after the text may not exist.
     constexpr std::uint64_t kPageBytes = 4096;
     std::string text;
     while (text.size() < kMostPathBytes) {
@@ -379,7 +378,7 @@ void Tracer::OnEntry(const SyscallInfo& info)
     const bool isClose = info.entry.nr == SYS_close;
     if (isClose && static_cast<int>(info.entry.args[0]) == kBeginMark) {
         inWindow_ = true;
-        leaving_ = true;  // the exit of the mark itself is not one of ours
+        leaving_ = true;  // the exit of the mark itself does not count
         return;
     }
     if (!inWindow_) {
@@ -470,7 +469,7 @@ TracedRun Tracer::Run()
         return run_;
     }
     (void)ptrace(PTRACE_SETOPTIONS, child_, nullptr, PTRACE_O_TRACESYSGOOD | PTRACE_O_EXITKILL);
-    int signal = 0;  // the stop that began the tracing is not passed on
+    int signal = 0;  // the first stop is not passed to the child
     while (ptrace(PTRACE_SYSCALL, child_, nullptr, signal) == 0 && WaitForStop()) {
         const bool isCall = WSTOPSIG(status_) == kSyscallStop;
         signal = isCall ? 0 : WSTOPSIG(status_);
@@ -478,7 +477,7 @@ TracedRun Tracer::Run()
             OnStop();
         }
     }
-    if (WIFSTOPPED(status_)) {  // killed while it stood: the end is still to be collected
+    if (WIFSTOPPED(status_)) {  // killed while it was stopped: wait for its end
         (void)waitpid(child_, &status_, __WALL);
     }
     if (run_.problem.empty() && !run_.killed && !(WIFEXITED(status_) && WEXITSTATUS(status_) == 0)) {

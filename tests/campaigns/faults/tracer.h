@@ -1,6 +1,6 @@
-// Faults in the system calls of a child process, also in those that the C library and the streams make for themselves.
-// The child is traced with ptrace between two marks, so that only the calls of the function under test are seen. For
-// programs built without a sanitizer, which makes calls of its own.
+// Makes system calls of a child process fail, even those of the C library and the streams. ptrace traces the child
+// between two marks, so that only calls of the tested function are affected. The program must be built without a
+// sanitizer, which makes system calls too.
 #ifndef ORV_TESTS_TRACER_H
 #define ORV_TESTS_TRACER_H
 
@@ -13,16 +13,16 @@
 
 #include "support/orv_test.h"
 
-// A system call as the traced program made it and saw it end.
+// A system call of the traced program, with its result.
 struct TracedCall {
     std::string name;    // "open"; "create" for an open that may create; "lstat" and "fstat" for these forms of stat
     int occurrence = 0;  // 1-based, among the calls of that name
     std::vector<std::string> paths;  // its path arguments, or the path that its descriptor was opened on
-    std::size_t asked = 0;           // the bytes asked of a read or write
-    unsigned int mode = 0;           // what chmod and mkdir were given
+    std::size_t asked = 0;           // the size of a read or write
+    unsigned int mode = 0;           // the mode of chmod and mkdir
     long result = 0;                 // negative: an error number
-    bool finished = false;           // false where the program was killed before it saw the result
-    int faults = 0;                  // how many faults fired on it
+    bool finished = false;           // false if the program was killed before it got the result
+    int faults = 0;                  // the number of faults that affected it
 
     bool Failed() const
     {
@@ -34,13 +34,13 @@ struct TracedCall {
     }
 };
 
-// What is to go wrong, at which call: addressed by name and occurrence, since the number of calls before it may vary.
+// A fault and its call. The call is given by name and occurrence, because the number of calls before it may vary.
 struct Fault {
     enum class Kind {
-        kError,       // the call is not made and fails with `value`; a close is made all the same, as the system does
+        kError,       // the call is not made and fails with `value`; but a close is made, as in the system
         kShort,       // a read, write or writev is made for `value` bytes only
         kKillBefore,  // SIGKILL; the call is not made
-        kKillAfter,   // SIGKILL; the call was made, and its result never seen
+        kKillAfter,   // SIGKILL; the call was made, but the program does not get its result
     };
     std::string call;
     int occurrence = 1;
@@ -49,14 +49,14 @@ struct Fault {
     int times = 1;  // how many calls of that name in a row
 };
 
-// "From here on": long enough for every loop of the library. The two that repeat a failed call, mkstemp on EEXIST and
-// the streams on EINTR, outlast it, so that a run always ends.
+// The number of failures "from here on". It is large enough for every loop of the library. mkstemp repeats a call after
+// EEXIST and streams after EINTR; both continue for longer, so that a run always ends.
 constexpr int kFromHereOn = 100;
 
-// What the caller of a function has in hand after the call.
+// What a function returns to its caller.
 struct Answer {
     std::string result;              // "true", "-1"
-    std::vector<std::string> items;  // of the caller's container
+    std::vector<std::string> items;  // in the container of the caller
 
     bool operator==(const Answer& other) const
     {
@@ -67,20 +67,20 @@ struct Answer {
 struct TracedRun {
     pid_t child = 0;
     std::vector<TracedCall> calls;
-    bool killed = false;  // by a fault of ours
-    std::string problem;  // empty: ended as it should
-    // Of a run that was not killed:
+    bool killed = false;  // by a fault of this file
+    std::string problem;  // empty if it ended as expected
+    // For a run that was not killed:
     Answer answer;
     std::vector<DlogCall> lines;
     std::vector<std::string> descriptorsBefore;
     std::vector<std::string> descriptorsAfter;
 };
 
-// Calls `body` in a child that is traced meanwhile. Removes a temporary page that an earlier process of the same number
-// has left. `body` may use the heap: it is large enough from the start for no system call.
+// Calls `body` in a child and traces it. Removes a temporary page that an earlier process with the same id has left.
+// `body` may use the heap, which is large enough to need no system call.
 TracedRun RunTraced(const std::function<Answer()>& body, const std::vector<Fault>& faults);
 
-// True where a process may trace its children.
+// Returns true if a process may trace its children.
 bool CanTrace();
 
 #endif  // ORV_TESTS_TRACER_H

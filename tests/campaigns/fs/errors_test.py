@@ -1,5 +1,5 @@
 #!/usr/bin/env python3
-"""Errors that file systems and limits really give: the result, every line and every file afterwards.
+"""Real errors of file systems and limits: checks the result, every line and every file afterwards.
 
 Usage: errors_test.py --orv-call=PROGRAM [--hostile-fuse=PROGRAM]
 """
@@ -21,12 +21,12 @@ CONTENT = material(10000)
 OLD = b"old"
 PAGE = "GenHtmlPagefromTextFile"
 PAGES = "/var/tmp"
-# Between these, and on each, in short; all of them in full.
+# The short form uses these; the long form uses all.
 SHORT = ("tmpfs", "ext4", "xfs", "btrfs-a", "btrfs-b", "bind", "disk")
 
 
 class Setting:
-    """A source and a destination directory; `renames` when they are on one mount of one file system.
+    """A source and a destination directory; `renames` is true if they are on one mount of one file system.
 
     Across mounts the kernel answers EXDEV before it looks at the names. Between subvolumes of one mount it is the file
     system that answers so, after the kernel's own checks: `checked` when these come first.
@@ -58,7 +58,7 @@ class Setting:
             self.lab.check(f"{self.claim}: nothing changed", after, before)
 
     def fails(self, report, **paths):
-        """The move gives false with this line, and nothing has changed."""
+        """The move returns false with this line, and nothing has changed."""
         self.move("0", report, **paths)
 
     def source_holds(self, expected):
@@ -77,7 +77,7 @@ class Setting:
 # ---- Every kind of destination
 
 def destinations(s):
-    """A move puts the file in the place of whatever can be replaced; a copy writes into what stands there."""
+    """A move replaces every object that can be replaced; a copy writes into the object."""
     moved = {"new": file(CONTENT)}
 
     def replaces(kind, make, others):
@@ -135,7 +135,7 @@ def destinations(s):
 def bind_socket(path):
     server = socket.socket(socket.AF_UNIX)
     here = os.open(".", os.O_RDONLY)
-    os.chdir(os.path.dirname(path))  # the address holds few bytes
+    os.chdir(os.path.dirname(path))  # the address has room for few bytes
     server.bind(os.path.basename(path))
     os.fchdir(here)
     os.close(here)
@@ -143,7 +143,7 @@ def bind_socket(path):
 
 
 def fails_to_replace(s, error, destination=None):
-    """The kernel refuses to rename onto the destination: at once, or with the finished copy."""
+    """The kernel refuses to rename onto the destination: the plain rename, or that of the finished copy."""
     target = destination or s.destination
     source = s.source if s.checked else target + ANY_SUFFIX
     s.fails(LINES.RenameRename(source, target, error), destination=destination)
@@ -216,7 +216,7 @@ def trailing_slashes(s):
 
 
 def long_names(s):
-    """The temporary name is seven bytes longer than the destination's, of which 255 are the limit."""
+    """The temporary name is seven bytes longer than that of the destination; the limit is 255."""
     for length in range(246, 258):
         name = "n" * length
         target = os.path.join(s.destination_dir, name)
@@ -246,7 +246,7 @@ def loops(s):
     loop = os.path.join(s.destination_dir, "loop")
     os.symlink("loop", loop)
     target = os.path.join(loop, "new")
-    # The kernel walks to both directories before it compares their file systems.
+    # The kernel looks up both directories before it compares their file systems.
     s.fails(LINES.RenameRename(s.source, target, errno.ELOOP), destination=target)
     s.lab.expect(s.claim, s.caller.call("MakeDirPath", target, "755", "0"), "0",
                  LINES.WorkerMkdir(target, os.strerror(errno.ELOOP)),
@@ -260,7 +260,7 @@ def loops(s):
 # ---- Protected files
 
 def busy(s):
-    """A file that another is mounted over can be neither renamed nor removed."""
+    """A file on which another file is mounted cannot be renamed or removed."""
     cover = write(os.path.join(s.lab.root, "cover"), b"cover")
     s.begin("busy destination", old=OLD)
     s.lab.run("mount", "--bind", cover, s.destination)
@@ -280,7 +280,7 @@ def busy(s):
 
 
 def sticky(s, nobody):
-    """In a sticky directory a user may replace and remove his own files only."""
+    """In a sticky directory, a user may replace and remove only his own files."""
     asked = Setting(s.lab, nobody, s.source_dir, s.destination_dir, s.renames)
     asked.begin("sticky directory of the destination", old=OLD)
     os.chown(asked.source, fslab.NOBODY, fslab.NOBODY)
@@ -359,7 +359,7 @@ def immutable_destination(s):
 # ---- Space
 
 def full_at_every_write(lab, caller, table):
-    """Memory file systems that take 0, 1, 2... blocks, of which the source has 17, the last one not full."""
+    """File systems in memory with 0, 1, 2... free blocks; the source has 17, and the last is not full."""
     content = material(16 * BLOCK + 100)
     for free in range(0, 18):
         for old in (None, OLD):
@@ -390,7 +390,7 @@ def full_at_every_write(lab, caller, table):
             lab.umount(path)
             fslab.clear(source)
 
-    # A page is built and moved by the same rules: cut where the temporary one has no room, kept away where it has.
+    # The same rules apply to a page: it is incomplete if the temporary page has no room, and otherwise not replaced.
     line = b"Port:" + b"1" * 9990 + b"\n"
     write(table, line)
     page = PAGE_HEADER + b"<table  BORDER=2><tr><td>Port</td><td>" + line[5:-1] + b"</td></tr></table>"
@@ -424,7 +424,7 @@ def full_at_every_write(lab, caller, table):
 
 
 def fill(path):
-    """Takes all the room but a mebibyte, in which there is a place for inodes."""
+    """Fills the file system except for a mebibyte, which has room for inodes."""
     spare = write(os.path.join(path, "spare"), material(1 << 20))
     subprocess.run(["sync", "--file-system", path], check=True)
     with open(os.path.join(path, "filler"), "wb", buffering=0) as filler:
@@ -439,7 +439,7 @@ def fill(path):
 
 
 def full_disks(lab, caller):
-    """On disks the position depends on the file system: one line about a write, and nothing has changed."""
+    """On disks, the file system decides which write fails: there is one line, and nothing has changed."""
     for kind in ("ext2", "ext4", "xfs", "btrfs"):
         try:
             path = lab.mount(f"full.{kind}", "-o", "loop", lab.image(kind, f"full.{kind}"))
@@ -525,8 +525,8 @@ def over_quota(lab, caller):
 # ---- Limits of the process
 
 def file_size_limit(s, limited):
-    """A write across the limit is short, one at the limit fails; the signal is ignored."""
-    stale = errno.EXDEV  # a short write leaves errno as the plain rename has set it
+    """A write across the limit is short, and one at the limit fails; the signal is ignored."""
+    stale = errno.EXDEV  # a short write does not change the errno of the plain rename
     cases = ((0, (BLOCK, -1, errno.EFBIG)), (1, (BLOCK, 1, stale)), (4095, (BLOCK, 4095, stale)),
              (4096, (BLOCK, -1, errno.EFBIG)), (4097, (BLOCK, 1, stale)), (8192, (1808, -1, errno.EFBIG)),
              (9999, (1808, 1807, stale)), (10000, None))
@@ -544,7 +544,7 @@ def file_size_limit(s, limited):
 
 
 def descriptor_limit(s, table):
-    """The move opens two descriptors, the copy and the page two, the others one."""
+    """The move, the copy and the page open two descriptors, the others one."""
     caller, standard = s.caller, 3
 
     def limit(count):
@@ -579,7 +579,7 @@ def descriptor_limit(s, table):
             s.lab.expect(s.claim, read_all, "1")
         limit(before[0])
 
-    # Without a descriptor for the page there is nothing to move; with one alone the page stays empty.
+    # Without a descriptor for the page, there is nothing to move; with only one, the page stays empty.
     s.lab.run("mount", "-t", "tmpfs", "orv", PAGES)
     temporary = temporary_page(caller.pid)
     for free in range(3):
@@ -591,7 +591,7 @@ def descriptor_limit(s, table):
             s.lab.expect(s.claim, answer, "", LINES.RenameStat(temporary, errno.ENOENT),
                          LINES.PageMove(temporary, s.destination))
             s.destination_holds({"new": file(OLD)})
-        elif free == 1:  # the text file has it
+        elif free == 1:  # the text file uses it
             s.lab.expect(s.claim, answer, "", LINES.RenameStat(temporary, errno.ENOENT),
                          LINES.PageMove(temporary, s.destination))
             s.destination_holds({"new": file(OLD)})
@@ -604,7 +604,7 @@ def descriptor_limit(s, table):
 # ---- Read-only
 
 def read_only(lab, caller, members):
-    """A file system that turns read-only, on either side; also what the functions for directories say about it."""
+    """A file system that becomes read-only, on either side; also tests the functions for directories."""
     for name in ("ext4", "xfs", "btrfs", "tmpfs"):
         try:
             mounted = (lab.tmpfs("turned", "size=1m") if name == "tmpfs"
@@ -646,7 +646,7 @@ def read_only(lab, caller, members):
 
 
 def one_file_in_two_mounts(lab, caller, members):
-    """Through a bind mount both paths can name one file: it stays, with a line, and the result is true."""
+    """Through a bind mount, both paths can name one file: it stays, with a line, and the result is true."""
     for member in members:
         twin = lab.mount("twin", "--bind", member.path)
         fslab.clear(member.path)
@@ -666,7 +666,7 @@ def one_file_in_two_mounts(lab, caller, members):
 
 
 def one_number_on_two_devices(lab, caller):
-    """Files of different file systems are different files, also when their inode numbers are equal."""
+    """Files of different file systems are different files, even if their inode numbers are equal."""
     s = Setting(lab, caller, lab.tmpfs("number.source", "size=1m"), lab.tmpfs("number.destination", "size=1m"), False)
     s.begin("one inode number on two devices", old=OLD)
     lab.check(f"{s.claim}: numbers", os.stat(s.source).st_ino, os.stat(s.destination).st_ino)

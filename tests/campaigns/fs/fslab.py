@@ -1,10 +1,9 @@
-"""What the campaigns on real file systems stand on: mounts in a namespace of their own, calls of the library through
+"""The base of the campaigns on real file systems: private mounts, calls of the library through
 orv_call, snapshots of directories, and counted checks and skips.
 
-A campaign ends with 0 when all checks held, with 1 otherwise, and with 77 where it cannot run at all. A file system
-that this machine cannot mount is skipped aloud and counted; where ORV_NO_SKIP is set, that fails for what REQUIRED
-names.
-ORV_FULL=1 runs the long form.
+A campaign ends with 0 if all checks succeeded, with 1 otherwise, and with 77 if it cannot run. If this machine cannot
+mount a file system, the campaign skips it, prints that and counts it; with ORV_NO_SKIP set, it fails if REQUIRED names
+the file system. ORV_FULL=1 runs the long form.
 """
 
 import argparse
@@ -30,13 +29,13 @@ NOBODY = 65534
 PATIENCE_SECONDS = 60
 FULL = os.environ.get("ORV_FULL") == "1"
 
-# What works on Debian 12 with a kernel that has these file systems: there nothing of it may be missing.
+# These work on Debian 12 with a kernel that has the file systems; there, none of them may be missing.
 REQUIRED = {
     "ext2", "ext3", "ext4", "ext4-nofiletype", "xfs", "btrfs-a", "btrfs-b", "btrfs-qgroup", "tmpfs", "ramfs", "overlay",
     "bind", "disk", "fuse", "squashfs", "erofs", "ext4-readonly", "immutable on ext4", "immutable on xfs",
     "immutable on btrfs", "immutable on tmpfs", "power cut on ext4", "power cut on xfs", "power cut on btrfs",
 }
-IMAGES = {  # name: MiB, command that makes it
+IMAGES = {  # name: (MiB, command that makes the file system)
     "ext2": (32, ["mkfs.ext2", "-q"]),
     "ext3": (32, ["mkfs.ext3", "-q"]),
     "ext4": (64, ["mkfs.ext4", "-q"]),
@@ -61,7 +60,7 @@ class CannotMount(Exception):
 
 
 def material(size, seed=1):
-    """Bytes in which no block of 4096 is like another."""
+    """Returns bytes in which all blocks of 4096 differ."""
     block = bytes((seed * 37 + i * i // 7 + i) % 251 for i in range(4093))
     return (block * (size // len(block) + 1))[:size]
 
@@ -79,14 +78,14 @@ def read(path):
 
 
 def file(content, mode=0o644):
-    """The shape of a regular file; long content as its size and digest."""
+    """Describes a regular file; long content by its size and digest."""
     if len(content) > 80:
         content = (len(content), hashlib.sha256(content).hexdigest()[:16])
     return ("file", oct(mode), content)
 
 
 def shape(path):
-    """What stands at a path: comparable, links not followed."""
+    """Describes the object at a path for comparisons, without following links."""
     status = os.lstat(path)
     if stat.S_ISREG(status.st_mode):
         return file(read(path), stat.S_IMODE(status.st_mode))
@@ -102,7 +101,7 @@ def tree(directory):
 
 
 def listed(directory, files):
-    """What the library lists: nothing on a file system that records no types of entries."""
+    """Returns what the library lists: nothing on a file system that does not record entry types."""
     return [] if "/ext4-nofiletype/" in directory else files
 
 
@@ -134,13 +133,13 @@ class Caller:
         self.pid = self.process.pid
         self.lab = lab
         lab.callers.append(self)
-        self.ask("TextFileTableDelimter")  # the answer shows that the start, which opens files, is over
+        self.ask("TextFileTableDelimter")  # the answer shows that the program has started and opens no more files
 
     def descriptors(self):
         return sorted(os.listdir(f"/proc/{self.pid}/fd"))
 
     def call(self, operation, *arguments):
-        """Calls the library, and checks the form of its reports and that it leaves no descriptor open."""
+        """Calls the library, and checks the form of its reports and that no descriptor stays open."""
         before = self.descriptors()
         answer = self.ask(operation, *arguments)
         self.lab.check(f"{operation}{arguments}: no descriptor left open", self.descriptors(), before)
@@ -194,7 +193,7 @@ class Lab:
         self.daemons = []
 
     def reachable(self, program):
-        """A copy of the program, with the product's libraries, that users without privileges may reach."""
+        """A copy of the program and the libraries that users without privileges may execute."""
         directory = self.directory("bin")
         for library in re.findall(r"=> (\S*/libOrv\S+)", self.run("ldd", program)):
             shutil.copy(library, directory)
@@ -214,7 +213,7 @@ class Lab:
         print(f"FAILED: {what}", flush=True)
 
     def expect(self, claim, answer, result, *reports):
-        """The answer has this result and exactly these reports."""
+        """Expects this result and exactly these reports."""
         self.check(f"{claim}: result", answer.result, result)
         fits = len(answer.reports) == len(reports) and all(
             got[0] == expected.format and is_like(expected.text, got[1])
@@ -257,9 +256,9 @@ class Lab:
             raise CannotMount(f"{command[0]} is not installed") from error
 
     def mount(self, name, *arguments):
-        """Mounts at a directory of its own, and returns that."""
+        """Mounts on a new directory and returns its path."""
         path = self.directory(name)
-        for attempt in range(5):  # another process may take the loop device that mount has found
+        for attempt in range(5):  # another process may use the loop device that mount has found
             try:
                 self.run("mount", *arguments, path)
                 break
@@ -276,7 +275,7 @@ class Lab:
         self.run("umount", path)
 
     def open_to_all(self, path):
-        """A directory below the mount, without lost+found."""
+        """Returns a directory below the mount, without lost+found."""
         below = os.path.join(path, "dir")
         os.mkdir(below)
         return below
@@ -295,7 +294,7 @@ class Lab:
         return path
 
     def writable(self, name):
-        """The directory of a writable member."""
+        """Returns the directory of a writable file system."""
         if name == "disk":
             return self.disk
         if name == "tmpfs":
@@ -304,7 +303,7 @@ class Lab:
             return self.open_to_all(self.mount(name, "-t", "ramfs", "orv"))
         if name == "fuse":
             return self.open_to_all(self.fuse(name))
-        if name == "bind":  # another mount of the file system that ext4 is on
+        if name == "bind":  # another mount of the file system ext4
             below = os.path.join(self.root, "ext4", "bound")
             if not os.path.ismount(os.path.dirname(below)):
                 raise CannotMount("there is no ext4 to bind")
@@ -324,7 +323,7 @@ class Lab:
         return self.open_to_all(self.mount(name, "-o", "loop", self.image(name)))
 
     def read_only(self, name, content):
-        """The directory of a read-only member that holds what the directory `content` holds."""
+        """Returns the directory of a read-only file system with the content of the directory `content`."""
         image = os.path.join(self.root, name + ".image")
         if name == "squashfs":
             self.make("mksquashfs", content, image, "-quiet", "-no-progress")
@@ -335,7 +334,7 @@ class Lab:
         return self.mount(name, "-o", "loop,ro", image)
 
     def members(self, names, make):
-        """Those that this machine has; the others are skipped."""
+        """Returns the file systems that this machine has; the others are skipped."""
         found = []
         for name in names:
             try:
@@ -375,7 +374,7 @@ class Lab:
 
 
 def main(title, campaign):
-    """Runs campaign(lab) as root, with mounts of its own."""
+    """Runs campaign(lab) as root, with private mounts."""
     parser = argparse.ArgumentParser()
     parser.add_argument("--orv-call", required=True)
     parser.add_argument("--hostile-fuse")

@@ -1,14 +1,14 @@
-// A file system that shows another directory and misbehaves where the names of its files and directories ask for it.
+// A file system that shows another directory. Names of files and directories choose how it misbehaves.
 //
-// Usage: hostile_fuse DIRECTORY MOUNT_POINT      stays in the foreground; ends, and unmounts, at SIGTERM
+// Usage: hostile_fuse DIRECTORY MOUNT_POINT      stays in the foreground; unmounts and ends after SIGTERM
 //
-//   create-eio open-eio chmod-eio rename-eio unlink-eio    that call fails; rename-eio goes by the new name
+//   create-eio open-eio chmod-eio rename-eio unlink-eio    this call fails; rename-eio is in the new name
 //   read-eio write-eio     reading or writing fails from byte 8192 on
-//   short-read short-write a call takes or gives at most 1000 bytes
+//   short-read short-write a call reads or writes at most 1000 bytes
 //   flush-eio              closing fails
-//   sink                   what is written counts for the size, and is forgotten
-//   untyped                a directory whose entries carry no type
-//   list-eio               a directory that cannot be read behind its first file
+//   sink                   written bytes change the size but are not stored
+//   untyped                a directory whose entries have no type
+//   list-eio               a directory that cannot be read after its first file
 // Every inode number is above 2^32.
 
 #define FUSE_USE_VERSION 31
@@ -59,7 +59,7 @@ int KeepOpened(int descriptor, const char* path, fuse_file_info* file)
         return -errno;
     }
     file->fh = static_cast<std::uint64_t>(descriptor);
-    // Past the page cache, so that every read and write reaches this program as the caller made it.
+    // Without the page cache, so that every read and write reaches this program unchanged.
     file->direct_io = !Asks(path, "sink");
     return 0;
 }
@@ -228,7 +228,7 @@ int FillWhole(DIR* directory, bool typed, void* buffer, fuse_fill_dir_t fill)
     return 0;
 }
 
-// One file, with a position behind it from which the kernel asks for more.
+// Lists one file, and a position after it from which the kernel asks for more.
 int FillFirstFile(DIR* directory, void* buffer, fuse_fill_dir_t fill)
 {
     while (const dirent* entry = readdir(directory)) {
@@ -246,7 +246,7 @@ int FillFirstFile(DIR* directory, void* buffer, fuse_fill_dir_t fill)
 int Readdir(const char* path, void* buffer, fuse_fill_dir_t fill, off_t offset, fuse_file_info*, fuse_readdir_flags)
 {
     if (offset > 0) {
-        return -EIO;  // only a directory that asks for it has positions
+        return -EIO;  // only list-eio has positions
     }
     DIR* const directory = opendir(Real(path).c_str());
     if (directory == nullptr) {
@@ -267,7 +267,7 @@ int main(int argc, char* argv[])
         return 2;
     }
     shown = argv[1];
-    umask(0);  // the kernel has taken off the caller's
+    umask(0);  // the kernel has applied the mask of the caller
 
     fuse_operations operations{};
     operations.init = Init;

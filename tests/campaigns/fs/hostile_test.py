@@ -1,5 +1,5 @@
 #!/usr/bin/env python3
-"""The library on a file system that misbehaves (see hostile_fuse.cpp).
+"""Tests the library on a file system that misbehaves (see hostile_fuse.cpp).
 
 Usage: hostile_test.py --orv-call=PROGRAM --hostile-fuse=PROGRAM
 """
@@ -20,7 +20,7 @@ GIBIBYTE = 1 << 30
 
 
 class Hostile:
-    """The hostile directory as it is and as it shows, and a well-behaved one."""
+    """The hostile directory, the directory that it shows, and one without faults."""
 
     def __init__(self, lab, path):
         self.lab = lab
@@ -65,7 +65,7 @@ def reading(h):
     lines = [f"name{i:04}=value{i:04}\n" for i in range(1000)]
     write(os.path.join(h.shown, "read-eio"), "".join(lines).encode())
     items = h.expect("1", [], "ReadNameValueFromFile", source, "=", "").items
-    whole = GOOD_BYTES // len(lines[0])  # the line that the error cuts is none
+    whole = GOOD_BYTES // len(lines[0])  # the line with the error is incomplete and does not count
     h.check(items, [(f"name{i:04}", f"value{i:04}") for i in range(whole)])
 
     h.begin("EIO in a text table: a shorter page in place")
@@ -78,7 +78,7 @@ def reading(h):
         h.begin(f"source: {name}")
         write(os.path.join(h.shown, name), CONTENT)
         source, target = h.at(name), write(os.path.join(h.good, "new"), OLD)
-        if name == "short-read":  # a short read is no error and no end
+        if name == "short-read":  # a short read is neither an error nor the end
             h.expect("0", [], "CopyFile", source, target)
             h.check(tree(h.good), {"new": file(CONTENT)})
             h.expect("1", [], MOVE, source, target)
@@ -105,7 +105,7 @@ def writing(h):
     source = os.path.join(h.good, "f")
 
     def failure(name, reports, kept=False):
-        """A move onto `name` fails; with `kept`, its temporary file stays."""
+        """A move onto `name` fails; with `kept`, the temporary file stays."""
         h.begin(f"destination: {name}")
         write(source, CONTENT)
         write(os.path.join(h.shown, name), OLD)
@@ -186,7 +186,7 @@ def listing(h):
 
 
 def far_inodes(h):
-    """Numbers that differ only above 32 bits, or are large, are told apart and compared whole."""
+    """Inode numbers above 32 bits are compared completely."""
     h.begin("inode numbers above 2^32")
     source = h.at("f")
     write(os.path.join(h.shown, "f"), CONTENT, 0o4751)
@@ -203,7 +203,7 @@ def far_inodes(h):
 
 
 def large(h):
-    """A size that 32 bits do not hold: seen, refused half-way, and in full moved whole."""
+    """A file whose size needs more than 32 bits: found, refused half-way, and in the long form moved completely."""
     h.begin("5 GiB")
     size = 5 * GIBIBYTE
     for name in ("big", "read-eio"):

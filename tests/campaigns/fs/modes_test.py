@@ -18,12 +18,12 @@ from oracle import LINES
 MODES = [*range(0o1000), 0o4755, 0o2755, 0o1755, 0o6777]
 UMASKS = (0, 0o022, 0o077)
 CONTENT = b"content"
-# In short, each way of copying between memory and a disk's file system; in full, all of them.
+# The short form copies between memory and a disk's file system, both ways; the long form between all.
 SHORT = ("tmpfs", "ext4", "disk")
 
 
 def move(lab, caller, source, destination, mode, owner):
-    """Moves a file of that mode from directory to directory."""
+    """Moves a file with that mode from directory to directory."""
     old, new = os.path.join(source, "f"), os.path.join(destination, "g")
     write(old, CONTENT)
     os.chown(old, owner, owner)

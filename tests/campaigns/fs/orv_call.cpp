@@ -1,8 +1,9 @@
-// Calls the library for a test script: a request a line on standard input, the operation first; an answer of some lines
-// on standard output, the last of which begins with "result". Fields are percent-encoded, and each ends with a tab.
+// Calls the library for a test script. A request is a line on standard input, which begins with the operation. The
+// answer is a few lines on standard output; the last begins with "result". Fields are percent-encoded, and each ends in
+// a tab.
 //
 //   request   RenameFileAcrossFs <tab> SOURCE <tab> DESTINATION <tab>
-//   answer    report <tab> SEVERITY <tab> TAG <tab> FORMAT <tab> TEXT    for each diagnostic call, in order
+//   answer    report <tab> SEVERITY <tab> TAG <tab> FORMAT <tab> TEXT    for each log call, in order
 //             item <tab> VALUE...                                        for each element of a list or map
 //             result <tab> VALUE
 

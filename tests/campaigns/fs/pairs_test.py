@@ -67,7 +67,7 @@ class Pair:
         self.finish()
 
     def page(self, table, replaced):
-        """The source's directory stands where pages are built."""
+        """The directory of the source is mounted where pages are built."""
         self.prepare(0, replaced)
         os.unlink(self.source)
         claim = f"page from {self.name}, {'replacing' if replaced else 'new'}"
@@ -80,7 +80,7 @@ class Pair:
         self.finish()
 
     def from_read_only(self, name, content):
-        """The source cannot be removed: one line, and true."""
+        """The source cannot be removed: there is one line, and the result is true."""
         claim = f"move of {name} from {self.name}"
         source = os.path.join(self.source_dir, name)
         before = tree(self.source_dir)
@@ -99,7 +99,7 @@ class Pair:
         fslab.clear(self.destination_dir)
 
     def page_from_read_only(self, table):
-        """Nothing can be built, so there is nothing to move."""
+        """The page cannot be built, so there is nothing to move."""
         write(self.destination, OLD_CONTENT, 0o600)
         temporary = temporary_page(self.caller.pid)
         claim = f"page from {self.name}"
@@ -169,7 +169,7 @@ def read_only_pairs(lab, caller, writable, read_only, contents, table):
 
 
 def listings(lab, caller, members):
-    """Only the entry's own type counts, so a file system that records none lists nothing."""
+    """Only the type in the entry counts, so nothing is listed on a file system that does not record types."""
     for member in members:
         directory = os.path.join(member.path, "listed")
         if not os.path.exists(directory):

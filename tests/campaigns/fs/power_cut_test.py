@@ -1,5 +1,5 @@
 #!/usr/bin/env python3
-"""What a power cut leaves of a file that was moved between two file systems, and a recipe that loses nothing.
+"""Shows what a power cut leaves of a file that was moved between two file systems, and tests steps that lose nothing.
 
 Two images are mounted, and copied while they are: the copies are what the two devices hold at that moment, without what
 the kernel still keeps in memory. The copies are mounted, which replays their logs, and looked at. The devices are those
@@ -23,13 +23,13 @@ KINDS = ("ext4", "xfs", "btrfs")
 
 
 def empty_image(lab, kind, role):
-    """A formatted image, made once."""
+    """Returns a formatted image, which is made once."""
     path = os.path.join(lab.root, f"empty.{kind}.{role}.image")
     return path if os.path.exists(path) else lab.image(kind, f"empty.{kind}.{role}")
 
 
 class Devices:
-    """The file systems of source and destination on images of their own, with the files before the move."""
+    """The file systems of source and destination, on one image each, with the files before the move."""
 
     def __init__(self, lab, kind, replaced):
         self.lab, self.kind, self.replaced = lab, kind, replaced
@@ -47,7 +47,7 @@ class Devices:
         self.snapshots = []
 
     def commit(self, role):
-        """What any other process can cause: the log of names is written, the content of our file is not asked for."""
+        """Does what any other process can do: the log of names is written, but not the content of our file."""
         path = os.path.join(self.mounts[role], f"other{time.monotonic_ns()}")
         if self.kind == "btrfs":
             self.lab.run("btrfs", "subvolume", "create", path)
@@ -64,7 +64,7 @@ class Devices:
         self.snapshots.append((name, copies))
 
     def after_power_cut(self):
-        """Yields what each snapshot shows: its name, the state of the source, the one of the destination, leftovers."""
+        """Yields for each snapshot: its name, the state of the source, that of the destination, and leftover files."""
         for path in self.mounts.values():
             self.lab.umount(path)
         for name, copies in self.snapshots:
@@ -155,10 +155,10 @@ def measure_moves(lab, caller, kind):
     return lost
 
 
-# ---- The recipe
+# ---- The steps that lose nothing
 
 def recipe(caller, lab, devices):
-    """Its steps, each with what to do."""
+    """Returns the name of each step, and what it does."""
     fresh = devices.destination + ".new"
     directory = os.path.dirname(devices.destination)
 
@@ -166,7 +166,7 @@ def recipe(caller, lab, devices):
         lab.expect("recipe: copy", caller.call("CopyFile", devices.source, fresh), "0")
 
     def compare_and_sync():
-        lab.check("recipe: the copy is whole", read(fresh) == read(devices.source), True)  # 0 does not say so
+        lab.check("recipe: the copy is whole", read(fresh) == read(devices.source), True)  # 0 does not mean that
         fsync(fresh)
 
     def rename():
@@ -212,7 +212,7 @@ def campaign(lab):
         except fslab.CannotMount as error:
             lab.skip(f"power cut on {kind}", error)
     lab.counts["moves without a sync whose content was lost"] = sum(lost.values())
-    if lost:  # otherwise the snapshots held what was still in memory, and proved nothing
+    if lost:  # otherwise the snapshots contained data that was only in memory, and showed nothing
         lab.check("the snapshots can show a loss", sum(lost.values()) > 0, True)
 
 

@@ -1,6 +1,6 @@
-// What the fuzz targets share. A target takes any bytes, compares what the library makes of them with the oracle, and
-// ends the process when the two differ. Run by libFuzzer (script/fuzz), and on the kept inputs
-// by replay.cpp in every build.
+// Common code of the fuzz targets. A target accepts any bytes, compares the result of the library with the oracle, and
+// ends the process if they differ. libFuzzer runs it (script/fuzz), and in every build replay.cpp runs it on kept
+// inputs.
 #ifndef ORV_TESTS_FUZZ_H
 #define ORV_TESTS_FUZZ_H
 
@@ -13,16 +13,16 @@
 
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size);
 
-// Ends the process, with a message, unless `holds`.
+// Ends the process with a message unless `holds` is true.
 void Require(bool holds, const char* claim);
 
-// How often the library has called __dlog_printf.
+// Returns how often the library has called __dlog_printf.
 int Reports();
 
-// Takes the bytes up to the first `end` off the front of `bytes`, and the `end` too; all of them where there is none.
+// Removes and returns the bytes before the first `end`, and removes that `end`. Without an `end`, takes all bytes.
 std::string TakeUpTo(char end, std::string& bytes);
 
-// A file in memory with a path.
+// A file in memory that has a path.
 class MemoryFile {
 public:
     MemoryFile();
@@ -30,7 +30,7 @@ public:
     MemoryFile(const MemoryFile&) = delete;
     MemoryFile& operator=(const MemoryFile&) = delete;
 
-    void Write(const std::string& bytes) const;  // in place of what it held
+    void Write(const std::string& bytes) const;  // replaces its content
     const std::string& Path() const
     {
         return path_;

@@ -23,7 +23,7 @@ std::string Take(const std::string& path)
 int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size)
 {
     static const MemoryFile textFile;
-    // On the file system of the library's temporary page, so that the move there is a rename.
+    // On the file system of the temporary page, so that the page is renamed.
     static const std::string pagePath = "/var/tmp/orv_fuzz_page_" + std::to_string(getpid());
     static const std::string temporary = oracle::OwnTemporaryPage();
     const std::string bytes(data, data + size);

@@ -1,4 +1,4 @@
-// Runs a fuzz target on kept inputs, without a fuzzer: on every file of the directory that is the program's argument.
+// Runs a fuzz target without a fuzzer, on every file of the directory that is the argument of the program.
 #include "fuzz.h"
 
 #include <algorithm>
@@ -17,7 +17,7 @@ int main(int argc, char** argv)
     std::sort(paths.begin(), paths.end());
     for (const std::filesystem::path& path : paths) {
         std::printf("%s\n", path.filename().c_str());
-        std::fflush(stdout);  // so that the last one named is the one that failed
+        std::fflush(stdout);  // so that the last line names the input that failed
         std::ifstream file(path, std::ios::binary);
         const std::string bytes((std::istreambuf_iterator<char>(file)), std::istreambuf_iterator<char>());
         Require(!file.bad() && file.is_open(), "the file can be read");

@@ -8,7 +8,7 @@
 
 namespace {
 
-// fnmatch knows brackets, ends at NUL, and may take exponential time for many stars.
+// fnmatch has brackets, ends at a NUL, and may take exponential time for many stars.
 bool IsForFnmatch(const std::string& text, const std::string& pattern)
 {
     return text.find('\0') == std::string::npos && pattern.find('\0') == std::string::npos &&

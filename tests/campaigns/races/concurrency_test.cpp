@@ -1,4 +1,4 @@
-// Readers, processes and threads at once. With ORV_FULL set in the environment the runs are long ones; each prints how
+// Readers, processes and threads at the same time. With ORV_FULL in the environment, the runs are long. Each prints how
 // much it did.
 #include "LxFileUtils.h"
 #include "LxStringUtils.h"
@@ -34,8 +34,8 @@ void PrintFigure(const std::string& text)
     std::cout << "campaign: " << text << std::endl;
 }
 
-// The whole file through one open, in pieces small enough that a file that changes below the reader shows. Not by a
-// stream: this is the inner loop.
+// Reads a whole file with one open, in pieces that are small enough to show if the file changes meanwhile. Uses no
+// stream, because this is the inner loop.
 std::string ReadInPieces(const std::string& path)
 {
     std::string bytes;
@@ -49,7 +49,7 @@ std::string ReadInPieces(const std::string& path)
     return bytes;
 }
 
-// Runs `body` on a thread of its own, again and again, from the constructor to the destructor.
+// Runs `body` repeatedly on a thread of its own, from the constructor to the destructor.
 class Loop {
 public:
     explicit Loop(const std::function<void()>& body)
@@ -79,14 +79,14 @@ public:
 private:
     std::atomic<bool> stop_{false};
     std::atomic<int> rounds_{0};
-    std::thread thread_;  // last: it uses the others
+    std::thread thread_;  // last, because it uses the others
 };
 
 // ---- Readers of a page
 
 class PageReaderTest : public TwoFileSystemsTest {
 protected:
-    // Reads `page` while it is replaced by one and the other of two pages in turn.
+    // Reads `page` while two pages replace it in turn.
     void ReadWhileReplaced(const std::string& page)
     {
         const std::string oneTable = dir_.Write("one", Table(1, 40));
@@ -163,7 +163,7 @@ TEST_F(PageReaderTest, AReaderSeesOnlyWholePagesOnAnotherFileSystem)
 
 constexpr int kProcesses = 8;
 
-// What the processes share.
+// Memory that the processes share.
 struct Race {
     pthread_barrier_t barrier;
     std::atomic<int> calls;
@@ -171,7 +171,7 @@ struct Race {
     std::atomic<int> lines;
 };
 
-// One process of the race: in each round all of them make the same fresh path at once.
+// One process of the race. In each round, all processes make the same new path at once.
 void RunRacer(Race& race, const std::string& base, int rounds, bool first)
 {
     const std::string top = base + "/top";
@@ -191,7 +191,7 @@ void RunRacer(Race& race, const std::string& base, int rounds, bool first)
 
 TEST(MakeDirPathRaceTest, ProcessesThatRaceForOnePathAllSucceedAndLogNothing)
 {
-    const TempDir dir("/dev/shm");  // in memory: more rounds
+    const TempDir dir("/dev/shm");  // in memory, for more rounds
     const int rounds = Amount(300, 10000);
     void* const memory = mmap(nullptr, sizeof(Race), PROT_READ | PROT_WRITE, MAP_SHARED | MAP_ANONYMOUS, -1, 0);
     ASSERT_NE(MAP_FAILED, memory);
@@ -231,7 +231,7 @@ TEST(MakeDirPathRaceTest, ProcessesThatRaceForOnePathAllSucceedAndLogNothing)
 
 class ThreadsTest : public TwoFileSystemsTest {
 protected:
-    // Runs `body` `rounds` times on a thread for each of `threads` numbers; all start together.
+    // Runs `body` `rounds` times on each of `threads` threads, with the number of the thread. All start together.
     static void RunThreads(int threads, int rounds, const std::function<void(int thread, int round)>& body)
     {
         std::atomic<int> waiting{threads};
@@ -253,7 +253,7 @@ protected:
     }
 };
 
-// Moves and copies through names of one thread, and a move that fails.
+// Moves and copies files of one thread, and fails to move one.
 void MoveAndCopy(const TempDir& here, const TempDir& there, const std::string& own)
 {
     const std::string bytes(10000, own.back());
@@ -285,7 +285,7 @@ void MakeDirectories(const TempDir& here, const std::string& own)
     EXPECT_EQ(0, rmdir(path.c_str()));
 }
 
-// Reads what all threads read.
+// Reads files that all threads read.
 void ReadShared(const std::string& listed, const std::string& settings)
 {
     std::list<std::string> names;

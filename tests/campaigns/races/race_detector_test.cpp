@@ -1,4 +1,4 @@
-// That ThreadSanitizer reports a race, in the program and in each of the two libraries: see race_program.cpp.
+// Checks that ThreadSanitizer reports a race in the program and in each of the two libraries: see race_program.cpp.
 #include "support/orv_test.h"
 
 #include <sys/wait.h>

@@ -1,5 +1,5 @@
-// A race made on purpose, which harms nothing, in the program or in one of the two libraries, as the argument says. For
-// the test that ThreadSanitizer reports each: the silence of the other tests means something only then.
+// Makes a harmless race on purpose, in the program or in one of the two libraries; the argument chooses. A test checks
+// that ThreadSanitizer reports it. Otherwise it would mean nothing that the other tests have no report.
 #include "LxFileUtils.h"
 #include "LxStringUtils.h"
 
@@ -23,7 +23,7 @@ void RaceInTheProgram()
     RunOnTwoThreads([&counter] { ++counter; });
 }
 
-// Both threads empty one list, which is empty already.
+// Both threads clear the same empty list.
 void RaceInTheFileUtilities()
 {
     std::list<std::string> names;
@@ -33,7 +33,7 @@ void RaceInTheFileUtilities()
     });
 }
 
-// One thread looks for blanks at the ends of a text, where the other changes a letter.
+// One thread looks for blanks at the ends of a text while the other changes a letter there.
 void RaceInTheStringOperations()
 {
     std::string text = "x";
@@ -43,7 +43,7 @@ void RaceInTheStringOperations()
     other.join();
 }
 
-// Each thread has a text of its own.
+// Each thread uses its own text.
 void NoRace()
 {
     RunOnTwoThreads([] {

@@ -1,5 +1,6 @@
-// Publishes one page: the service that security_test.py attacks. It waits for the end of its standard input first, so
-// that the test can plant objects under its process id. A minute later it is gone in any case: a FIFO blocks it.
+// The service that security_test.py attacks: publishes one page. It first waits for the end of its standard input, so
+// that the test can plant objects under its process id. It ends after a minute at the latest, because a FIFO may block
+// it.
 //
 // Usage: security_page USER_ID TABLE_FILE PAGE
 #include "LxFileUtils.h"
@@ -13,7 +14,7 @@ namespace {
 
 const unsigned int kLifeSeconds = 60;
 
-// Only after the start, so that the program may lie where that user cannot go.
+// Only after the start, because the program may be in a directory that this user may not search.
 bool BecomeUser(uid_t user)
 {
     return user == 0 || (setgroups(0, nullptr) == 0 && setgid(user) == 0 && setuid(user) == 0);

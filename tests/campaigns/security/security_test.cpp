@@ -1,5 +1,5 @@
-// What others achieve by exchanging what a path stands for between two system calls, by text and by signals: the claims
-// of docs/security.md but those on the name of the page under construction (security_test.py).
+// Tests the claims of docs/security.md: what other users achieve by exchanging files between two system calls, by text
+// and by signals. security_test.py tests the claims about the name of the temporary page.
 #include "LxFileUtils.h"
 #include "support/faults.h"
 #include "support/messages.h"
@@ -21,7 +21,7 @@ namespace {
 
 using ::testing::HasSubstr;
 
-// Puts a symbolic link to `target` in place of `path`, as somebody may who can write to its directory.
+// Replaces `path` by a symbolic link to `target`, as anybody can who may write to its directory.
 void ReplaceByLink(const std::string& path, const std::string& target)
 {
     ASSERT_EQ(0, remove(path.c_str())) << path;
@@ -30,7 +30,7 @@ void ReplaceByLink(const std::string& path, const std::string& target)
 
 class SharedDirectoryTest : public TwoFileSystemsTest {
 protected:
-    // The one temporary copy of "destination" on the other file system.
+    // Returns the only temporary copy of "destination" on the other file system.
     std::string TemporaryCopy() const
     {
         std::string copy;
@@ -160,8 +160,8 @@ TEST_F(ForeignTextTest, APathIsLoggedUnchangedAndIsNeverAFormat)
 
 std::atomic<int> signals{0};
 
-// While it lives, this thread gets a signal every few milliseconds. The handler, which does nothing, stays: a signal
-// that comes late would end the program.
+// While it exists, this thread gets a signal every few milliseconds. The handler does nothing. It stays installed,
+// because a late signal would end the program.
 class SignalStorm {
 public:
     explicit SignalStorm(int flags)
@@ -191,7 +191,7 @@ public:
     SignalStorm& operator=(const SignalStorm&) = delete;
 };
 
-// A FIFO stands at the name of the page under construction.
+// There is a FIFO at the name of the temporary page.
 class PlantedFifoTest : public OrvTest {
 protected:
     PlantedFifoTest()

@@ -1,14 +1,14 @@
 #!/usr/bin/env python3
-"""Plants objects of another user at the name where a service builds its page, under every kernel setting that bears on
-it, and compares what happens with the table of docs/security.md.
+"""Plants objects of another user at the name where a service builds its page, with every kernel setting that matters,
+and compares the results with the table of docs/security.md.
 
 Usage: security_test.py [--measure] DOCUMENT [EMULATOR...] PROGRAM
---measure prints what happens in place of comparing it. With ORV_FULL set in the environment every combination of the
-settings is tried, not only each value of the one that matters beside all-off and all-on.
+--measure prints the results instead of comparing them. With ORV_FULL in the environment, every combination of the
+settings is tried; otherwise each value of the setting that matters, with all other settings off and with all on.
 Ends with 77 when it had to skip, which fails where ORV_NO_SKIP is set.
 
-The settings are the kernel's own and count for the whole machine: they are set back by a process that outlives this one
-however it ends. /var/tmp is a fresh one in a mount namespace of its own.
+The settings affect the whole machine. A separate process restores them, however this one ends. /var/tmp is a new
+directory in a private mount namespace.
 """
 
 import ctypes
@@ -30,7 +30,7 @@ BUILD_DIRECTORY = "/var/tmp"
 OTHER_DIRECTORY = "/dev/shm"
 SERVICES = {"root": 0, "a user": 65532}
 PLANTERS = (65534, 65533)
-OBJECTS = {  # name in the table: the setting that decides
+OBJECTS = {  # name in the table: the setting that matters
     "symbolic link": "symlinks",
     "dangling symbolic link": "symlinks",
     "file, mode 0666": "regular",
@@ -62,7 +62,7 @@ def call(result, what):
 
 
 def mount_private_build_directories():
-    """Gives this process a /var/tmp and a /dev/shm of its own: sticky, for all, and two file systems."""
+    """Mounts a private /var/tmp and /dev/shm: both are sticky and writable for all, on two file systems."""
     call(libc.unshare(CLONE_NEWNS), "a mount namespace")
     call(libc.mount(b"none", b"/", None, MS_REC | MS_PRIVATE, None), "private mounts")
     for path in (BUILD_DIRECTORY, OTHER_DIRECTORY):
@@ -91,7 +91,7 @@ def write_settings(values):
 
 
 class SavedSettings:
-    """The settings as they were, set back at the end by a process of its own. Only one test at a time may have them."""
+    """Saves the settings; a separate process restores them at the end. Only one test may use them at a time."""
 
     def __enter__(self):
         self.lock = os.open(setting_path("symlinks"), os.O_RDONLY)
@@ -112,7 +112,7 @@ class SavedSettings:
         return self
 
     def guard(self, guarded, done):
-        """In the child: leaves for a session of its own, and waits for the end of whoever holds `alive`."""
+        """In the child: starts a session, and waits until all processes with `alive` open have ended."""
         try:
             os.close(self.alive)
             os.close(self.done)
@@ -121,7 +121,7 @@ class SavedSettings:
                 signal.signal(number, signal.SIG_IGN)
             if os.fork() == 0:
                 null = os.open("/dev/null", os.O_RDWR)
-                for descriptor in (0, 1, 2):  # nobody is to wait for the end of this process's output
+                for descriptor in (0, 1, 2):  # so that nobody waits for output of this process
                     os.dup2(null, descriptor)
                 os.read(guarded, 1)
                 write_settings(self.saved)
@@ -141,7 +141,7 @@ class SavedSettings:
 
 
 def as_user(user, action):
-    """Does `action` with the rights of `user`; the errno of its failure, or 0."""
+    """Does `action` with the rights of `user`. Returns the errno of its failure, or 0."""
     os.setegid(user)
     os.seteuid(user)
     try:
@@ -174,7 +174,7 @@ def write_as_user(path, content, mode):
 
 
 def plant(what, name, victim, own_file):
-    """To be done as the planter."""
+    """Must be called as the planter."""
     if what == "symbolic link":
         os.symlink(victim, name)
     elif what == "dangling symbolic link":
@@ -194,24 +194,24 @@ def plant(what, name, victim, own_file):
 
 
 def is_blocked_in_open(pid):
-    """Whether the process sleeps in the opening of a FIFO."""
+    """Returns whether the process waits in the open of a FIFO."""
     return read_file(f"/proc/{pid}/wchan") in (b"wait_for_partner", b"fifo_open")
 
 
 def wait_until(condition):
     deadline = time.monotonic() + PATIENCE_SECONDS
     while not condition():
-        assert time.monotonic() < deadline, "waited in vain"
+        assert time.monotonic() < deadline, "the condition did not become true in time"
         time.sleep(0.001)
 
 
 def run_service(process, name):
-    """Lets the service publish. What a reader of its FIFO gets, if it waited for one, else None."""
+    """Lets the service publish. Returns what a reader of its FIFO gets, or None if it did not wait for one."""
     process.stdin.close()
     wait_until(lambda: process.poll() is not None or is_blocked_in_open(process.pid))
     if process.poll() is not None:
         return None
-    with open(name, "rb") as fifo:  # releases the service
+    with open(name, "rb") as fifo:  # the service then continues
         leaked = fifo.read()
     process.wait(PATIENCE_SECONDS)
     return leaked
@@ -235,7 +235,7 @@ def page_state(page, victim, new_page, service):
 
 
 def other_file_state(what, victim, own_file, new_page):
-    """Of the file that a link leads to."""
+    """Describes the file that a link leads to."""
     if what in ("symbolic link", "hard link to a file of the service"):
         return {VICTIM_TEXT: "kept", new_page: "**overwritten**", b"": "emptied"}[read_file(victim)]
     if what == "dangling symbolic link":
@@ -248,7 +248,7 @@ def other_file_state(what, victim, own_file, new_page):
 
 
 def shorten(lines, pid, page):
-    """The lines of the service as the table has them; the rest of each is pinned here."""
+    """Returns the lines of the service in the form of the table. The rest of each line is checked here."""
     name, page = re.escape(temporary_page(pid)), re.escape(page)
     forms = {
         LINES.RenameStat.pattern(name, r"(\d+)"): "stat {}",
@@ -280,10 +280,10 @@ def remove_tree(directory):
 
 
 def attack(program, what, service, planter, page_directory, new_page):
-    """One row's result: page, other file, object left at the name, lines."""
+    """Returns the result of one row: page, other file, object left at the name, lines."""
     for directory in (BUILD_DIRECTORY, OTHER_DIRECTORY):
         remove_tree(directory)
-    private = BUILD_DIRECTORY + "/service"  # also holds the page, on the same file system
+    private = BUILD_DIRECTORY + "/service"  # also contains the page, on the same file system
     other = OTHER_DIRECTORY + "/service"
     own_file = BUILD_DIRECTORY + "/of_the_planter"
     for directory in (private, other):
@@ -324,7 +324,7 @@ def attack(program, what, service, planter, page_directory, new_page):
 
 
 def make_page(program, user):
-    """What the service publishes when nobody interferes."""
+    """Returns what the service publishes if nobody interferes."""
     page = BUILD_DIRECTORY + "/page"
     table = BUILD_DIRECTORY + "/table"
     write_file(table, TABLE_TEXT, 0o644, user)
@@ -335,7 +335,7 @@ def make_page(program, user):
 
 
 def check_private_directory(program, new_page):
-    """A build directory for the service alone: nobody plants anything, and pages are made, whatever the settings."""
+    """With a private build directory, nobody can plant anything, and pages are made with all settings."""
     for (service, user), planter, what in itertools.product(SERVICES.items(), PLANTERS, OBJECTS):
         remove_tree(BUILD_DIRECTORY)
         os.chown(BUILD_DIRECTORY, user, user)
@@ -353,7 +353,7 @@ def check_private_directory(program, new_page):
 
 
 def combinations(setting):
-    """Settings to try for an object, by the value of the one that decides."""
+    """Returns the settings to try for an object whose result depends on `setting`."""
     everything = [dict(zip(SETTINGS, values)) for values in itertools.product(*map(range, SETTINGS.values()))]
     if not os.environ.get("ORV_FULL"):
         extremes = [dict.fromkeys(SETTINGS, 0), {name: count - 1 for name, count in SETTINGS.items()}]
@@ -365,7 +365,7 @@ def combinations(setting):
 
 
 def measure(program, new_page):
-    """All attacks: {(object, service, place, deciding value): {result: how often}}."""
+    """Makes all attacks: {(object, service, place, value of the setting): {result: when}}."""
     results = {}
     attacks = 0
     for what, setting in OBJECTS.items():
@@ -382,7 +382,7 @@ def measure(program, new_page):
 
 
 def print_table(results):
-    """One row for all values, services and places that end alike."""
+    """Prints a row for each value, service and place, with its result."""
     for (what, service, place, value), outcomes in results.items():
         for outcome, when in outcomes.items():
             print("|", " | ".join([what, str(value), service, place, *outcome]), "|", "" if len(outcomes) == 1 else when)
@@ -393,7 +393,7 @@ def one_or_all(cell, values):
 
 
 def read_table(document):
-    """The rows of the document, spread out: {(object, service, place, deciding value): result}."""
+    """Returns the rows of the document: {(object, service, place, value of the setting): result}."""
     expected = {}
     for line in read_file(document).decode().splitlines():
         cells = [cell.strip() for cell in line.strip("|").split("|")]

@@ -1,7 +1,7 @@
-// Pages of the library in a real browser: headless Chromium, which reads them from a server on loopback and from files.
+// Tests pages in headless Chromium, which reads them from a server on the loopback interface and from files.
 //
-// Usage: node --test browser_test.mjs, from a folder with node_modules; in the environment ORVFILE and STATUSBOARD, the
-// two programs, CHROMIUM, the browser, and, to have the pictures of the documents made anew, ORV_SCREENSHOTS, a folder.
+// Usage: node --test browser_test.mjs, in a folder with node_modules. The environment must contain the paths of the
+// programs ORVFILE, STATUSBOARD and CHROMIUM. To make the pictures of the documents, set ORV_SCREENSHOTS to a folder.
 
 import assert from "node:assert/strict";
 import { execFile, execFileSync } from "node:child_process";
@@ -17,18 +17,18 @@ import { chromium } from "playwright-core";
 
 const { ORVFILE, STATUSBOARD, CHROMIUM, ORV_SCREENSHOTS } = process.env;
 const STATUSBOARD_CONF = fileURLToPath(new URL("../../examples/statusboard.conf", import.meta.url));
-const RELOAD_SECONDS = 10; // as every page demands
+const RELOAD_SECONDS = 10; // as in every page
 const run = promisify(execFile);
 
 let browser;
 let server;
-let folder; // of all files; the server serves it
-let elsewhere; // another folder, on another file system than /var/tmp where pages are built
+let folder; // contains all files; the server serves it
+let elsewhere; // another folder, not on the file system of /var/tmp, where pages are built
 
 before(async () => {
   browser = await chromium.launch({
     executablePath: CHROMIUM,
-    args: process.getuid() === 0 ? ["--no-sandbox"] : [], // which root's Chromium refuses to do without
+    args: process.getuid() === 0 ? ["--no-sandbox"] : [], // as root, Chromium needs this option
   });
   folder = fs.mkdtempSync(path.join(os.tmpdir(), "orv-browser-"));
   elsewhere = fs.mkdtempSync("/dev/shm/orv-browser-");
@@ -51,12 +51,12 @@ after(async () => {
   }
 });
 
-// Both ways to the file of this name.
+// Returns both addresses of the file with this name.
 function addresses(name) {
   return [pathToFileURL(path.join(folder, name)).href, `http://127.0.0.1:${server.address().port}/${name}`];
 }
 
-// The text of tables, each a list of rows of two cells or more; an empty line between them becomes a spacer.
+// Returns the text of tables; each is a list of rows of two cells or more. An empty line between them is a spacer.
 function tableText(tables, options = []) {
   return tables
     .map((rows) => rows.map((cells) => execFileSync(ORVFILE, ["row", ...options, "--", ...cells])).join("") + "\n")
@@ -69,8 +69,8 @@ function publish(name, text) {
   execFileSync(ORVFILE, ["--quiet", "page", path.join(folder, name + ".txt"), path.join(folder, name)]);
 }
 
-// What stands in the page that is shown: the names of the elements side by side, the texts of all cells, and elements that
-// no such page has. Browsers take the page's outer element for a part of the body, and all else for parts of that.
+// Describes the page that is shown: the names of adjacent elements, the texts of all cells, and elements that a page of
+// the library does not have. Browsers put the outer element of the page into the body, and everything else into that.
 function shown() {
   return {
     elements: [...document.querySelector("body > kpx_pld").children].map((element) => element.localName),
@@ -81,8 +81,8 @@ function shown() {
   };
 }
 
-// Opens the address, hands the page to `use`, and demands that no script failed, no dialog came up and nothing else was
-// asked for.
+// Opens the address and passes the page to `use`. Checks that no script failed, no dialog appeared and nothing else was
+// requested.
 async function visit(address, use) {
   const page = await browser.newPage({ viewport: { width: 760, height: 620 } });
   const unexpected = [];
@@ -107,7 +107,7 @@ test("tables, rows and cells are shown as written, in UTF-8, with a spacer betwe
     [["Ort", "Straße"], ["Zürich", "Übergasse 5 € – 日本語 – 😀"]],
   ];
   publish("written.html", tableText(tables));
-  tables[0].at(-1).pop(); // an empty cell at the end is none
+  tables[0].at(-1).pop(); // an empty cell at the end is not shown
   for (const address of addresses("written.html")) {
     await visit(address, async (page) => {
       const found = await page.evaluate(shown);
@@ -170,7 +170,7 @@ test("a page reloads by itself after 10 seconds and shows the new content", asyn
   await Promise.all(pages.map((page) => page.close()));
 });
 
-// Replaces the page again and again, now with one content, now with the other, until `isDone`; how often.
+// Replaces the page repeatedly with two contents in turn, until `isDone`. Returns how often.
 async function replaceUntil(isDone, name) {
   let times = 0;
   for (; !isDone(); ++times) {

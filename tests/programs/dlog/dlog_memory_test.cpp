@@ -1,4 +1,4 @@
-// The substitute that keeps the last reports in memory.
+// Tests the substitute that keeps the last reports in memory.
 
 #include "orv/dlog_memory.h"
 #include "LxFileUtils.h"

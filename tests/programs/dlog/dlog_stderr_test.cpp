@@ -1,4 +1,4 @@
-// The substitute that writes reports to standard error.
+// Tests the substitute that writes reports to standard error.
 
 #include "orv/dlog.h"
 #include "support/new_fault.h"
@@ -25,7 +25,7 @@ using ::testing::ElementsAre;
 
 namespace {
 
-// Makes `descriptor` this process's standard error while it lives.
+// Makes `descriptor` the standard error of this process while it exists.
 class ScopedStderr {
 public:
     explicit ScopedStderr(int descriptor) : saved_(dup(STDERR_FILENO))
@@ -44,8 +44,8 @@ private:
     int saved_;
 };
 
-// What `body` writes to standard error, one string for each write: packets keep their bounds. For short lines only,
-// which the socket holds until they are read.
+// Returns what `body` writes to standard error, one string for each write, because a packet is read as it was written.
+// Only for short lines, which the socket stores until they are read.
 template <typename Body>
 std::vector<std::string> WritesOf(Body body)
 {
@@ -65,7 +65,7 @@ std::vector<std::string> WritesOf(Body body)
     return writes;
 }
 
-// What `body` writes to standard error when that is a file.
+// Returns what `body` writes to standard error if that is a file.
 template <typename Body>
 std::string FileOf(Body body)
 {
@@ -229,7 +229,7 @@ TEST(DlogStderrTest, DoesNotMixTheLinesOfSeveralThreads)
     });
 
     std::istringstream lines(written);
-    std::map<std::string, int> linesOf;  // the next line of each severity, which stands for the thread
+    std::map<std::string, int> linesOf;  // the next line of each severity; each thread uses one severity
     for (std::string line; std::getline(lines, line);) {
         const std::string severity = line.substr(0, 3);
         ASSERT_EQ(severity + " tag: " + filler + " " + std::to_string(linesOf[severity]++), line);

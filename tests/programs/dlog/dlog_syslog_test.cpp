@@ -1,5 +1,5 @@
-// The substitute that hands reports to syslog(3), seen from the other end: as the bytes that come in at a socket
-// bound to /dev/log, in a child with mounts of its own.
+// Tests the substitute that passes reports to syslog(3): reads the bytes at a socket that is bound to /dev/log, in a
+// child with private mounts.
 
 #include "orv/dlog.h"
 #include "support/new_fault.h"
@@ -40,7 +40,7 @@ void WriteTo(const char* path, const std::string& text)
     std::ofstream(path) << text;
 }
 
-// Mounts an empty /dev that only this process and its children see.
+// Mounts an empty /dev for this process and its children only.
 bool HideDev()
 {
     const uid_t user = geteuid();
@@ -69,7 +69,7 @@ int BindDevLog()
     return descriptor;
 }
 
-// "<PRIORITY>Nov 21 07:18:39 rest" with the time written as "TIME"; unchanged where there is no time.
+// Writes "TIME" for the time in "<PRIORITY>Nov 21 07:18:39 rest". Returns a text without a time unchanged.
 std::string WithoutTime(const std::string& packet)
 {
     const std::size_t start = packet.find('>') + 1;
@@ -86,7 +86,7 @@ std::string NextPacket(int descriptor, int flags = 0)
     return bytes < 0 ? "" : WithoutTime(std::string(packet, static_cast<std::size_t>(bytes)));
 }
 
-// Takes the packets that have come in.
+// Returns the packets that have arrived.
 std::vector<std::string> Packets(int descriptor)
 {
     std::vector<std::string> packets;
@@ -96,7 +96,7 @@ std::vector<std::string> Packets(int descriptor)
     return packets;
 }
 
-// Runs `body` in a child where /dev/log is a socket, whose descriptor it is given.
+// Runs `body` in a child in which /dev/log is a socket, and passes it the descriptor.
 int RunWithDevLog(const std::function<void(int)>& body)
 {
     std::fflush(nullptr);

@@ -1,7 +1,7 @@
-// Preloaded into a program under test, to see its system calls and to make them fail.
+// Is preloaded into a tested program, to record its system calls and to make them fail.
 //   ORV_SHIM_TRACE=FILE       appends a line for each of the calls below: "fsync PATH", "rename FROM TO"
-//   ORV_SHIM_FAIL=CALL:ERRNO  the calls of that name are not made and fail
-//   ORV_SHIM_UNTYPED=1        directory entries carry no type
+//   ORV_SHIM_FAIL=CALL:ERRNO  calls with that name are not made and fail
+//   ORV_SHIM_UNTYPED=1        directory entries have no type
 
 #include <dirent.h>
 #include <dlfcn.h>

@@ -1,4 +1,4 @@
-// A program that reads the library's reports back.
+// A program that reads the reports of the library.
 #include <LxFileUtils.h>
 #include <orv/dlog_memory.h>
 

@@ -1,4 +1,4 @@
-// A program as strangers write it: it needs nothing but what is installed.
+// A program outside this project. It uses only installed files.
 #include <LxFileUtils.h>
 #include <LxStringUtils.h>
 
@@ -11,5 +11,5 @@ int main(int argc, char** argv)
     std::vector<std::string> cells(2, "cell");
     std::cout << orv_fileutils::FileExists(name.c_str()) << " " << orv_fileutils::AddTextFileFormattedRow(cells)
               << std::endl;
-    return orv_fileutils::MakeDirPath("/orv-outside", 0755, false) || argc != 1;  // reports, and makes nothing
+    return orv_fileutils::MakeDirPath("/orv-outside", 0755, false) || argc != 1;  // logs a line and makes nothing
 }
