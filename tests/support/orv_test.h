@@ -34,6 +34,10 @@ using messages::Report;
 // an expected text, messages::kAnySuffix matches any name of a temporary file.
 void ExpectReports(const std::vector<Report>& expected);
 
+// A directory that all users may write to, in memory and so on another file system than /var/tmp; /var/tmp itself where
+// only one file system is writable.
+std::string MemoryDirectory();
+
 // A temporary directory for a test. At the end, it is removed with everything in it.
 class TempDir {
 public:
@@ -86,7 +90,7 @@ private:
 class TwoFileSystemsTest : public OrvTest {
 protected:
     TwoFileSystemsTest();
-    void SetUp() override;  // fails if both are on one file system
+    void SetUp() override;  // skips the test if both are on one file system
 
     TempDir other_;  // in memory
 };
@@ -99,6 +103,9 @@ protected:
         }                                         \
         GTEST_SKIP() << reason;                   \
     } while (false)
+
+// True for a user who may read a file of mode 0, such as root.
+bool CanReadWithoutPermission();
 
 // Runs `body` in a forked child; its failed assertions fail the test.
 void RunInChild(const std::function<void()>& body);

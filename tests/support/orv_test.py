@@ -17,6 +17,14 @@ def skip(reason):
     sys.exit(SKIPPED if MAY_SKIP else "nothing may be skipped here")
 
 
+def other_file_system():
+    """A directory that all users may write to, on another file system than /var/tmp; None where there is none."""
+    for directory in ("/dev/shm", "/tmp"):
+        if os.access(directory, os.W_OK | os.X_OK) and os.stat(directory).st_dev != os.stat("/var/tmp").st_dev:
+            return directory
+    return None
+
+
 def require(program):
     """Skips the test where the program is not installed."""
     if not shutil.which(program):

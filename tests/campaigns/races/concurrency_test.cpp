@@ -191,7 +191,7 @@ void RunRacer(Race& race, const std::string& base, int rounds, bool first)
 
 TEST(MakeDirPathRaceTest, ProcessesThatRaceForOnePathAllSucceedAndLogNothing)
 {
-    const TempDir dir("/dev/shm");  // in memory, for more rounds
+    const TempDir dir(MemoryDirectory());  // in memory, for more rounds
     const int rounds = Amount(300, 10000);
     void* const memory = mmap(nullptr, sizeof(Race), PROT_READ | PROT_WRITE, MAP_SHARED | MAP_ANONYMOUS, -1, 0);
     ASSERT_NE(MAP_FAILED, memory);
