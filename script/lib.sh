@@ -92,3 +92,10 @@ need_packages() {
 newest_needed() {
     readelf --version-info --wide "${@:2}" | grep -oE " $1_[0-9.]+" | tr -d ' ' | sort -uV | tail -n 1
 }
+
+# first_package_with PACKAGE NODE: the first version of Debian's package whose library has that version of symbols. All
+# machines have the same ones.
+first_package_with() {
+    awk -v symbol="$2@$2" '$1 == symbol { print $2 }' \
+        "$(dpkg-query --control-path "$1:$(dpkg --print-architecture)" symbols)" | head -n 1
+}
