@@ -1,19 +1,19 @@
-# The functions that add tests. Each test gets the label of its folder, ORV_TEST_LABEL.
+# Functions that add tests. Each test gets the label of its folder, ORV_TEST_LABEL.
 include(GoogleTest)
 
-set(ORV_TEST_SECONDS 300) # after which a test is taken to hang
+set(ORV_TEST_SECONDS 300) # after this, a test counts as hanging
 
 # With an emulator or a sanitizer a program takes longer to start than most tests take to run.
 option(ORV_TEST_BY_SUITE "Run a suite of tests in one process, not each test in its own" OFF)
 
-# orv_add_test(NAME COMMAND...): any command.
+# orv_add_test(NAME COMMAND...): adds any command.
 function(orv_add_test name)
   add_test(NAME ${name} COMMAND ${ARGN} COMMAND_EXPAND_LISTS)
   set_tests_properties(${name} PROPERTIES LABELS ${ORV_TEST_LABEL} TIMEOUT ${ORV_TEST_SECONDS})
 endfunction()
 
-# orv_add_python_test(NAME SCRIPT ARGUMENT...): a script of this folder, which may import the modules of support/. It
-# ends with 77 when it was skipped.
+# orv_add_python_test(NAME SCRIPT ARGUMENT...): adds a script of this folder, which may import the modules of support/.
+# The script ends with 77 if it was skipped.
 function(orv_add_python_test name script)
   orv_add_test(${name} ${Python3_EXECUTABLE} -B ${CMAKE_CURRENT_SOURCE_DIR}/${script} ${ARGN})
   set(environment PYTHONPATH=${PROJECT_SOURCE_DIR}/tests/support ORV_VERSION=${PROJECT_VERSION}
@@ -21,13 +21,13 @@ function(orv_add_python_test name script)
   set_tests_properties(${name} PROPERTIES SKIP_RETURN_CODE 77 ENVIRONMENT "${environment}")
 endfunction()
 
-# orv_discover_tests(PROGRAM): each of its tests in a process of its own.
+# orv_discover_tests(PROGRAM): adds each test of the program, to run in a process of its own.
 function(orv_discover_tests program)
   gtest_discover_tests(${program} DISCOVERY_MODE PRE_TEST PROPERTIES LABELS ${ORV_TEST_LABEL} TIMEOUT
                        ${ORV_TEST_SECONDS})
 endfunction()
 
-# orv_add_suites(PROGRAM SOURCE...): one ctest test for each suite that the sources name, and one that finds no other.
+# orv_add_suites(PROGRAM SOURCE...): adds a test for each suite in the sources, and one that checks for other suites.
 function(orv_add_suites program)
   set(all "-")
   foreach(source IN LISTS ARGN)
@@ -46,8 +46,8 @@ function(orv_add_suites program)
   set_tests_properties(${program}.others PROPERTIES PASS_REGULAR_EXPRESSION "Running 0 tests from 0 test suites")
 endfunction()
 
-# orv_add_plain_test_program(NAME SOURCE...): without wrapped system calls. ThreadSanitizer makes some of its own while
-# it reports.
+# orv_add_plain_test_program(NAME SOURCE...): adds a program without wrapped system calls, because ThreadSanitizer makes
+# system calls while it reports.
 function(orv_add_plain_test_program name)
   add_executable(${name} ${ARGN})
   orv_host_program(${name} orv_test_support)
@@ -58,7 +58,7 @@ function(orv_add_plain_test_program name)
   endif()
 endfunction()
 
-# orv_add_test_program(NAME SOURCE...): the libraries call the wrappers of the program.
+# orv_add_test_program(NAME SOURCE...): adds a program whose wrappers the libraries call.
 function(orv_add_test_program name)
   orv_add_plain_test_program(${name} ${ARGN})
   target_link_libraries(${name} PRIVATE orv_test_faults)

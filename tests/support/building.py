@@ -1,4 +1,4 @@
-"""What the tests that compile something share: running a compiler."""
+"""Runs a compiler, for tests that compile something."""
 
 import argparse
 import subprocess
@@ -9,7 +9,7 @@ INPUT = ["-x", "c++", "-", "-x", "none"]  # compiler options: C++ from standard 
 
 
 def parser(description, checks):
-    """Command line: what to check, and after it, as the last option, the compiler with its flags."""
+    """The command line: the check and, as the last option, the compiler with its flags."""
     result = argparse.ArgumentParser(description=description, formatter_class=argparse.RawDescriptionHelpFormatter)
     result.add_argument("check", choices=checks)
     result.add_argument("--library", action="append", default=[], help="file to link with, in the linker's order")
@@ -23,7 +23,7 @@ def require_compiler(options):
 
 
 def messages_of(compiler, *arguments, text=""):
-    """Runs the compiler, with `text` as its standard input; what it said, or None when it succeeded."""
+    """Runs the compiler with `text` as standard input. Returns its messages, or None if it succeeded."""
     command = [*compiler, *arguments]
     run = subprocess.run(command, input=text, stdout=subprocess.PIPE, stderr=subprocess.STDOUT, text=True, check=False)
     return None if run.returncode == 0 else f"{' '.join(command)}\n{run.stdout}"

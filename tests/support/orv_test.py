@@ -1,4 +1,4 @@
-"""What the tests in Python share: where the sources are, the version of the build, and the rule for skipping."""
+"""Shared by the tests in Python: the directory of the sources, the version of the build, and the rule for skipping."""
 
 import os
 import shutil
@@ -6,13 +6,13 @@ import sys
 import unittest
 
 ROOT = os.path.dirname(os.path.dirname(os.path.dirname(os.path.abspath(__file__))))
-VERSION = os.environ.get("ORV_VERSION", "")  # as CMake has it
+VERSION = os.environ.get("ORV_VERSION", "")  # from CMake
 MAY_SKIP = "ORV_NO_SKIP" not in os.environ
-SKIPPED = 77  # to CTest, by the property SKIP_RETURN_CODE
+SKIPPED = 77  # for CTest, see the property SKIP_RETURN_CODE
 
 
 def skip(reason):
-    """Ends a test that cannot run here, and says why; where nothing may be skipped, it fails."""
+    """Ends a test that cannot run here and prints the reason. If nothing may be skipped, the test fails."""
     print(f"SKIPPED: {reason}", flush=True)
     sys.exit(SKIPPED if MAY_SKIP else "nothing may be skipped here")
 
@@ -26,13 +26,13 @@ def other_file_system():
 
 
 def require(program):
-    """Skips the test where the program is not installed."""
+    """Skips the test if the program is not installed."""
     if not shutil.which(program):
         skip(f"no {program}")
 
 
 def read(*path):
-    """The text of a file of the sources."""
+    """Returns the text of a file of the sources."""
     with open(os.path.join(ROOT, *path), encoding="utf-8") as file:
         return file.read()
 
@@ -45,7 +45,7 @@ def finish(problems):
 
 
 def run_unittests():
-    """Runs the unittest cases of the program. ORV_UNITTEST in the environment holds options (-f) or names of tests."""
+    """Runs the unittest cases of the program. ORV_UNITTEST in the environment has options (-f) or names of tests."""
     options = os.environ.get("ORV_UNITTEST", "").split()
     result = unittest.main(argv=[sys.argv[0], *options], verbosity=2, exit=False).result
     if not result.wasSuccessful() or (result.skipped and not MAY_SKIP):

@@ -1,4 +1,4 @@
-"""Pages of the library as the tests of its programs read them: with a parser that knows nothing of the library."""
+"""Reads pages of the library with a parser that does not depend on the library."""
 
 import ctypes
 import html.parser
@@ -19,19 +19,19 @@ HOSTILE_NAMES = [
 
 
 def text(raw):
-    """Bytes as the parser sees them; what is no UTF-8 stays distinct."""
+    """Decodes bytes as the parser does; different bytes that are not UTF-8 stay different."""
     return raw.decode("utf-8", "surrogateescape")
 
 
 class Page(html.parser.HTMLParser):
-    """The tables of a page, and everything in it that should not be there."""
+    """Finds the tables of a page, and everything that should not be in it."""
 
     def __init__(self, raw):
         super().__init__(convert_charrefs=True)
-        self.tables = []  # each a list of rows, each a list of cell texts
+        self.tables = []  # a list of rows for each; a row is a list of cell texts
         self.layout = []  # of the body: tables and spacers in order
         self.metas = []
-        self.foreign = []  # anything but the tags and texts of such a page
+        self.foreign = []  # everything except the tags and texts of such a page
         self.open = []
         self.feed(text(raw))
         self.close()
@@ -78,7 +78,7 @@ class Page(html.parser.HTMLParser):
 
 
 def without_capabilities(*numbers):
-    """For a child that is to meet the permission checks of an ordinary user, also when root runs the tests."""
+    """For a child with the permission checks of an ordinary user, even if root runs the tests."""
 
     def drop():
         if os.geteuid() == 0:

@@ -20,11 +20,11 @@ import orv_test
 
 
 def lines_of_source():
-    """Each line that the source writes, with a star for each argument but the function's name."""
+    """Returns the lines that the source writes, with a star for each argument except the name of the function."""
     source = orv_test.read("src", "LxFileUtils.cpp")
     names = dict(re.findall(r'const char (k\w+)\[\] = "(\w+)";', source))
     calls = re.findall(r'LOG_FAILURE\("((?:[^"\\]|\\.)*)",\s*(k\w+)', source)
-    written = len(re.findall(r"LOG_FAILURE\(", source)) - 1  # less the definition
+    written = len(re.findall(r"LOG_FAILURE\(", source)) - 1  # without the definition
     lines = set()
     for text, name in calls:
         text = text.replace('\\"', '"').replace("%s", names[name], 1)
@@ -33,7 +33,7 @@ def lines_of_source():
 
 
 def lines_of_document():
-    """The same for the document, whose words in capitals stand for arguments; and what stands below each line."""
+    """Does the same for the document, whose words in capitals are arguments. Also returns the text below each line."""
     document = orv_test.read("docs", "diagnostics.md")
     parts = re.findall(r"(?ms)^### `(.*?)`\n(.*?)(?=^#|\Z)", document)
     return [(re.sub(r"[A-Z]{2,}|(?<=')C(?=')", "*", line), line, text) for line, text in parts]
@@ -52,7 +52,7 @@ def diagnostics(_):
             problems.append(f"not one cause and one remedy: {line}")
     document = orv_test.read("docs", "diagnostics.md")
     for section, part in re.findall(r"(?ms)^## (\w+)\n(.*?)(?=^## |\Z)", document):
-        problems += [f"{name} stands under {section}" for name in re.findall(r"(?m)^### `(\w+):", part) if name != section]
+        problems += [f"{name} is under {section}" for name in re.findall(r"(?m)^### `(\w+):", part) if name != section]
     return problems
 
 
@@ -88,7 +88,7 @@ CAVEATS = {
 
 
 def deliberate_comments():
-    """How many comments begin with that word, by part of the source; a part begins with "// ---- NAME"."""
+    """Counts the comments that begin with that word, by part of the source; a part begins with "// ---- NAME"."""
     text = orv_test.read("src", "LxFileUtils.cpp") + orv_test.read("strutils", "LxStringUtils.cpp")
     parts = re.split(r"(?m)^// ---- (.*)\n", text)
     return {name: part.count("// Deliberate:") for name, part in zip(["the top", *parts[1::2]], parts[::2])}

@@ -1,14 +1,14 @@
 #!/usr/bin/env python3
 """Checks the manual pages.
 
-  man_test.py lint               mandoc finds nothing to say
+  man_test.py lint               mandoc reports nothing
   man_test.py declarations       each synopsis declares what the headers declare
-  man_test.py aliases            each function has a page that leads to its family's; all pages are installed
-  man_test.py sections           each page has the sections that its readers look for
-  man_test.py diagnostics        each line that the header names stands on the page of its function
-  man_test.py references         the pages of this project that are referred to are there
+  man_test.py aliases            each function has a page that refers to that of its family; all pages are installed
+  man_test.py sections           each page has the sections that readers look for
+  man_test.py diagnostics        each line in the header is on the page of its function
+  man_test.py references         pages of this project that other pages refer to exist
   man_test.py function_examples  each example of section 3 compiles and runs
-  man_test.py tool_options       orvfile.1 names the options that orvfile --help names, command by command
+  man_test.py tool_options       orvfile.1 and orvfile --help list the same options for each command
   man_test.py tool_examples      each example of sections 1 and 5 prints what it says
 """
 
@@ -27,7 +27,7 @@ COMMANDS = ["exists", "move", "copy", "mkdir", "list", "row", "page", "get"]
 
 
 def pages(pattern):
-    """The pages whose names match, without those that only lead to another."""
+    """Returns the pages whose names match, without those that only refer to another page."""
     return [name for name in sorted(os.listdir(MAN)) if re.fullmatch(pattern, name) and name.startswith("orv")]
 
 
@@ -36,7 +36,7 @@ def source(page):
 
 
 def plain(text):
-    """A text of a page as its reader sees it."""
+    """Returns the text of a page as its reader sees it."""
     for escape, character in ((r"\e", "\\"), (r"\&", ""), (r"\-", "-"), (r"\N'44'", ","), (r"\(dq", '"')):
         text = text.replace(escape, character)
     return text
@@ -52,7 +52,7 @@ def lint(_):
     names = pages(r".*\.[135]")
     run = subprocess.run(["mandoc", "-T", "lint", "-W", "all", *names], cwd=MAN, stdout=subprocess.PIPE,
                          stderr=subprocess.STDOUT, text=True, check=False)  # fmt: skip
-    # Which manuals of others this machine has is not the pages' fault.
+    # Which other manual pages this machine has does not matter.
     others = re.compile(r"outdated mandoc\.db|mandoc\.db: No such file|referenced manual not found")
     found = [line for line in run.stdout.splitlines() if not others.search(line)]
     return found if len(names) == 9 else [f"{len(names)} pages instead of 9"]
@@ -63,7 +63,7 @@ def normal(declaration):
 
 
 def declared(header):
-    """What a header declares, with qualified names."""
+    """Returns the declarations of a header, with qualified names."""
     folder, scope = HEADERS[header]
     text = re.sub(r"//.*|#.*", "", orv_test.read(folder, header))
     body = re.search(rf"namespace {scope} {{(.*)}}", text, re.S)[1]
@@ -71,7 +71,7 @@ def declared(header):
 
 
 def synopsis(page):
-    """What the synopsis of a page declares."""
+    """Returns the declarations in the synopsis of a page."""
     functions = []
     for line in plain(section(page, "SYNOPSIS")).splitlines():
         macro, _, rest = line.partition(" ")
@@ -103,7 +103,7 @@ def declarations(_):
 
 
 def function_names(page):
-    """Names of its functions, qualified where they are too general to stand alone."""
+    """Returns the names of its functions, qualified if they are too general without that."""
     names = [re.search(r"([\w:]+)\(", declaration)[1] for declaration in synopsis(page)]
     return [name.replace("orv_fileutils::", "") for name in names]
 
@@ -215,7 +215,7 @@ def tool_options(options):
 
 
 def transcript(text):
-    """Commands of an example, each with the output that it shows."""
+    """Returns the commands of an example, each with the output that it shows."""
     steps = []
     for line in text.splitlines():
         if line.startswith("$ "):
@@ -228,7 +228,7 @@ def transcript(text):
 
 
 def run_tool_example(options, text, directory):
-    """Types the commands of an example into one shell; what is not as shown."""
+    """Runs the commands of an example in one shell. Returns the differences from the output that it shows."""
     bin_directory = os.path.join(directory, "bin")
     work = os.path.join(directory, "work")
     os.mkdir(bin_directory)

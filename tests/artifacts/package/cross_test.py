@@ -1,5 +1,5 @@
 #!/usr/bin/env python3
-"""Looks at a cross build for anything of the building machine that leaked in.
+"""Checks that a cross build uses nothing of the building machine.
 
   cross_test.py headers   each header that was read belongs to the target's toolchain, to this project or to GoogleTest
   cross_test.py linked    each file that was linked does, too
@@ -30,7 +30,7 @@ def output_of(*command):
 
 
 def strangers(paths):
-    """Of the paths, those that belong to nobody who may take part."""
+    """Returns the paths that do not belong to an allowed directory."""
     own = [orv_test.ROOT, options.build, os.path.realpath(options.googletest)]
     found = []
     for path in sorted({os.path.realpath(os.path.join(options.build, path)) for path in paths}):

@@ -1,5 +1,5 @@
 #!/usr/bin/env python3
-"""Compiles the headers and sources of the product in the ways that its users do.
+"""Compiles the headers and sources as users do.
 
   header_test.py headers_compile_alone   each header, first and alone, in every standard from C++98 to C++20
   header_test.py examples_compile        the example of every function of the header, in every standard
@@ -50,7 +50,7 @@ def headers_compile_alone(options):
 
 
 def examples():
-    """The examples of the header, each with the name of the function that it stands above."""
+    """Returns the examples of the header, each with the name of the function that follows it."""
     found = []
     header = orv_test.read("include", "LxFileUtils.h")
     for comment, declaration in re.findall(r"((?:^///.*\n)+)^([^/\n].*)$", header, re.M):
@@ -102,7 +102,7 @@ def preprocess(compiler, text, *arguments):
 
 
 def own_text(preprocessed, file_name):
-    """What of the preprocessed text comes from the file itself and not from one that it includes."""
+    """Returns the part of the preprocessed text that is from the file itself, not from included files."""
     own = []
     inside = False
     for line in preprocessed.splitlines():

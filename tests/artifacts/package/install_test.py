@@ -1,5 +1,5 @@
 #!/usr/bin/env python3
-"""Installs the build under an odd prefix and uses what is there, as a project outside does.
+"""Installs the build under an unusual prefix and uses the installed files as another project does.
 
   install_test.py files            exactly the reviewed files, and the links that the loader and the linker look for
   install_test.py no_foreign_path  nothing installed names the source tree, the build tree or the configured prefix
@@ -26,13 +26,13 @@ import orv_test
 
 HERE = os.path.dirname(os.path.abspath(__file__))
 
-ODD = os.fsdecode(b"odd pr\xc3\xa4fix \xff")  # blanks, UTF-8, and a byte that is none
+ODD = os.fsdecode(b"odd pr\xc3\xa4fix \xff")  # blanks, UTF-8, and a byte that is not UTF-8
 ODD_ROOT = os.fsdecode(b"odd-r\xc3\xb6\xc3\xb6t-\xff")  # pkgconf 1.8 fails with a blank in PKG_CONFIG_SYSROOT_DIR
 LINE = "MakeDirPath: Create '/orv-outside' directory failed."
 
 
 def run(*command, **options):
-    """What the command said; the test fails with it when the command does."""
+    """Returns the output of the command. If the command fails, the test fails and prints the output."""
     result = subprocess.run(
         command, stdout=subprocess.PIPE, stderr=subprocess.STDOUT, errors="surrogateescape", check=False, **options)
     if result.returncode != 0:
@@ -42,7 +42,7 @@ def run(*command, **options):
 
 
 class Installation:
-    """The build, installed into a directory of its own and then moved; the outside project beside it."""
+    """The build, installed into a new directory and then moved; beside it, a project that uses it."""
 
     def __init__(self, options, directory):
         self.options = options
@@ -59,7 +59,7 @@ class Installation:
         return os.path.join(self.prefix, *names)
 
     def configure(self, *definitions):
-        """The command that configures the outside project by CMake."""
+        """Returns the command that configures the other project with CMake."""
         options = self.options
         target = [f"--toolchain={options.toolchain}"] if options.toolchain else []
         return [
@@ -68,20 +68,20 @@ class Installation:
             "-DCMAKE_BUILD_TYPE=Debug", *definitions]
 
     def found(self):
-        """How CMake finds the package: by its prefix, and in a cross build, which knows target roots only, itself."""
+        """Says how CMake finds the package: by its prefix; in a cross build, by the path of the package itself."""
         if self.options.toolchain:
             return f"-DOrvFileUtils_DIR={self.path(self.options.libdir, 'cmake', 'OrvFileUtils')}"
         return f"-DCMAKE_PREFIX_PATH={self.prefix}"
 
     def make(self, libraries, **environment):
-        """Builds the outside project by make."""
+        """Builds the other project with make."""
         compiler, *flags = self.options.compiler
         quoted = f"'-Wl,-rpath,{libraries}'"
         run("make", "-C", self.project, f"CXX={compiler}", f"CXXFLAGS={' '.join(flags)}", f"LDFLAGS={quoted}",
             env={**os.environ, **environment})
 
     def check_programs(self, directory):
-        """Problems of the outside programs, which lie there."""
+        """Returns the problems of the other programs, which are in that directory."""
         problems = []
         for name, expected in (
             ("with_stderr", ["1 cell:cell;", f"LxFileUtils.cpp: {LINE}"]),
@@ -156,7 +156,7 @@ def two_logs(installation):
 
 
 def check_flags(installation, libraries, *words, **environment):
-    """Problems of what each pkg-config says of the libraries in that directory."""
+    """Returns the problems of what each pkg-config prints for the libraries in that directory."""
     expected = ["-I" + re.sub(f"{re.escape(installation.options.libdir)}$", "include", libraries), f"-L{libraries}",
                 "-Wl,-u,__dlog_printf", "-lOrvFileUtils", "-lOrvStrUtils"]
     problems = []
@@ -169,7 +169,7 @@ def check_flags(installation, libraries, *words, **environment):
 
 
 def pkg_config(installation):
-    """An installation that was not moved; then one that was, with the programs."""
+    """Tests an installation that was not moved, and then one that was, with the programs."""
     options = installation.options
     prefix = os.path.join(installation.directory, f"second {ODD}")
     run(options.cmake, "--install", options.build, "--prefix", prefix)
@@ -195,7 +195,7 @@ def sysroot(installation):
 
 
 def system_paths(installation):
-    """Below /usr, the include directory is one that compilers search anyway, and a sysroot is named once."""
+    """Below /usr, compilers search the include directory anyway, and a sysroot appears once."""
     options = installation.options
     root = os.path.join(installation.directory, "root")
     run(options.cmake, "--install", options.build, "--prefix", "/usr", env={**os.environ, "DESTDIR": root})
@@ -238,7 +238,7 @@ def tool(installation):
 CHECKS = {check.__name__: check for check in (
     files, no_foreign_path, cmake, version, two_logs, pkg_config, sysroot, system_paths, add_subdirectory, tool)}
 
-# What a check needs.
+# The requirements of the checks.
 PROGRAMS = {
     "pkg_config": ["make", "pkg-config"], "sysroot": ["make", "pkg-config"], "system_paths": ["pkg-config"]}
 

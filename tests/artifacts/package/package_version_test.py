@@ -33,7 +33,7 @@ class PackageVersionTest(unittest.TestCase):
         self.git("commit", "--quiet", "--message=new")
 
     def version(self):
-        home = {"HOME": self.top, "XDG_CONFIG_HOME": self.top}  # without settings of this user's
+        home = {"HOME": self.top, "XDG_CONFIG_HOME": self.top}  # without the settings of this user
         return subprocess.run(
             [os.path.join(self.top, "script/package"), "--version"], stdout=subprocess.PIPE, text=True, check=True,
             env={**os.environ, **home}).stdout.strip()

@@ -1,5 +1,5 @@
 #!/usr/bin/env python3
-"""Looks at the Debian packages that script/package built, and installs them into roots of their own.
+"""Checks the Debian packages that script/package has built, and installs them into new root directories.
 
 Usage: packages_test.py DIRECTORY      with the packages, and their build trees build-ARCHITECTURE
 """
@@ -16,7 +16,7 @@ import orv_test
 
 LIBRARY = "liborvfileutils0"
 SYSTEM = ("libc6", "libgcc-s1", "libstdc++6")
-STRIPPED_BYTES = 48 * 1024  # of both libraries on the device
+STRIPPED_BYTES = 48 * 1024  # for both libraries on the device
 directory = ""
 
 
@@ -32,7 +32,7 @@ NATIVE = run("dpkg", "--print-architecture").strip()
 
 
 def built(architecture):
-    """The packages of an architecture, by name."""
+    """Returns the packages of an architecture by name."""
     paths = glob.glob(os.path.join(directory, f"*_{architecture}.deb"))
     return {os.path.basename(path).split("_")[0]: path for path in paths}
 
@@ -42,7 +42,7 @@ def field(package, name):
 
 
 def files(package):
-    """Each file, not directory, of a package, with its size."""
+    """Returns the files of a package, without directories, with their sizes."""
     found = {}
     for line in run("dpkg-deb", "--contents", package).splitlines():
         mode, _, size, _, _, name = line.split(None, 5)
@@ -59,7 +59,7 @@ def is_program(path):
 
 
 class Root:
-    """A directory that dpkg takes for the root of a machine. Everything that the libraries need is there."""
+    """A directory that dpkg uses as the root of a machine. It has everything that the libraries need."""
 
     def __init__(self, path, architectures):
         self.path = path
@@ -79,7 +79,7 @@ class Root:
                    "--log=/dev/null", *arguments)
 
     def make(self, name, architecture, version, *fields):
-        """A package with these fields and no files."""
+        """Makes a package with these fields and without files."""
         content = os.path.join(self.path, "new", f"{name}-{architecture}")
         os.makedirs(os.path.join(content, "DEBIAN"))
         with open(os.path.join(content, "DEBIAN/control"), "w", encoding="utf-8") as control:
@@ -93,7 +93,7 @@ class Root:
         self.dpkg("--install", *packages)
 
     def installed(self):
-        """name:architecture version of each package that is configured."""
+        """Returns "name:architecture version" for each package that is configured."""
         lines = self.dpkg("--list").splitlines()
         return {tuple(line.split()[1:4]) for line in lines if line.startswith("ii")}
 
@@ -107,7 +107,7 @@ class PackagesTest(unittest.TestCase):
         return os.path.join(self.directory.name, *names)
 
     def of_version(self, version):
-        """The native library's packages, made with another version from the same build."""
+        """Makes packages of the native library with another version, from the same build."""
         build = os.path.join(directory, f"build-{NATIVE}")
         before = run("sed", "-n", "s/^ORV_PACKAGE_VERSION:STRING=//p", os.path.join(build, "CMakeCache.txt")).strip()
         output = self.path(version)
@@ -120,7 +120,7 @@ class PackagesTest(unittest.TestCase):
         return {os.path.basename(path).split("_")[0]: path for path in glob.glob(os.path.join(output, "*.deb"))}
 
     def demands_of_a_program(self, packages):
-        """What dpkg-shlibdeps says that a program demands which was built with these packages."""
+        """Returns the dependencies that dpkg-shlibdeps finds for a program that was built with these packages."""
         content = self.path("content")
         run("dpkg-deb", "--raw-extract", packages[LIBRARY], content)
         run("dpkg-deb", "--extract", packages["liborvfileutils-dev"], content)

@@ -14,7 +14,7 @@ import building
 import orv_test
 
 NOT_COPIED = ("build*", ".git", "tests")
-NOT_CACHED = {**os.environ, "CCACHE_DISABLE": "1"}  # a compiler cache would hand the same objects to both
+NOT_CACHED = {**os.environ, "CCACHE_DISABLE": "1"}  # a compiler cache would give the same objects to both
 
 
 def run(*command, **environment):
@@ -26,7 +26,7 @@ def run(*command, **environment):
 
 
 def install(options, sources):
-    """What a copy of the sources installs, with debug information: the directory of it."""
+    """Builds and installs a copy of the sources with debug information. Returns the directory of the installation."""
     shutil.copytree(orv_test.ROOT, sources, ignore=shutil.ignore_patterns(*NOT_COPIED))
     build = os.path.join(sources, "build")
     compiler, *flags = options.compiler
@@ -46,7 +46,7 @@ def files_below(root):
 
 
 def compare(first, second):
-    """What differs: names, links and bytes."""
+    """Returns the differences in names, links and bytes."""
     names = files_below(first)
     if names != files_below(second):
         return [f"different files: {sorted(set(names) ^ set(files_below(second)))}"]

@@ -41,7 +41,7 @@ OBJECTS = {  # name in the table: the setting that matters
     "FIFO": "fifos",
     "directory": None,
 }
-PATIENCE_SECONDS = 30  # until a wait counts as failed
+PATIENCE_SECONDS = 30  # after this, a wait has failed
 TABLE_TEXT = b"Port 1:up,100 Mbit/s;\n"
 OLD_PAGE = b"<p>old</p>"
 VICTIM_TEXT = b"precious"

@@ -1,5 +1,5 @@
 #!/usr/bin/env python3
-"""Calls the scripts of script/ as on a machine where nothing is installed, and looks at what they would install.
+"""Calls the scripts of script/ as on a machine where nothing is installed, and checks what they would install.
 
 Their PATH has the commands that every Debian system has, an apt-get that writes down what it is asked for and then
 fails, and an id that reports root.
@@ -23,7 +23,7 @@ case $1 in install) exit 100 ;; esac
 
 
 def scripts():
-    """What people call: the programs of script/."""
+    """Returns the programs of script/ that people call."""
     return sorted(path.name for path in (TOP / "script").iterdir() if os.access(path, os.X_OK) and not path.suffix)
 
 
@@ -52,7 +52,7 @@ class ScriptsTest(unittest.TestCase):
             stdout=subprocess.PIPE, stderr=subprocess.PIPE, text=True)
 
     def installed(self):
-        """The packages that apt-get was asked for; the test fails when it was asked twice."""
+        """Returns the packages that apt-get was called with. The test fails if it was called twice."""
         lines = self.asked.read_text(encoding="utf-8").splitlines() if self.asked.exists() else []
         requests = [line for line in lines if line.startswith("install ")]
         self.assertLessEqual(len(requests), 1, requests)

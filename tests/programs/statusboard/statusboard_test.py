@@ -23,7 +23,7 @@ from pages import HOSTILE_NAMES, Page, text, without_capabilities
 PROGRAM = []
 USAGE = "Usage: statusboard [--watch] [--page PATH] SETTINGS_FILE\n"
 BUILD_DIRECTORY = "/var/tmp"  # where the library builds pages
-PATIENCE_SECONDS = 60  # until a wait counts as failed
+PATIENCE_SECONDS = 60  # after this, a wait has failed
 
 
 class StatusboardTest(unittest.TestCase):

@@ -27,7 +27,7 @@ from pages import HOSTILE_NAMES, Page, text, without_capabilities
 
 SHIM = []
 PROGRAM = []
-PATIENCE_SECONDS = 60  # until a wait counts as failed
+PATIENCE_SECONDS = 60  # after this, a wait has failed
 COMMANDS = ["exists", "move", "copy", "mkdir", "list", "row", "page", "get"]
 COMPLETION = os.path.join(orv_test.ROOT, "tools", "orvfile.bash")
 
@@ -515,7 +515,7 @@ class CopyTest(OrvfileTest):
         try:
             while block := os.read(ours, 4096):
                 shown += block
-        except OSError:  # how a terminal whose other end is closed ends
+        except OSError:  # the other end of the terminal is closed
             pass
         os.close(ours)
         self.assertEqual((0, b"", ""), self.finish(process))
