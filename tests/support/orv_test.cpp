@@ -24,6 +24,7 @@
 #include <utility>
 
 #include "dlog.h"
+#include "support/oracle.h"
 
 namespace {
 
@@ -157,9 +158,40 @@ TempDir::TempDir(const std::string& base)
 
 TempDir::~TempDir()
 {
+    std::sort(expectedTemporaries_.begin(), expectedTemporaries_.end());
+    EXPECT_EQ(expectedTemporaries_, LeftTemporaries()) << "temporary files left in " << path_;
+    EXPECT_NE(0, unlink(oracle::OwnTemporaryPage().c_str())) << oracle::OwnTemporaryPage() << " was left";
     std::error_code error;
     std::filesystem::remove_all(path_, error);
     EXPECT_FALSE(error) << path_ << ": " << error.message();
+}
+
+void TempDir::Clear() const
+{
+    for (const std::string& name : Names()) {
+        std::filesystem::remove_all(*this / name);
+    }
+}
+
+void TempDir::ExpectTemporary(const std::string& name)
+{
+    expectedTemporaries_.push_back(name + messages::kAnySuffix);
+}
+
+// Their paths in this directory, with the part that mkstemp makes up replaced; sorted.
+std::vector<std::string> TempDir::LeftTemporaries() const
+{
+    std::vector<std::string> left;
+    for (const auto& entry : std::filesystem::recursive_directory_iterator(
+             path_, std::filesystem::directory_options::skip_permission_denied)) {
+        const std::string name = entry.path().string().substr(path_.size() + 1);
+        const std::string destination = name.substr(0, name.rfind('_'));
+        if (oracle::IsTemporaryCopy(name, destination)) {
+            left.push_back(destination + messages::kAnySuffix);
+        }
+    }
+    std::sort(left.begin(), left.end());
+    return left;
 }
 
 std::string TempDir::operator/(const std::string& name) const

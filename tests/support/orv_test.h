@@ -38,7 +38,9 @@ void ExpectReports(const std::vector<Report>& expected);
 // only one file system is writable.
 std::string MemoryDirectory();
 
-// A temporary directory for a test. At the end, it is removed with everything in it.
+// A temporary directory for a test. At the end, it is removed with everything in it. The test fails if it leaves a
+// temporary file that it has not declared: a copy that a move has made (NAME_??????) in this directory, or the page of
+// this process in /var/tmp.
 class TempDir {
 public:
     // Makes the directory below `base`, which all users should be able to enter.
@@ -58,9 +60,16 @@ public:
     std::string Write(const std::string& name, const std::string& bytes, mode_t mode = 0644) const;
     std::string Read(const std::string& name) const;
     std::vector<std::string> Names() const;  // of all entries, sorted
+    void Clear() const;                      // removes all entries
+
+    // Declares that the test leaves one temporary copy beside the file `name`.
+    void ExpectTemporary(const std::string& name);
 
 private:
+    std::vector<std::string> LeftTemporaries() const;
+
     std::string path_;
+    std::vector<std::string> expectedTemporaries_;
 };
 
 std::string ReadFile(const std::string& path);

@@ -48,12 +48,6 @@ using Names = std::vector<std::string>;
 
 class HtmlPageTest : public TwoFileSystemsTest {
 protected:
-    void TearDown() override
-    {
-        EXPECT_NE(0, unlink(OwnTemporaryPage().c_str())) << "the temporary page was left behind";
-        TwoFileSystemsTest::TearDown();
-    }
-
     // For tests whose page stays in the temporary file: removes it.
     static std::string TakeTemporaryPage()
     {

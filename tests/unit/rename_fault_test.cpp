@@ -281,6 +281,7 @@ TEST_F(RenameFaultTest, IsTrueWhenOnlyTheSourceCouldNotBeRemoved)
 
 TEST_F(RenameFaultTest, ReportsThatTheTemporaryFileCouldNotBeRemoved)
 {
+    dir_.ExpectTemporary("report");
     const ScopedFault otherFs(Call::kRename, /*nth=*/1, EXDEV);
     const ScopedFault diskFull(Call::kWrite, /*nth=*/1, ENOSPC);
     const ScopedFault fault(Call::kUnlink, /*nth=*/1, EPERM);
@@ -295,6 +296,7 @@ TEST_F(RenameFaultTest, ReportsThatTheTemporaryFileCouldNotBeRemoved)
 
 TEST_F(RenameFaultTest, ReportsBothTheFailedFinalRenameAndTheFailedCleanUp)
 {
+    dir_.ExpectTemporary("report");
     const ScopedFault otherFs(Call::kRename, /*nth=*/1, EXDEV);
     const ScopedFault rename(Call::kRename, /*nth=*/2, EIO);
     const ScopedFault cleanUp(Call::kUnlink, /*nth=*/1, EROFS);

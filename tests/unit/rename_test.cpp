@@ -632,6 +632,7 @@ TEST_F(RenameAcrossTest, LosesNothingWhenTheProcessDiesOfTheFileSizeLimit)
     const std::string bytes(10000, 'x');
     const std::string source = dir_.Write("source", bytes, 0640);
     const std::string destination = other_.Write("destination", "old", 0600);
+    other_.ExpectTemporary("destination");
 
     RunIntoFileSizeLimit(8192, [&] { (void)RenameFileAcrossFs(source, destination); });
 
@@ -641,7 +642,6 @@ TEST_F(RenameAcrossTest, LosesNothingWhenTheProcessDiesOfTheFileSizeLimit)
     EXPECT_EQ(0600U, ModeOf(destination));
     const std::vector<std::string> names = other_.Names();
     ASSERT_EQ(2U, names.size());
-    EXPECT_THAT(names[1], ::testing::MatchesRegex("destination_......"));
     EXPECT_EQ(bytes.substr(0, 8192), other_.Read(names[1]));
 
     EXPECT_TRUE(RenameFileAcrossFs(source, destination));

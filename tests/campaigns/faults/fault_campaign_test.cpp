@@ -1012,19 +1012,9 @@ protected:
     int firedFaults_ = 0;
 
 private:
-    void RemoveFiles() const;
     Files FilesNow(pid_t child) const;
     void CompareFiles(const Files& expected, const Files& found, std::vector<std::string>& problems) const;
 };
-
-void FaultCampaignTest::RemoveFiles() const
-{
-    for (const TempDir* const directory : {&dir_, &other_}) {
-        for (const std::string& name : directory->Names()) {
-            std::filesystem::remove_all(*directory / name);
-        }
-    }
-}
 
 Files FaultCampaignTest::FilesNow(pid_t child) const
 {
@@ -1088,7 +1078,8 @@ std::vector<std::string> ShownReports(const std::vector<Report>& reports)
 
 TracedRun FaultCampaignTest::Check(const Scenario& scenario, const std::vector<Fault>& faults)
 {
-    RemoveFiles();
+    dir_.Clear();
+    other_.Clear();
     scenario.arrange();
     const Files before = FilesNow(/*child=*/0);
     std::vector<Fault> all = scenario.always;

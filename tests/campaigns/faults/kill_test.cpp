@@ -653,11 +653,6 @@ TEST_F(KillTest, AFileMovedToAndFroAndKilledAtRandomTimesIsNeverLost)
     int halfway = 0;
     for (int i = 0; i < RandomKills() && !HasFailure(); ++i) {
         SCOPED_TRACE(i);
-        for (const TempDir* const directory : {&dir_, &other_}) {
-            for (const std::string& name : directory->Names()) {
-                std::filesystem::remove(*directory / name);
-            }
-        }
         WriteFile(source_, bytes);
         Worker worker([this] {
             if (!orv_fileutils::RenameFileAcrossFs(source_, destination_) ||
@@ -679,6 +674,8 @@ TEST_F(KillTest, AFileMovedToAndFroAndKilledAtRandomTimesIsNeverLost)
         EXPECT_TRUE(atSource ? orv_fileutils::RenameFileAcrossFs(source_, destination_) : atDestination);
         EXPECT_EQ(bytes, ReadFile(destination_));
         EXPECT_FALSE(Exists(source_));
+        dir_.Clear();
+        other_.Clear();
     }
 
     EXPECT_LT(0, halfway) << "no kill hit a move halfway";

@@ -1,0 +1,62 @@
+// The support of the tests itself: what it promises to notice, it notices.
+#include "support/oracle.h"
+#include "support/orv_test.h"
+
+#include "gtest/gtest-spi.h"
+
+namespace {
+
+TEST(TempDirTest, FailsATestThatLeavesATemporaryCopy)
+{
+    EXPECT_NONFATAL_FAILURE(
+        {
+            const TempDir dir("/var/tmp");
+            dir.Write("report_a1B2c3", "");
+        },
+        "report_??????");
+}
+
+TEST(TempDirTest, AcceptsATemporaryCopyThatWasDeclared)
+{
+    TempDir dir("/var/tmp");
+    dir.ExpectTemporary("report");
+
+    dir.Write("report_a1B2c3", "");
+    dir.Write("report", "");
+    dir.Write("app_config.txt", "");
+}
+
+TEST(TempDirTest, FailsATestThatDeclaresATemporaryCopyButLeavesNone)
+{
+    EXPECT_NONFATAL_FAILURE(TempDir("/var/tmp").ExpectTemporary("report"), "report_??????");
+}
+
+TEST(TempDirTest, FailsATestThatLeavesASecondTemporaryCopy)
+{
+    EXPECT_NONFATAL_FAILURE(
+        {
+            TempDir dir("/var/tmp");
+            dir.ExpectTemporary("report");
+            dir.Write("report_a1B2c3", "");
+            dir.Write("report_d4E5f6", "");
+        },
+        "report_??????");
+}
+
+TEST(TempDirTest, FailsATestThatLeavesThePageUnderConstructionAndRemovesIt)
+{
+    EXPECT_NONFATAL_FAILURE(
+        {
+            const TempDir dir("/var/tmp");
+            WriteFile(oracle::OwnTemporaryPage(), "");
+        },
+        "TextToHtml_");
+    EXPECT_FALSE(Exists(oracle::OwnTemporaryPage()));
+}
+
+TEST(ExpectReportsTest, FailsForALineThatWasNotExpectedAndForOneThatDidNotCome)
+{
+    EXPECT_NONFATAL_FAILURE(ExpectReports({messages::kListNoDirectory()}), "No directory specified.");
+}
+
+}  // namespace
