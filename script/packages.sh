@@ -4,9 +4,9 @@
 build="cmake ninja-build g++ python3"
 tests="$build libgtest-dev libgmock-dev"
 tool="libcli11-dev nlohmann-json3-dev libcsv-dev"
-# For the tests that compile, install and read what the project delivers.
+# For the tests of what the project delivers, which compile, install and read it.
 artifacts="binutils make pkg-config g++-11 clang mandoc doxygen systemd"
-# The manual pages give the campaigns their error numbers.
+# The campaigns read error numbers from manual pages.
 campaigns="manpages-dev e2fsprogs xfsprogs btrfs-progs squashfs-tools erofs-utils libfuse3-dev pkg-config"
 target="$tests g++-powerpc-linux-gnu googletest qemu-user"
 

@@ -84,8 +84,8 @@ class ScriptsTest(unittest.TestCase):
             ("test", ["format", "--no-such-option"], "unknown option: --no-such-option"),
             ("bench", ["--filter"], "option without its value: --filter"),
             ("coverage", ["more"], "unexpected argument: more"),
-            ("fuzz", [], "either SECONDS or --executions N is needed"),
-            ("fuzz", ["30", "--executions", "30"], "either SECONDS or --executions N is needed"),
+            ("fuzz", [], "give SECONDS or --executions N"),
+            ("fuzz", ["30", "--executions", "30"], "give SECONDS or --executions N"),
             ("package", ["mips"], "cannot build for mips, only for amd64 and powerpc"),
             ("fetch-libcsv", [], "a directory is missing"),
         ):
