@@ -5,6 +5,7 @@
   man_test.py declarations       each synopsis declares what the headers declare
   man_test.py aliases            each function has a page that refers to that of its family; all pages are installed
   man_test.py sections           each page has the sections that readers look for
+  man_test.py library            each page of section 3 says what to link, including the log
   man_test.py diagnostics        each line in the header is on the page of its function
   man_test.py references         pages of this project that other pages refer to exist
   man_test.py function_examples  each example of section 3 compiles and runs
@@ -139,6 +140,19 @@ def sections(_):
     return problems
 
 
+def library(_):
+    """What each page of section 3 says about linking."""
+    logs = re.findall(r"(?m)^orv_add_dlog\((\w+)", orv_test.read("CMakeLists.txt"))
+    expected = {"LxFileUtils.h": {"OrvFileUtils", *logs}, "LxStringUtils.h": {"OrvStrUtils"}}
+    problems = [] if len(logs) == 3 else [f"substitutes for the log: {logs}"]
+    for page in pages(r".*\.3"):
+        named = set(re.findall(r"(?<=Fl l)\w+", section(page, "LIBRARY") or ""))
+        header = re.search(r"(?m)^\.In (\S+)$", section(page, "SYNOPSIS"))[1]
+        if named != expected[header]:
+            problems.append(f"{page}: LIBRARY names {sorted(named)} instead of {sorted(expected[header])}")
+    return problems
+
+
 def diagnostics(_):
     header = orv_test.read("include", "LxFileUtils.h")
     lines = re.findall(r'(?m)^///.*?"([A-Z]\w+: .*?)"(?=\s{2,}|$)', header)
@@ -261,7 +275,8 @@ def tool_examples(options):
     return problems
 
 
-CHECKS = [lint, declarations, aliases, sections, diagnostics, references, function_examples, tool_options, tool_examples]
+CHECKS = [lint, declarations, aliases, sections, library, diagnostics, references, function_examples, tool_options,
+          tool_examples]  # fmt: skip
 
 
 def main():
