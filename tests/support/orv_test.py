@@ -1,6 +1,7 @@
 """Shared by the tests in Python: the directory of the sources, the version of the build, and the rule for skipping."""
 
 import os
+import re
 import shutil
 import sys
 import unittest
@@ -35,6 +36,17 @@ def read(*path):
     """Returns the text of a file of the sources."""
     with open(os.path.join(ROOT, *path), encoding="utf-8") as file:
         return file.read()
+
+
+def declarations(*header):
+    """Returns what a header declares in its namespace, one function each."""
+    code = re.sub(r"//.*|#.*", "", read(*header))
+    body = re.search(r"namespace \w+ {(.*)}", code, re.S)[1]
+    return [" ".join(one.split()) for one in body.split(";") if one.strip()]
+
+
+def function_name(declaration):
+    return re.search(r"(\w+)\(", declaration)[1]
 
 
 def finish(problems):

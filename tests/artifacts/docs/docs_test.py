@@ -119,9 +119,9 @@ def caveats(_):
 
 def reference(_):
     orv_test.require("doxygen")
-    declarations = orv_test.read("tests", "artifacts", "package", "LxFileUtils.declarations")
-    functions = re.findall(r"(?m)^.*?(\w+)\(", declarations)
-    functions += ["Split", "Trim", "StartsWith", "WildcardedStringMatch", "__dlog_printf", "SetLimit", "Lines", "Total"]
+    headers = [("include", "LxFileUtils.h"), ("strutils", "LxStringUtils.h")]
+    functions = [orv_test.function_name(one) for header in headers for one in orv_test.declarations(*header)]
+    functions += ["__dlog_printf", "SetLimit", "Lines", "Total"]
     with tempfile.TemporaryDirectory(dir="/var/tmp") as directory:
         run = subprocess.run([os.path.join(orv_test.ROOT, "script", "docs"), directory], stdout=subprocess.PIPE,
                              stderr=subprocess.STDOUT, text=True, check=False)  # fmt: skip

@@ -66,9 +66,8 @@ def normal(declaration):
 def declared(header):
     """Returns the declarations of a header, with qualified names."""
     folder, scope = HEADERS[header]
-    text = re.sub(r"//.*|#.*", "", orv_test.read(folder, header))
-    body = re.search(rf"namespace {scope} {{(.*)}}", text, re.S)[1]
-    return [normal(re.sub(r"(\w+)\(", rf"{scope}::\1(", one, count=1)) for one in body.split(";") if one.strip()]
+    functions = orv_test.declarations(folder, header)
+    return [normal(re.sub(r"(\w+)\(", rf"{scope}::\1(", one, count=1)) for one in functions]
 
 
 def synopsis(page):

@@ -4,14 +4,12 @@
   header_test.py headers_compile_alone   each header, first and alone, in every standard from C++98 to C++20
   header_test.py examples_compile        the example of every function of the header, in every standard
   header_test.py examples_link           the same examples as one program, linked with the libraries
-  header_test.py declarations            the header declares the reviewed functions, and no macro but its guard
   header_test.py sources_compile         the product's sources, as strict C++11, with the project's warnings
   header_test.py format_is_checked       the compiler checks the arguments of __dlog_printf against the format
 """
 
 import os
 import re
-import subprocess
 import tempfile
 
 import building
@@ -31,14 +29,6 @@ def without_none(results):
     return [result for result in results if result is not None]
 
 
-def reviewed_declarations():
-    return orv_test.read("tests", "artifacts", "package", "LxFileUtils.declarations").splitlines()
-
-
-def function_name(declaration):
-    return re.search(r"(\w+)\(", declaration)[1]
-
-
 def headers_compile_alone(options):
     return without_none(
         building.messages_of(
@@ -56,7 +46,7 @@ def examples():
     for comment, declaration in re.findall(r"((?:^///.*\n)+)^([^/\n].*)$", header, re.M):
         for code in re.findall(r"^/// @code\n((?:///.*\n)*?)/// @endcode$", comment, re.M):
             if re.search(r"\w+\(", declaration):
-                found.append((function_name(declaration), re.sub(r"(?m)^/// ?", "", code)))
+                found.append((orv_test.function_name(declaration), re.sub(r"(?m)^/// ?", "", code)))
     return found
 
 
@@ -68,7 +58,7 @@ def examples_program():
 
 def examples_are_complete():
     names = [name for name, _ in examples()]
-    expected = [function_name(declaration) for declaration in reviewed_declarations()]
+    expected = [orv_test.function_name(one) for one in orv_test.declarations("include", "LxFileUtils.h")]
     problems = [] if names == expected else [f"examples of {names}, not of each of {expected}"]
     marks = len(re.findall("@code", orv_test.read("include", "LxFileUtils.h")))
     if marks != len(names):
@@ -96,39 +86,6 @@ def examples_link(options):
         return examples_are_complete() + without_none([messages])
 
 
-def preprocess(compiler, text, *arguments):
-    command = [*compiler, "-std=c++98", "-E", INCLUDES[0], *arguments, *building.INPUT]
-    return subprocess.run(command, input=text, stdout=subprocess.PIPE, text=True, check=True).stdout
-
-
-def own_text(preprocessed, file_name):
-    """Returns the part of the preprocessed text that is from the file itself, not from included files."""
-    own = []
-    inside = False
-    for line in preprocessed.splitlines():
-        mark = re.match(r'# \d+ "(.*)"', line)
-        if mark:
-            inside = os.path.basename(mark[1]) == file_name
-        elif inside and not line.startswith("#"):  # such as #pragma
-            own.append(line)
-    return " ".join(" ".join(own).split())
-
-
-def declarations(options):
-    include = "#include <LxFileUtils.h>\n"
-    expected = "namespace orv_fileutils { " + "".join(line + "; " for line in reviewed_declarations()) + "}"
-    found = own_text(preprocess(options.compiler, include), "LxFileUtils.h")
-    problems = [] if found == expected else [f"declared:\n{found}\nreviewed:\n{expected}"]
-
-    standard_headers = "#include <list>\n#include <map>\n#include <string>\n#include <vector>\n"
-    before = set(preprocess(options.compiler, standard_headers, "-dM").splitlines())
-    after = set(preprocess(options.compiler, standard_headers + include, "-dM").splitlines())
-    macros = [line.strip() for line in sorted(before ^ after)]
-    if macros != ["#define ORV_LX_FILE_UTILS_H"]:
-        problems.append(f"macros besides the include guard: {macros}")
-    return problems
-
-
 def sources_compile(options):
     return without_none(
         building.messages_of(
@@ -150,7 +107,7 @@ def format_is_checked(options):
     return problems
 
 
-CHECKS = [headers_compile_alone, examples_compile, examples_link, declarations, sources_compile, format_is_checked]
+CHECKS = [headers_compile_alone, examples_compile, examples_link, sources_compile, format_is_checked]
 
 
 def main():
