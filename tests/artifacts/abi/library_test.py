@@ -2,7 +2,7 @@
 """Compares a built library with what was reviewed. Reads it with readelf, so it may be one for another machine.
 
   library_test.py exports      defines exactly the symbols listed, all of them global functions
-  library_test.py identity     has the SONAME given, and needs exactly the product libraries given
+  library_test.py identity     has the machine and SONAME given, and needs exactly the product libraries given
   library_test.py imports      leaves undefined what is listed, and besides only the C++ runtime and the other imports
   library_test.py static_state has no static object but the standard stream initialiser, and no other init function
   library_test.py hardening    has full RELRO, no executable stack, stack protector and fortified calls
@@ -31,6 +31,11 @@ COMPILERS_OBJECTS = re.compile(
     r"completed\.\d+|__dso_handle|__TMC_END__|DW\.ref\.__gxx_personality_v0|_DYNAMIC|_GLOBAL_OFFSET_TABLE_|_SDA_BASE_"
     r"|__frame_dummy_init_array_entry|__do_global_dtors_aux_fini_array_entry"
 )
+# What readelf prints for the processor that CMake names.
+MACHINES = {
+    "x86_64": ("ELF64", "2's complement, little endian", "Advanced Micro Devices X86-64"),
+    "powerpc": ("ELF32", "2's complement, big endian", "PowerPC"),
+}
 STREAM_INITIALISER = "_ZStL8__ioinit"
 
 
@@ -92,8 +97,12 @@ class Library:
     def dynamic_names(self, tag):
         return [re.search(r"\[(.*)\]", entry)[1] for entry in self.dynamic_entries(tag)]
 
+    def machine(self):
+        header = self.read("--file-header")
+        return tuple(re.search(rf"{name}:\s+(.*\S)", header)[1] for name in ("Class", "Data", "Machine"))
+
     def pointer_bytes(self):
-        return 8 if "ELF64" in self.read("--file-header") else 4
+        return 8 if self.machine()[0] == "ELF64" else 4
 
 
 def listed(path):
@@ -120,7 +129,8 @@ def exports(library, options):
 
 
 def identity(library, options):
-    problems = compare("SONAME", [options.soname], library.dynamic_names("SONAME"))
+    problems = compare("machine", [MACHINES.get(options.machine, library.machine())], [library.machine()])
+    problems += compare("SONAME", [options.soname], library.dynamic_names("SONAME"))
     products = [name for name in library.dynamic_names("NEEDED") if name.startswith("libOrv")]
     return problems + compare("NEEDED", options.needs, products)
 
@@ -222,6 +232,7 @@ def main():
     parser.add_argument("--library", required=True)
     parser.add_argument("--exports", help="reviewed list of the symbols it defines")
     parser.add_argument("--soname")
+    parser.add_argument("--machine", help="CMake's name of the processor; not checked unless in MACHINES")
     parser.add_argument("--needs", action="append", default=[], help="a product library it needs")
     parser.add_argument("--imports", help="reviewed list of the C library functions it calls")
     parser.add_argument("--imports-exports-of", help="reviewed list of another product library's functions, all used")
