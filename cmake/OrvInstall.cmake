@@ -7,7 +7,8 @@ include(cmake/OrvInstallTemplate.cmake)
 install(
   TARGETS OrvFileUtils OrvStrUtils
   EXPORT OrvFileUtilsTargets
-  LIBRARY COMPONENT runtime NAMELINK_COMPONENT development)
+  LIBRARY COMPONENT runtime NAMELINK_COMPONENT development
+  ARCHIVE COMPONENT development)
 install(TARGETS DlogStderr DlogSyslog DlogMemory EXPORT OrvFileUtilsTargets ARCHIVE COMPONENT development)
 install(FILES include/LxFileUtils.h strutils/LxStringUtils.h TYPE INCLUDE COMPONENT development)
 install(FILES dlog/dlog.h dlog/dlog_memory.h DESTINATION ${CMAKE_INSTALL_INCLUDEDIR}/orv COMPONENT development)
@@ -19,8 +20,7 @@ install(FILES examples/statusboard.cpp DESTINATION ${CMAKE_INSTALL_DOCDIR}/examp
 # For find_package(OrvFileUtils). Before version 1.0, any minor version may break programs.
 set(package_directory ${CMAKE_INSTALL_LIBDIR}/cmake/OrvFileUtils)
 configure_package_config_file(cmake/OrvFileUtilsConfig.cmake.in ${PROJECT_BINARY_DIR}/OrvFileUtilsConfig.cmake
-                              INSTALL_DESTINATION ${package_directory} NO_SET_AND_CHECK_MACRO
-                              NO_CHECK_REQUIRED_COMPONENTS_MACRO)
+                              INSTALL_DESTINATION ${package_directory} NO_SET_AND_CHECK_MACRO)
 write_basic_package_version_file(${PROJECT_BINARY_DIR}/OrvFileUtilsConfigVersion.cmake COMPATIBILITY SameMinorVersion)
 install(
   EXPORT OrvFileUtilsTargets

@@ -24,9 +24,15 @@ function(orv_product target year)
   endif()
 endfunction()
 
-# orv_add_library(NAME SOURCE): adds a shared library with the SONAME NAME.so.0 and a reviewed list of exports.
+# Not what add_library() does without a word: in a parent project that says nothing, that would be static libraries.
+set(ORV_LIBRARY_KIND SHARED)
+if(DEFINED BUILD_SHARED_LIBS AND NOT BUILD_SHARED_LIBS)
+  set(ORV_LIBRARY_KIND STATIC)
+endif()
+
+# orv_add_library(NAME SOURCE): adds a library. A shared one has the SONAME NAME.so.0 and a reviewed list of exports.
 function(orv_add_library name source)
-  add_library(${name} SHARED ${source})
+  add_library(${name} ${ORV_LIBRARY_KIND} ${source})
   add_library(OrvFileUtils::${name} ALIAS ${name})
   orv_product(${name} 11)
   set(exports ${PROJECT_SOURCE_DIR}/cmake/${name}.map)
@@ -38,6 +44,7 @@ function(orv_add_library name source)
                SOVERSION 0
                INSTALL_RPATH "$ORIGIN" # one library finds the other beside it
                LIBRARY_OUTPUT_DIRECTORY ${PROJECT_BINARY_DIR}/lib
+               ARCHIVE_OUTPUT_DIRECTORY ${PROJECT_BINARY_DIR}/lib
                LINK_DEPENDS ${exports})
 endfunction()
 

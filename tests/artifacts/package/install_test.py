@@ -9,11 +9,15 @@
   install_test.py pkg_config       make and each pkg-config, with an installation that was moved
   install_test.py sysroot          each pkg-config with an installation staged by DESTDIR
   install_test.py system_paths     each pkg-config with an installation below /usr
+  install_test.py components       find_package() refuses a component, because there are none
   install_test.py add_subdirectory the library's sources as a part of a project that hides symbols and optimises at
-                                   link time
+                                   link time; the project installs its own files alone
+  install_test.py static           FetchContent and static libraries for programs linked with -static, then the same
+                                   installed
   install_test.py tool             the installed orvfile runs where it was moved
 """
 
+import glob
 import os
 import re
 import shlex
@@ -53,6 +57,7 @@ class Installation:
         self.prefix = os.path.join(directory, ODD, "prefix")
         os.rename(first, os.path.dirname(self.prefix))
         self.project = os.path.join(directory, "project")
+        self.build = os.path.join(self.project, "build")
         shutil.copytree(os.path.join(HERE, "outside"), self.project)
 
     def path(self, *names):
@@ -63,9 +68,19 @@ class Installation:
         options = self.options
         target = [f"--toolchain={options.toolchain}"] if options.toolchain else []
         return [
-            options.cmake, "-S", self.project, "-B", os.path.join(self.project, "build"), *target,
+            options.cmake, "-S", self.project, "-B", self.build, *target,
             f"-DCMAKE_CXX_COMPILER={options.compiler[0]}", f"-DCMAKE_CXX_FLAGS={' '.join(options.compiler[1:])}",
             "-DCMAKE_BUILD_TYPE=Debug", *definitions]
+
+    def check_build(self, *definitions):
+        """Builds the outside project by CMake; the problems of its programs."""
+        run(*self.configure(*definitions))
+        run(self.options.cmake, "--build", self.build)
+        return self.check_programs(self.build)
+
+    def string_abi(self):
+        """What a build of the sources is told about its std::string."""
+        return [] if self.options.cxx11_abi else ["-DORV_CXX11_ABI=OFF"]
 
     def found(self):
         """Says how CMake finds the package: by its prefix; in a cross build, by the path of the package itself."""
@@ -94,6 +109,11 @@ class Installation:
         return problems
 
 
+def files_below(directory):
+    return {os.path.relpath(os.path.join(place, name), directory)
+            for place, _, names in os.walk(directory) for name in names}  # fmt: skip
+
+
 def files(installation):
     libdir = installation.options.libdir
     config = installation.options.config.lower()
@@ -101,9 +121,7 @@ def files(installation):
         expected = {line.replace("LIBDIR", libdir).replace("CONFIG", config).replace("VERSION", orv_test.VERSION) for line in file.read().splitlines()}
     if not installation.options.tool:
         expected -= {line for line in expected if "orvfile" in line}
-    found = set()
-    for directory, _, names in os.walk(installation.prefix):
-        found |= {os.path.relpath(os.path.join(directory, name), installation.prefix) for name in names}
+    found = files_below(installation.prefix)
     problems = [f"not installed: {name}" for name in sorted(expected - found)]
     problems += [f"installed, but not in the reviewed list: {name}" for name in sorted(found - expected)]
     for name in ("libOrvFileUtils.so", "libOrvStrUtils.so"):
@@ -130,29 +148,30 @@ def no_foreign_path(installation):
 
 
 def cmake(installation):
-    run(*installation.configure(installation.found(), f"-DORV_WANTED={orv_test.VERSION}"))
-    run(installation.options.cmake, "--build", os.path.join(installation.project, "build"))
-    return installation.check_programs(os.path.join(installation.project, "build"))
+    return installation.check_build(installation.found(), f"-DORV_WANTED={orv_test.VERSION}")
+
+
+def refusal(installation, sign, *definitions):
+    """Problems where CMake does not refuse the project with a message that has the sign."""
+    result = subprocess.run(
+        installation.configure(installation.found(), *definitions), stdout=subprocess.PIPE, stderr=subprocess.STDOUT,
+        errors="replace", check=False)
+    refused = result.returncode != 0 and sign in result.stdout
+    return [] if refused else [f"{definitions} was not refused with '{sign}':\n{result.stdout}"]
 
 
 def version(installation):
-    problems = []
     major, minor, _ = map(int, orv_test.VERSION.split("."))
-    for wanted in (f"{major}.{minor + 1}", f"{major + 1}.0"):
-        result = subprocess.run(
-            installation.configure(installation.found(), f"-DORV_WANTED={wanted}"), stdout=subprocess.PIPE,
-            stderr=subprocess.STDOUT, errors="replace", check=False)
-        if result.returncode == 0 or f"version: {orv_test.VERSION}" not in result.stdout:
-            problems.append(f"version {wanted} was not refused for its number:\n{result.stdout}")
-    return problems
+    return [problem for wanted in (f"{major}.{minor + 1}", f"{major + 1}.0")
+            for problem in refusal(installation, f"version: {orv_test.VERSION}", f"-DORV_WANTED={wanted}")]
+
+
+def components(installation):
+    return refusal(installation, "has no components", f"-DORV_WANTED={orv_test.VERSION}", "-DORV_COMPONENTS=Nonsense")
 
 
 def two_logs(installation):
-    result = subprocess.run(
-        installation.configure(installation.found(), f"-DORV_WANTED={orv_test.VERSION}", "-DORV_TWO_LOGS=ON"),
-        stdout=subprocess.PIPE, stderr=subprocess.STDOUT, errors="replace", check=False)
-    refused = result.returncode != 0 and "ORV_LOG" in result.stdout
-    return [] if refused else [f"two substitutes for the log were not refused:\n{result.stdout}"]
+    return refusal(installation, "ORV_LOG", f"-DORV_WANTED={orv_test.VERSION}", "-DORV_TWO_LOGS=ON")
 
 
 def check_flags(installation, libraries, *words, **environment):
@@ -223,11 +242,31 @@ def system_paths(installation):
 
 
 def add_subdirectory(installation):
-    string_abi = [] if installation.options.cxx11_abi else ["-DORV_CXX11_ABI=OFF"]
     installation.options.compiler += ["-fvisibility=hidden", "-flto"]
-    run(*installation.configure(f"-DORV_SOURCE={orv_test.ROOT}", *string_abi))
-    run(installation.options.cmake, "--build", os.path.join(installation.project, "build"))
-    return installation.check_programs(os.path.join(installation.project, "build"))
+    problems = installation.check_build(f"-DORV_SOURCE={orv_test.ROOT}", *installation.string_abi())
+    prefix = os.path.join(installation.directory, "installed")
+    run(installation.options.cmake, "--install", installation.build, "--prefix", prefix)
+    installed = files_below(prefix)
+    return problems + ([] if installed == {"bin/with_stderr"} else [f"the project installed {sorted(installed)}"])
+
+
+def static(installation):
+    """First as a part of the project, which installs the library, too; then what it installed."""
+    options = installation.options
+    options.compiler += ["-static"]
+    problems = installation.check_build(
+        f"-DORV_FETCH={orv_test.ROOT}", "-DBUILD_SHARED_LIBS=OFF", "-DORV_INSTALL=ON",
+        f"-DCMAKE_INSTALL_LIBDIR={options.libdir}", *installation.string_abi())
+    installation.prefix = os.path.join(installation.directory, "installed")
+    run(options.cmake, "--install", installation.build, "--prefix", installation.prefix)
+    libraries = installation.path(options.libdir)
+    if glob.glob(os.path.join(libraries, "*.so*")) or not os.path.exists(os.path.join(libraries, "libOrvFileUtils.a")):
+        problems.append(f"not the static libraries were installed, but {os.listdir(libraries)}")
+
+    shutil.rmtree(installation.build)
+    problems += installation.check_build(installation.found(), f"-DORV_WANTED={orv_test.VERSION}")
+    installation.make(libraries, PKG_CONFIG="pkg-config", PKG_CONFIG_PATH=os.path.join(libraries, "pkgconfig"))
+    return problems + installation.check_programs(installation.project)
 
 
 def tool(installation):
@@ -236,11 +275,13 @@ def tool(installation):
 
 
 CHECKS = {check.__name__: check for check in (
-    files, no_foreign_path, cmake, version, two_logs, pkg_config, sysroot, system_paths, add_subdirectory, tool)}
+    files, no_foreign_path, cmake, version, components, two_logs, pkg_config, sysroot, system_paths, add_subdirectory,
+    static, tool)}
 
 # The requirements of the checks.
 PROGRAMS = {
-    "pkg_config": ["make", "pkg-config"], "sysroot": ["make", "pkg-config"], "system_paths": ["pkg-config"]}
+    "pkg_config": ["make", "pkg-config"], "sysroot": ["make", "pkg-config"], "static": ["make", "pkg-config"],
+    "system_paths": ["pkg-config"]}
 
 
 def main():
