@@ -10,20 +10,20 @@ usage() {
     sed -n -e 1d -e '/^#/!q' -e 's/^# \{0,1\}//p' "$program"
 }
 
-# refuse MESSAGE: reports a wrong command line, with the usage, and ends the script.
+# refuse MESSAGE: reports a wrong command line, prints the usage and ends the script.
 refuse() {
     printf '%s: %s\n\n' "$program" "$1" >&2
     usage >&2
     exit 2
 }
 
-# What read_arguments found.
-declare -A given=() # each option with its value, or with 1
+# The results of read_arguments.
+declare -A given=() # each option with its value or with 1
 operands=()         # all other arguments
 
-# read_arguments OPTIONS MOST ARGUMENT...: takes the command line apart. OPTIONS are the known ones, separated by blanks;
-# one with "=" at its end takes the next argument as its value. There may be MOST operands. --help prints the usage and
-# ends the script; a wrong command line ends it with 2.
+# read_arguments OPTIONS MOST ARGUMENT...: parses the command line. OPTIONS are the known options, separated by blanks;
+# the next argument is the value of an option that ends in "=". There may be at most MOST operands. --help prints the
+# usage and ends the script; a wrong command line ends it with 2.
 read_arguments() {
     local known=" $1 " most=$2
     shift 2
@@ -38,7 +38,7 @@ read_arguments() {
         elif [[ $known != *" $1= "* ]]; then
             refuse "unknown option: $1"
         elif [ $# = 1 ]; then
-            refuse "option without its value: $1"
+            refuse "missing value of the option: $1"
         else
             # shellcheck disable=SC2034  # for the scripts
             given[$1]=$2
@@ -51,7 +51,8 @@ read_arguments() {
     fi
 }
 
-# missing_packages PACKAGE...: prints those that are neither installed nor there as a command of the same name.
+# missing_packages PACKAGE...: prints the packages that are not installed and for which there is no command of that
+# name.
 missing_packages() {
     local package
     for package in "$@"; do
@@ -62,8 +63,8 @@ missing_packages() {
     done
 }
 
-# need_packages NAME...: installs the Debian packages that packages.sh lists for these scripts and steps and that are
-# missing. If none is missing, it needs neither root nor a network; if it cannot install, it says what to install and ends
+# need_packages NAME...: installs the missing Debian packages that packages.sh lists for these scripts and steps. If no
+# package is missing, it needs neither root nor a network. If it cannot install packages, it prints their names and ends
 # the script.
 need_packages() {
     local name wanted=() missing
@@ -75,7 +76,7 @@ need_packages() {
         return
     fi
     if [ "$(id -u)" != 0 ] || ! command -v apt-get >/dev/null; then
-        echo "$program: these Debian packages are missing, install them first: ${missing[*]}" >&2
+        echo "$program: these Debian packages are missing; install them first: ${missing[*]}" >&2
         echo "On Debian, as root:  apt-get install --no-install-recommends ${missing[*]}" >&2
         exit 1
     fi
@@ -87,14 +88,14 @@ need_packages() {
     fi
 }
 
-# newest_needed PREFIX FILE...: the newest version of symbols, of those with this prefix, that the programs and libraries
-# need, such as GLIBC_2.34; nothing if they need none.
+# newest_needed PREFIX FILE...: prints the newest version with this prefix that symbols of the programs and libraries
+# need, such as GLIBC_2.34; prints nothing if they need none.
 newest_needed() {
     readelf --version-info --wide "${@:2}" | grep -oE " $1_[0-9.]+" | tr -d ' ' | sort -uV | tail -n 1
 }
 
-# first_package_with PACKAGE NODE: the first version of Debian's package whose library has that version of symbols. All
-# machines have the same ones.
+# first_package_with PACKAGE NODE: prints the first version of Debian's package whose library has that version of
+# symbols. It is the same for all machines.
 first_package_with() {
     awk -v symbol="$2@$2" '$1 == symbol { print $2 }' \
         "$(dpkg-query --control-path "$1:$(dpkg --print-architecture)" symbols)" | head -n 1

@@ -1,10 +1,10 @@
 #!/usr/bin/env python3
-"""Reads what ctest reported, for script/test.
+"""Reads the results of ctest, for script/test.
 
-Usage: results.py RESULTS PASSED     a JUnit file of ctest's; the file that gets the output of all tests that passed
+Usage: results.py RESULTS PASSED     RESULTS is a JUnit file of ctest; PASSED gets the output of all tests that passed
 
-Prints the output of what failed, and each skipped test below the reason. The last line has three numbers: tests that
-passed, failed and were skipped. A suite of GoogleTest that ran as one of ctest's tests counts as many as it holds.
+Prints the output of tests that failed, and lists skipped tests below each reason. The last line has three numbers:
+tests that passed, failed and were skipped. If a suite of GoogleTest ran as one test of ctest, each of its tests counts.
 """
 
 import collections
@@ -16,18 +16,18 @@ TAIL = 100  # lines of output that are shown of a test that failed
 
 
 def counted(state, output):
-    """How many tests of GoogleTest ended so; 0 for other tests."""
+    """Returns the number of tests of GoogleTest with this result; 0 for other tests."""
     return sum(map(int, re.findall(rf"^\[  {state} +\] (\d+) tests?[.,]", output, re.M)))
 
 
 def says_skipped(case):
-    """True for a test that ended as skipped; false also for one that ctest did not find."""
+    """Returns true for a test that was skipped, but not for a test that ctest did not find."""
     mark = case.find("skipped")
     return mark is not None and mark.get("message").startswith("SKIP_")
 
 
 def skipped_tests(name, output):
-    """Each skipped test with its reason, as GoogleTest or one of the Python tests prints it."""
+    """Returns each skipped test with its reason, as GoogleTest or a Python test prints it."""
     tests = re.findall(r"^\[ RUN +\] (.+)\n(?:(?!\[ RUN).*\n)*?.*: Skipped\n(.+)", output, re.M)
     tests += re.findall(r"^(.+ \.\.\.) skipped ['\"](.+)['\"]$", output, re.M)
     reasons = re.findall(r"(?mi)^skipped: (.+)$", output)

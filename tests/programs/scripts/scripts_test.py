@@ -82,7 +82,7 @@ class ScriptsTest(unittest.TestCase):
         for script, arguments, message in (
             ("test", ["no-such-step"], "unknown step: no-such-step"),
             ("test", ["format", "--no-such-option"], "unknown option: --no-such-option"),
-            ("bench", ["--filter"], "option without its value: --filter"),
+            ("bench", ["--filter"], "missing value of the option: --filter"),
             ("coverage", ["more"], "unexpected argument: more"),
             ("fuzz", [], "give SECONDS or --executions N"),
             ("fuzz", ["30", "--executions", "30"], "give SECONDS or --executions N"),
