@@ -5,6 +5,7 @@ Usage: packages_test.py DIRECTORY      with the packages, and their build trees 
 """
 
 import glob
+import json
 import os
 import re
 import subprocess
@@ -211,6 +212,30 @@ class PackagesTest(unittest.TestCase):
             {f"{folder}/{name}" for name in (
                 "caveats.md", "changelog.gz", "diagnostics.md", "examples/statusboard.cpp", "security.md")},
             set(files(package)))
+
+    def test_each_package_has_an_spdx_document_of_its_files_and_needs(self):
+        for path in glob.glob(os.path.join(directory, "*.deb")):
+            with open(f"{path[:-4]}.spdx.json", encoding="utf-8") as file:
+                document = json.load(file)
+            self.assertEqual(("SPDX-2.3", "CC0-1.0", "SPDXRef-DOCUMENT"),
+                             tuple(document[name] for name in ("spdxVersion", "dataLicense", "SPDXID")))
+            package = document["packages"][0]
+            self.assertEqual((field(path, "Package"), field(path, "Version"), "NONE"),
+                             tuple(package[name] for name in ("name", "versionInfo", "licenseDeclared")))
+            self.assertEqual(run("sha256sum", path).split()[0], package["checksums"][0]["checksumValue"])
+            content = self.path(f"sbom-{os.path.basename(path)}")
+            run("dpkg-deb", "--extract", path, content)
+            sums = run("find", ".", "-type", "f", "-exec", "sha256sum", "{}", "+", cwd=content)
+            self.assertEqual(
+                sorted(tuple(reversed(line.split(maxsplit=1))) for line in sums.splitlines()),
+                sorted((entry["fileName"], entry["checksums"][1]["checksumValue"]) for entry in document["files"]))
+            names = {entry["SPDXID"]: entry["name"] for entry in document["packages"]}
+            related = {kind: {names[item["relatedSpdxElement"]] for item in document["relationships"]
+                              if item["relationshipType"] == kind} for kind in ("DEPENDS_ON", "STATIC_LINK")}
+            self.assertEqual(set(re.findall(r"(?:^|, )(\S+)", field(path, "Depends"))), related["DEPENDS_ON"])
+            if field(path, "Package") == "orvfile":
+                own = {"libcsv"} if field(path, "Architecture") == "powerpc" else set()
+                self.assertEqual({"cli11", "nlohmann-json3"} | own, related["STATIC_LINK"])
 
     def test_no_package_names_the_build_tree(self):
         tree = os.fsencode(os.path.realpath(directory))
