@@ -8,7 +8,8 @@ tool="libcli11-dev nlohmann-json3-dev libcsv-dev"
 artifacts="binutils make pkg-config g++-11 clang mandoc doxygen systemd"
 # The campaigns read error numbers from manual pages.
 campaigns="manpages-dev e2fsprogs xfsprogs btrfs-progs squashfs-tools erofs-utils libfuse3-dev pkg-config"
-target="$tests g++-powerpc-linux-gnu googletest qemu-user"
+emulated="$tests googletest qemu-user"
+target="$emulated g++-powerpc-linux-gnu"
 
 # shellcheck disable=SC2034  # need_packages reads it
 declare -rA packages=(
@@ -33,7 +34,11 @@ declare -rA packages=(
     [browser]="$tests $tool $campaigns chromium nodejs npm fonts-dejavu-core"
     [powerpc]="$target $tool $artifacts"
     [powerpc-oldabi]="$target $artifacts"
+    [armhf]="$emulated g++-arm-linux-gnueabihf"
+    [riscv64]="$emulated g++-riscv64-linux-gnu"
+    [s390x]="$emulated g++-s390x-linux-gnu"
+    [libcxx]="$tests googletest clang libc++-dev libc++abi-dev"
     [size]="cmake ninja-build g++-powerpc-linux-gnu"
     [package]="$build git dpkg-dev fakeroot lintian $tool g++-powerpc-linux-gnu"
 )
-unset build tests tool artifacts campaigns target
+unset build tests tool artifacts campaigns emulated target

@@ -1,6 +1,11 @@
-# GTest::gmock and GTest::gtest_main: those of the system. For another machine and for the other std::string, they are
-# built from the sources that Debian packages.
-if(NOT CMAKE_CROSSCOMPILING AND ORV_CXX11_ABI)
+# GTest::gmock and GTest::gtest_main: those of the system. For another machine, another standard library and the other
+# std::string, they are built from the sources that Debian packages.
+set(build OFF)
+if(CMAKE_CROSSCOMPILING OR NOT ORV_CXX11_ABI)
+  set(build ON)
+endif()
+option(ORV_BUILD_GOOGLETEST "Build GoogleTest from its sources instead of using that of the system" ${build})
+if(NOT ORV_BUILD_GOOGLETEST)
   find_package(GTest REQUIRED)
   return()
 endif()

@@ -13,6 +13,7 @@
 
 #include <cerrno>
 #include <cstdarg>
+#include <cstdio>
 #include <cstdlib>
 #include <map>
 #include <utility>
@@ -369,6 +370,28 @@ ssize_t write(int descriptor, const void* buffer, size_t bytes)
     }
     return put;
 }
+
+#ifdef _LIBCPP_VERSION
+// The streams of libc++ read and write by stdio, whose own calls of read and write cannot be wrapped. Nothing else in
+// the libraries and tests uses these two.
+size_t fread(void* buffer, size_t size, size_t count, FILE* file)
+{
+    if (trace != nullptr) {
+        Record("read(", Shown(fileno(file)), ", ", std::to_string(size * count), ")");
+    }
+    return Fails(Call::kRead) ? 0 : Real<size_t (*)(void*, size_t, size_t, FILE*)>("fread")(buffer, size, count, file);
+}
+
+size_t fwrite(const void* buffer, size_t size, size_t count, FILE* file)
+{
+    if (trace != nullptr) {
+        Record("write(", Shown(fileno(file)), ", ", std::to_string(size * count), ")");
+    }
+    return Fails(Call::kWrite)
+               ? 0
+               : Real<size_t (*)(const void*, size_t, size_t, FILE*)>("fwrite")(buffer, size, count, file);
+}
+#endif
 
 int close(int descriptor)
 {

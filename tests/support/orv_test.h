@@ -13,6 +13,14 @@
 #include "gtest/gtest.h"
 #include "support/messages.h"
 
+// The file streams of libc++ use stdio. What they return after a failure, and when they allocate their buffers, differs
+// from the streams of libstdc++.
+#ifdef _LIBCPP_VERSION
+constexpr bool kStreamsUseStdio = true;
+#else
+constexpr bool kStreamsUseStdio = false;
+#endif
+
 // A call of __dlog_printf, with the arguments of the library and the text that printf makes of them.
 struct DlogCall {
     int severity;

