@@ -3,10 +3,12 @@
 include(CheckCXXCompilerFlag)
 
 add_library(OrvPrefixMap INTERFACE)
-foreach(flag -fdebug-prefix-map -fmacro-prefix-map)
+foreach(kind debug macro)
+  set(flag -f${kind}-prefix-map)
+  orv_unless_given(wanted "-f(${kind}|file)-prefix-map")
   string(MAKE_C_IDENTIFIER "ORV_HAS${flag}" has)
   check_cxx_compiler_flag(${flag}=a=b ${has})
-  if(${has})
+  if(${has} AND wanted)
     # If two prefixes match, the compiler uses the last: the build tree may be inside the source tree.
     target_compile_options(OrvPrefixMap INTERFACE ${flag}=${PROJECT_SOURCE_DIR}=. ${flag}=${PROJECT_BINARY_DIR}=./build)
   endif()

@@ -1,4 +1,17 @@
 # Properties that the targets of this project share.
+
+# orv_unless_given(RESULT REGEX): true if no flag of the caller matches. Options of a target come after the caller's
+# flags and would override them.
+function(orv_unless_given result regex)
+  string(TOUPPER "${CMAKE_BUILD_TYPE}" type)
+  get_directory_property(options COMPILE_OPTIONS)
+  if("${CMAKE_CXX_FLAGS} ${CMAKE_CXX_FLAGS_${type}} ${options}" MATCHES "${regex}")
+    set(${result} FALSE PARENT_SCOPE)
+  else()
+    set(${result} TRUE PARENT_SCOPE)
+  endif()
+endfunction()
+
 include(cmake/OrvWarnings.cmake)
 include(cmake/OrvHardening.cmake)
 include(cmake/OrvLargeFiles.cmake)
@@ -15,6 +28,8 @@ function(orv_product target year)
   orv_standard(${target} ${year})
   # Without a path of the build tree: its length would change the installed file.
   set_target_properties(${target} PROPERTIES BUILD_RPATH_USE_ORIGIN ON)
+  # The functions let std::bad_alloc pass, also if the rest of a project is compiled with -fno-exceptions.
+  target_compile_options(${target} PRIVATE -fexceptions)
   foreach(part OrvWarnings OrvHardening OrvLargeFiles OrvPrefixMap)
     target_link_libraries(${target} PRIVATE $<BUILD_INTERFACE:${part}>)
   endforeach()

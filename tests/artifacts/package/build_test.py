@@ -2,9 +2,12 @@
 """Builds a copy of the sources as a user or a packager does.
 
   build_test.py plain    the plain build makes the libraries and the substitutes for the log, and nothing else
+  build_test.py flags    the flags and the build type of the caller win, and -fno-exceptions does no harm
 """
 
+import json
 import os
+import re
 import shutil
 import subprocess
 import tempfile
@@ -65,7 +68,28 @@ def plain(build):
     return [] if found == expected else [f"built {sorted(found)} instead of {sorted(expected)}"]
 
 
-CHECKS = {check.__name__: check for check in (plain,)}
+def flags(build):
+    given = ["-O1", "-g", "-fno-exceptions", "-D_FORTIFY_SOURCE=1", "-fno-stack-protector",
+             f"-fdebug-prefix-map={build.sources}=/usr/src/orv"]  # fmt: skip
+    build.configure(given, "-DCMAKE_BUILD_TYPE=", "-DCMAKE_EXPORT_COMPILE_COMMANDS=ON")
+    build.cmake("--build", build.build)
+    problems = []
+    with open(os.path.join(build.build, "CMakeCache.txt"), encoding="utf-8") as cache:
+        if "\nCMAKE_BUILD_TYPE:STRING=\n" not in cache.read():
+            problems.append("the empty build type was replaced")
+    with open(os.path.join(build.build, "compile_commands.json"), encoding="utf-8") as commands:
+        for command in json.load(commands):
+            words = command["command"].split()
+            added = [word for word in words if word not in given and re.match(
+                r"-[DU]_FORTIFY|-fstack-protector|-fdebug-prefix-map|-O", word)]  # fmt: skip
+            problems += [f"{command['file']} is compiled with {word} too" for word in added]
+    with open(os.path.join(build.build, "lib", "libOrvFileUtils.so"), "rb") as library:
+        if b"/usr/src/orv" not in library.read():
+            problems.append("the debug information does not name the directory that was given")
+    return problems
+
+
+CHECKS = {check.__name__: check for check in (plain, flags)}
 
 
 def main():
