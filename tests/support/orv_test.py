@@ -63,3 +63,13 @@ def run_unittests():
     if not result.wasSuccessful() or (result.skipped and not MAY_SKIP):
         sys.exit(1)
     sys.exit(SKIPPED if result.skipped else 0)
+
+
+def preloaded(program, library, **settings):
+    """The command and the environment that load a library into the program, not into its emulator."""
+    environment = {**os.environ, **settings}
+    if len(program) > 1:
+        return [program[0], "-E", "LD_PRELOAD=" + library, *program[1:]], environment
+    environment["LD_PRELOAD"] = library
+    environment["ASAN_OPTIONS"] = "verify_asan_link_order=0:" + environment.get("ASAN_OPTIONS", "")
+    return program, environment

@@ -84,15 +84,10 @@ class OrvfileTest(unittest.TestCase):
         return sorted(os.listdir(directory or self.dir))
 
     def command(self, arguments, shim):
-        """The command line and environment: the shim goes into the program, not into its emulator."""
+        """The command line and environment."""
         settings = {f"ORV_SHIM_{name}": value for name, value in shim.items()}
-        environment = {**os.environ, **settings, "LC_ALL": "C"}
-        program = list(PROGRAM)
-        if shim and len(program) > 1:
-            program[1:1] = ["-E", "LD_PRELOAD=" + SHIM[0]]
-        elif shim:
-            environment["LD_PRELOAD"] = SHIM[0]
-            environment["ASAN_OPTIONS"] = "verify_asan_link_order=0:" + environment.get("ASAN_OPTIONS", "")
+        program, environment = orv_test.preloaded(PROGRAM, SHIM[0], **settings) if shim else (PROGRAM, {**os.environ})
+        environment["LC_ALL"] = "C"
         return [*program, *arguments], environment
 
     def start(self, *arguments, shim=None, **options):
