@@ -12,6 +12,7 @@
 #include <signal.h>
 #include <sys/stat.h>
 #include <sys/statvfs.h>
+#include <sys/utsname.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -20,6 +21,7 @@
 #include <ctime>
 #include <fstream>
 #include <iostream>
+#include <iterator>
 #include <set>
 #include <stdexcept>
 
@@ -58,12 +60,12 @@ std::string Row(std::vector<std::string> cells)
 
 std::string TitleTable(const std::string& title)
 {
-    char host[65] = {};
-    (void)gethostname(host, sizeof host - 1);
+    struct utsname self = {};
+    (void)uname(&self);
     char now[64] = {};
     const std::time_t seconds = std::time(nullptr);
     (void)std::strftime(now, sizeof now, "%Y-%m-%d %H:%M:%S %Z", std::localtime(&seconds));
-    return Row({title, ""}) + Row({"Host", host}) + Row({"Time", now});
+    return Row({title, ""}) + Row({"Host", self.nodename}) + Row({"Time", now});
 }
 
 std::string SystemTable()
@@ -123,10 +125,26 @@ std::string FilesTable(const Settings& settings)
     const std::string inside = directory + "/";
     for (const std::string& name : names) {
         struct stat file;
-        table += Row({name, stat((inside + name).c_str(), &file) == 0 ? std::to_string(file.st_size) : "gone"});
+        table += Row({name, stat((inside + name).c_str(), &file) == 0 ? std::to_string(file.st_size) : "unknown"});
     }
     return table;
 }
+
+// A file that is not there before and after: what an interrupted run left is removed, and what a failed one leaves.
+struct Temporary {
+    const std::string path;
+
+    explicit Temporary(const std::string& itsPath) : path(itsPath)
+    {
+        (void)unlink(path.c_str());
+    }
+    ~Temporary()
+    {
+        (void)unlink(path.c_str());
+    }
+    Temporary(const Temporary&) = delete;
+    Temporary& operator=(const Temporary&) = delete;
+};
 
 void WriteTables(const Settings& settings, const std::string& path)
 {
@@ -140,19 +158,29 @@ void WriteTables(const Settings& settings, const std::string& path)
     Require(usable, "cannot write and read '" + path + "': " + std::strerror(errno));
 }
 
+// The library does not report a full disk, which cuts a page short. No cell can contain this tag.
+bool IsComplete(const std::string& pagePath)
+{
+    std::ifstream page(pagePath.c_str());
+    const std::string text((std::istreambuf_iterator<char>(page)), std::istreambuf_iterator<char>());
+    return text.find("</KPX_PLD>") != std::string::npos;
+}
+
+// Readers see old tables and pages or complete new ones, and a failure leaves the old ones.
 void Publish(const Settings& settings)
 {
     const std::string& page = settings.at("page");
     const std::string above = page.substr(0, page.rfind('/') + 1);  // empty: the current directory
     Require(above.empty() || orv_fileutils::MakeDirPath(above.c_str(), 0755, false),
             "cannot make the directory '" + above + "'");
-    WriteTables(settings, page + ".txt");
-    struct stat before = {}, after = {};
-    (void)lstat(page.c_str(), &before);
-    orv_fileutils::GenHtmlPagefromTextFile((page + ".txt").c_str(), page.c_str());
-    (void)lstat(page.c_str(), &after);
-    (void)unlink(("/var/tmp/TextToHtml_" + std::to_string(getpid()) + ".tmp").c_str());  // left by a failed move
-    Require(after.st_ino != before.st_ino, "cannot publish '" + page + "'");             // a new page is a new file
+    const Temporary newTables(page + ".txt.new"), newPage(page + ".new");
+    const Temporary built("/var/tmp/TextToHtml_" + std::to_string(getpid()) + ".tmp");  // left by a failed move
+    WriteTables(settings, newTables.path);
+    orv_fileutils::GenHtmlPagefromTextFile(newTables.path.c_str(), newPage.path.c_str());
+    Require(IsComplete(newPage.path), "cannot write the page '" + newPage.path + "'");
+    Require(orv_fileutils::RenameFileAcrossFs(newPage.path, page) &&
+                orv_fileutils::RenameFileAcrossFs(newTables.path, page + ".txt"),
+            "cannot publish '" + page + "'");
 }
 
 Settings ReadSettings(const std::string& path, const char* page)
@@ -175,10 +203,13 @@ Settings ReadSettings(const std::string& path, const char* page)
 int main(int argc, char** argv)
 {
     const char* page = nullptr;
-    int option, watch = 0;
-    const struct option options[] = {{"page", 1, nullptr, 'p'}, {"watch", 0, &watch, 1}, {nullptr, 0, nullptr, 0}};
-    while ((option = getopt_long(argc, argv, "", options, nullptr)) == 'p' || option == 0) {
+    bool watch = false;
+    const struct option options[] = {
+        {"page", required_argument, nullptr, 'p'}, {"watch", no_argument, nullptr, 'w'}, {}};
+    int option;
+    while ((option = getopt_long(argc, argv, "", options, nullptr)) == 'p' || option == 'w') {
         page = option == 'p' ? optarg : page;
+        watch = watch || option == 'w';
     }
     if (option != -1 || optind + 1 != argc) {
         std::cerr << "Usage: statusboard [--watch] [--page PATH] SETTINGS_FILE\n";
@@ -186,15 +217,18 @@ int main(int argc, char** argv)
     }
     try {
         const Settings settings = ReadSettings(argv[optind], page);
-        const struct timespec period = {std::stol(settings.at("period")), 0};
-        sigset_t stop;  // blocked, so that these signals only end the wait between two pages
+        struct timespec period = {};
+        period.tv_sec = std::stol(settings.at("period"));
+        sigset_t stop;
         (void)sigemptyset(&stop);
         (void)sigaddset(&stop, SIGINT);
         (void)sigaddset(&stop, SIGTERM);
-        (void)sigprocmask(watch != 0 ? SIG_BLOCK : SIG_UNBLOCK, &stop, nullptr);
+        if (watch) {  // so that these signals only end the wait between two pages
+            (void)sigprocmask(SIG_BLOCK, &stop, nullptr);
+        }
         do {
             Publish(settings);
-        } while (watch != 0 && sigtimedwait(&stop, nullptr, &period) < 0);
+        } while (watch && sigtimedwait(&stop, nullptr, &period) < 0);
     } catch (const std::exception& failure) {
         std::cerr << "statusboard: " << failure.what() << std::endl;
         return 1;

@@ -1,12 +1,13 @@
 #!/usr/bin/env python3
 """Runs examples/statusboard and reads its pages with an HTML parser that does not depend on the library.
 
-Usage: statusboard_test.py [EMULATOR...] PROGRAM
+Usage: statusboard_test.py MACHINE [EMULATOR...] PROGRAM     MACHINE: the library of machine.cpp, for the program's machine
 Ends with 77 when a test was skipped, which fails where ORV_NO_SKIP is set.
 """
 
 import os
 import re
+import resource
 import shutil
 import signal
 import socket
@@ -20,10 +21,32 @@ import orv_test
 from oracle import LINES, PAGE_FOOTER, PAGE_HEADER, logged, temporary_page
 from pages import HOSTILE_NAMES, Page, text, without_capabilities
 
+MACHINE = []
 PROGRAM = []
 USAGE = "Usage: statusboard [--watch] [--page PATH] SETTINGS_FILE\n"
 BUILD_DIRECTORY = "/var/tmp"  # where the library builds pages
 PATIENCE_SECONDS = 60  # after this, a wait has failed
+
+
+def limit_files(process, size):
+    """Files of the process may not grow beyond `size`: its writes then fail, as on a full disk. 0: this process."""
+    _, hard = resource.prlimit(process, resource.RLIMIT_FSIZE)
+    resource.prlimit(process, resource.RLIMIT_FSIZE, (size, hard))
+
+
+def without_signal():
+    """For a child that is not to end when it meets that limit."""
+    signal.signal(signal.SIGXFSZ, signal.SIG_IGN)
+
+
+def limited_to(size):
+    """For a child that is to meet a full disk from the start."""
+
+    def limit():
+        without_signal()
+        limit_files(0, size)
+
+    return limit
 
 
 class StatusboardTest(unittest.TestCase):
@@ -56,9 +79,9 @@ class StatusboardTest(unittest.TestCase):
         lines = ["# a comment", ""] + [f"  {name} = {value}" for name, value in settings.items() if value is not None]
         return self.write(os.path.join(self.dir, "settings"), "\n".join(lines).encode())
 
-    def start(self, *arguments, **options):
+    def start(self, *arguments, program=None, **options):
         try:
-            return subprocess.Popen([*PROGRAM, *arguments], stdout=subprocess.PIPE, stderr=subprocess.PIPE, **options)
+            return subprocess.Popen([*(program or PROGRAM), *arguments], stdout=subprocess.PIPE, stderr=subprocess.PIPE, **options)
         except subprocess.SubprocessError:  # from without_capabilities
             self.skipTest("this root may not give up its capabilities")
 
@@ -127,7 +150,7 @@ class PageTest(StatusboardTest):
         self.assertEqual(sorted(expected), sorted(re.findall(rb"<tr><td>([^<]*)</td><td>0</td></tr>", last_table)))
 
     def test_every_other_cell_is_escaped_too(self):
-        title = "<h1>\"Tests\" & more</h1>; 1,2:34"
+        title = "<h1>\"Tests\" & more</h1>; 1,2:34 \0."
         watched = os.path.join(self.watched, "a<b>;5,6:7&8")
         os.mkdir(watched)
 
@@ -175,6 +198,14 @@ class PageTest(StatusboardTest):
 
         self.assertEqual(["file"], self.listed())
 
+    def test_a_size_that_cannot_be_read_is_unknown(self):
+        self.write(os.path.join(self.watched, "file"))
+        os.chmod(self.watched, 0o444)  # names can be read, the files below cannot be reached
+
+        self.assert_published(self.settings_file(), preexec_fn=without_capabilities(1, 2))
+
+        self.assertEqual([["file", "unknown"]], self.read_page().tables[4][1:])
+
     def test_include_and_exclude_choose_the_files(self):
         for name in ("a.log", "b.log", "c.txt", "debug.log", "debug.txt"):
             self.write(os.path.join(self.watched, name))
@@ -192,6 +223,11 @@ class PageTest(StatusboardTest):
                 self.assert_published(self.settings_file(include=include, exclude=exclude))
 
                 self.assertEqual(expected, self.listed())
+
+    def test_every_period_of_one_to_five_digits_is_accepted(self):
+        for period in ("1", "10", "99999", "00002", "3456", "789"):
+            with self.subTest(period=period):
+                self.assert_published(self.settings_file(period=period))
 
 
 class SystemTest(StatusboardTest):
@@ -256,6 +292,90 @@ class SystemTest(StatusboardTest):
                 self.assertEqual("up" if administratively_up and carrier else "down", state)
 
 
+class KnownMachineTest(StatusboardTest):
+    """Every figure of a machine that the test describes."""
+
+    def setUp(self):
+        super().setUp()
+        self.machine = os.path.join(self.dir, "machine")
+        os.mkdir(self.machine)
+
+    def describe(self, **files):
+        for name, content in files.items():
+            self.write(os.path.join(self.machine, name), content.encode())
+
+    def run_there(self, *arguments, **files):
+        self.describe(**files)
+        program, environment = orv_test.preloaded(PROGRAM, MACHINE[0], ORV_MACHINE=self.machine)
+        return self.run_board(*arguments, self.settings_file(), program=program, env=environment)
+
+    def tables_of(self, **files):
+        self.assertEqual((0, ""), self.run_there(**files))
+        return self.read_page().tables
+
+    def test_a_host_name_may_have_64_bytes(self):
+        name = "h" * 63 + "."
+
+        self.assertEqual(["Host", name], self.tables_of(host=name + "\n")[0][1])
+
+    def test_load_and_uptime(self):
+        for seconds, shown in (("3599.99", "0 days, 0 hours"), ("3600.00", "0 days, 1 hours"),
+                               ("86399.99", "0 days, 23 hours"), ("86400.00", "1 days, 0 hours"),
+                               ("172799.50", "1 days, 23 hours"), ("8640000.00", "100 days, 0 hours")):  # fmt: skip
+            with self.subTest(seconds=seconds):
+                tables = self.tables_of(loadavg="0.01 2.30 45.67 1/234 5678\n", uptime=f"{seconds} 1.00\n")
+
+                self.assertEqual([["Load over 1, 5 and 15 minutes", "0.01 2.30 45.67"], ["Uptime", shown]], tables[1][1:])
+
+    def test_file_systems(self):
+        first = os.path.join(self.dir, "a b")
+        os.mkdir(first)
+        again = os.path.join(self.dir, "again")
+        os.mkdir(again)
+        missing = os.path.join(self.dir, "missing")
+        mounts = [(first, "ext4"), (again, "again"), ("/proc", "proc"), ("/sys", "none"), (missing, "lost")]
+
+        tables = self.tables_of(
+            mounts="".join(f"dev {path.replace(' ', chr(92) + '040')} {kind} rw 0 0\n"
+                           for path, kind in mounts),
+            space=f"4096 1000000 250000 {first}\n4096 1 1 {again}\n1024 3 0 /proc\n1024 1 1 {missing}\n"
+                  "1024 0 0 /sys\n")  # fmt: skip
+
+        self.assertEqual([[first, "ext4", "3906", "2929", "75 %"], ["/proc", "proc", "0", "0", "100 %"]], tables[2][1:])
+
+    def test_a_file_system_beyond_four_thousand_million_blocks(self):
+        tables = self.tables_of(mounts=f"dev {self.dir} xfs rw 0 0\n", space=f"4096 5000000000 1250000000 {self.dir}\n")
+
+        self.assertEqual([[self.dir, "xfs", "19531250", "14648437", "75 %"]], tables[2][1:])
+
+    def test_an_interface_is_up_if_it_runs(self):
+        up, running, loopback = 0x1, 0x40, 0x8
+        lines = [(up | loopback | running, "lo"), (up, "no-carrier"), (up | running, "eth0"), (0, "off"),
+                 (up | running, "eth0")]  # fmt: skip
+
+        tables = self.tables_of(interfaces="".join(f"{flags} {name}\n" for flags, name in lines))
+
+        self.assertEqual([["eth0", "up"], ["off", "down"], ["no-carrier", "down"], ["lo", "up"]], tables[3][1:])
+
+    def test_a_signal_ends_a_watch_once_the_page_is_complete_and_any_other_run_at_once(self):
+        for number in (signal.SIGTERM, signal.SIGINT):
+            with self.subTest(number=number):
+                self.assertEqual((-number, ""), self.run_there(signal=str(number)))
+                self.assertEqual([], os.listdir(self.out))
+
+                self.assertEqual((0, ""), self.run_there("--watch", signal=str(number)))
+                self.read_page()
+                os.unlink(self.page)
+                os.unlink(self.page + ".txt")
+
+    def test_a_machine_that_tells_nothing(self):
+        tables = self.tables_of()
+
+        self.assertEqual(["Host", ""], tables[0][1])
+        self.assertEqual([["Load over 1, 5 and 15 minutes", "  "], ["Uptime", "0 days, 0 hours"]], tables[1][1:])
+        self.assertEqual([[], []], [table[1:] for table in tables[2:4]])
+
+
 class PlaceTest(StatusboardTest):
     def test_a_new_page_replaces_the_old_one(self):
         self.assert_published(self.settings_file())
@@ -282,10 +402,30 @@ class PlaceTest(StatusboardTest):
             self.assertEqual([["a;b", "0"]], self.read_page(page).tables[4][1:])
             self.assertEqual(["page.html", "page.html.txt"], sorted(os.listdir(os.path.dirname(page))))
 
+    def test_an_existing_directory_of_the_page_keeps_its_mode(self):
+        os.chmod(self.out, 0o700)
+
+        self.assert_published(self.settings_file())
+
+        self.assertEqual(0o40700, os.stat(self.out).st_mode)
+
+    def test_new_tables_replace_the_old_ones(self):
+        self.assert_published(self.settings_file())
+        with open(self.page + ".txt", "rb") as old:
+            before = old.read()
+            self.write(os.path.join(self.watched, "new"))
+
+            self.assert_published(self.settings_file())
+
+            old.seek(0)
+            self.assertEqual(before, old.read())
+        self.assertIn(b"\nFiles in ", b"\n" + self.read(self.page + ".txt"))
+        self.assertIn(b";new:0;", self.read(self.page + ".txt"))
+
     def test_missing_directories_of_the_page_are_made(self):
         page = os.path.join(self.out, "one", "two", "page.html")
 
-        self.assert_published(self.settings_file(page=page), umask=0o022)
+        self.assert_published(self.settings_file(page=page), umask=0o002)
 
         self.read_page(page)
         self.assertEqual(0o40755, os.stat(os.path.join(self.out, "one", "two")).st_mode)
@@ -360,7 +500,7 @@ class BadInputTest(StatusboardTest):
                     self.assert_fails(1, f"statusboard: {settings}: missing setting '{name}'\n", settings)
 
     def test_a_bad_period_is_reported(self):
-        for period in ("abc", "0", "-1", "1.5", "5 s", "0x10", "100000", "99999999999999999999"):
+        for period in ("abc", "5~", "~5", "0", "-1", "1.5", "5 s", "0x10", "100000", "99999999999999999999"):
             with self.subTest(period=period):
                 settings = self.settings_file(period=period)
 
@@ -386,7 +526,7 @@ class BadInputTest(StatusboardTest):
 
         self.assert_fails(
             1,
-            f"statusboard: cannot write and read '{self.page}.txt': Permission denied\n",
+            f"statusboard: cannot write and read '{self.page}.txt.new': Permission denied\n",
             self.settings_file(),
             preexec_fn=without_capabilities(1),  # CAP_DAC_OVERRIDE
         )
@@ -397,47 +537,119 @@ class BadInputTest(StatusboardTest):
 
         self.assert_fails(
             1,
-            f"statusboard: cannot write and read '{file}/page.html.txt': Not a directory\n",
+            f"statusboard: cannot write and read '{file}/page.html.txt.new': Not a directory\n",
             *("--page", file + "/page.html", self.settings_file()),
         )
 
     def test_a_table_file_that_cannot_be_read_does_not_empty_the_page(self):
         self.assert_fails(
             1,
-            f"statusboard: cannot write and read '{self.page}.txt': Permission denied\n",
+            f"statusboard: cannot write and read '{self.page}.txt.new': Permission denied\n",
             self.settings_file(),
             umask=0o777,
             preexec_fn=without_capabilities(1, 2),  # CAP_DAC_OVERRIDE, CAP_DAC_READ_SEARCH
         )
-        self.assertEqual(["page.html.txt"], os.listdir(self.out))
+        self.assertEqual([], os.listdir(self.out))
 
     def test_a_directory_at_the_page_is_a_failure_and_stays(self):
         os.mkdir(self.page)
 
-        process = self.start(self.settings_file())
-        built = temporary_page(process.pid)
-
-        self.assertEqual(
-            (
-                1,
-                logged(LINES.RenameRename(built, self.page, 21), LINES.PageMove(built, self.page))
-                + f"statusboard: cannot publish '{self.page}'\n",
-            ),
-            self.finish(process),
+        self.assert_fails(
+            1,
+            logged(LINES.RenameRename(self.page + ".new", self.page, 21)) + f"statusboard: cannot publish '{self.page}'\n",
+            self.settings_file(),
         )
+        self.assertEqual(["page.html"], os.listdir(self.out))
+
+    def test_a_directory_at_the_tables_is_a_failure_and_stays(self):
+        os.mkdir(self.page + ".txt")
+
+        status, err = self.run_board(self.settings_file())
+
+        self.assertEqual((1, f"statusboard: cannot publish '{self.page}'"), (status, err.splitlines()[-1]))
         self.assertEqual(["page.html", "page.html.txt"], sorted(os.listdir(self.out)))
+        os.unlink(self.page)
+
+    def test_settings_that_cannot_be_read_are_reported(self):
+        settings = self.settings_file()
+        os.chmod(settings, 0)
+
+        self.assert_fails(
+            1,
+            logged(LINES.NameValueOpen(settings)) + f"statusboard: cannot read '{settings}'\n",
+            settings,
+            preexec_fn=without_capabilities(1, 2),  # CAP_DAC_OVERRIDE, CAP_DAC_READ_SEARCH
+        )
 
 
 class FailureTest(StatusboardTest):
-    def test_the_old_page_and_table_stay_if_the_directory_is_gone(self):
+    """A page and its tables are published, and stay whatever happens then."""
+
+    def setUp(self):
+        super().setUp()
         self.assert_published(self.settings_file())
-        old = self.read(self.page), self.read(self.page + ".txt")
+        self.old = self.published()
+
+    def published(self):
+        return self.read(self.page), self.read(self.page + ".txt")
+
+    def tearDown(self):
+        self.assertEqual(["page.html", "page.html.txt"], sorted(os.listdir(self.out)))
+        self.assertEqual(self.old, self.published())
+
+    def test_the_directory_is_gone(self):
         os.rmdir(self.watched)
 
-        status, _ = self.run_board(self.settings_file())
+        status, err = self.run_board(self.settings_file())
 
-        self.assertEqual(1, status)
-        self.assertEqual(old, (self.read(self.page), self.read(self.page + ".txt")))
+        self.assertEqual((1, f"statusboard: cannot list the directory '{self.watched}'"), (status, err.splitlines()[-1]))
+
+    def test_the_disk_is_full_while_the_tables_are_written(self):
+        for size in (0, 1, len(self.old[1]) - 20):
+            with self.subTest(size=size):
+                self.assert_fails(
+                    1,
+                    f"statusboard: cannot write and read '{self.page}.txt.new': File too large\n",
+                    self.settings_file(),
+                    preexec_fn=limited_to(size),
+                )
+
+    def test_the_disk_is_full_while_the_page_is_written(self):
+        for size in (len(self.old[1]) + 20, len(self.old[0]) - 20):
+            with self.subTest(size=size):
+                self.assert_fails(
+                    1,
+                    f"statusboard: cannot write the page '{self.page}.new'\n",
+                    self.settings_file(),
+                    preexec_fn=limited_to(size),
+                )
+
+    def test_the_disk_becomes_full_during_a_watch(self):
+        process = self.start("--watch", self.settings_file(), preexec_fn=without_signal)
+        self.addCleanup(process.kill)
+        self.wait_for(lambda: self.published() != self.old, process)
+        self.old = self.published()
+
+        limit_files(process.pid, len(self.old[1]) + 20)
+
+        self.assertEqual((1, f"statusboard: cannot write the page '{self.page}.new'\n"), self.finish(process))
+
+    def test_the_page_cannot_be_built_and_an_interrupted_run_left_another(self):
+        self.write(self.page + ".new", self.old[0])
+        self.write(self.page + ".txt.new", b"old")
+
+        def occupy():
+            """A directory where the library is to build the page: its name holds the process's own number."""
+            os.mkdir(temporary_page(os.getpid()))
+
+        process = self.start(self.settings_file(), preexec_fn=occupy)
+        built = temporary_page(process.pid)
+        self.addCleanup(os.rmdir, built)
+        _, err = process.communicate(timeout=PATIENCE_SECONDS)
+
+        self.assertEqual((1, f"statusboard: cannot write the page '{self.page}.new'"),
+                         (process.returncode, text(err).splitlines()[-1]))  # fmt: skip
+        self.assertTrue(os.path.isdir(built))
 
 
 class WatchTest(StatusboardTest):
@@ -474,6 +686,38 @@ class WatchTest(StatusboardTest):
         self.assertEqual((0, ""), self.finish(process))
         self.read_page()
 
+    def test_another_signal_ends_it_as_usual(self):
+        for number in (signal.SIGHUP, signal.SIGUSR1, signal.SIGALRM):
+            with self.subTest(number=number):
+                process = self.start("--watch", self.settings_file(page=os.path.join(self.out, f"{number}.html")))
+                self.addCleanup(process.kill)
+                self.wait_for(lambda name=f"{number}.html.txt": name in os.listdir(self.out), process)
+
+                process.send_signal(number)
+
+                self.assertEqual((-number, ""), self.finish(process))
+
+    def test_a_page_leaves_no_descriptor_open(self):
+        process = self.start("--watch", self.settings_file())
+        self.addCleanup(process.kill)
+        counts = set()
+        for _ in range(3):
+            before = self.page_number()
+            self.wait_for(lambda old=before: self.page_number() not in (None, old), process)
+            counts.add(len(os.listdir(f"/proc/{process.pid}/fd")))
+
+        process.send_signal(signal.SIGTERM)
+
+        self.assertEqual((0, ""), self.finish(process))
+        self.assertEqual(1, len(counts), counts)
+
+    def page_number(self):
+        """Another one for each page that is published; None before the first one."""
+        try:
+            return os.stat(self.page + ".txt").st_mtime_ns
+        except FileNotFoundError:
+            return None
+
     def test_a_failure_ends_the_watch(self):
         process = self.start("--watch", self.settings_file())
         self.addCleanup(process.kill)
@@ -488,9 +732,10 @@ class WatchTest(StatusboardTest):
 
 
 def main():
-    PROGRAM.extend(sys.argv[1:])
-    if not PROGRAM:
+    if len(sys.argv) < 3:
         sys.exit(__doc__)
+    MACHINE.append(os.path.abspath(sys.argv[1]))
+    PROGRAM.extend(sys.argv[2:])
     orv_test.run_unittests()
 
 
