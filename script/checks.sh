@@ -1,4 +1,4 @@
-# How script/test counts: numbered checks, the suites of the presets, the closing line. To be sourced by bash.
+# Functions of script/test that run checks and tests, count them and print the last line. Source this file with bash.
 # shellcheck shell=bash
 
 passed=0
@@ -7,18 +7,18 @@ failures=()
 skips=()
 figures=()
 
-# As root nothing has a reason to be skipped, so a test that would skip fails.
+# As root, everything can run, so a test that would be skipped fails.
 if [ "$(id -u)" = 0 ]; then
     export ORV_NO_SKIP=1
 fi
 
-# fail MESSAGE [N]: counts one failure, or N.
+# fail MESSAGE [N]: counts one failure, or N failures.
 fail() {
     failed=$((failed + ${2-1}))
     failures+=("$1")
 }
 
-# check NAME COMMAND...: one check; its output is shown only when it fails, but for its lines of figures.
+# check NAME COMMAND...: runs one check. Prints its output only if it fails; its lines of figures are always printed.
 check() {
     local name=$1 log
     shift
@@ -35,14 +35,14 @@ check() {
     rm -f "$log"
 }
 
-# keep_figures LOG: takes the lines of figures, which are printed again at the end.
+# keep_figures LOG: keeps the lines of figures, which are printed again at the end.
 keep_figures() {
     local found
     mapfile -t found < <(sed -nE 's/^(# )?((browser|campaign|coverage|mutation|fuzz|valgrind|realfs|security): )/\2/p' "$1")
     figures+=("${found[@]}")
 }
 
-# skip REASON: something that could not be run; as root that is a failure.
+# skip REASON: counts something that could not run. As root, that is a failure.
 skip() {
     echo "SKIPPED: $1"
     if [ -n "${ORV_NO_SKIP-}" ]; then
