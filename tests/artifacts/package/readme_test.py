@@ -1,21 +1,52 @@
 #!/usr/bin/env python3
-"""Builds the first C++ example of the README against the libraries and runs it.
+"""Builds the first C++ example of the README, and types the commands of README and docs/cross-build.md.
 
-  readme_test.py builds_and_runs
+  readme_test.py builds_and_runs  the example against the libraries of this build
+  readme_test.py installs         build, install, use with CMake and with pkg-config, uninstall
+  readme_test.py emulates         the example as a program that finds the library in a staging directory
 """
 
 import os
 import re
+import shutil
 import subprocess
 import tempfile
 
 import building
 import orv_test
 
+NOT_COPIED = ("build*", ".git", "tests", "bench")
+
+
+def blocks(document, language, holding=""):
+    """The blocks of a document in a language that hold a text."""
+    return [text for text in re.findall(rf"(?ms)^```{language}\n(.*?)^```$", orv_test.read(*document)) if holding in text]
+
+
+def write(directory, name, text):
+    os.makedirs(directory, exist_ok=True)
+    with open(os.path.join(directory, name), "w", encoding="utf-8") as file:
+        file.write(text)
+
+
+def write_project(directory):
+    """The project that README shows."""
+    write(directory, "app.cpp", blocks(["README.md"], "cpp")[0])
+    write(directory, "CMakeLists.txt", blocks(["README.md"], "cmake", "add_executable(app")[0])
+
+
+def type_in(text, directory, **environment):
+    """Runs commands as a reader types them; the test fails with what they said when one fails."""
+    shell = subprocess.run(
+        ["bash", "-euo", "pipefail", "-c", text], cwd=directory, env={**os.environ, **environment},
+        stdout=subprocess.PIPE, stderr=subprocess.STDOUT, text=True, check=False)  # fmt: skip
+    if shell.returncode != 0:
+        orv_test.finish([f"{text}ended with {shell.returncode}:\n{shell.stdout}"])
+
 
 def builds_and_runs(options):
-    example = re.search(r"^```cpp\n(.*?)^```$", orv_test.read("README.md"), re.M | re.S)
-    if example is None:
+    examples = blocks(["README.md"], "cpp")
+    if not examples:
         return ["README.md has no example between ```cpp and ```"]
     with tempfile.TemporaryDirectory() as directory:
         program = os.path.join(directory, "example")
@@ -23,7 +54,7 @@ def builds_and_runs(options):
         run_path = [f"-Wl,-rpath,{os.path.dirname(library)}" for library in options.library]
         messages = building.messages_of(
             options.compiler, "-std=c++11", "-Wall", "-Wextra", "-Werror", *includes, *building.INPUT,
-            *options.library, *run_path, "-o", program, text=example[1])
+            *options.library, *run_path, "-o", program, text=examples[0])
         if messages is not None:
             return [messages]
         command = [*options.emulator, program]
@@ -32,10 +63,42 @@ def builds_and_runs(options):
         return [] if run.returncode == 0 else [f"the example ended with {run.returncode}:\n{run.stdout}"]
 
 
+def installs(_):
+    with tempfile.TemporaryDirectory(prefix="orv_test.") as home:
+        sources, project = os.path.join(home, "sources"), os.path.join(home, "project")
+        shutil.copytree(orv_test.ROOT, sources, ignore=shutil.ignore_patterns(*NOT_COPIED))
+        write(sources, "app.cpp", blocks(["README.md"], "cpp")[0])
+        write_project(project)
+        steps = [(sources, "-S . -B build &&"), (sources, "cmake --install"), (project, "CMAKE_PREFIX_PATH"),
+                 (project, "PKG_CONFIG_PATH"), (sources, "install_manifest")]  # fmt: skip
+        for directory, holding in steps:
+            found = blocks(["README.md"], "sh", holding)
+            if len(found) != 1:
+                return [f"README.md has {len(found)} blocks with {holding}"]
+            type_in(found[0], directory, HOME=home)
+        type_in("./app\n", sources)
+        left = [name for _, _, names in os.walk(os.path.join(home, "orv")) for name in names]
+        return [f"not uninstalled: {left}"] if left else []
+
+
+def emulates(options):
+    orv_test.require(options.emulator[0])
+    with tempfile.TemporaryDirectory(prefix="orv_test.") as directory:
+        staging = os.path.join(directory, "staging")
+        write_project(os.path.join(directory, "app"))
+        os.symlink(os.path.join(orv_test.ROOT, "cmake"), os.path.join(directory, "cmake"))
+        type_in(f"cmake --install '{options.build}' --prefix /usr\n", directory, DESTDIR=staging)
+        type_in(blocks(["docs", "cross-build.md"], "sh", "$STAGING")[0], directory, STAGING=staging)
+    return []
+
+
 def main():
-    options = building.parser(__doc__, ["builds_and_runs"]).parse_args()
+    checks = {check.__name__: check for check in (builds_and_runs, installs, emulates)}
+    parser = building.parser(__doc__, checks)
+    parser.add_argument("--build", help="the build directory, to install")
+    options = parser.parse_args()
     building.require_compiler(options)
-    orv_test.finish(builds_and_runs(options))
+    orv_test.finish(checks[options.check](options))
 
 
 if __name__ == "__main__":
