@@ -6,6 +6,8 @@
   docs_test.py caveats        docs/caveats.md names tests that exist, and has a row with an asterisk for each comment of
                               the source that begins with Deliberate:
   docs_test.py linker         the documents quote what the linker says of a program without the log
+  docs_test.py versions       docs/versions.md names the SONAME and what find_package accepts; its commands replace the
+                              libraries of a device
   docs_test.py reference      the API reference is made without a warning and holds every function
 """
 
@@ -117,6 +119,41 @@ def caveats(_):
     return problems if sum(map(len, rows.values())) > 20 else problems + [f"only {rows} found"]
 
 
+def versions(_):
+    document = orv_test.read("docs", "versions.md")
+    major, minor, _ = orv_test.VERSION.split(".")
+    so_version = re.search(r"SOVERSION (\d+)", orv_test.read("cmake", "OrvTargets.cmake"))[1]
+    row = (f"| {major}.{minor} | `libOrvFileUtils.so.{so_version}`, `libOrvStrUtils.so.{so_version}` "
+           f"| `find_package(OrvFileUtils {major}.{minor})` |\n")  # fmt: skip
+    problems = [] if row in document else [f"docs/versions.md has no row: {row}"]
+    compatibility = "SameMinorVersion" if major == "0" else "SameMajorVersion"
+    if f"COMPATIBILITY {compatibility})" not in orv_test.read("cmake", "OrvInstall.cmake"):
+        problems.append(f"find_package does not compare as {compatibility}")
+    return problems + upgrade(re.search(r"(?ms)^```sh\n(for .*?)^```$", document)[1], so_version)
+
+
+def upgrade(commands, so_version):
+    """Types the commands that replace the libraries on a device."""
+    names = [f"lib{name}.so.{so_version}" for name in ("OrvFileUtils", "OrvStrUtils")]
+    with tempfile.TemporaryDirectory(prefix="orv_test.") as directory:
+        new, libraries = os.path.join(directory, "new"), os.path.join(directory, "lib")
+        for folder, version in ((libraries, "1.1"), (new, "1.2")):
+            os.mkdir(folder)
+            for name in names:
+                with open(os.path.join(folder, f"{name}.{version}"), "w", encoding="utf-8") as file:
+                    file.write(version)
+        for name in names:
+            os.symlink(f"{name}.1.1", os.path.join(libraries, name))
+        subprocess.run(["sh", "-euc", commands], check=True, env={
+            **os.environ, "NEW": new, "LIBRARIES": libraries, "VERSION": f"{so_version}.1.2"})  # fmt: skip
+        problems = [f"after the upgrade, {name} does not lead to the new library" for name in names
+                    if os.readlink(os.path.join(libraries, name)) != f"{name}.1.2"]  # fmt: skip
+        expected = sorted(name + end for name in names for end in ("", ".1.1", ".1.2"))
+        if sorted(os.listdir(libraries)) != expected:
+            problems.append(f"the upgrade leaves {sorted(os.listdir(libraries))} instead of {expected}")
+    return problems
+
+
 def reference(_):
     orv_test.require("doxygen")
     headers = [("include", "LxFileUtils.h"), ("strutils", "LxStringUtils.h")]
@@ -151,7 +188,7 @@ def linker(options):
 
 
 def main():
-    checks = {check.__name__: check for check in (diagnostics, error_numbers, caveats, linker, reference)}
+    checks = {check.__name__: check for check in (diagnostics, error_numbers, caveats, linker, versions, reference)}
     options = building.parser(__doc__, checks).parse_args()
     orv_test.finish(checks[options.check](options))
 
