@@ -51,7 +51,7 @@ function(orv_add_library name source)
   add_library(OrvFileUtils::${name} ALIAS ${name})
   orv_product(${name} 11)
   set(exports ${PROJECT_SOURCE_DIR}/cmake/${name}.map)
-  target_link_options(${name} PRIVATE "LINKER:--version-script,${exports}")
+  target_link_options(${name} PRIVATE "SHELL:-Xlinker \"--version-script=${exports}\"") # LINKER: splits at commas
   target_link_libraries(${name} PRIVATE $<BUILD_INTERFACE:OrvSmallCode>)
   set_target_properties(
     ${name}
@@ -77,7 +77,7 @@ endfunction()
 
 # orv_add_dlog(NAME SOURCE): adds a substitute for the device's log.
 function(orv_add_dlog name source)
-  add_library(${name} STATIC ${source} dlog/dlog_text.cpp)
+  add_library(${name} STATIC ${source} ${PROJECT_SOURCE_DIR}/dlog/dlog_text.cpp)
   add_library(OrvFileUtils::${name} ALIAS ${name})
   orv_product(${name} 11)
   orv_log_headers(${name})

@@ -1,7 +1,9 @@
 #!/usr/bin/env python3
 """Builds a copy of the sources as a user or a packager does.
 
-  build_test.py plain    the plain build makes the libraries and the substitutes for the log, and nothing else
+  build_test.py plain    the plain build makes the libraries and the substitutes for the log, and nothing else; in
+                         directories with blanks, commas and a semicolon in their paths
+  build_test.py version  CMake 3.22 knows every command, variable, property and module that is used
   build_test.py flags    the flags and the build type of the caller win, and -fno-exceptions does no harm
 """
 
@@ -25,8 +27,9 @@ class Build:
 
     def __init__(self, options, directory):
         self.options = options
-        self.sources = os.path.join(directory, "sources")
-        self.build = os.path.join(directory, "build")
+        odd = ", odd" if options.check == "plain" else ""
+        self.sources = os.path.join(directory, f"sources{odd}; name" if odd else "sources")
+        self.build = os.path.join(directory, f"build{odd}")
         shutil.copytree(orv_test.ROOT, self.sources, ignore=not_copied)
 
     def cmake(self, *arguments):
@@ -89,7 +92,23 @@ def flags(build):
     return problems
 
 
-CHECKS = {check.__name__: check for check in (plain, flags)}
+def version(build):
+    """CMake's manual says which version has a name first. Older versions ignore the property in HARMLESS."""
+    files = ["CMakeLists.txt", *(os.path.join(folder, "CMakeLists.txt") for folder in ("man", "tools", "examples"))]
+    files += [os.path.join("cmake", name) for name in os.listdir(os.path.join(build.sources, "cmake"))
+              if name.endswith(".cmake")]  # fmt: skip
+    text = re.sub(r"#.*", "", "".join(orv_test.read(file) for file in files))
+    problems = [] if "cmake_minimum_required(VERSION 3.22." in text else ["CMake 3.22 is refused"]
+    for kind in ("command", "variable", "property", "module"):
+        for name in sorted(set(build.cmake(f"--help-{kind}-list").split()) & set(re.findall(r"\w+", text)) - HARMLESS):
+            since = re.match(r"\S+\n-+\n\n\.\. versionadded:: 3\.(\d+)\n", build.cmake(f"--help-{kind}", name))
+            if since and int(since[1]) > 22 and name != "SYSTEM":  # which is an option of a command, too
+                problems.append(f"{kind} {name} came with CMake 3.{since[1]}")
+    return problems
+
+
+HARMLESS = {"COMPILE_WARNING_AS_ERROR"}
+CHECKS = {check.__name__: check for check in (plain, flags, version)}
 
 
 def main():
