@@ -130,7 +130,7 @@ class ScriptsTest(unittest.TestCase):
         self.assertEqual(set(re.findall(r"(?m)^step_([\w-]+)\(\)", text)), set(self.steps()))
 
     def steps(self):
-        return re.findall(r"(?m)^  ([a-z][a-z-]*)(?: \*)?  ", self.call("test", "--help").stdout)
+        return re.findall(r"(?m)^  ([a-z][a-z0-9-]*)(?: \*)?  ", self.call("test", "--help").stdout)
 
     def test_a_command_that_is_there_is_not_installed_as_a_package(self):
         self.call("test", "browser")
