@@ -89,6 +89,23 @@ struct stat StatusOf(const std::string& path);
 bool Exists(const std::string& path);    // without following links
 mode_t ModeOf(const std::string& path);  // the twelve mode bits
 
+// Sets the file-creation mask while it exists.
+class ScopedMask {
+public:
+    explicit ScopedMask(mode_t mask) : before_(umask(mask))
+    {
+    }
+    ~ScopedMask()
+    {
+        umask(before_);
+    }
+    ScopedMask(const ScopedMask&) = delete;
+    ScopedMask& operator=(const ScopedMask&) = delete;
+
+private:
+    mode_t before_;
+};
+
 // Returns the open descriptors of this process, sorted.
 std::vector<std::string> OpenDescriptors();
 

@@ -58,12 +58,11 @@ TEST_F(CopyFileTest, CopiesNulBytesAndCarriageReturnsWithoutTranslation)
 
 TEST_F(CopyFileTest, MakesANewFileWithOrdinaryPermissionsNotThoseOfTheSource)
 {
-    const mode_t before = umask(0027);
+    const ScopedMask mask(0027);
     const std::string source = dir_.Write("source", "abc", 0755);
 
     EXPECT_EQ(0, CopyFile(source, dir_ / "copy"));
 
-    umask(before);
     EXPECT_EQ(0640U, ModeOf(dir_ / "copy"));
 }
 

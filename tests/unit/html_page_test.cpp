@@ -12,14 +12,12 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
-#include <atomic>
 #include <cerrno>
 #include <cstring>
 #include <fstream>
 #include <functional>
 #include <sstream>
 #include <string>
-#include <thread>
 #include <tuple>
 #include <vector>
 
@@ -533,22 +531,6 @@ TEST_F(HtmlPageTest, ReportsAMissingDirectoryOnAnotherFileSystem)
 
 // ---- The page on the file system of the temporary file, and on another one
 
-class Umask {
-public:
-    explicit Umask(mode_t mask) : before_(umask(mask))
-    {
-    }
-    ~Umask()
-    {
-        umask(before_);
-    }
-    Umask(const Umask&) = delete;
-    Umask& operator=(const Umask&) = delete;
-
-private:
-    mode_t before_;
-};
-
 class PagePlaceTest : public HtmlPageTest, public ::testing::WithParamInterface<bool> {
 protected:
     const TempDir& Place() const
@@ -576,7 +558,7 @@ TEST_P(PagePlaceTest, HasTheModeOfANewFileNotOfTheOldPage)
 {
     const std::string page = Place().Write("page", "old", 0600);
     for (const mode_t mask : {0U, 022U, 027U, 077U, 0111U}) {
-        const Umask umask(mask);
+        const ScopedMask scoped(mask);
 
         Generate("/dev/null", page);
 
@@ -667,7 +649,7 @@ TEST_P(PageOccupantTest, IsReplacedByANewFileAndNothingElseChanges)
     ASSERT_EQ(0, mkdir((place / "directory").c_str(), 0755));
     const ino_t inodes[] = {StatusOf(text).st_ino, StatusOf(file).st_ino};
     ASSERT_EQ(0, std::get<0>(GetParam()).make(page, place)) << std::strerror(errno);
-    const Umask mask(027);
+    const ScopedMask mask(027);
 
     Generate(text, page);
 
@@ -754,33 +736,6 @@ TEST_P(PagePlaceTest, StaysOldWhenTheProcessDiesOfTheFileSizeLimit)
 
     EXPECT_EQ(Page(ManyLines()), ReadFile(page));
     EXPECT_EQ(0, munmap(child, sizeof(pid_t)));
-}
-
-TEST_P(PagePlaceTest, ReadersSeeWholePagesWhileItIsReplaced)
-{
-    const std::string cell(20000, 'x');
-    const std::string first = Place().Write("first", "A:" + cell + ";\n");
-    const std::string second = Place().Write("second", "B:" + cell + cell + ";\n");
-    const std::string page = Place() / "page";
-    Generate(first, page);
-    std::atomic<int> reads{0};
-    std::atomic<bool> done{false};
-    std::thread reader([&] {
-        while (!done) {
-            const std::string seen = ReadFile(page);
-            EXPECT_TRUE(seen == Page("A:" + cell + ";\n") || seen == Page("B:" + cell + cell + ";\n"))
-                << seen.size() << " bytes";
-            ++reads;
-        }
-    });
-
-    for (int i = 0; i < 200 || reads < 200; ++i) {
-        Generate(i % 2 == 0 ? second : first, page);
-    }
-    done = true;
-    reader.join();
-
-    EXPECT_EQ((Names{"first", "page", "second"}), Place().Names());
 }
 
 TEST_P(PagePlaceTest, ProcessesMayWriteOnePageAtOnce)

@@ -5,17 +5,14 @@
 #include "support/orv_test.h"
 
 #include <sys/stat.h>
-#include <sys/wait.h>
 #include <unistd.h>
 
 #include <algorithm>
-#include <atomic>
 #include <cerrno>
 #include <cstdlib>
 #include <cstring>
 #include <functional>
 #include <string>
-#include <thread>
 #include <vector>
 
 using orv_fileutils::DoMakeDirPath;
@@ -25,23 +22,6 @@ using ::testing::ElementsAre;
 using ::testing::IsEmpty;
 
 namespace {
-
-// Sets the file-creation mask while it exists.
-class ScopedMask {
-public:
-    explicit ScopedMask(mode_t mask) : before_(umask(mask))
-    {
-    }
-    ~ScopedMask()
-    {
-        umask(before_);
-    }
-    ScopedMask(const ScopedMask&) = delete;
-    ScopedMask& operator=(const ScopedMask&) = delete;
-
-private:
-    mode_t before_;
-};
 
 Report RefusedIn(const std::string& parent)
 {
@@ -603,65 +583,6 @@ TEST_F(DoMakeDirPathTest, AParentThatAnotherProcessRemovesMeanwhileIsAFailure)
     EXPECT_THAT(dir_.Names(), IsEmpty());
 }
 
-TEST_F(DoMakeDirPathTest, ThreadsThatRaceForOnePathAllSucceed)
-{
-    constexpr int kThreads = 8;
-    constexpr int kRounds = 20;
-    constexpr int kLevels = 30;
-    for (int round = 0; round < kRounds; ++round) {
-        const std::string path = DeepPath(dir_.Path(), kLevels);
-        std::atomic<int> ready{0};
-        std::atomic<int> made{0};
-        std::vector<std::thread> threads;
-
-        for (int i = 0; i < kThreads; ++i) {
-            threads.emplace_back([&] {
-                for (++ready; ready < kThreads;) {
-                    std::this_thread::yield();
-                }
-                made += DoMakeDirPath(path.c_str(), 0755) ? 1 : 0;
-            });
-        }
-        for (std::thread& thread : threads) {
-            thread.join();
-        }
-
-        EXPECT_EQ(kThreads, made);
-        EXPECT_EQ(kLevels, RemoveChain(path, dir_.Path()));
-    }
-}
-
-TEST_F(DoMakeDirPathTest, ProcessesThatRaceForOnePathAllSucceed)
-{
-    constexpr int kProcesses = 8;
-    constexpr int kLevels = 30;
-    const std::string path = DeepPath(dir_.Path(), kLevels);
-    int start[2];
-    ASSERT_EQ(0, pipe(start));
-    std::vector<pid_t> children;
-
-    for (int i = 0; i < kProcesses; ++i) {
-        const pid_t child = fork();
-        if (child == 0) {
-            char nothing;
-            close(start[1]);
-            const bool started = read(start[0], &nothing, 1) == 0;  // all start when the last writer closes
-            _exit(started && DoMakeDirPath(path.c_str(), 0755) && TakeDlogCalls().empty() ? 0 : 1);
-        }
-        ASSERT_LT(0, child);
-        children.push_back(child);
-    }
-    close(start[0]);
-    close(start[1]);
-
-    for (const pid_t child : children) {
-        int status = -1;
-        EXPECT_EQ(child, waitpid(child, &status, 0));
-        EXPECT_EQ(0, status);
-    }
-    EXPECT_EQ(kLevels, RemoveChain(path, dir_.Path()));
-}
-
 // ---- Long and deep paths
 
 TEST_F(DoMakeDirPathTest, ReportsAnAncestorWhoseNameIsTooLong)
@@ -1021,24 +942,6 @@ TEST_F(MakeDirPathTest, MakesFiveHundredLevelsOnASmallStack)
 
     EXPECT_TRUE(made);
     EXPECT_EQ(kLevels, RemoveChain(path, dir_.Path()));
-}
-
-TEST_F(MakeDirPathTest, ThreadsThatRaceForOnePathAllSucceed)
-{
-    constexpr int kThreads = 8;
-    const std::string path = DeepPath(dir_.Path(), 30);
-    std::atomic<int> made{0};
-    std::vector<std::thread> threads;
-
-    for (int i = 0; i < kThreads; ++i) {
-        threads.emplace_back([&] { made += MakeDirPath(path.c_str(), 0755, /*applyMode=*/true) ? 1 : 0; });
-    }
-    for (std::thread& thread : threads) {
-        thread.join();
-    }
-
-    EXPECT_EQ(kThreads, made);
-    EXPECT_TRUE(IsDirectory(path));
 }
 
 }  // namespace

@@ -7,7 +7,6 @@
 #include <algorithm>
 #include <ostream>
 #include <string>
-#include <thread>
 #include <vector>
 
 #include "gmock/gmock.h"
@@ -457,26 +456,6 @@ TEST(WildcardedStringMatchTest, MatchesTextsAndPatternsOfMegabytes)
     EXPECT_TRUE(WildcardedStringMatch(text, text));
     EXPECT_TRUE(WildcardedStringMatch(text, std::string(4 << 20, '?')));
     EXPECT_TRUE(WildcardedStringMatch("a", std::string(4 << 20, '*')));
-}
-
-// ---- All four
-
-TEST(StringUtilsTest, RunsOnManyThreadsAtOnce)
-{
-    std::vector<std::thread> threads;
-    for (char digit = '0'; digit < '4'; ++digit) {
-        threads.emplace_back([own = std::string(100, digit)] {
-            for (int i = 0; i < 2000; ++i) {
-                ASSERT_THAT(PiecesOf(own + ";" + own, ';'), ElementsAre(own, own));
-                ASSERT_EQ(own, Trimmed("  " + own + "  "));
-                ASSERT_TRUE(StartsWith(own + "x", own));
-                ASSERT_TRUE(WildcardedStringMatch(own + "x", own + "*"));
-            }
-        });
-    }
-    for (std::thread& thread : threads) {
-        thread.join();
-    }
 }
 
 }  // namespace

@@ -295,15 +295,11 @@ const Maker kMakers[] = {
 // A directory with a file that must stay, in which the levels of a path are made.
 class KillDirectoriesTest : public KillTest {
 protected:
-    KillDirectoriesTest() : maskBefore_(umask(kMask))
+    KillDirectoriesTest()
     {
         for (const char* const name : {"a", "b", "c", "d"}) {
             levels_.push_back((levels_.empty() ? base_ : levels_.back()) + "/" + name);
         }
-    }
-    ~KillDirectoriesTest() override
-    {
-        (void)umask(maskBefore_);
     }
 
     void KillDirectories(const Maker& maker, const std::string& path, std::size_t standing);
@@ -318,7 +314,7 @@ private:
     Modes Arrange(std::size_t standing) const;
     void CheckKilled(const Modes& before, const TracedRun& run);
 
-    mode_t maskBefore_;
+    const ScopedMask mask_{kMask};
 };
 
 // The first `standing` levels exist, and a file that is not part of the path.
@@ -517,7 +513,7 @@ void KillCopyTest::KillCopies(const std::string& bytes, const std::string* old)
 
 TEST_F(KillCopyTest, ACopyKilledAtAnyCallLeavesPartOfTheFileAndTheSourceAndCanBeRepeated)
 {
-    const mode_t maskBefore = umask(kMask);
+    const ScopedMask mask(kMask);
     const std::string shortOne = kOld;
     const std::string longOne(100000, 'o');
     for (const std::size_t bytes : {0U, 1U, 4095U, 8191U, 8192U, 100000U}) {
@@ -526,7 +522,6 @@ TEST_F(KillCopyTest, ACopyKilledAtAnyCallLeavesPartOfTheFileAndTheSourceAndCanBe
             KillCopies(BytesOfLength(bytes), old);
         }
     }
-    (void)umask(maskBefore);
 
     EXPECT_LE(300, kills_);
     EXPECT_LE(60, touched_);

@@ -6,8 +6,6 @@
 //   read-eio write-eio     reading or writing fails from byte 8192 on
 //   short-read short-write a call reads or writes at most 1000 bytes
 //   flush-eio              closing fails
-//   sink                   written bytes change the size but are not stored
-//   untyped                a directory whose entries have no type
 //   list-eio               a directory that cannot be read after its first file
 // Every inode number is above 2^32.
 
@@ -53,14 +51,14 @@ int Descriptor(const fuse_file_info* file)
     return static_cast<int>(file->fh);
 }
 
-int KeepOpened(int descriptor, const char* path, fuse_file_info* file)
+int KeepOpened(int descriptor, fuse_file_info* file)
 {
     if (descriptor == -1) {
         return -errno;
     }
     file->fh = static_cast<std::uint64_t>(descriptor);
     // Without the page cache, so that every read and write reaches this program unchanged.
-    file->direct_io = !Asks(path, "sink");
+    file->direct_io = 1;
     return 0;
 }
 
@@ -160,7 +158,7 @@ int Create(const char* path, mode_t mode, fuse_file_info* file)
         close(descriptor);
         return -error;
     }
-    return KeepOpened(descriptor, path, file);
+    return KeepOpened(descriptor, file);
 }
 
 int Open(const char* path, fuse_file_info* file)
@@ -168,7 +166,7 @@ int Open(const char* path, fuse_file_info* file)
     if (Asks(path, "open-eio")) {
         return -EIO;
     }
-    return KeepOpened(open(Real(path).c_str(), file->flags), path, file);
+    return KeepOpened(open(Real(path).c_str(), file->flags), file);
 }
 
 int Read(const char* path, char* bytes, std::size_t count, off_t offset, fuse_file_info* file)
@@ -194,10 +192,6 @@ int Write(const char* path, const char* bytes, std::size_t count, off_t offset, 
         }
         count = std::min(count, static_cast<std::size_t>(kGoodBytes - offset));
     }
-    if (Asks(path, "sink")) {
-        const int extended = ftruncate(Descriptor(file), offset + static_cast<off_t>(count));
-        return extended == -1 ? -errno : static_cast<int>(count);
-    }
     if (Asks(path, "short-write")) {
         count = std::min(count, kShortBytes);
     }
@@ -215,12 +209,12 @@ int Release(const char*, fuse_file_info* file)
     return Outcome(close(Descriptor(file)));
 }
 
-int FillWhole(DIR* directory, bool typed, void* buffer, fuse_fill_dir_t fill)
+int FillWhole(DIR* directory, void* buffer, fuse_fill_dir_t fill)
 {
     while (const dirent* entry = readdir(directory)) {
         struct stat status {};
         status.st_ino = entry->d_ino + kFarInode;
-        status.st_mode = typed ? static_cast<mode_t>(DTTOIF(entry->d_type)) : 0;
+        status.st_mode = static_cast<mode_t>(DTTOIF(entry->d_type));
         if (fill(buffer, entry->d_name, &status, 0, fuse_fill_dir_flags{}) != 0) {
             return -ENOMEM;
         }
@@ -252,8 +246,8 @@ int Readdir(const char* path, void* buffer, fuse_fill_dir_t fill, off_t offset, 
     if (directory == nullptr) {
         return -errno;
     }
-    const int outcome = Asks(path, "list-eio") ? FillFirstFile(directory, buffer, fill)
-                                               : FillWhole(directory, !Asks(path, "untyped"), buffer, fill);
+    const int outcome =
+        Asks(path, "list-eio") ? FillFirstFile(directory, buffer, fill) : FillWhole(directory, buffer, fill);
     closedir(directory);
     return outcome;
 }
