@@ -340,6 +340,16 @@ INSTANTIATE_TEST_SUITE_P(
                       RefusedCase{"RelativeOfThreeWithDot", "./a/b/c", "."}),
     CaseName<RefusedCase>);
 
+TEST_F(DoMakeDirPathTest, AnEmptyPathIsRefusedWithoutAnyCall)
+{
+    const ScopedTrace trace;
+
+    EXPECT_FALSE(DoMakeDirPath("", 0755));
+
+    EXPECT_THAT(trace.Calls(), IsEmpty());
+    ExpectReports({RefusedIn(".")});
+}
+
 TEST_F(DoMakeDirPathTest, ADirectoryDirectlyBelowTheRootIsRefusedWithoutAnyCall)
 {
     const ScopedTrace trace;

@@ -590,6 +590,26 @@ TEST_F(RenameAcrossTest, WorksOnAThreadWithASmallStack)
     EXPECT_EQ(std::string(10000, 'x'), other_.Read("destination"));
 }
 
+// Through a link in the path, the source's name can lead to another file system in the end.
+TEST_F(RenameAcrossTest, KeepsAFileThatTheSourcesPathLeadsToMeanwhileOnAnotherFileSystem)
+{
+    dir_.Write("source", "abc");
+    other_.Write("source", "other");
+    const std::string way = dir_ / "way";
+    ASSERT_EQ(0, symlink(dir_.Path().c_str(), way.c_str()));
+    const ScopedAction exchange(Call::kLstat, /*nth=*/1, [&] {
+        ASSERT_EQ(0, unlink(way.c_str()));
+        ASSERT_EQ(0, symlink(other_.Path().c_str(), way.c_str()));
+    });
+
+    EXPECT_TRUE(RenameFileAcrossFs(way + "/source", other_ / "destination"));
+
+    ExpectReports({messages::kRenameUnlink(way + "/source", 116)});
+    EXPECT_EQ("abc", dir_.Read("source"));
+    EXPECT_EQ("other", other_.Read("source"));
+    EXPECT_EQ("abc", other_.Read("destination"));
+}
+
 TEST_F(RenameAcrossTest, LosesNothingWhenTheProcessDiesOfTheFileSizeLimit)
 {
     const std::string bytes(10000, 'x');
