@@ -41,7 +41,7 @@ namespace orv_fileutils {
 /// @code
 /// if (!orv_fileutils::FileExists("/etc/hostname")) return;
 /// @endcode
-bool FileExists(const char* path);
+bool FileExists(const char* path) __attribute__((nonnull));
 
 /// Moves the regular file `source` to `destination`, also to another file system.
 ///
@@ -136,7 +136,7 @@ int CopyFile(const std::string& source, const std::string& destination);
 /// @code
 /// if (!orv_fileutils::DoMakeDirPath("/var/tmp/spool/in", 0755)) return;
 /// @endcode
-bool DoMakeDirPath(const char* path, unsigned int mode);
+bool DoMakeDirPath(const char* path, unsigned int mode) __attribute__((nonnull));
 
 /// Creates the directory `path` and every missing directory above it, and sets its mode on request.
 ///
@@ -158,7 +158,7 @@ bool DoMakeDirPath(const char* path, unsigned int mode);
 /// @code
 /// if (!orv_fileutils::MakeDirPath("/var/tmp/spool/out", 0750, /*applyMode=*/true)) return;
 /// @endcode
-bool MakeDirPath(const char* path, unsigned int mode, bool applyMode);
+bool MakeDirPath(const char* path, unsigned int mode, bool applyMode) __attribute__((nonnull));
 
 /// Lists the regular files of one directory, not of its subdirectories, sorted by byte value.
 ///
@@ -253,7 +253,7 @@ std::string AddTextFileFormattedRow(std::vector<std::string>& cells);
 /// @code
 /// orv_fileutils::GenHtmlPagefromTextFile("/var/tmp/status.txt", "/srv/www/status.html");
 /// @endcode
-void GenHtmlPagefromTextFile(const char* textFilePath, const char* pagePath);
+void GenHtmlPagefromTextFile(const char* textFilePath, const char* pagePath) __attribute__((nonnull));
 
 /// Reads a file of name-value lines into a map.
 ///

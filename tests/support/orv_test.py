@@ -40,7 +40,7 @@ def read(*path):
 
 def declarations(*header):
     """Returns what a header declares in its namespace, one function each."""
-    code = re.sub(r"//.*|#.*", "", read(*header))
+    code = re.sub(r"//.*|#.*|__attribute__\(\(.*?\)\)", "", read(*header))
     body = re.search(r"namespace \w+ {(.*)}", code, re.S)[1]
     return [" ".join(one.split()) for one in body.split(";") if one.strip()]
 

@@ -5,6 +5,7 @@
   header_test.py examples_compile        the example of every function of the header, in every standard
   header_test.py examples_link           the same examples as one program, linked with the libraries
   header_test.py sources_compile         the product's sources, as strict C++11, with the project's warnings
+  header_test.py null_paths              the compiler diagnoses a null path where the header says "not null"
   header_test.py format_is_checked       the compiler checks the arguments of __dlog_printf against the format
 """
 
@@ -107,7 +108,26 @@ def format_is_checked(options):
     return problems
 
 
-CHECKS = [headers_compile_alone, examples_compile, examples_link, sources_compile, format_is_checked]
+NULL_PATHS = ["FileExists(0)", "DoMakeDirPath(0, 0755)", "MakeDirPath(0, 0755, false)",
+              "GenHtmlPagefromTextFile(0, page)", "GenHtmlPagefromTextFile(text, 0)"]  # fmt: skip
+
+
+def null_paths(options):
+    arguments = ["-std=c++98", "-Wall", "-Werror=nonnull", INCLUDES[0], "-fsyntax-only", *building.INPUT]
+    problems = []
+    for call in NULL_PATHS:
+        text = f"#include <LxFileUtils.h>\nvoid Call(const char* text, const char* page)\n{{\n    (void)text;\n" \
+               f"    (void)page;\n    orv_fileutils::{call};\n}}\n"  # fmt: skip
+        messages = building.messages_of(options.compiler, *arguments, text=text)
+        if messages is None or "nonnull" not in messages:
+            problems.append(f"{call} is not diagnosed: {messages}")
+        problems += without_none([building.messages_of(options.compiler, *arguments, text=text.replace("(0,", "(text,"
+                                 ).replace(" 0)", " page)").replace("(0)", "(text)"))])  # fmt: skip
+    said = orv_test.read("include", "LxFileUtils.h").count("not null")
+    return problems + ([] if said == len(NULL_PATHS) else [f"the header says 'not null' {said} times"])
+
+
+CHECKS = [null_paths, headers_compile_alone, examples_compile, examples_link, sources_compile, format_is_checked]
 
 
 def main():
