@@ -92,6 +92,22 @@ run_tests() {
     elif [ "$skipped" != 0 ]; then
         skips+=("$name: $skipped tests, named above")
     fi
+    demand_minimum "$name" $((passes + fails)) "$skipped"
+}
+
+# demand_minimum NAME RAN SKIPPED: fails when fewer tests ran than minimum-tests.txt says under that name. An ordinary user's
+# skipped tests count, because the numbers are those of root.
+demand_minimum() {
+    local minimum ran=$2
+    minimum=$(sed -n "s/^$1 //p" script/minimum-tests.txt)
+    if [ "$(id -u)" != 0 ]; then
+        ran=$((ran + $3))
+    fi
+    if [ -z "$minimum" ]; then
+        fail "$1: script/minimum-tests.txt has no number for it"
+    elif [ "$ran" -lt "$minimum" ]; then
+        fail "$1: only $ran tests ran, of $minimum that script/minimum-tests.txt demands"
+    fi
 }
 
 # finish: what was skipped, what failed, the figures and the closing line; false when anything failed.

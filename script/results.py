@@ -29,7 +29,7 @@ def says_skipped(case):
 def skipped_tests(name, output):
     """Returns each skipped test with its reason, as GoogleTest or a Python test prints it."""
     tests = re.findall(r"^\[ RUN +\] (.+)\n(?:(?!\[ RUN).*\n)*?.*: Skipped\n(.+)", output, re.M)
-    tests += re.findall(r"^(.+ \.\.\.) skipped ['\"](.+)['\"]$", output, re.M)
+    tests += re.findall(r"^(\w+) .*\.\.\. skipped ['\"](.+)['\"]$", output, re.M)
     reasons = re.findall(r"(?mi)^skipped: (.+)$", output)
     return tests or [(name, reason) for reason in reasons] or [(name, "no reason given")]
 

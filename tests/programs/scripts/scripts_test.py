@@ -13,7 +13,9 @@ import subprocess
 import tempfile
 import unittest
 
-TOP = pathlib.Path(__file__).resolve().parents[3]
+import orv_test
+
+TOP = pathlib.Path(orv_test.ROOT)
 ESSENTIAL = ["awk", "bash", "cat", "cp", "dirname", "env", "grep", "mkdir", "mktemp", "nproc", "realpath", "rm", "sed",
              "sort", "tail", "tr"]  # fmt: skip
 APT_GET = """#!/bin/sh
@@ -173,5 +175,105 @@ class ScriptsTest(unittest.TestCase):
         self.assertIn(" -DORV_BUILD_TOOLS=OFF ", log.read_text(encoding="utf-8"))
 
 
+CTEST = """#!/bin/sh
+while [ $# != 0 ]; do
+    case $1 in --output-junit) cp '{results}' "$2" ;; esac
+    shift
+done
+"""
+CASE = '<testcase name="{name}" status="{status}">{skipped}<system-out>{output}</system-out></testcase>'
+SUITE = "[  PASSED  ] 3 tests.\n"
+SKIPPING = """[ RUN      ] MoveTest.Crosses
+move_test.cpp:7: Skipped
+one file system
+
+[  SKIPPED ] MoveTest.Crosses (0 ms)
+[  PASSED  ] 0 tests.
+[  SKIPPED ] 1 test, listed below:
+"""
+
+
+class CountingTest(unittest.TestCase):
+    """What script/test makes of the results of ctest, in a copy of script/ where the suite `some` demands three tests."""
+
+    def setUp(self):
+        folder = tempfile.TemporaryDirectory(prefix="orv_test.")
+        self.addCleanup(folder.cleanup)
+        self.folder = pathlib.Path(folder.name)
+        shutil.copytree(TOP / "script", self.folder / "script")
+        (self.folder / "script" / "minimum-tests.txt").write_text("# Comment\nsome 3\n", encoding="utf-8")
+
+    def count(self, *cases, name="some", user=0, no_skip=False):
+        """The exit status and the output of script/test's functions for these results."""
+        results = self.folder / "given.xml"
+        results.write_text(f"<testsuite>{''.join(cases)}</testsuite>", encoding="utf-8")
+        for command, text in (("ctest", CTEST.format(results=results)), ("id", f"#!/bin/sh\necho {user}\n")):
+            path = self.folder / command
+            path.write_text(text, encoding="utf-8")
+            path.chmod(0o755)
+        environment = {**os.environ, "PATH": f"{self.folder}:{os.environ['PATH']}"}
+        environment.pop("ORV_NO_SKIP", None)
+        allow = "" if no_skip else "unset ORV_NO_SKIP; "
+        run = subprocess.run(
+            ["bash", "-euc", f". script/checks.sh; {allow}run_tests {name} ctest; finish"], cwd=self.folder,
+            env=environment, check=False, stdout=subprocess.PIPE, stderr=subprocess.STDOUT, text=True)
+        return run.returncode, run.stdout
+
+    def case(self, name, output="", status="run", skipped=""):
+        mark = f'<skipped message="{skipped}"/>' if skipped else ""
+        return CASE.format(name=name, status=status, skipped=mark, output=output)
+
+    def skipping(self):
+        return self.case("MoveTest.Crosses", SKIPPING, "notrun", "SKIP_REGULAR_EXPRESSION_MATCHED")
+
+    def test_a_suite_counts_as_many_as_it_holds(self):
+        status, said = self.count(self.case("Suite", SUITE), self.case("Single"))
+
+        self.assertEqual(0, status, said)
+        self.assertTrue(said.endswith("\n4 passed, 0 failed\n"), said)
+
+    def test_fewer_tests_than_demanded_are_a_failure(self):
+        for cases in ([], [self.case("A"), self.case("B")]):
+            status, said = self.count(*cases)
+
+            self.assertEqual(1, status)
+            self.assertIn(f"some: only {len(cases)} tests ran, of 3 that script/minimum-tests.txt demands\n", said)
+
+    def test_a_suite_without_a_number_is_a_failure(self):
+        status, said = self.count(self.case("Suite", SUITE), name="other")
+
+        self.assertEqual(1, status)
+        self.assertIn("other: script/minimum-tests.txt has no number for it\n", said)
+
+    def test_a_program_that_was_not_built_is_a_failure(self):
+        status, said = self.count(self.case("Suite", SUITE), self.case("Gone", "", "notrun", "Unable to find executable"))
+
+        self.assertEqual(1, status)
+        self.assertIn("FAILED: Gone\n", said)
+        self.assertTrue(said.endswith("\n3 passed, 1 failed\n"), said)
+
+    def test_a_skipped_test_is_named_below_its_reason(self):
+        python_test = self.case("Board", "SKIPPED: no systemd-analyze\n", "notrun", "SKIP_RETURN_CODE=77")
+
+        status, said = self.count(self.case("Suite", SUITE), self.skipping(), python_test)
+
+        self.assertEqual(0, status, said)
+        self.assertIn("SKIPPED: one file system\n  MoveTest.Crosses\n", said)
+        self.assertIn("SKIPPED: no systemd-analyze\n  Board\n", said)
+        self.assertIn("some: 3 passed, 0 failed, 2 skipped\n", said)
+
+    def test_a_skipped_test_is_a_failure_where_nothing_may_be_skipped(self):
+        status, said = self.count(self.case("Suite", SUITE), self.skipping(), no_skip=True)
+
+        self.assertEqual(1, status)
+        self.assertTrue(said.endswith("\n3 passed, 1 failed\n"), said)
+
+    def test_skipped_tests_count_as_run_for_an_ordinary_user_alone(self):
+        cases = [self.case("A"), self.case("B"), self.skipping()]
+
+        self.assertEqual(1, self.count(*cases, user=0)[0])
+        self.assertEqual(0, self.count(*cases, user=1000)[0])
+
+
 if __name__ == "__main__":
-    unittest.main(verbosity=2)
+    orv_test.run_unittests()
