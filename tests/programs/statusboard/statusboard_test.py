@@ -570,6 +570,14 @@ class BadInputTest(StatusboardTest):
         self.assertEqual(["page.html", "page.html.txt"], sorted(os.listdir(self.out)))
         os.unlink(self.page)
 
+    def test_a_directory_in_the_way_of_the_new_page_is_a_failure_and_stays(self):
+        os.mkdir(self.page + ".new")
+
+        status, err = self.run_board(self.settings_file())
+
+        self.assertEqual((1, f"statusboard: cannot write the page '{self.page}.new'"), (status, err.splitlines()[-1]))
+        self.assertEqual(["page.html.new"], os.listdir(self.out))
+
     def test_settings_that_cannot_be_read_are_reported(self):
         settings = self.settings_file()
         os.chmod(settings, 0)
@@ -676,15 +684,17 @@ class WatchTest(StatusboardTest):
     def test_pages_follow_the_directory_until_sigint(self):
         self.watch_until(signal.SIGINT)
 
-    def test_a_signal_ends_a_long_period(self):
+    def test_a_long_period_is_waited_for_and_ended_by_a_signal(self):
         process = self.start("--watch", self.settings_file(period="99999"))
         self.addCleanup(process.kill)
-        self.wait_for(lambda: os.path.exists(self.page), process)
+        self.wait_for(lambda: os.path.exists(self.page + ".txt"), process)
+
+        os.unlink(self.page)
+        time.sleep(0.3)
+        self.assertFalse(os.path.exists(self.page))
 
         process.send_signal(signal.SIGTERM)
-
         self.assertEqual((0, ""), self.finish(process))
-        self.read_page()
 
     def test_another_signal_ends_it_as_usual(self):
         for number in (signal.SIGHUP, signal.SIGUSR1, signal.SIGALRM):
