@@ -267,7 +267,7 @@ class Build:
             failed = re.findall(pattern, text, re.M)
             if failed:
                 return failed[-1], text
-        raise RuntimeError(f"{suite.command} ran no test:\n{text[-2000:]}")
+        return "the start of the program", text
 
     def measure(self, file):
         """Builds a source unchanged, and runs its tests, which must pass."""
