@@ -161,6 +161,9 @@ void WriteTables(const Settings& settings, const std::string& path)
 // The library does not report a full disk, which cuts a page short. No cell can contain this tag.
 bool IsComplete(const std::string& pagePath)
 {
+    if (!orv_fileutils::FileExists(pagePath.c_str())) {
+        return false;  // no page, or a directory, whose reading throws
+    }
     std::ifstream page(pagePath.c_str());
     const std::string text((std::istreambuf_iterator<char>(page)), std::istreambuf_iterator<char>());
     return text.find("</KPX_PLD>") != std::string::npos;

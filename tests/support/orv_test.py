@@ -1,9 +1,11 @@
 """Shared by the tests in Python: the directory of the sources, the version of the build, and the rule for skipping."""
 
+import atexit
 import os
 import re
 import shutil
 import sys
+import tempfile
 import unittest
 
 ROOT = os.path.dirname(os.path.dirname(os.path.dirname(os.path.abspath(__file__))))
@@ -67,6 +69,12 @@ def run_unittests():
 
 def preloaded(program, library, **settings):
     """The command and the environment that load a library into the program, not into its emulator."""
+    if re.search("[ :]", library):  # the loader splits its list there
+        folder = tempfile.mkdtemp(prefix="orv_test.")
+        atexit.register(shutil.rmtree, folder)
+        os.chmod(folder, 0o755)
+        os.symlink(library, os.path.join(folder, "preloaded.so"))
+        library = os.path.join(folder, "preloaded.so")
     environment = {**os.environ, **settings}
     if len(program) > 1:
         return [program[0], "-E", "LD_PRELOAD=" + library, *program[1:]], environment

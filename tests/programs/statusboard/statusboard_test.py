@@ -201,6 +201,7 @@ class PageTest(StatusboardTest):
     def test_a_size_that_cannot_be_read_is_unknown(self):
         self.write(os.path.join(self.watched, "file"))
         os.chmod(self.watched, 0o444)  # names can be read, the files below cannot be reached
+        self.addCleanup(os.chmod, self.watched, 0o755)
 
         self.assert_published(self.settings_file(), preexec_fn=without_capabilities(1, 2))
 
