@@ -892,9 +892,11 @@ TEST_F(MakeDirPathTest, IsTrueThoughTheModeOfAnExistingDirectoryCannotBeSet)
 
 TEST_F(MakeDirPathTest, IsTrueForTheDirectoryOfAnotherUserWhoseModeItMayNotSet)
 {
-    RunAsNobody([] {
-        ASSERT_NE(geteuid(), StatusOf("/etc").st_uid);
+    if (geteuid() != 0 && geteuid() == StatusOf("/etc").st_uid) {
+        ORV_SKIP("this user owns /etc");
+    }
 
+    RunAsNobody([] {
         EXPECT_TRUE(MakeDirPath("/etc", ModeOf("/etc"), /*applyMode=*/true));
 
         ExpectReports({messages::kMakeChmod("/etc", 1)});
