@@ -1,6 +1,6 @@
 # The files that `cmake --install` installs, in components: runtime, development, documentation, tools (see tools/ and
-# man/) and statusboard (see examples/). They find each other by relative paths, so that an installation can be moved as a whole. pkg-config then needs
-# --define-prefix.
+# man/) and statusboard (see examples/). They find each other by relative paths, so that an installation can be moved as
+# a whole. pkg-config then needs --define-prefix.
 include(CMakePackageConfigHelpers)
 include(cmake/OrvInstallTemplate.cmake)
 

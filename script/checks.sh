@@ -95,7 +95,7 @@ run_tests() {
     demand_minimum "$name" $((passes + fails)) "$skipped"
 }
 
-# demand_minimum NAME RAN SKIPPED: fails when fewer tests ran than minimum-tests.txt says under that name. An ordinary user's
+# demand_minimum NAME RAN SKIPPED: fails when fewer tests ran than minimum-tests.txt says under NAME. An ordinary user's
 # skipped tests count, because the numbers are those of root.
 demand_minimum() {
     local minimum ran=$2

@@ -320,10 +320,10 @@ namespace {
 // Reads the next entry into `buffer`. `entry` becomes null at the end of the directory; the result is an errno number.
 int ReadEntry(DIR* directory, struct dirent* buffer, struct dirent** entry)
 {
+    // Deliberate: readdir_r, because in some C libraries threads must not share readdir.
 #pragma GCC diagnostic push
 #pragma GCC diagnostic ignored "-Wdeprecated-declarations"
-    return readdir_r(directory, buffer,
-                     entry);  // Deliberate: some C libraries have a readdir that threads must not share
+    return readdir_r(directory, buffer, entry);
 #pragma GCC diagnostic pop
 }
 
