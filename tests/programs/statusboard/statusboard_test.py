@@ -634,9 +634,11 @@ class FailureTest(StatusboardTest):
                 )
 
     def test_the_disk_becomes_full_during_a_watch(self):
-        process = self.start("--watch", self.settings_file(), preexec_fn=without_signal)
+        # The period leaves time to read what is published, and to limit the files before the next page.
+        process = self.start("--watch", self.settings_file(period="4"), preexec_fn=without_signal)
         self.addCleanup(process.kill)
-        self.wait_for(lambda: self.published() != self.old, process)
+        old_page, old_tables = self.old
+        self.wait_for(lambda: self.read(self.page) != old_page and self.read(self.page + ".txt") != old_tables, process)
         self.old = self.published()
 
         limit_files(process.pid, len(self.old[1]) + 20)
