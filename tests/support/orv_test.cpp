@@ -147,8 +147,23 @@ std::string MemoryDirectory()
     return "/var/tmp";
 }
 
+namespace {
+
+// Process ids come again: an earlier process with this one's id may have left its page.
+void RemovePageOfAnEarlierProcess()
+{
+    static pid_t removedFor = 0;
+    if (removedFor != getpid()) {
+        removedFor = getpid();
+        (void)unlink(oracle::OwnTemporaryPage().c_str());
+    }
+}
+
+}  // namespace
+
 TempDir::TempDir(const std::string& base)
 {
+    RemovePageOfAnEarlierProcess();
     std::string path = base + "/orv_test.XXXXXX";
     if (mkdtemp(path.data()) == nullptr || chmod(path.c_str(), 0777) != 0) {
         ADD_FAILURE() << path << ": " << std::strerror(errno);

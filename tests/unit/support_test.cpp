@@ -4,6 +4,9 @@
 
 #include "gtest/gtest-spi.h"
 
+#include <sys/wait.h>
+#include <unistd.h>
+
 namespace {
 
 TEST(TempDirTest, FailsATestThatLeavesATemporaryCopy)
@@ -52,6 +55,22 @@ TEST(TempDirTest, FailsATestThatLeavesThePageUnderConstructionAndRemovesIt)
         },
         "TextToHtml_");
     EXPECT_FALSE(Exists(oracle::OwnTemporaryPage()));
+}
+
+TEST(TempDirTest, RemovesThePageThatAnEarlierProcessWithTheSameIdLeft)
+{
+    const pid_t child = fork();
+    if (child == 0) {
+        WriteFile(oracle::OwnTemporaryPage(), "");
+        const bool isWritten = Exists(oracle::OwnTemporaryPage());
+        {
+            const TempDir dir("/var/tmp");
+        }
+        _exit(isWritten && !HasFailure() ? 0 : 1);
+    }
+    int status = 0;
+    ASSERT_EQ(child, waitpid(child, &status, 0));
+    EXPECT_EQ(0, status);
 }
 
 TEST(ExpectReportsTest, FailsForALineThatWasNotExpectedAndForOneThatDidNotCome)

@@ -15,6 +15,7 @@ import tempfile
 import building
 import orv_test
 
+EXAMPLE_DIRECTORY = "/var/tmp/orv-readme"  # where the example of README writes
 NOT_COPIED = ("build*", ".git", "tests", "bench")
 
 
@@ -29,9 +30,24 @@ def write(directory, name, text):
         file.write(text)
 
 
+def example(directory):
+    """The example of README, which writes into this directory here: the one it names may belong to another user."""
+    code = blocks(["README.md"], "cpp")[0]
+    assert EXAMPLE_DIRECTORY in code
+    return code.replace(EXAMPLE_DIRECTORY, os.path.join(directory, "written"))
+
+
+def not_published(directory):
+    """Says so when the example has not published its page in this directory."""
+    page = os.path.join(directory, "written", "out", "ports.html")
+    if not os.path.exists(page) or "<td>Port 1</td>" not in orv_test.read(page):
+        return [f"the example ended with 0, but {page} is missing or has no row"]
+    return []
+
+
 def write_project(directory):
     """The project that README shows."""
-    write(directory, "app.cpp", blocks(["README.md"], "cpp")[0])
+    write(directory, "app.cpp", example(directory))
     write(directory, "CMakeLists.txt", blocks(["README.md"], "cmake", "add_executable(app")[0])
 
 
@@ -45,8 +61,7 @@ def type_in(text, directory, **environment):
 
 
 def builds_and_runs(options):
-    examples = blocks(["README.md"], "cpp")
-    if not examples:
+    if not blocks(["README.md"], "cpp"):
         return ["README.md has no example between ```cpp and ```"]
     with tempfile.TemporaryDirectory() as directory:
         program = os.path.join(directory, "example")
@@ -54,20 +69,22 @@ def builds_and_runs(options):
         run_path = [f"-Wl,-rpath,{os.path.dirname(library)}" for library in options.library]
         messages = building.messages_of(
             options.compiler, "-std=c++11", "-Wall", "-Wextra", "-Werror", *includes, *building.INPUT,
-            *options.library, *run_path, "-o", program, text=examples[0])
+            *options.library, *run_path, "-o", program, text=example(directory))
         if messages is not None:
             return [messages]
         command = [*options.emulator, program]
         run = subprocess.run(
             command, cwd=directory, stdout=subprocess.PIPE, stderr=subprocess.STDOUT, text=True, check=False)
-        return [] if run.returncode == 0 else [f"the example ended with {run.returncode}:\n{run.stdout}"]
+        if run.returncode != 0 or run.stdout != "":
+            return [f"the example ended with {run.returncode}:\n{run.stdout}"]
+        return not_published(directory)
 
 
 def installs(_):
     with tempfile.TemporaryDirectory(prefix="orv_test.") as home:
         sources, project = os.path.join(home, "sources"), os.path.join(home, "project")
         shutil.copytree(orv_test.ROOT, sources, ignore=shutil.ignore_patterns(*NOT_COPIED))
-        write(sources, "app.cpp", blocks(["README.md"], "cpp")[0])
+        write(sources, "app.cpp", example(sources))
         write_project(project)
         steps = [(sources, "-S . -B build &&"), (sources, "cmake --install"), (project, "CMAKE_PREFIX_PATH"),
                  (project, "PKG_CONFIG_PATH"), (sources, "install_manifest")]  # fmt: skip
@@ -77,6 +94,8 @@ def installs(_):
                 return [f"README.md has {len(found)} blocks with {holding}"]
             type_in(found[0], directory, HOME=home)
         type_in("./app\n", sources)
+        if not_published(sources) or not_published(project):
+            return not_published(sources) + not_published(project)
         left = [name for _, _, names in os.walk(os.path.join(home, "orv")) for name in names]
         return [f"not uninstalled: {left}"] if left else []
 
@@ -89,7 +108,7 @@ def emulates(options):
         os.symlink(os.path.join(orv_test.ROOT, "cmake"), os.path.join(directory, "cmake"))
         type_in(f"cmake --install '{options.build}' --prefix /usr\n", directory, DESTDIR=staging)
         type_in(blocks(["docs", "cross-build.md"], "sh", "$STAGING")[0], directory, STAGING=staging)
-    return []
+        return not_published(os.path.join(directory, "app"))
 
 
 def main():
