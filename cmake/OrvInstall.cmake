@@ -9,9 +9,9 @@ install(
   EXPORT OrvFileUtilsTargets
   LIBRARY COMPONENT runtime NAMELINK_COMPONENT development
   ARCHIVE COMPONENT development)
-install(TARGETS DlogStderr DlogSyslog DlogMemory EXPORT OrvFileUtilsTargets ARCHIVE COMPONENT development)
+install(TARGETS OrvSafe DlogStderr DlogSyslog DlogMemory EXPORT OrvFileUtilsTargets ARCHIVE COMPONENT development)
 install(FILES include/LxFileUtils.h strutils/LxStringUtils.h TYPE INCLUDE COMPONENT development)
-install(FILES dlog/dlog.h dlog/dlog_memory.h DESTINATION ${CMAKE_INSTALL_INCLUDEDIR}/orv COMPONENT development)
+install(FILES dlog/dlog.h dlog/dlog_memory.h safe/safe.h DESTINATION ${CMAKE_INSTALL_INCLUDEDIR}/orv COMPONENT development)
 
 install(FILES docs/caveats.md docs/diagnostics.md docs/security.md DESTINATION ${CMAKE_INSTALL_DOCDIR}
         COMPONENT documentation)
@@ -43,6 +43,6 @@ set(pc_string_abi "")
 if(NOT ORV_CXX11_ABI)
   set(pc_string_abi " -D_GLIBCXX_USE_CXX11_ABI=0")
 endif()
-foreach(name OrvFileUtils OrvStrUtils)
+foreach(name OrvFileUtils OrvSafe OrvStrUtils)
   orv_install_template(cmake/${name}.pc.in development ${CMAKE_INSTALL_LIBDIR}/pkgconfig)
 endforeach()

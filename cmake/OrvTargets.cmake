@@ -63,10 +63,22 @@ function(orv_add_library name source)
                LINK_DEPENDS ${exports})
 endfunction()
 
-# Programs find the headers of the log in a folder of their own, because the log service of a device may have a dlog.h
+# orv_add_safe(SOURCE...): adds the safe companion, a static library.
+function(orv_add_safe)
+  add_library(OrvSafe STATIC ${ARGN})
+  add_library(OrvFileUtils::OrvSafe ALIAS OrvSafe)
+  orv_product(OrvSafe 11)
+  target_include_directories(OrvSafe PRIVATE ${PROJECT_SOURCE_DIR}/dlog)
+  target_link_libraries(OrvSafe PUBLIC OrvFileUtils PRIVATE OrvStrUtils $<BUILD_INTERFACE:OrvSmallCode>)
+  set_target_properties(OrvSafe PROPERTIES POSITION_INDEPENDENT_CODE ON
+                                           ARCHIVE_OUTPUT_DIRECTORY ${PROJECT_BINARY_DIR}/lib)
+endfunction()
+
+# Programs find the headers of the log and of the companion in a folder of their own, because the log service of a device may have a dlog.h
 # too. The build tree has the same folder as an installation.
-foreach(header dlog.h dlog_memory.h)
-  configure_file(${PROJECT_SOURCE_DIR}/dlog/${header} ${PROJECT_BINARY_DIR}/include/orv/${header} COPYONLY)
+foreach(header dlog/dlog.h dlog/dlog_memory.h safe/safe.h)
+  get_filename_component(name ${header} NAME)
+  configure_file(${PROJECT_SOURCE_DIR}/${header} ${PROJECT_BINARY_DIR}/include/orv/${name} COPYONLY)
 endforeach()
 
 # orv_log_headers(TARGET): programs that link the target find <orv/dlog.h>.

@@ -9,6 +9,7 @@
   header_test.py format_is_checked       the compiler checks the arguments of __dlog_printf against the format
 """
 
+import glob
 import os
 import re
 import tempfile
@@ -17,11 +18,12 @@ import building
 import orv_test
 
 STANDARDS = ["c++98", "c++03", "c++11", "c++14", "c++17", "c++20"]
-HEADERS = ["include/LxFileUtils.h", "strutils/LxStringUtils.h", "dlog/dlog.h", "dlog/dlog_memory.h"]
+HEADERS = ["include/LxFileUtils.h", "strutils/LxStringUtils.h", "dlog/dlog.h", "dlog/dlog_memory.h",
+           "safe/safe.h"]  # fmt: skip
 SOURCES = ["src/LxFileUtils.cpp", "strutils/LxStringUtils.cpp"] + [
     f"dlog/dlog_{name}.cpp" for name in ("text", "stderr", "syslog", "memory")
-]
-INCLUDES = [f"-I{os.path.join(orv_test.ROOT, folder)}" for folder in ("include", "strutils", "dlog")]
+] + sorted(os.path.relpath(path, orv_test.ROOT) for path in glob.glob(os.path.join(orv_test.ROOT, "safe", "*.cpp")))
+INCLUDES = [f"-I{os.path.join(orv_test.ROOT, folder)}" for folder in ("include", "strutils", "dlog", "safe")]
 STRICT = ["-pedantic-errors", "-Wall", "-Wextra", "-Werror"]
 MAIN = "int main() { return 0; }\n"
 

@@ -4,7 +4,7 @@
   mutate.py --build DIR [--sanitized DIR]... [FOLDER...] [--sample N] [--jobs N] [--report FILE]
   mutate.py --build DIR --list [FOLDER...]           prints the mutants and runs nothing
 
-The folders are src, strutils, dlog and examples unless others are named; tools is the only other one. DIR holds a build
+The folders are src, strutils, safe, dlog and examples unless others are named; tools is the only other one. DIR holds a build
 of the project with its compile commands. Each mutant is compiled as that build compiles it, but at -O1, and linked as
 that build links it. Mutants that survive its tests go on to the sanitized builds.
 
@@ -57,8 +57,13 @@ class Product:
     module: str = ""
 
 
+def sources(folder):
+    return sorted(os.path.relpath(path, ROOT) for path in glob.glob(os.path.join(ROOT, folder, "*.cpp")))
+
+
 LIBRARY_TESTS = ("orv_tests", "orv_string_call_tests", "orv_memory_tests")
 MEMORY, STDERR, SYSLOG = (Product(f"orv_dlog_{name}_tests") for name in ("memory", "stderr", "syslog"))
+SAFE = Product("orv_safe_tests")
 STATUSBOARD = Product("statusboard", (), "tests/programs/statusboard/statusboard_test.py", "statusboard_machine")
 ORVFILE = Product("orvfile", (), "tests/programs/tool/orvfile_test.py", "orvfile_shim")
 SUBJECTS = {
@@ -69,7 +74,8 @@ SUBJECTS = {
     "dlog/dlog_syslog.cpp": [SYSLOG],
     "dlog/dlog_text.cpp": [STDERR, MEMORY, SYSLOG],
     "examples/statusboard.cpp": [STATUSBOARD],
-    **{os.path.relpath(path, ROOT): [ORVFILE] for path in sorted(glob.glob(os.path.join(ROOT, "tools", "*.cpp")))},
+    **{path: [SAFE] for path in sources("safe")},
+    **{path: [ORVFILE] for path in sources("tools")},
 }
 NOT_BY_DEFAULT = {"tools"}
 
