@@ -156,7 +156,7 @@ def upgrade(commands, so_version):
 
 def reference(_):
     orv_test.require("doxygen")
-    headers = [("include", "LxFileUtils.h"), ("strutils", "LxStringUtils.h")]
+    headers = [("include", "LxFileUtils.h"), ("strutils", "LxStringUtils.h"), ("safe", "safe.h")]
     functions = [orv_test.function_name(one) for header in headers for one in orv_test.declarations(*header)]
     functions += ["__dlog_printf", "SetLimit", "Lines", "Total"]
     with tempfile.TemporaryDirectory(dir="/var/tmp") as directory:

@@ -23,6 +23,7 @@ HEADERS = ["include/LxFileUtils.h", "strutils/LxStringUtils.h", "dlog/dlog.h", "
 SOURCES = ["src/LxFileUtils.cpp", "strutils/LxStringUtils.cpp"] + [
     f"dlog/dlog_{name}.cpp" for name in ("text", "stderr", "syslog", "memory")
 ] + sorted(os.path.relpath(path, orv_test.ROOT) for path in glob.glob(os.path.join(orv_test.ROOT, "safe", "*.cpp")))
+WITH_EXAMPLES = {"include/LxFileUtils.h": "LxFileUtils.h", "safe/safe.h": "safe.h"}
 INCLUDES = [f"-I{os.path.join(orv_test.ROOT, folder)}" for folder in ("include", "strutils", "dlog", "safe")]
 STRICT = ["-pedantic-errors", "-Wall", "-Wextra", "-Werror"]
 MAIN = "int main() { return 0; }\n"
@@ -42,11 +43,10 @@ def headers_compile_alone(options):
     )
 
 
-def examples():
-    """Returns the examples of the header, each with the name of the function that follows it."""
+def examples(header):
+    """Returns the examples of a header, each with the name of the function that follows it."""
     found = []
-    header = orv_test.read("include", "LxFileUtils.h")
-    for comment, declaration in re.findall(r"((?:^///.*\n)+)^([^/\n].*)$", header, re.M):
+    for comment, declaration in re.findall(r"((?:^///.*\n)+)^([^/\n].*)$", orv_test.read(header), re.M):
         for code in re.findall(r"^/// @code\n((?:///.*\n)*?)/// @endcode$", comment, re.M):
             if re.search(r"\w+\(", declaration):
                 found.append((orv_test.function_name(declaration), re.sub(r"(?m)^/// ?", "", code)))
@@ -54,27 +54,34 @@ def examples():
 
 
 def examples_program():
-    functions = [f"void Example{name}()\n{{\n{code}}}\n" for name, code in examples()]
-    declarations = [f"void Example{name}();\n" for name, _ in examples()]
-    return "#include <LxFileUtils.h>\n" + "".join(declarations + functions)
+    functions = []
+    for number, (header, include) in enumerate(WITH_EXAMPLES.items()):
+        functions.append(f"#include <{include}>\n")
+        for name, code in examples(header):
+            functions.append(f"void Example{number}{name}();\nvoid Example{number}{name}()\n{{\n{code}}}\n")
+    return "".join(functions)
 
 
 def examples_are_complete():
-    names = [name for name, _ in examples()]
-    expected = [orv_test.function_name(one) for one in orv_test.declarations("include", "LxFileUtils.h")]
-    problems = [] if names == expected else [f"examples of {names}, not of each of {expected}"]
-    marks = len(re.findall("@code", orv_test.read("include", "LxFileUtils.h")))
-    if marks != len(names):
-        problems.append(f"{marks} examples are marked, {len(names)} were found")
-    strangers = [name for name, code in examples() if f"::{name}(" not in code]
-    return problems + [f"the example of {name} does not call it" for name in strangers]
+    problems = []
+    for header in WITH_EXAMPLES:
+        names = [name for name, _ in examples(header)]
+        declared = [orv_test.function_name(one) for one in orv_test.declarations(header)]
+        if names != list(dict.fromkeys(declared)):  # overloads have one example
+            problems.append(f"{header}: examples of {names}, not of each of {declared}")
+        marks = len(re.findall("@code", orv_test.read(header)))
+        if marks != len(names):
+            problems.append(f"{header}: {marks} examples are marked, {len(names)} were found")
+        strangers = [name for name, code in examples(header) if f"::{name}(" not in code]
+        problems += [f"{header}: the example of {name} does not call it" for name in strangers]
+    return problems
 
 
 def examples_compile(options):
     lenient = ["-Wall", "-Wextra", "-Wpedantic", "-Werror", "-Wno-unused-variable", "-Wno-unused-but-set-variable"]
     return examples_are_complete() + without_none(
         building.messages_of(
-            options.compiler, f"-std={standard}", *lenient, INCLUDES[0], "-c", "-o", os.devnull, *building.INPUT,
+            options.compiler, f"-std={standard}", *lenient, *INCLUDES, "-c", "-o", os.devnull, *building.INPUT,
             text=examples_program())
         for standard in STANDARDS
     )
@@ -84,7 +91,7 @@ def examples_link(options):
     with tempfile.TemporaryDirectory() as directory:
         program = os.path.join(directory, "examples")
         messages = building.messages_of(
-            options.compiler, INCLUDES[0], *building.INPUT, *options.library, "-o", program,
+            options.compiler, *INCLUDES, *building.INPUT, *options.library, "-o", program,
             text=examples_program() + MAIN)
         return examples_are_complete() + without_none([messages])
 
