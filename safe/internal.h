@@ -2,7 +2,9 @@
 #ifndef ORV_SAFE_INTERNAL_H
 #define ORV_SAFE_INTERNAL_H
 
+#include <cerrno>
 #include <string>
+#include <utility>
 
 namespace orv_safe {
 namespace internal {
@@ -22,9 +24,26 @@ public:
         return number_;
     }
 
+    void Swap(Descriptor& other)
+    {
+        std::swap(number_, other.number_);
+    }
+
 private:
     int number_;
 };
+
+// Repeats a system call while a signal interrupts it. Returns its result; -1 is a failure.
+template <typename Call>
+auto Uninterrupted(Call call) -> decltype(call())
+{
+    for (;;) {
+        const auto result = call();
+        if (result != -1 || errno != EINTR) {
+            return result;
+        }
+    }
+}
 
 // Logs "FUNCTION: CALL(PATH) failed (ERROR, its text).".
 void Report(const char* function, const char* call, const std::string& path, int error);

@@ -11,6 +11,7 @@
 namespace {
 
 using orv_safe::internal::Descriptor;
+using orv_safe::internal::Uninterrupted;
 
 TEST(SafeReportTest, NamesFunctionCallPathNumberAndText)
 {
@@ -53,6 +54,46 @@ TEST(SafeDescriptorTest, ClosesNothingIfThereIsNoFile)
         const Descriptor descriptor(-1);
     }
     EXPECT_EQ(ENOSPC, errno);
+}
+
+TEST(SafeDescriptorTest, SwapsItsFile)
+{
+    Descriptor one(open("/", O_RDONLY | O_CLOEXEC));
+    Descriptor other(-1);
+    const int number = one;
+
+    one.Swap(other);
+
+    EXPECT_EQ(-1, one);
+    EXPECT_EQ(number, other);
+}
+
+TEST(SafeUninterruptedTest, RepeatsACallUntilNoSignalInterruptsIt)
+{
+    int calls = 0;
+
+    const int result = Uninterrupted([&calls] {
+        ++calls;
+        errno = EINTR;
+        return calls < 3 ? -1 : 7;
+    });
+
+    EXPECT_EQ(7, result);
+    EXPECT_EQ(3, calls);
+}
+
+TEST(SafeUninterruptedTest, ReturnsAnyOtherFailureAtOnce)
+{
+    int calls = 0;
+
+    const int result = Uninterrupted([&calls] {
+        ++calls;
+        errno = EIO;
+        return -1;
+    });
+
+    EXPECT_EQ(-1, result);
+    EXPECT_EQ(1, calls);
 }
 
 }  // namespace
