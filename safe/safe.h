@@ -22,10 +22,91 @@
 #define ORV_SAFE_H
 
 #include <string>
+#include <vector>
 
 // Exported also where -fvisibility=hidden is the default.
 #pragma GCC visibility push(default)
 namespace orv_safe {
+
+// ---- Cells and rows
+
+/// Turns any text into a cell that shows this text in a browser, and is never markup.
+///
+/// The characters & < > " ' ; , : and the control characters of ASCII become numeric character references without the
+/// semicolon, because a semicolon ends the row. So does a digit directly after a reference. NUL, and each sequence of
+/// bytes that is not UTF-8, becomes U+FFFD, as a browser would show it. All other characters stay, also blanks at both
+/// ends. The `textContent` of the cell is then the text; a browser draws several blanks as one.
+///
+/// Use a result as a whole cell. To put text and markup into one cell, use `Cell`.
+///
+/// @param text  any bytes
+/// @return the cell, for `orv_fileutils::AddTextFileFormattedRow`
+/// Diagnostics: none. Disk: not changed. Threads: any. Exceptions: `std::bad_alloc`.
+/// @code
+/// std::string cell = orv_safe::SafeCell("<b>7; 8</b>");  // "&#60b&#62&#55&#59 8&#60/b&#62"
+/// @endcode
+std::string SafeCell(const std::string& text);
+
+/// Formats one row of a text table file: makes each cell safe by `SafeCell`, and keeps every cell in its place.
+///
+/// The row is that of `orv_fileutils::AddTextFileFormattedRow`, with two exceptions, which the page would not show as
+/// they are: a row of one cell ends in ";" and is shown as one cell, and an empty last cell is shown as an empty cell.
+///
+/// @param cells  texts of the cells, any bytes
+/// @return the text of the row, without a line feed; empty if there are no cells
+/// Diagnostics: none. Disk: not changed. Threads: any. Exceptions: `std::bad_alloc`.
+/// @code
+/// std::vector<std::string> cells;
+/// cells.push_back("Port 1");
+/// cells.push_back("10:20;30");
+/// std::string row = orv_safe::SafeRow(cells);  // "Port 1:10&#58&#50&#48&#59&#51&#48;"
+/// @endcode
+std::string SafeRow(const std::vector<std::string>& cells);
+
+/// A cell that mixes foreign text and markup of your own, part by part. A text is converted to a cell of only that
+/// text.
+///
+/// Text is shown as `SafeCell` shows it; it may also be part of an attribute's value in quotation marks, but not of a
+/// tag's name, a comment, a style or a script. Markup is copied unchanged and is yours to get right: complete elements,
+/// no semicolon after a character reference. Each part ends the reference at the end of the one before.
+///
+/// Diagnostics: none. Disk: not changed. Threads: as a string. Exceptions: `std::bad_alloc`.
+class Cell {
+public:
+    Cell();
+    Cell(const std::string& text);  // NOLINT(google-explicit-constructor): text needs no more care than a string
+    Cell(const char* text);         // NOLINT(google-explicit-constructor)
+
+    /// Adds text, any bytes.
+    Cell& Text(const std::string& text);
+
+    /// Adds markup. `SafeMarkupRow` says which characters it must not contain.
+    Cell& Markup(const std::string& markup);
+
+private:
+    friend std::string SafeMarkupRow(const std::vector<Cell>& cells);
+
+    std::string markup_;
+};
+
+/// Formats one row, like `SafeRow`, of cells that may contain markup.
+///
+/// A text table file cannot contain certain characters in markup: line feed and ";" in no cell, ":" not in the first
+/// one, "," not in the others. In texts and attributes write them as a reference without semicolon, such as "&#59". A
+/// style has one declaration in each rule and is not in the first cell. A cell with such a character is left empty, so
+/// that the others keep their place.
+///
+/// @param cells  the cells
+/// @return the text of the row, without a line feed; empty if there are no cells
+/// Diagnostics: "SafeMarkupRow: Markup(MARKUP) failed (ERROR)." for each cell that is left empty; the number is EINVAL
+/// Disk: not changed. Threads: any. Exceptions: `std::bad_alloc`.
+/// @code
+/// std::vector<orv_safe::Cell> cells;
+/// cells.push_back("<Port 1>");
+/// cells.push_back(orv_safe::Cell().Markup("<a title=\"").Text("10 \"").Markup("\"><b>up</b></a>"));
+/// std::string row = orv_safe::SafeMarkupRow(cells);  // "&#60Port 1&#62:<a title="10 &#34"><b>up</b></a>;"
+/// @endcode
+std::string SafeMarkupRow(const std::vector<Cell>& cells);
 
 }  // namespace orv_safe
 #pragma GCC visibility pop
