@@ -21,6 +21,8 @@
 #ifndef ORV_SAFE_H
 #define ORV_SAFE_H
 
+#include <stdint.h>
+
 #include <string>
 #include <vector>
 
@@ -107,6 +109,86 @@ private:
 /// std::string row = orv_safe::SafeMarkupRow(cells);  // "&#60Port 1&#62:<a title="10 &#34"><b>up</b></a>;"
 /// @endcode
 std::string SafeMarkupRow(const std::vector<Cell>& cells);
+
+// ---- Directories
+
+/// Makes the directory `path` and every missing directory above it.
+///
+/// Unlike `MakeDirPath`, it also makes directories directly below "/" and the current directory, and only a directory
+/// at `path` is a success. It opens each directory relative to the one above; links to directories are followed.
+/// Another process that makes the same directories at the same time does no harm: both succeed.
+///
+/// A missing directory above `path` gets `mode` and the permission to write and search for its owner (0300), without
+/// which nothing could be made in it; the last one gets `mode`. Both are less the process's file-creation mask, as
+/// mkdir(2) does it. The modes of directories that exist are not changed. Nothing is flushed to the medium.
+///
+/// @param path  path of the directory; a trailing slash is allowed. If it or one of its names is longer than the file
+///              system accepts, nothing is made
+/// @param mode  permission bits as for mkdir(2), such as 0755
+/// @return true if a directory is at `path`. False: directories that were made before the failure stay, also after a
+///         kill or an exception; the next call continues from there
+/// Diagnostics, one line for each false; PATH is `path` or a beginning of it:
+///   "MakeDirectory: open(PATH) failed (ERROR)."    20 (ENOTDIR): not a directory; 36 (ENAMETOOLONG): `path` is too
+///                                                  long; 2 (ENOENT): a link that leads nowhere, or `path` is empty
+///   "MakeDirectory: mkdir(PATH) failed (ERROR)."   36 (ENAMETOOLONG): the last name of PATH is too long
+/// Threads: any. Exceptions: `std::bad_alloc`.
+/// @code
+/// if (!orv_safe::MakeDirectory("/var/tmp/orv-spool/in", 0750)) return;  // the log says why
+/// @endcode
+bool MakeDirectory(const std::string& path, unsigned int mode);
+
+/// A file in a list of `ListFiles`.
+struct ListedFile {
+    std::string name;          ///< its name, after the path of the directory if that was asked for
+    int64_t bytes;             ///< its size; 0 unless the status was asked for
+    int64_t modifiedSeconds;   ///< the time of its last change, in seconds since 1970; 0 unless asked for
+    long modifiedNanoseconds;  ///< the part of that time below a second; 0 unless asked for
+
+    ListedFile() : bytes(0), modifiedSeconds(0), modifiedNanoseconds(0)
+    {
+    }
+};
+
+/// What `ListFiles` does beyond listing the names of files.
+struct ListOptions {
+    bool withDirectory;  ///< puts the path of the directory and, unless that ends in one, a "/" before each name
+    bool followLinks;    ///< also lists links to regular files, by the names of the links; the status is the file's
+    bool status;         ///< also reads the size and the time of each file
+
+    ListOptions() : withDirectory(false), followLinks(false), status(false)
+    {
+    }
+};
+
+/// Lists the regular files of one directory, not of its subdirectories, sorted by byte value.
+///
+/// Unlike `GetDirFileList`, it looks up the type of an entry if the file system does not record it, follows links on
+/// request, and either gives the whole list or changes nothing. The patterns have the same rules.
+///
+/// A file that is made, renamed or removed during the call may or may not be in the list. With `status`, a file that is
+/// removed before its status is read is left out. With `followLinks`, so is a link that leads nowhere.
+///
+/// @param directory  path of the directory
+/// @param include    list only names that match; "" lists all names
+/// @param exclude    do not list names that match, even if they match `include`; "" excludes no name
+/// @param list       is replaced by the files found, if the result is true; otherwise it stays as it was
+/// @param options    see `ListOptions`; without it only names are listed
+/// @return true if the directory was read to its end and every status that was needed was read
+/// Diagnostics, one line for each false:
+///   "ListFiles: opendir(DIRECTORY) failed (ERROR)."
+///   "ListFiles: readdir(DIRECTORY) failed (ERROR)."
+///   "ListFiles: stat(PATH) failed (ERROR)."   PATH is that of a file in the directory
+/// Disk: not changed. Threads: any. Exceptions: `std::bad_alloc`; the list stays as it was, nothing stays open.
+/// @code
+/// orv_safe::ListOptions options;
+/// options.status = true;
+/// std::vector<orv_safe::ListedFile> logs;
+/// if (!orv_safe::ListFiles("/var/log", "*.log", "", logs, options)) return;
+/// int64_t bytes = 0;
+/// for (std::size_t i = 0; i < logs.size(); ++i) bytes += logs[i].bytes;
+/// @endcode
+bool ListFiles(const std::string& directory, const std::string& include, const std::string& exclude,
+               std::vector<ListedFile>& list, const ListOptions& options = ListOptions());
 
 }  // namespace orv_safe
 #pragma GCC visibility pop

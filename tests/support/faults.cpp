@@ -149,6 +149,25 @@ int Mkstemp(const char* realName, char* path)
     return descriptor;
 }
 
+template <typename... Arguments>
+int OnPathAt(Call call, const char* name, int directory, const char* path, Arguments... arguments)
+{
+    return Fails(call) ? -1 : Real<int (*)(int, const char*, Arguments...)>(name)(directory, path, arguments...);
+}
+
+template <typename Entry>
+Entry* NextEntry(const char* realName, DIR* directory)
+{
+    if (Fails(Call::kReaddir)) {
+        return nullptr;
+    }
+    Entry* const entry = Real<Entry* (*)(DIR*)>(realName)(directory);
+    if (unknownTypes && entry != nullptr) {
+        entry->d_type = DT_UNKNOWN;
+    }
+    return entry;
+}
+
 template <typename Entry>
 int ReadEntry(const char* realName, DIR* directory, Entry* buffer, Entry** entry)
 {
@@ -434,6 +453,56 @@ int closedir(DIR* directory)
     }
     const int result = Real<int (*)(DIR*)>("closedir")(directory);
     return Fails(Call::kClosedir) ? -1 : result;
+}
+
+int openat(int directory, const char* path, int flags, ...)
+{
+    std::va_list rest;
+    va_start(rest, flags);
+    const mode_t mode = (flags & (O_CREAT | O_TMPFILE)) != 0 ? va_arg(rest, mode_t) : 0;
+    va_end(rest);
+    return OnPathAt(Call::kOpenat, "openat", directory, path, flags, mode);
+}
+
+int openat64(int directory, const char* path, int flags, ...)
+{
+    std::va_list rest;
+    va_start(rest, flags);
+    const mode_t mode = (flags & (O_CREAT | O_TMPFILE)) != 0 ? va_arg(rest, mode_t) : 0;
+    va_end(rest);
+    return OnPathAt(Call::kOpenat, "openat64", directory, path, flags, mode);
+}
+
+int fstatat(int directory, const char* path, struct stat* status, int flags) noexcept
+{
+    return OnPathAt(Call::kFstatat, "fstatat", directory, path, status, flags);
+}
+
+int fstatat64(int directory, const char* path, struct stat64* status, int flags) noexcept
+{
+    return OnPathAt(Call::kFstatat, "fstatat64", directory, path, status, flags);
+}
+
+#if __WORDSIZE == 32
+int __fstatat64_time64(int directory, const char* path, void* status, int flags) noexcept
+{
+    return OnPathAt(Call::kFstatat, "__fstatat64_time64", directory, path, status, flags);
+}
+#endif
+
+int mkdirat(int directory, const char* path, mode_t mode) noexcept
+{
+    return OnPathAt(Call::kMkdirat, "mkdirat", directory, path, mode);
+}
+
+struct dirent* readdir(DIR* directory)
+{
+    return NextEntry<struct dirent>("readdir", directory);
+}
+
+struct dirent64* readdir64(DIR* directory)
+{
+    return NextEntry<struct dirent64>("readdir64", directory);
 }
 
 int readdir_r(DIR* directory, struct dirent* buffer, struct dirent** entry)

@@ -24,6 +24,9 @@ enum class Call {
     kOpendir,
     kReaddir,
     kClosedir,
+    kOpenat,
+    kFstatat,
+    kMkdirat,
 };
 
 // While it exists, the `nth` (1-based) `call` of this thread from now on fails with `error`. The destructor fails the
