@@ -4,6 +4,7 @@
 
 #include "LxFileUtils.h"
 #include "internal.h"
+#include "utf8.h"
 
 #include <algorithm>
 #include <cerrno>
@@ -35,43 +36,12 @@ void AddReference(std::string& markup, unsigned char c)
     markup += "&#" + std::to_string(static_cast<unsigned int>(c));
 }
 
-// The bytes that may follow the first byte of a character in UTF-8: how many, and the limits of the first of them,
-// which exclude overlong forms, surrogates and numbers above U+10FFFF.
-struct Tail {
-    std::size_t bytes;
-    unsigned char least;
-    unsigned char most;
-};
-
-// `bytes` is 0 for a byte that begins no character of several bytes.
-Tail TailOf(unsigned char first)
-{
-    if (first < 0xC2 || first > 0xF4) {
-        return Tail{0, 0, 0};
-    }
-    if (first < 0xE0) {
-        return Tail{1, 0x80, 0xBF};
-    }
-    const unsigned char least = first == 0xE0 ? 0xA0 : first == 0xF0 ? 0x90 : 0x80;
-    const unsigned char most = first == 0xED ? 0x9F : first == 0xF4 ? 0x8F : 0xBF;
-    return Tail{first < 0xF0 ? 2U : 3U, least, most};
-}
-
 // Adds the character of several bytes that begins at `at`, or U+FFFD for as many bytes as could begin one. Returns the
 // position after it.
 std::size_t AddCharacter(std::string& markup, const std::string& text, std::size_t at)
 {
-    const Tail tail = TailOf(static_cast<unsigned char>(text[at]));
-    unsigned char least = tail.least;
-    unsigned char most = tail.most;
-    std::size_t end = at + 1;
-    while (end <= at + tail.bytes && end < text.size() && static_cast<unsigned char>(text[end]) >= least &&
-           static_cast<unsigned char>(text[end]) <= most) {
-        ++end;
-        least = 0x80;
-        most = 0xBF;
-    }
-    const bool isWhole = tail.bytes != 0 && end == at + tail.bytes + 1;
+    bool isWhole;
+    const std::size_t end = internal::EndOfCharacter(text, at, isWhole);
     markup += isWhole ? text.substr(at, end - at) : kReplacement;
     return end;
 }
