@@ -23,6 +23,7 @@
 
 #include <stdint.h>
 
+#include <map>
 #include <string>
 #include <vector>
 
@@ -189,6 +190,89 @@ struct ListOptions {
 /// @endcode
 bool ListFiles(const std::string& directory, const std::string& include, const std::string& exclude,
                std::vector<ListedFile>& list, const ListOptions& options = ListOptions());
+
+// ---- Settings
+
+/// Reads a file of name-value lines into a map, wholly or not at all.
+///
+/// The lines have the rules of `orv_fileutils::ReadNameValueFromFile`. Unlike that function, this one reads the file to
+/// its end before it changes the map, and a directory, a read error and a lack of memory are failures.
+///
+/// @param path       path of the file. A device or a FIFO is read to its end, too
+/// @param settings   receives the entries. If a name occurs more than once, the last line wins; it also replaces an
+///                   entry from before the call. Other entries are kept. After false, the map is as it was
+/// @param delimiter  byte that ends a name
+/// @param comment    beginning of a comment line; empty if there are no comments
+/// @return true if the file was read to its end and all its entries are in the map
+/// Diagnostics, one line for each false:
+///   "ReadSettings: open(PATH) failed (ERROR)."
+///   "ReadSettings: read(PATH) failed (ERROR)."   21 (EISDIR): a directory
+///   "ReadSettings: new(PATH) failed (ERROR)."    12 (ENOMEM): no memory
+/// Disk: not changed. Threads: any. Exceptions: none.
+/// @code
+/// std::map<std::string, std::string> settings;
+/// settings["port"] = "80";  // if the file does not say otherwise
+/// if (!orv_safe::ReadSettings("/etc/app.conf", settings)) return;
+/// @endcode
+bool ReadSettings(const std::string& path, std::map<std::string, std::string>& settings, char delimiter = '=',
+                  const std::string& comment = "#");
+
+/// A line of a file of settings that may not mean what its author wanted.
+struct SettingsFinding {
+    enum Kind {
+        kByteOrderMark,     ///< the file begins with U+FEFF; `text` is the first line
+        kNotUtf8,           ///< `text` is the line
+        kControlCharacter,  ///< also in comments; not tabs, nor white space at the ends; `text` is the first one
+        kSection,           ///< a line in brackets; `text` is the line
+        kNoDelimiter,       ///< the line is a name with an empty value; `text` is the name
+        kEmptyName,         ///< `text` is the line
+        kDuplicateName,     ///< the name is on an earlier line, too; `text` is the name
+        kQuotes,            ///< quotation marks at both ends, which are part of the value; `text` is the value
+        kTrailingComment    ///< the value contains the comment prefix after white space; `text` is what begins there
+    };
+
+    Kind kind;
+    long line;         ///< number of the line, from 1
+    std::string text;  ///< depends on the kind; white space at its ends is removed, except for the first kind
+    long firstLine;    ///< for a duplicate name: number of the first line with that name; otherwise 0
+
+    SettingsFinding() : kind(kByteOrderMark), line(0), firstLine(0)
+    {
+    }
+};
+
+/// Looks for lines in a file of settings that may not mean what their author wanted.
+///
+/// @param path       path of the file
+/// @param findings   is replaced by the findings in the order of the lines, if the result is true; otherwise it stays
+///                   as it was. One line can have several; of each kind it has at most one
+/// @param delimiter  as for `ReadSettings`
+/// @param comment    as for `ReadSettings`
+/// @return true if the file was read to its end, whatever was found
+/// Diagnostics, one line for each false:
+///   "CheckSettings: open(PATH) failed (ERROR)."
+///   "CheckSettings: read(PATH) failed (ERROR)."
+///   "CheckSettings: new(PATH) failed (ERROR)."
+/// Disk: not changed. Threads: any. Exceptions: none.
+/// @code
+/// std::vector<orv_safe::SettingsFinding> findings;
+/// if (!orv_safe::CheckSettings("/etc/app.conf", findings)) return;
+/// for (std::size_t i = 0; i < findings.size(); ++i) {
+///     std::string note = orv_safe::SettingsFindingText(findings[i].kind);
+/// }
+/// @endcode
+bool CheckSettings(const std::string& path, std::vector<SettingsFinding>& findings, char delimiter = '=',
+                   const std::string& comment = "#");
+
+/// Describes a kind of finding: what is odd, and what to do. The text is in English, without a full stop.
+///
+/// @param kind  a kind of `SettingsFinding`
+/// @return a text that is never freed; "" for a number that is not a kind
+/// Diagnostics: none. Disk: not changed. Threads: any. Exceptions: none.
+/// @code
+/// std::string text = orv_safe::SettingsFindingText(orv_safe::SettingsFinding::kQuotes);
+/// @endcode
+const char* SettingsFindingText(SettingsFinding::Kind kind);
 
 }  // namespace orv_safe
 #pragma GCC visibility pop
