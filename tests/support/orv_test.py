@@ -9,9 +9,10 @@ import sys
 import tempfile
 import unittest
 
-# A shell without job control starts what runs in the background with SIGINT ignored. The programs under test would
-# inherit that. Python resets its own handler in programs that it starts.
+# A shell without job control starts what runs in the background with SIGINT ignored, and nohup ignores SIGHUP. The
+# programs under test would inherit that. Python resets its own handler in programs that it starts.
 signal.signal(signal.SIGINT, signal.default_int_handler)
+signal.signal(signal.SIGHUP, signal.SIG_DFL)
 
 ROOT = os.path.dirname(os.path.dirname(os.path.dirname(os.path.abspath(__file__))))
 VERSION = os.environ.get("ORV_VERSION", "")  # from CMake
