@@ -35,10 +35,11 @@ namespace orv_safe {
 
 /// Turns any text into a cell that shows this text in a browser, and is never markup.
 ///
-/// The characters & < > " ' ; , : and the control characters of ASCII become numeric character references without the
-/// semicolon, because a semicolon ends the row. So does a digit directly after a reference. NUL, and each sequence of
-/// bytes that is not UTF-8, becomes U+FFFD, as a browser would show it. All other characters stay, also blanks at both
-/// ends. The `textContent` of the cell is then the text; a browser draws several blanks as one.
+/// Ampersand, angle brackets, quotation marks, semicolon, comma, colon and the control characters of ASCII become
+/// numeric character references without the semicolon, because a semicolon ends the row. So does a digit directly after
+/// a reference. NUL, and each sequence of bytes that is not UTF-8, becomes U+FFFD, as a browser would show it. All
+/// other characters stay, also blanks at both ends. The `textContent` of the cell is then the text; a browser draws
+/// several blanks as one.
 ///
 /// Use a result as a whole cell. To put text and markup into one cell, use `Cell`.
 ///
@@ -76,9 +77,14 @@ std::string SafeRow(const std::vector<std::string>& cells);
 /// Diagnostics: none. Disk: not changed. Threads: as a string. Exceptions: `std::bad_alloc`.
 class Cell {
 public:
+    /// An empty cell.
     Cell();
+
+    /// A cell of this text, any bytes.
     Cell(const std::string& text);  // NOLINT(google-explicit-constructor): text needs no more care than a string
-    Cell(const char* text);         // NOLINT(google-explicit-constructor)
+
+    /// The same, of a text that ends at its first NUL.
+    Cell(const char* text);  // NOLINT(google-explicit-constructor)
 
     /// Adds text, any bytes.
     Cell& Text(const std::string& text);
@@ -101,7 +107,8 @@ private:
 ///
 /// @param cells  the cells
 /// @return the text of the row, without a line feed; empty if there are no cells
-/// Diagnostics: "SafeMarkupRow: Markup(MARKUP) failed (ERROR)." for each cell that is left empty; the number is EINVAL
+/// Diagnostics:
+///   "SafeMarkupRow: Markup(MARKUP) failed (ERROR)."  22 (EINVAL): a cell is left empty
 /// Disk: not changed. Threads: any. Exceptions: `std::bad_alloc`.
 /// @code
 /// std::vector<orv_safe::Cell> cells;
@@ -219,6 +226,7 @@ bool ReadSettings(const std::string& path, std::map<std::string, std::string>& s
 
 /// A line of a file of settings that may not mean what its author wanted.
 struct SettingsFinding {
+    /// What is odd about the line.
     enum Kind {
         kByteOrderMark,     ///< the file begins with U+FEFF; `text` is the first line
         kNotUtf8,           ///< `text` is the line
@@ -231,7 +239,7 @@ struct SettingsFinding {
         kTrailingComment    ///< the value contains the comment prefix after white space; `text` is what begins there
     };
 
-    Kind kind;
+    Kind kind;         ///< what is odd about the line
     long line;         ///< number of the line, from 1
     std::string text;  ///< depends on the kind; white space at its ends is removed, except for the first kind
     long firstLine;    ///< for a duplicate name: number of the first line with that name; otherwise 0

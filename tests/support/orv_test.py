@@ -48,7 +48,7 @@ def read(*path):
 
 def declarations(*header):
     """Returns what a header declares in its namespace, one function each. Types are left out."""
-    code = re.sub(r"//.*|#.*|__attribute__\(\(.*?\)\)", "", read(*header))
+    code = re.sub(r"(?m)//.*|^ *#.*|__attribute__\(\(.*?\)\)", "", read(*header))
     body = re.search(r"namespace \w+ {(.*)}", code, re.S)[1]
     body = re.sub(r"(?ms)^(?:struct|class|enum) \w+(?: {.*?^})?;", "", body)
     return [" ".join(one.split()) for one in body.split(";") if one.strip()]
