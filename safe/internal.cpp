@@ -1,10 +1,9 @@
 #include "internal.h"
 
-#include "dlog.h"
-
 #include <unistd.h>
 
 #include <cerrno>
+#include <cstddef>
 #include <cstring>
 
 namespace orv_safe {
@@ -12,8 +11,7 @@ namespace internal {
 
 namespace {
 
-const int kError = 3;
-const char kSource[] = "orv_safe";
+const std::size_t kErrorTextBytes = 64;  // for the text of a number that has none of its own
 
 }  // namespace
 
@@ -28,9 +26,16 @@ Descriptor::~Descriptor()
 
 void Report(const char* function, const char* call, const std::string& path, int error)
 {
-    char buffer[64];
-    __dlog_printf(kError, kSource, "%s: %s(%s) failed (%d, %s).", function, call, path.c_str(), error,
-                  strerror_r(error, buffer, sizeof buffer));
+    char buffer[kErrorTextBytes];
+    ORV_SAFE_LOG("%s: %s(%s) failed (%d, %s).", function, call, path.c_str(), error,
+                 strerror_r(error, buffer, sizeof buffer));
+}
+
+void Report(const char* function, const char* call, const std::string& path, int error, const char* consequence)
+{
+    char buffer[kErrorTextBytes];
+    ORV_SAFE_LOG("%s: %s(%s) failed (%d, %s): %s.", function, call, path.c_str(), error,
+                 strerror_r(error, buffer, sizeof buffer), consequence);
 }
 
 }  // namespace internal

@@ -2,12 +2,20 @@
 #ifndef ORV_SAFE_INTERNAL_H
 #define ORV_SAFE_INTERNAL_H
 
+#include "dlog.h"
+
 #include <cerrno>
 #include <string>
 #include <utility>
 
 namespace orv_safe {
 namespace internal {
+
+const int kSeverityError = 3;  // the only severity of this library
+const char kSourceTag[] = "orv_safe";
+
+// Logs a line. The arguments are those of printf.
+#define ORV_SAFE_LOG(...) __dlog_printf(orv_safe::internal::kSeverityError, orv_safe::internal::kSourceTag, __VA_ARGS__)
 
 // An open file, closed by the destructor, which leaves errno alone. -1: none.
 class Descriptor {
@@ -19,7 +27,7 @@ public:
     Descriptor(const Descriptor&) = delete;
     Descriptor& operator=(const Descriptor&) = delete;
 
-    operator int() const
+    operator int() const  // NOLINT(google-explicit-constructor): used like the number
     {
         return number_;
     }
@@ -47,6 +55,9 @@ auto Uninterrupted(Call call) -> decltype(call())
 
 // Logs "FUNCTION: CALL(PATH) failed (ERROR, its text).".
 void Report(const char* function, const char* call, const std::string& path, int error);
+
+// The same, but the line ends in ": CONSEQUENCE." That says what the caller has now.
+void Report(const char* function, const char* call, const std::string& path, int error, const char* consequence);
 
 }  // namespace internal
 }  // namespace orv_safe

@@ -118,6 +118,103 @@ private:
 /// @endcode
 std::string SafeMarkupRow(const std::vector<Cell>& cells);
 
+// ---- Files
+
+/// How `CopyFile` and `MoveFile` work.
+struct FileOptions {
+    /// The file and the names in its directory are on the medium before the result is true.
+    bool durable;
+    /// The copy is read back from the medium, after what the kernel has of it in memory was dropped, and compared.
+    bool verify;
+    /// The copy also gets the owner, the set-id and sticky bits, the times, the extended attributes and the holes.
+    bool preserve;
+    /// Whatever exists at the destination stays, and the call fails.
+    bool noReplace;
+
+    FileOptions() : durable(true), verify(false), preserve(false), noReplace(false)
+    {
+    }
+};
+
+/// Copies the regular file `source` to `destination`, which appears whole and in one step.
+///
+/// The copy is a new file: the data is written into a file beside `destination`, which then replaces what is there. So
+/// a reader sees the old or the new content, a symbolic link is replaced and not followed, and other hard links of an
+/// old file keep the old content. A symbolic link at `source` is followed. If both are names of one file, they have the
+/// same content afterwards, in two files.
+///
+/// The copy gets the nine permission bits of `source`. With `preserve` it also gets the owner, the group and all twelve
+/// bits of the mode (nine if the owner cannot be kept), the extended attributes, the times and the holes. What cannot
+/// be kept is reported in a line that says so, and the result is still true: most file systems on USB sticks have no
+/// modes and owners. A file system without holes fills them with zero bytes, without a line.
+///
+/// The result is what the medium has only with `durable`. Without it, all writes have succeeded, but a power cut can
+/// still lose the content, also that of the replaced file.
+///
+/// After a kill or, with `durable`, a power cut, `destination` is the old or the whole new file. On file systems that
+/// support files without a name (ext4, xfs, btrfs, tmpfs and others, where /proc is mounted), such a file vanishes with
+/// the process; only an existing destination can leave a file during the last step. Elsewhere, a file named ".orv_" and
+/// 16 hexadecimal digits can be left in the directory of `destination`; it may be removed.
+///
+/// @param source       path of a regular file, or of a link to one; not changed
+/// @param destination  path of the new file. An existing regular file or a symbolic link is replaced, everything else
+///                     is refused. The directory must be writable, and also readable for `durable`. The last component
+///                     may be as long as the file system allows
+/// @param options      see FileOptions
+/// @return true if the copy is at `destination`. False: `destination` is as it was, unless a line says that the file is
+///         in place. No other file is left, unless a line says that it could not be removed
+/// Diagnostics, each for false:
+///   "CopyFile: CALL(PATH) failed (ERROR)."      CALL is a system call. PATH is `source`, `destination`, one of their
+///                                               directories, or the file beside `destination`
+///   "CopyFile: PATH is not a regular file (0xTYPE)."   TYPE: 4000 directory, 2000 and 6000 devices, 1000 FIFO,
+///                                                      c000 socket
+///   "CopyFile: linkat(DESTINATION) failed (17, File exists)."   with `noReplace`
+///   "CopyFile: what was written for DESTINATION differs from SOURCE after byte OFFSET."   with `verify`
+///   "CopyFile: fsync(DIRECTORY) failed (ERROR): the file is in place, but a power cut can undo that."
+/// Diagnostics for true:
+///   "CopyFile: fchmod(DESTINATION) failed (ERROR): the mode is not kept."
+///   with `preserve`, also "owner and group are", "extended attributes are", "the attribute NAME is", "times are" and
+///   "holes are not kept."
+///   "CopyFile: unlinkat(PATH) failed (ERROR)."  the file PATH beside `destination` is left; also possible for false
+/// Threads: any; of several copies to one destination the last one wins. Stack: 20 KiB.
+/// @code
+/// if (!orv_safe::CopyFile("/etc/hostname", "/var/tmp/hostname")) return;  // the log says why
+/// @endcode
+bool CopyFile(const std::string& source, const std::string& destination, const FileOptions& options = FileOptions());
+
+/// Moves the regular file `source` to `destination`, also to another file system.
+///
+/// On one file system this is a rename, and the file keeps all that it has; with `durable`, the file is flushed before
+/// the rename and both directories after it. To another file system, the file is copied as by `CopyFile`, with all its
+/// options. Then `source` is removed, but only if it is still the file that was copied: device, inode, number of links,
+/// size, times of its content and of its status. With `durable`, the copy and its name are on the medium before that.
+///
+/// Two names of one file (hard links, two spellings of a path, and two mounts of a directory) are refused, and nothing
+/// is changed. The function does not only compare device numbers, which differ between the layers of an overlay: it
+/// also tests whether the new file beside `destination` appears in the directory of `source`.
+///
+/// If `source` is a symbolic link, the content of the file that it leads to is copied, also on one file system, and the
+/// link is removed, never that file.
+///
+/// After a kill or, with `durable`, a power cut, the content is at `source` or at `destination`, or at both, each
+/// whole. A file beside `destination` can be left as after `CopyFile`.
+///
+/// @param source       path of a regular file, or of a link to one. With `durable`, the caller must be able to read the
+///                     file and its directory
+/// @param destination  as for `CopyFile`
+/// @param options      see FileOptions; `verify` and `preserve` matter only if the file is copied
+/// @return true if the file is at `destination` and `source` is removed. False: both are as they were, unless a line
+///         says that the content or the file is in place
+/// Diagnostics, each for false: those of `CopyFile`, with "MoveFile", and
+///   "MoveFile: SOURCE and DESTINATION are the same file."
+///   "MoveFile: CALL(SOURCE) failed (ERROR): the content is in place, and the source is kept."   116 (ESTALE):
+///                                               `source` has changed since it was opened, and was not removed
+/// Threads: any; of several moves to one destination the last one wins. Stack: 20 KiB.
+/// @code
+/// if (!orv_safe::MoveFile("/var/spool/log.1", "/media/usb/log.1")) return;  // the log says why
+/// @endcode
+bool MoveFile(const std::string& source, const std::string& destination, const FileOptions& options = FileOptions());
+
 // ---- Directories
 
 /// Makes the directory `path` and every missing directory above it.

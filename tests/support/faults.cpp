@@ -36,6 +36,7 @@ struct Trace {
 
 // All of these belong to a thread: a fault affects only calls of the thread that set it.
 thread_local std::vector<ScopedFault*> faults;
+thread_local std::vector<ScopedCall*> scopedCalls;
 thread_local ShortWrite shortWrite;
 thread_local bool unknownTypes = false;
 thread_local std::string vanishing;  // the path to remove after its status was read
@@ -152,7 +153,21 @@ int Mkstemp(const char* realName, char* path)
 template <typename... Arguments>
 int OnPathAt(Call call, const char* name, int directory, const char* path, Arguments... arguments)
 {
+    if (const std::optional<long> result = ScopedResult(call == Call::kOpenat ? "openat" : "fstatat")) {
+        return static_cast<int>(*result);
+    }
     return Fails(call) ? -1 : Real<int (*)(int, const char*, Arguments...)>(name)(directory, path, arguments...);
+}
+
+// A file without a name is asked for by a call of its own name here, so that tests can make a file system lack it.
+int OpenAt(const char* name, int directory, const char* path, int flags, mode_t mode)
+{
+    if ((flags & O_TMPFILE) == O_TMPFILE) {
+        const std::optional<long> result = ScopedResult("tmpfile");
+        return result ? static_cast<int>(*result)
+                      : Real<int (*)(int, const char*, int, ...)>(name)(directory, path, flags, mode);
+    }
+    return OnPathAt(Call::kOpenat, name, directory, path, flags, mode);
 }
 
 template <typename Entry>
@@ -206,6 +221,46 @@ bool ScopedFault::Hits(Call call)
     }
     fired_ = true;
     return true;
+}
+
+ScopedCall::ScopedCall(std::string call, int nth, Act act, int times)
+    : call_(std::move(call)), left_(nth), act_(std::move(act)), times_(times)
+{
+    scopedCalls.push_back(this);
+}
+
+ScopedCall::~ScopedCall()
+{
+    EXPECT_TRUE(reached_) << call_ << " was never reached";
+    scopedCalls.pop_back();
+}
+
+std::optional<long> ScopedCall::Result(const std::string& call)
+{
+    if (call != call_ || --left_ > 0 || left_ <= -times_) {
+        return std::nullopt;
+    }
+    reached_ = true;
+    return act_();
+}
+
+std::optional<long> ScopedResult(const char* call)
+{
+    std::optional<long> result;
+    for (ScopedCall* const scoped : scopedCalls) {
+        if (const std::optional<long> own = scoped->Result(call)) {
+            result = own;
+        }
+    }
+    return result;
+}
+
+ScopedCall::Act FailWith(int error)
+{
+    return [error] {
+        errno = error;
+        return -1L;
+    };
 }
 
 ScopedShortWrite::ScopedShortWrite(int nth, std::size_t bytes)
@@ -427,7 +482,7 @@ int fsync(int descriptor)
     if (trace != nullptr) {
         Record("fsync(", Shown(descriptor), ")");
     }
-    return Real<int (*)(int)>("fsync")(descriptor);
+    return Fails(Call::kFsync) ? -1 : Real<int (*)(int)>("fsync")(descriptor);
 }
 
 int fdatasync(int descriptor)
@@ -461,7 +516,7 @@ int openat(int directory, const char* path, int flags, ...)
     va_start(rest, flags);
     const mode_t mode = (flags & (O_CREAT | O_TMPFILE)) != 0 ? va_arg(rest, mode_t) : 0;
     va_end(rest);
-    return OnPathAt(Call::kOpenat, "openat", directory, path, flags, mode);
+    return OpenAt("openat", directory, path, flags, mode);
 }
 
 int openat64(int directory, const char* path, int flags, ...)
@@ -470,7 +525,7 @@ int openat64(int directory, const char* path, int flags, ...)
     va_start(rest, flags);
     const mode_t mode = (flags & (O_CREAT | O_TMPFILE)) != 0 ? va_arg(rest, mode_t) : 0;
     va_end(rest);
-    return OnPathAt(Call::kOpenat, "openat64", directory, path, flags, mode);
+    return OpenAt("openat64", directory, path, flags, mode);
 }
 
 int fstatat(int directory, const char* path, struct stat* status, int flags) noexcept

@@ -6,6 +6,7 @@
 #include <sys/types.h>
 
 #include <functional>
+#include <optional>
 #include <string>
 #include <vector>
 
@@ -27,6 +28,7 @@ enum class Call {
     kOpenat,
     kFstatat,
     kMkdirat,
+    kFsync,
 };
 
 // While it exists, the `nth` (1-based) `call` of this thread from now on fails with `error`. The destructor fails the
@@ -56,6 +58,37 @@ private:
     int error_;
     bool fired_ = false;
 };
+
+// While it exists, `act` runs in place of the calls of that name from the `nth` (1-based) on, `times` of them. If it
+// returns nothing, the system's call follows. The destructor fails the test if there was no such call.
+class ScopedCall {
+public:
+    using Act = std::function<std::optional<long>()>;
+
+    ScopedCall(std::string call, int nth, Act act, int times = 1);
+    ~ScopedCall();
+    ScopedCall(const ScopedCall&) = delete;
+    ScopedCall& operator=(const ScopedCall&) = delete;
+
+    // For the wrappers: counts a call and returns its result, if it is not the system's.
+    std::optional<long> Result(const std::string& call);
+
+private:
+    std::string call_;
+    int left_;
+    Act act_;
+    int times_;
+    bool reached_ = false;
+};
+
+// The call fails with this error number.
+ScopedCall::Act FailWith(int error);
+
+// For the wrappers: the result of a call by that name, if a ScopedCall of this thread decides it.
+std::optional<long> ScopedResult(const char* call);
+
+// More calls than any test makes.
+constexpr int kAlways = 1000000;
 
 // While it exists, the `nth` write writes only `bytes` bytes and does not change errno.
 class ScopedShortWrite {

@@ -33,6 +33,17 @@ TEST(SafeReportTest, GivesTheNumberOfAnErrorWithoutAText)
     EXPECT_EQ("MoveFile: rename(a) failed (4711, Unknown error 4711).", calls[0].text);
 }
 
+TEST(SafeReportTest, SaysWhatFollows)
+{
+    orv_safe::internal::Report("CopyFile", "fchmod", "a", EPERM, "the mode is not kept");
+
+    const std::vector<DlogCall> calls = TakeDlogCalls();
+    ASSERT_EQ(1u, calls.size());
+    EXPECT_EQ(3, calls[0].severity);
+    EXPECT_EQ("orv_safe", calls[0].sourceTag);
+    EXPECT_EQ("CopyFile: fchmod(a) failed (1, Operation not permitted): the mode is not kept.", calls[0].text);
+}
+
 TEST(SafeDescriptorTest, ClosesItsFileAndKeepsErrno)
 {
     const int number = open("/", O_RDONLY | O_CLOEXEC);
