@@ -379,6 +379,81 @@ bool CheckSettings(const std::string& path, std::vector<SettingsFinding>& findin
 /// @endcode
 const char* SettingsFindingText(SettingsFinding::Kind kind);
 
+/// How `WriteSettings` and `RemoveSettings` write.
+struct SettingsOptions {
+    bool durable;  ///< flushes file and directory to the medium, so that a power cut does not undo a success
+
+    SettingsOptions() : durable(true)
+    {
+    }
+};
+
+/// Changes values in a file of name-value lines, and leaves the rest of it byte for byte as it is.
+///
+/// A value that changes is replaced in its line: indentation, blanks around the delimiter and the line's end stay. If a
+/// name occurs more than once, its last line changes, which is the one that readers take. New names are added at the
+/// end, as NAME, delimiter, VALUE, each on a line that ends as the first line of the file does. Comments and the order
+/// of the lines stay.
+///
+/// The new text is written to a file beside the old one, which it then replaces in one step: readers see the old or the
+/// new file. It keeps the permissions and, where the system allows it, owner and group; otherwise a line says so, and a
+/// new group may do no more than all others. Access lists and extended attributes are not kept. If `path` is a symbolic
+/// link, the file that it leads to is replaced, and the link stays. Of two hard links only this one is replaced. If no
+/// value changes, nothing is written.
+///
+/// The file is read first: of two programs that change it at the same time, one may undo the change of the other.
+///
+/// @param path       path of a regular file. A missing one is made, with mode 0666 less the process's mask
+/// @param changes    names and their new values. Refused, before anything is touched, is what `ReadSettings` would not
+///                   read back: an empty name, a line feed, white space at an end, a name with the delimiter or with
+///                   the comment prefix at its beginning
+/// @param delimiter  as for `ReadSettings`
+/// @param comment    as for `ReadSettings`
+/// @param options    see `SettingsOptions`
+/// @return true if a reader gets all changes; if `durable`, also after a power cut. False: the file is as it was,
+/// unless
+///         the line is that of the directory's fsync. A kill or a power cut leaves the old or the new file and, where
+///         the file system cannot make files without a name, perhaps a file ".orv_" with 16 hexadecimal digits
+/// Diagnostics, one line for each false; FILE is `path` or the file that it leads to, STAGED the file beside it:
+///   "WriteSettings: set(PATH, NAME) failed (ERROR)."   22 (EINVAL): this name or its value is refused
+///   "WriteSettings: open(PATH) failed (ERROR)."        116 (ESTALE): somebody replaced the file during the call
+///   "WriteSettings: FILE is not a regular file (0xTYPE)."
+///   "WriteSettings: CALL(FILE) failed (ERROR)."        CALL: open (of the directory), readlinkat, fstatat, fstat,
+///   read,
+///                                                      openat, write, fchmod, fsync, close, linkat, renameat
+///   "WriteSettings: CALL(STAGED) failed (ERROR)."      CALL: openat, linkat, unlinkat; after unlinkat STAGED is left
+///   "WriteSettings: new(PATH) failed (ERROR)."         12 (ENOMEM): no memory
+///   "WriteSettings: fchown(PATH) failed (ERROR): the new file has another owner or group."   the result is true
+///   "WriteSettings: fsync(DIRECTORY) failed (ERROR): the file is in place, but a power cut can undo that."
+/// Threads: any. Exceptions: none.
+/// @code
+/// std::map<std::string, std::string> changes;
+/// changes["address"] = "192.0.2.7";
+/// if (!orv_safe::WriteSettings("/etc/app.conf", changes)) return;
+/// @endcode
+bool WriteSettings(const std::string& path, const std::map<std::string, std::string>& changes, char delimiter = '=',
+                   const std::string& comment = "#", const SettingsOptions& options = SettingsOptions());
+
+/// Removes names with their values from a file of name-value lines, and leaves the rest of it byte for byte as it is.
+///
+/// All lines of these names are removed. The file is replaced as by `WriteSettings`.
+///
+/// @param path       path of a regular file, which must exist
+/// @param names      names to remove. A name that the file does not contain is not a failure
+/// @param delimiter  as for `ReadSettings`
+/// @param comment    as for `ReadSettings`
+/// @param options    see `SettingsOptions`
+/// @return true if a reader gets none of the names; if `durable`, also after a power cut. False, a kill and a power cut
+///         leave what they leave of `WriteSettings`
+/// Diagnostics: those of `WriteSettings` except "set", beginning with "RemoveSettings".
+/// Threads: any. Exceptions: none.
+/// @code
+/// std::vector<std::string> names(1, "address");
+/// if (!orv_safe::RemoveSettings("/etc/app.conf", names)) return;
+/// @endcode
+bool RemoveSettings(const std::string& path, const std::vector<std::string>& names, char delimiter = '=',
+                    const std::string& comment = "#", const SettingsOptions& options = SettingsOptions());
+
 }  // namespace orv_safe
 #pragma GCC visibility pop
 

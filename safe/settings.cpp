@@ -2,23 +2,30 @@
 
 #include "internal.h"
 #include "safe.h"
+#include "staged_file.h"
 #include "utf8.h"
 
 #include "LxStringUtils.h"
 
 #include <fcntl.h>
+#include <limits.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include <algorithm>
 #include <cerrno>
 #include <cstddef>
+#include <memory>
 #include <new>
+#include <set>
 #include <utility>
 
 namespace orv_safe {
 
 using internal::Descriptor;
+using internal::Place;
 using internal::Report;
+using internal::StagedFile;
 using internal::Uninterrupted;
 
 namespace {
@@ -64,7 +71,8 @@ Span Trimmed(const std::string& text, Span span)
 
 // A line of a file of settings.
 struct Line {
-    Span all;  // without the line feed
+    std::size_t next;  // where the next line begins
+    Span all;          // without the line feed
     Span trimmed;
     bool isEntry;       // neither empty nor a comment
     bool hasDelimiter;  // for an entry, as what follows
@@ -89,7 +97,8 @@ public:
         line = Line();
         line.all.begin = next_;
         line.all.end = EndOf(next_, text_.size(), '\n');
-        next_ = line.all.end + (line.all.end == text_.size() ? 0 : 1);
+        line.next = line.all.end + (line.all.end == text_.size() ? 0 : 1);
+        next_ = line.next;
         line.trimmed = Trimmed(text_, line.all);
         line.isEntry = !line.trimmed.IsEmpty() && !IsComment(line.trimmed);
         if (line.isEntry) {
@@ -350,6 +359,316 @@ const char* SettingsFindingText(SettingsFinding::Kind kind)
             return "comment after a value, which becomes part of it: give it a line of its own";
     }
     return "";
+}
+
+// ---- WriteSettings and RemoveSettings
+
+namespace {
+
+const char kWriteSettings[] = "WriteSettings";
+const char kRemoveSettings[] = "RemoveSettings";
+const int kMostLinks = 40;  // as the kernel
+const mode_t kPermissionBits = 0777;
+const mode_t kNewFile = 0666;  // the kernel subtracts the process's mask
+
+// The path that the symbolic link `place` leads to. False if `place` is not a link; then errno says why.
+bool ReadLink(const Place& place, std::string& target)
+{
+    char buffer[PATH_MAX];
+    const ssize_t bytes =
+        Uninterrupted([&] { return readlinkat(place.Directory(), place.Name(), buffer, sizeof buffer); });
+    if (bytes == -1) {
+        return false;
+    }
+    target.assign(buffer, static_cast<std::size_t>(bytes));
+    if (target[0] != '/') {
+        target.insert(0, place.DirectoryPath());
+    }
+    return true;
+}
+
+// The place of the file that `path` leads to, through any links; null after a failure.
+std::unique_ptr<Place> FindPlace(const char* function, const std::string& path, bool durable)
+{
+    std::string target = path;
+    for (int links = 0; links <= kMostLinks; ++links) {
+        std::unique_ptr<Place> place(new Place(function, target, durable));
+        if (!place->IsOpen()) {
+            return nullptr;
+        }
+        if (!ReadLink(*place, target)) {
+            if (errno == EINVAL || errno == ENOENT) {  // not a link; nothing there
+                return place;
+            }
+            (void)place->Failed("readlinkat");
+            return nullptr;
+        }
+    }
+    Report(function, "readlinkat", path, ELOOP);
+    return nullptr;
+}
+
+// A file of settings that is read, changed in memory and replaced.
+class SettingsFile {
+public:
+    SettingsFile(const char* function, const std::string& path, bool durable)
+        : function_(function), path_(path), durable_(durable), file_(-1), status_()
+    {
+    }
+
+    // Reads the file into `text`. If it is missing and `mayBeMissing` is true, the text stays empty.
+    bool Read(bool mayBeMissing, std::string& text)
+    {
+        // O_NONBLOCK: a FIFO is refused below, not waited for.
+        Descriptor file(Uninterrupted([&] { return open(path_.c_str(), O_RDONLY | O_NONBLOCK | O_CLOEXEC); }));
+        const bool isMissing = file == -1 && errno == ENOENT && mayBeMissing;
+        if (file == -1 && !isMissing) {
+            return Failed("open");
+        }
+        file_.Swap(file);
+        place_ = FindPlace(function_, path_, durable_);
+        return place_ != nullptr && place_->IsFree(/*noReplace=*/isMissing, status_) &&
+               (isMissing || (IsAtPlace() && ReadToEnd(function_, file_, path_, text)));
+    }
+
+    // Replaces the text that was read. If nothing changes, only flushes the file, which another program may have
+    // written without doing so: on flash memory each write counts.
+    bool Update(const std::string& oldText, const std::string& text) const
+    {
+        return Exists() && text == oldText ? !durable_ || Flush() : Replace(text);
+    }
+
+private:
+    bool Failed(const char* call) const
+    {
+        Report(function_, call, path_, errno);
+        return false;
+    }
+
+    bool Exists() const
+    {
+        return file_ != -1;
+    }
+
+    bool Flush() const
+    {
+        return (Uninterrupted([this] { return fsync(file_); }) == 0 || Failed("fsync")) && place_->FlushDirectory();
+    }
+
+    bool Replace(const std::string& text) const
+    {
+        StagedFile staged(*place_, kNewFile);
+        return staged.IsOpen() && staged.Write(text.data(), text.size()) && (!Exists() || TakeOver(staged.File())) &&
+               (durable_ ? staged.Flush() : staged.CompleteWrites()) && staged.PutInPlace(/*noReplace=*/!Exists()) &&
+               (!durable_ || place_->FlushDirectory());
+    }
+
+    // Whether the open file is the one that will be replaced. Its path may lead elsewhere meanwhile.
+    bool IsAtPlace()
+    {
+        struct stat opened;
+        if (fstat(file_, &opened) != 0) {
+            return Failed("fstat");
+        }
+        if (opened.st_dev != status_.st_dev || opened.st_ino != status_.st_ino) {
+            errno = ESTALE;
+            return Failed("open");
+        }
+        return true;
+    }
+
+    // Gives the new file the owner, the group and the permissions of the old one.
+    bool TakeOver(int file) const
+    {
+        mode_t mode = status_.st_mode & kPermissionBits;
+        struct stat own;
+        if (fstat(file, &own) != 0) {
+            return Failed("fstat");
+        }
+        if ((own.st_uid != status_.st_uid || own.st_gid != status_.st_gid) &&
+            !ChangeOwner(file, status_.st_uid, status_.st_gid)) {
+            Report(function_, "fchown", path_, errno, "the new file has another owner or group");
+            if (own.st_gid != status_.st_gid && !ChangeOwner(file, own.st_uid, status_.st_gid)) {
+                mode = WithoutGroup(mode);
+            }
+        }
+        return Uninterrupted([&] { return fchmod(file, mode); }) == 0 || Failed("fchmod");
+    }
+
+    static bool ChangeOwner(int file, uid_t owner, gid_t group)
+    {
+        return Uninterrupted([&] { return fchown(file, owner, group); }) == 0;
+    }
+
+    // The permissions for a file of another group: that one may do no more than all others.
+    static mode_t WithoutGroup(mode_t mode)
+    {
+        const mode_t others = mode & S_IRWXO;
+        return (mode & S_IRWXU) | (others << 3U) | others;
+    }
+
+    const char* function_;
+    const std::string& path_;
+    bool durable_;
+    Descriptor file_;
+    std::unique_ptr<Place> place_;
+    struct stat status_;
+};
+
+// The text with new values. The last line of a name changes, because that is the one that readers take.
+class Changer {
+public:
+    Changer(const std::string& text, const Settings& changes, char delimiter, const std::string& comment)
+        : text_(text), changes_(changes), delimiter_(delimiter), comment_(comment), lineEnd_(LineEndOf(text))
+    {
+    }
+
+    std::string Change()
+    {
+        FindLastLines();
+        std::string changed;
+        Lines lines(text_, delimiter_, comment_);
+        for (Line line; lines.Next(line);) {
+            AddLine(line, changed);
+        }
+        for (const Settings::value_type& change : changes_) {
+            if (lastLines_.count(change.first) == 0) {
+                AddEntry(change, changed);
+            }
+        }
+        return changed;
+    }
+
+private:
+    // New lines end as the first one does.
+    static const char* LineEndOf(const std::string& text)
+    {
+        const std::size_t feed = text.find('\n');
+        return feed != std::string::npos && feed != 0 && text[feed - 1] == '\r' ? "\r\n" : "\n";
+    }
+
+    void FindLastLines()
+    {
+        Lines lines(text_, delimiter_, comment_);
+        for (Line line; lines.Next(line);) {
+            if (line.isEntry) {
+                lastLines_[TextOf(text_, line.name)] = line.all.begin;
+            }
+        }
+    }
+
+    void AddLine(const Line& line, std::string& changed) const
+    {
+        std::size_t from = line.all.begin;
+        const std::string* const value = line.isEntry ? NewValue(line) : nullptr;
+        if (value != nullptr) {
+            const Span old = PlaceOfValue(line);
+            changed.append(text_, from, old.begin - from);
+            if (!line.hasDelimiter) {
+                changed += delimiter_;
+            }
+            changed += *value;
+            from = old.end;
+        }
+        changed.append(text_, from, line.next - from);
+    }
+
+    // The value that the line of an entry gets, or null if it stays as it is.
+    const std::string* NewValue(const Line& line) const
+    {
+        const Settings::const_iterator change = changes_.find(TextOf(text_, line.name));
+        const bool changes = change != changes_.end() && lastLines_.at(change->first) == line.all.begin &&
+                             change->second != TextOf(text_, line.value);
+        return changes ? &change->second : nullptr;
+    }
+
+    // A value after a delimiter and blanks keeps the blanks, also if the old one is empty.
+    Span PlaceOfValue(const Line& line) const
+    {
+        Span place = line.value;
+        if (place.IsEmpty() && line.hasDelimiter) {
+            while (place.end != line.all.end && (text_[place.end] == ' ' || text_[place.end] == '\t')) {
+                ++place.end;
+            }
+            place.begin = place.end;
+        }
+        return place;
+    }
+
+    void AddEntry(const Settings::value_type& entry, std::string& changed) const
+    {
+        if (!changed.empty() && changed[changed.size() - 1] != '\n') {
+            changed += lineEnd_;
+        }
+        changed.append(entry.first).append(1, delimiter_).append(entry.second).append(lineEnd_);
+    }
+
+    const std::string& text_;
+    const Settings& changes_;
+    char delimiter_;
+    const std::string& comment_;
+    const char* lineEnd_;
+    std::map<std::string, std::size_t> lastLines_;  // where the last line of each name begins
+};
+
+// Whether readers of the text get each change back. A line feed or a delimiter in the wrong place would make another
+// entry of it. An empty name is a mistake of the caller.
+bool ComeBack(const std::string& path, const Settings& changes, const std::string& text, char delimiter,
+              const std::string& comment)
+{
+    Settings read;
+    AddEntries(text, delimiter, comment, read);
+    for (const Settings::value_type& change : changes) {
+        const Settings::const_iterator found = read.find(change.first);
+        if (change.first.empty() || found == read.end() || found->second != change.second) {
+            Report(kWriteSettings, "set", path + ", " + change.first, EINVAL);
+            return false;
+        }
+    }
+    return true;
+}
+
+std::string WithoutNames(const std::string& text, const std::set<std::string>& names, char delimiter,
+                         const std::string& comment)
+{
+    std::string rest;
+    Lines lines(text, delimiter, comment);
+    for (Line line; lines.Next(line);) {
+        if (!line.isEntry || names.count(TextOf(text, line.name)) == 0) {
+            rest.append(text, line.all.begin, line.next - line.all.begin);
+        }
+    }
+    return rest;
+}
+
+}  // namespace
+
+bool WriteSettings(const std::string& path, const Settings& changes, char delimiter, const std::string& comment,
+                   const SettingsOptions& options)
+{
+    return WithinMemory(kWriteSettings, path, [&] {
+        SettingsFile file(kWriteSettings, path, options.durable);
+        std::string text;
+        if (!file.Read(/*mayBeMissing=*/true, text)) {
+            return false;
+        }
+        const std::string changed = Changer(text, changes, delimiter, comment).Change();
+        return ComeBack(path, changes, changed, delimiter, comment) && file.Update(text, changed);
+    });
+}
+
+bool RemoveSettings(const std::string& path, const std::vector<std::string>& names, char delimiter,
+                    const std::string& comment, const SettingsOptions& options)
+{
+    return WithinMemory(kRemoveSettings, path, [&] {
+        SettingsFile file(kRemoveSettings, path, options.durable);
+        std::string text;
+        if (!file.Read(/*mayBeMissing=*/false, text)) {
+            return false;
+        }
+        const std::set<std::string> set(names.begin(), names.end());
+        return file.Update(text, WithoutNames(text, set, delimiter, comment));
+    });
 }
 
 }  // namespace orv_safe

@@ -134,11 +134,11 @@ int LinkToNewName(const Place& from, const char* name, const Place& to)
 
 // ---- StagedFile
 
-StagedFile::StagedFile(const Place& place)
+StagedFile::StagedFile(const Place& place, mode_t mode)
     : place_(place),
       path_(place.DirectoryPath() + kNamePrefix + std::string(kNameDigits, '0')),
       isNamed_(false),
-      file_(Create())
+      file_(Create(mode))
 {
 }
 
@@ -172,19 +172,19 @@ int StagedFile::WithNewName(Make make)
     return result;
 }
 
-int StagedFile::Create()
+int StagedFile::Create(mode_t mode)
 {
     // A file without a name gets one through /proc, so it is not made where that is not mounted. Nobody else can reach
     // such a file, and it vanishes with the process.
     if (access(kOwnDescriptors, X_OK) == 0) {
-        const int file = Uninterrupted(
-            [this] { return openat(place_.Directory(), ".", O_TMPFILE | O_RDWR | O_CLOEXEC, S_IRUSR | S_IWUSR); });
+        const int file =
+            Uninterrupted([&] { return openat(place_.Directory(), ".", O_TMPFILE | O_RDWR | O_CLOEXEC, mode); });
         if (file != -1) {
             return file;
         }
     }
-    const int file = WithNewName([this](const char* name) {
-        return openat(place_.Directory(), name, O_CREAT | O_EXCL | O_NOFOLLOW | O_RDWR | O_CLOEXEC, S_IRUSR | S_IWUSR);
+    const int file = WithNewName([&](const char* name) {
+        return openat(place_.Directory(), name, O_CREAT | O_EXCL | O_NOFOLLOW | O_RDWR | O_CLOEXEC, mode);
     });
     if (file == -1) {
         Report(place_.Function(), "openat", path_, errno);

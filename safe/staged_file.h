@@ -81,12 +81,13 @@ long CopyFileRange(int from, int to, std::size_t bytes);
 int RenameToNewName(const Place& from, const char* name, const Place& to);
 int LinkToNewName(const Place& from, const char* name, const Place& to);
 
-// A new file with mode 0600. It has no name if the file system can do that, and otherwise a name of its own, ".orv_"
-// and 16 hexadecimal digits. The destructor removes that name unless the file was put in place.
+// A new file with mode 0600, unless another one is given, which the process's mask reduces. It has no name if the file
+// system can do that, and otherwise a name of its own, ".orv_" and 16 hexadecimal digits. The destructor removes that
+// name unless the file was put in place.
 class StagedFile {
 public:
     // Creates the file in the directory of `place`, which must be open and outlive this object.
-    explicit StagedFile(const Place& place);
+    explicit StagedFile(const Place& place, mode_t mode = S_IRUSR | S_IWUSR);
     ~StagedFile();
     StagedFile(const StagedFile&) = delete;
     StagedFile& operator=(const StagedFile&) = delete;
@@ -124,7 +125,7 @@ public:
 private:
     template <typename Make>
     int WithNewName(Make make);
-    int Create();
+    int Create(mode_t mode);
     const char* Name() const;
     int Link(const char* name) const;
 

@@ -4,6 +4,7 @@
 
 #include <unistd.h>
 
+#include <algorithm>
 #include <cctype>
 #include <cstdlib>
 
@@ -171,6 +172,89 @@ NameValues Read(const std::string& bytes, char delimiter, const std::string& com
         }
     }
     return before;
+}
+
+namespace {
+
+// The lines of a file with their line feeds.
+std::vector<std::string> WholeLines(const std::string& bytes)
+{
+    std::vector<std::string> lines = Lines(bytes);
+    for (std::string& line : lines) {
+        line += '\n';
+    }
+    if (!bytes.empty() && bytes.back() != '\n') {
+        lines.back().pop_back();
+    }
+    return lines;
+}
+
+// The line of an entry with another value.
+std::string WithValue(const std::string& line, char delimiter, const std::string& value)
+{
+    const std::string entry = Trimmed(line);
+    const std::size_t end = line.find(entry) + entry.size();
+    const std::size_t split = entry.find(delimiter);
+    if (split == std::string::npos) {
+        return value.empty() ? line : line.substr(0, end) + delimiter + value + line.substr(end);
+    }
+    const std::string old = Trimmed(entry.substr(split + 1));
+    std::string head = line.substr(0, end - old.size());
+    std::string tail = line.substr(end);
+    while (old.empty() && !tail.empty() && (tail[0] == ' ' || tail[0] == '\t')) {
+        head += tail[0];
+        tail.erase(0, 1);
+    }
+    return head + value + tail;
+}
+
+}  // namespace
+
+std::string Changed(const std::string& bytes, char delimiter, const std::string& commentPrefix,
+                    const NameValues& changes)
+{
+    const std::string end = bytes.substr(0, bytes.find('\n') + 1);
+    const bool crLf = end.size() > 1 && end.size() <= bytes.size() && end.substr(end.size() - 2) == "\r\n";
+    std::vector<std::string> lines = WholeLines(bytes);
+    for (const auto& [name, value] : changes) {
+        std::string* last = nullptr;
+        for (std::string& line : lines) {
+            if (Read(line, delimiter, commentPrefix, {}).count(name) != 0) {
+                last = &line;
+            }
+        }
+        if (last == nullptr) {
+            continue;
+        }
+        if (Read(*last, delimiter, commentPrefix, {})[name] != value) {
+            *last = WithValue(*last, delimiter, value);
+        }
+    }
+    std::string changed;
+    for (const std::string& line : lines) {
+        changed += line;
+    }
+    const NameValues before = Read(bytes, delimiter, commentPrefix, {});
+    for (const auto& [name, value] : changes) {
+        if (before.count(name) == 0) {
+            const std::string lineEnd = crLf ? "\r\n" : "\n";
+            changed += (changed.empty() || changed.back() == '\n' ? "" : lineEnd) + name + delimiter + value + lineEnd;
+        }
+    }
+    return changed;
+}
+
+std::string Without(const std::string& bytes, char delimiter, const std::string& commentPrefix,
+                    const std::vector<std::string>& names)
+{
+    std::string rest;
+    for (const std::string& line : WholeLines(bytes)) {
+        const NameValues entry = Read(line, delimiter, commentPrefix, {});
+        const bool isRemoved =
+            !entry.empty() && std::find(names.begin(), names.end(), entry.begin()->first) != names.end();
+        rest += isRemoved ? "" : line;
+    }
+    return rest;
 }
 
 std::string TemporaryPage(pid_t process)

@@ -36,6 +36,12 @@ using NameValues = std::map<std::string, std::string>;
 // Returns the map after a file with these bytes was read into `before`.
 NameValues Read(const std::string& bytes, char delimiter, const std::string& commentPrefix, NameValues before);
 
+// Returns the text of such a file after some values were changed in it, and after some names were removed from it.
+std::string Changed(const std::string& bytes, char delimiter, const std::string& commentPrefix,
+                    const NameValues& changes);
+std::string Without(const std::string& bytes, char delimiter, const std::string& commentPrefix,
+                    const std::vector<std::string>& names);
+
 // ---- Names of temporary files
 
 std::string TemporaryPage(pid_t process);

@@ -99,6 +99,11 @@ int unlinkat(int directory, const char* path, int flags) noexcept
     return Wrapped<int>("unlinkat", "unlinkat", directory, path, flags);
 }
 
+ssize_t readlinkat(int directory, const char* path, char* target, size_t bytes) noexcept
+{
+    return Wrapped<ssize_t>("readlinkat", "readlinkat", directory, path, target, bytes);
+}
+
 int fchmod(int descriptor, mode_t mode) noexcept
 {
     return Wrapped<int>("fchmod", "fchmod", descriptor, mode);
