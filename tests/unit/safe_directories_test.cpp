@@ -1,6 +1,7 @@
 #include "safe/safe.h"
 #include "support/cases.h"
 #include "support/faults.h"
+#include "support/new_fault.h"
 #include "support/orv_test.h"
 #include "support/safe_lines.h"
 
@@ -12,6 +13,7 @@
 
 #include <algorithm>
 #include <cerrno>
+#include <new>
 #include <string>
 #include <vector>
 
@@ -665,6 +667,53 @@ TEST_F(ListFilesTest, TakesItsPatternFromTheListItself)
     EXPECT_TRUE(ListFiles(dir_.Path(), list_[0].name, "", list_));
 
     EXPECT_THAT(Listed(), ElementsAre("old"));
+}
+
+// ---- Memory runs out at every allocation in turn
+
+TEST_F(MakeDirectoryTest, ThrowsBeforeItMakesTheDirectoryAndLeavesNothingOpen)
+{
+    const std::string path = dir_ / "a/b";
+    int failures = 0;
+    for (bool fired = true; fired; ++failures) {
+        bool made = false;
+        {
+            const ScopedNewFault fault(failures + 1);
+            try {
+                made = MakeDirectory(path, 0755);
+            } catch (const std::bad_alloc&) {
+            }
+            fired = fault.Fired();
+        }
+        EXPECT_NE(fired, made);
+        EXPECT_EQ(made, Exists(path));
+    }
+    EXPECT_LT(2, failures);
+}
+
+TEST_F(ListFilesTest, ThrowsAndLeavesTheListAsItWasAndNothingOpen)
+{
+    const std::string name(100, 'x');
+    dir_.Write(name + "1", "");
+    dir_.Write(name + "2", "");
+    options_.withDirectory = true;
+    const std::vector<std::string> descriptors = OpenDescriptors();
+    int failures = 0;
+    for (bool fired = true; fired; ++failures) {
+        bool listed = false;
+        {
+            const ScopedNewFault fault(failures + 1);
+            try {
+                listed = List(name + "*", "y" + name);
+            } catch (const std::bad_alloc&) {
+            }
+            fired = fault.Fired();
+        }
+        EXPECT_NE(fired, listed);
+        EXPECT_EQ(fired ? 1U : 2U, list_.size());
+        EXPECT_EQ(descriptors, OpenDescriptors());
+    }
+    EXPECT_LT(5, failures);
 }
 
 }  // namespace

@@ -2,6 +2,7 @@
 #include "safe/safe.h"
 #include "support/cases.h"
 #include "support/faults.h"
+#include "support/new_fault.h"
 #include "support/oracle.h"
 #include "support/orv_test.h"
 #include "support/safe_lines.h"
@@ -11,6 +12,7 @@
 #include <unistd.h>
 
 #include <cerrno>
+#include <functional>
 #include <map>
 #include <optional>
 #include <string>
@@ -883,6 +885,105 @@ TEST_F(RemoveSettingsTest, AgreesWithAModelForAnyText)
         ASSERT_EQ(oracle::Without(bytes, delimiter, comment, names), ReadFile(file))
             << PrintToString(bytes) << PrintToString(delimiter) << PrintToString(comment) << PrintToString(names);
     }
+}
+
+// ---- Memory runs out at every allocation in turn
+
+class SettingsMemoryTest : public OrvTest {
+protected:
+    // Runs `act` with each allocation failing in turn, until there are no more. After a failure the result is false
+    // with the one line, and `isAsBefore` is true; otherwise the result is true.
+    void FailEachAllocation(const std::string& function, const std::function<void()>& prepare,
+                            const std::function<bool()>& act, const std::function<bool()>& isAsBefore) const
+    {
+        int failures = 0;
+        for (bool fired = true; fired; ++failures) {
+            prepare();
+            const std::vector<std::string> descriptors = OpenDescriptors();
+            bool done = false;
+            {
+                const ScopedNewFault fault(failures + 1);
+                done = act();
+                fired = fault.Fired();
+            }
+            EXPECT_NE(fired, done) << failures;
+            EXPECT_EQ(fired, isAsBefore()) << failures;
+            ExpectSafeLines(fired ? std::vector<std::string>{SafeLine(function, "new", dir_ / "file", ENOMEM)}
+                                  : std::vector<std::string>{});
+            EXPECT_EQ(descriptors, OpenDescriptors());
+            EXPECT_EQ(std::vector<std::string>{"file"}, dir_.Names());
+        }
+        EXPECT_LT(5, failures);
+    }
+
+    const std::string long_ = std::string(100, 'x');
+    const std::string text_ = "a" + long_ + "=1" + long_ + "\nb" + long_ + "=2" + long_ + "\n";
+    const std::string file_ = dir_ / "file";
+    const std::string comment_ = "#";  // some strings allocate even that
+    SettingsOptions options_;
+};
+
+TEST_F(SettingsMemoryTest, ReadSettingsLeavesTheMapAsItWas)
+{
+    const Settings old = {{"a" + long_, "old" + long_}};
+    Settings settings;
+
+    FailEachAllocation(
+        "ReadSettings",
+        [&] {
+            dir_.Write("file", text_);
+            settings = old;
+        },
+        [&] { return ReadSettings(file_, settings, '=', comment_); }, [&] { return settings == old; });
+}
+
+TEST_F(SettingsMemoryTest, CheckSettingsLeavesTheFindingsAsTheyWere)
+{
+    std::vector<SettingsFinding> findings;
+
+    FailEachAllocation(
+        "CheckSettings",
+        [&] {
+            dir_.Write("file", text_ + "[section" + long_ + "]\n");
+            findings.resize(7);
+        },
+        [&] { return CheckSettings(file_, findings, '=', comment_); }, [&] { return findings.size() == 7; });
+}
+
+TEST_F(SettingsMemoryTest, WriteSettingsLeavesTheFileAsItWas)
+{
+    const Settings changes = {{"a" + long_, "7" + long_}, {"c" + long_, "8" + long_}};
+    for (const bool durable : {false, true}) {
+        options_.durable = durable;
+        FailEachAllocation(
+            "WriteSettings", [&] { dir_.Write("file", text_); },
+            [&] { return WriteSettings(file_, changes, '=', comment_, options_); },
+            [&] { return ReadFile(file_) == text_; });
+    }
+}
+
+TEST_F(SettingsMemoryTest, WriteSettingsMakesNoFile)
+{
+    const Settings changes = {{"a" + long_, "1"}};
+    int failures = 0;
+    for (bool fired = true; fired; ++failures) {
+        (void)unlink(file_.c_str());
+        const ScopedNewFault fault(failures + 1);
+        const bool written = WriteSettings(file_, changes, '=', comment_);
+        fired = fault.Fired();
+        EXPECT_NE(fired, written);
+        EXPECT_EQ(written, Exists(file_));
+        EXPECT_EQ(fired ? 1U : 0U, TakeDlogCalls().size());
+    }
+    EXPECT_LT(5, failures);
+}
+
+TEST_F(SettingsMemoryTest, RemoveSettingsLeavesTheFileAsItWas)
+{
+    const std::vector<std::string> names = {"a" + long_};
+    FailEachAllocation(
+        "RemoveSettings", [&] { dir_.Write("file", text_); },
+        [&] { return RemoveSettings(file_, names, '=', comment_); }, [&] { return ReadFile(file_) == text_; });
 }
 
 }  // namespace
