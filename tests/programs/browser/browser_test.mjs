@@ -1,7 +1,7 @@
 // Tests pages in headless Chromium, which reads them from a server on the loopback interface and from files.
 //
 // Usage: node --test browser_test.mjs, in a folder with node_modules. The environment must contain the paths of the
-// programs ORVFILE, STATUSBOARD and CHROMIUM. To make the pictures of the documents, set ORV_SCREENSHOTS to a folder.
+// programs ORVFILE, STATUSBOARD, SAFE_ROWS and CHROMIUM. To make the pictures of the documents, set ORV_SCREENSHOTS to a folder.
 
 import assert from "node:assert/strict";
 import { execFile, execFileSync } from "node:child_process";
@@ -15,7 +15,7 @@ import { promisify } from "node:util";
 
 import { chromium } from "playwright-core";
 
-const { ORVFILE, STATUSBOARD, CHROMIUM, ORV_SCREENSHOTS } = process.env;
+const { ORVFILE, STATUSBOARD, SAFE_ROWS, CHROMIUM, ORV_SCREENSHOTS } = process.env;
 const STATUSBOARD_CONF = fileURLToPath(new URL("../../examples/statusboard.conf", import.meta.url));
 const RELOAD_SECONDS = 10; // as in every page
 const run = promisify(execFile);
@@ -137,6 +137,49 @@ test("hostile cells made safe are shown as text", async () => {
       assert.equal(await page.evaluate(() => window.ran), undefined);
     });
   }
+});
+
+// Returns a function that returns random numbers below a bound, the same ones for each seed.
+function randomNumbers(seed) {
+  let state = seed;
+  return (bound) => {
+    state = (Math.imul(state, 1664525) + 1013904223) >>> 0;
+    return Math.floor((state / 2 ** 32) * bound);
+  };
+}
+
+// Returns the bytes of a cell: pieces of markup, of references, of characters and random bytes.
+function hostileCell(below) {
+  const pieces = [...HOSTILE, "", "&", "&#", "&#x", "&lt", "1", "12", "a", ";", " ", "\t", "\f", "\r\n", "\n", "\0", "\x7f", "\x85",
+    "\u00a0", "\u200b", "\u2028", "\ufeff", "\ufffe", "\uffff", "\u{10ffff}", "<!---->", "<!--", "-->", "</td>", "<td>", "</textarea>"];
+  const parts = Array.from({ length: below(6) }, () => below(3) === 0
+    ? Buffer.from(Array.from({ length: below(5) }, () => below(256)))
+    : Buffer.from(pieces[below(pieces.length)]).subarray(0, below(8) === 0 ? below(4) : undefined));
+  return Buffer.concat(parts);
+}
+
+test("10,000 hostile cells of the safe companion are shown as their text, each in its place", async () => {
+  const seed = Number(process.env.ORV_SEED ?? 14);
+  const below = randomNumbers(seed);
+  const rows = [];
+  for (let cells = 0; cells < 10000; cells += rows.at(-1).length) {
+    rows.push(Array.from({ length: 1 + below(6) }, () => hostileCell(below)));
+  }
+  const lines = rows.map((cells) => cells.map((cell) => cell.toString("hex") || "-").join(" ")).join("\n");
+  const text = execFileSync(SAFE_ROWS, { input: lines + "\n", maxBuffer: 1 << 26, stdio: ["pipe", "pipe", "inherit"] });
+  publish("safe.html", text);
+  const decoder = new TextDecoder("utf-8", { ignoreBOM: true });
+  const expected = rows.map((cells) => [cells.map((cell) => decoder.decode(cell).replaceAll("\0", "\ufffd"))]);
+  for (const address of addresses("safe.html")) {
+    await visit(address, async (page) => {
+      const found = await page.evaluate(shown);
+      assert.equal(found.tables.length, expected.length);
+      expected.forEach((table, i) => assert.deepEqual(found.tables[i], table, `seed ${seed}, row ${i}`));
+      assert.deepEqual(found.stray, []);
+      assert.equal(await page.evaluate(() => window.ran), undefined);
+    });
+  }
+  console.log(`browser: ${expected.flat(2).length} hostile cells in ${expected.length} rows, all shown as their text`);
 });
 
 test("raw cells are markup, scripts among it: making them safe is up to the program", async () => {
