@@ -215,6 +215,61 @@ bool CopyFile(const std::string& source, const std::string& destination, const F
 /// @endcode
 bool MoveFile(const std::string& source, const std::string& destination, const FileOptions& options = FileOptions());
 
+// ---- Pages
+
+/// How `PublishPage` works.
+struct PageOptions {
+    /// The page and its name are on the medium before the result is true. Off by default: a page is usually made again
+    /// soon.
+    bool durable;
+
+    PageOptions() : durable(false)
+    {
+    }
+};
+
+/// Turns a text table file into an HTML page by `orv_fileutils::GenHtmlPagefromTextFile`, and replaces `page` by it in
+/// one step, but only if it is whole.
+///
+/// The text is first read to its end, into memory. The page is made in "/var/tmp/TextToHtml_PID.tmp", where PID is the
+/// process id: in a new file, which is created under that name before the library opens it. Its size is compared with
+/// the size that the page of this text has, so an incomplete page is noticed, whatever cut it: a full disk, a failed
+/// write or a lack of memory. Then the page is renamed to `page`, or copied by `CopyFile` to another file system. A
+/// reader of `page` sees the old page or all of the new one. A symbolic link at `page` is replaced, not followed. The
+/// page has mode 0666 less the process's file-creation mask.
+///
+/// If there is a file at the name in /var/tmp, it is removed if it is a regular file of this user (a killed process had
+/// this id). Everything else that is there was planted: it stays untouched, and the page is not made. /var/tmp must be
+/// sticky or private, as it is on every system, and /proc must be mounted. Processes of one user must not share
+/// /var/tmp if they can have the same id, as in containers.
+///
+/// After a kill, `page` is the old or the new page, whole. "/var/tmp/TextToHtml_PID.tmp" may be left, and beside `page`
+/// what `CopyFile` may leave. After a power cut, the same is true with `durable`; without it, the page may be empty.
+///
+/// @param textFile  path of the text table file, a regular file. What is in it when it is read becomes the page, so
+///                  write it before, or under another name
+/// @param page      path of the page. An existing regular file or a symbolic link is replaced, everything else is
+///                  refused. Its directory must be writable, and also readable for `durable`
+/// @param options   see PageOptions
+/// @return true if the page of this call was put at `page`, whole. False: `page` is as it was, unless a line says that
+///         the file is in place. No other file is left, unless a line says that it could not be removed
+/// Diagnostics, each for false:
+///   "PublishPage: CALL(PATH) failed (ERROR)."   CALL is a system call. PATH is `textFile`, `page`, its directory, or
+///                                               the file in /var/tmp. For the open of that file, 17 (EEXIST) means
+///                                               that something was planted
+///   "PublishPage: PATH is not a regular file (0xTYPE)."   TYPE as for `CopyFile`
+///   "PublishPage: the page in /var/tmp/TextToHtml_PID.tmp is torn (BYTES of BYTES bytes)."   the disk may be full
+///   a line of `CopyFile`, then "PublishPage: CopyFile(/var/tmp/TextToHtml_PID.tmp, PAGE) failed."
+///   "PublishPage: fsync(DIRECTORY) failed (ERROR): the file is in place, but a power cut can undo that."
+/// Diagnostics for true and false: "PublishPage: unlink(/var/tmp/TextToHtml_PID.tmp) failed (ERROR)."   it is left
+/// Threads: any; calls wait for each other. Do not call `orv_fileutils::GenHtmlPagefromTextFile` at the same time. A
+/// program that another thread starts meanwhile can inherit the two streams of that function. Stack: 28 KiB.
+/// Exceptions: `std::bad_alloc`; then `page` is as it was, and nothing is left.
+/// @code
+/// if (!orv_safe::PublishPage("/var/tmp/status.txt", "/srv/www/status.html")) return;  // the log says why
+/// @endcode
+bool PublishPage(const std::string& textFile, const std::string& page, const PageOptions& options = PageOptions());
+
 // ---- Directories
 
 /// Makes the directory `path` and every missing directory above it.

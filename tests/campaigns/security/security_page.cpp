@@ -2,8 +2,10 @@
 // that the test can plant objects under its process id. It ends after a minute at the latest, because a FIFO may block
 // it.
 //
-// Usage: security_page USER_ID TABLE_FILE PAGE
+// Usage: security_page USER_ID TABLE_FILE PAGE [safe]
+// With "safe", PublishPage of the safe companion publishes, and the status is 1 if it returns false.
 #include "LxFileUtils.h"
+#include "safe/safe.h"
 
 #include <grp.h>
 #include <unistd.h>
@@ -24,12 +26,15 @@ bool BecomeUser(uid_t user)
 
 int main(int argc, char** argv)
 {
-    if (argc != 4 || !BecomeUser(static_cast<uid_t>(std::strtoul(argv[1], nullptr, 10)))) {
+    if (argc < 4 || argc > 5 || !BecomeUser(static_cast<uid_t>(std::strtoul(argv[1], nullptr, 10)))) {
         return 2;
     }
     alarm(kLifeSeconds);
     char byte;
     while (read(STDIN_FILENO, &byte, 1) > 0) {
+    }
+    if (argc == 5) {
+        return orv_safe::PublishPage(argv[2], argv[3]) ? 0 : 1;
     }
     orv_fileutils::GenHtmlPagefromTextFile(argv[2], argv[3]);
     return 0;

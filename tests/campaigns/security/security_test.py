@@ -3,7 +3,9 @@
 and compares the results with the table of docs/security.md.
 
 Usage: security_test.py [--measure] DOCUMENT [EMULATOR...] PROGRAM
---measure prints the results instead of comparing them. With ORV_FULL in the environment, every combination of the
+       security_test.py --safe [EMULATOR...] PROGRAM
+--measure prints the results instead of comparing them. --safe attacks a service that publishes with the safe companion:
+then every object is left alone, no planted page is published, and each refusal has a line. With ORV_FULL in the environment, every combination of the
 settings is tried; otherwise each value of the setting that matters, with all other settings off and with all on.
 Ends with 77 when it had to skip, which fails where ORV_NO_SKIP is set.
 
@@ -279,8 +281,8 @@ def remove_tree(directory):
             os.unlink(entry.path)
 
 
-def attack(program, what, service, planter, page_directory, new_page):
-    """Returns the result of one row: page, other file, object left at the name, lines."""
+def attack(program, what, service, planter, page_directory, new_page, how=()):
+    """`how` is passed to the program after its other arguments. Returns the result of one row: page, other file, object left at the name, lines."""
     for directory in (BUILD_DIRECTORY, OTHER_DIRECTORY):
         remove_tree(directory)
     private = BUILD_DIRECTORY + "/service"  # also contains the page, on the same file system
@@ -296,7 +298,7 @@ def attack(program, what, service, planter, page_directory, new_page):
     write_file(page, OLD_PAGE, 0o644, service)
 
     with subprocess.Popen(
-        [*program, str(service), private + "/table", page], stdin=subprocess.PIPE, stderr=subprocess.PIPE
+        [*program, str(service), private + "/table", page, *how], stdin=subprocess.PIPE, stderr=subprocess.PIPE
     ) as process:
         try:
             name = temporary_page(process.pid)
@@ -306,7 +308,7 @@ def attack(program, what, service, planter, page_directory, new_page):
             planted = os.lstat(name).st_ino
             leaked = run_service(process, name)
             lines = process.stderr.read().decode().splitlines()
-            assert process.returncode == 0, process.returncode
+            assert process.returncode in ((0, 1) if how else (0,)), process.returncode
         finally:
             process.kill()
 
@@ -318,6 +320,7 @@ def attack(program, what, service, planter, page_directory, new_page):
     assert set(os.listdir(private)) <= {"table", "victim", "victim.new", "page"}, os.listdir(private)
     assert set(os.listdir(other)) <= {"page"}, os.listdir(other)
     state = page_state(page, victim, new_page, service)
+    assert not how or (process.returncode == 0) == state.startswith("new"), (process.returncode, state)
     if leaked is not None:
         state += "; **waits for a reader, who gets the page**"
     return (state, other_file_state(what, victim, own_file, new_page), left, shorten(lines, process.pid, page))
@@ -381,6 +384,36 @@ def measure(program, new_page):
     return results
 
 
+def expected_of_the_safe_page(what, lines):
+    """Returns the result of an attack on the safe companion. Each refusal has the line that `lines` contains."""
+    if what == "hard link to a file of the service":  # by its status, it may be left by a killed process
+        return ("new, owner service", "kept", "nothing", "none")
+    other = {"symbolic link": "kept", "dangling symbolic link": "none", "hard link to its own file": "kept"}
+    return ("old", other.get(what, "-"), "the object", lines)
+
+
+def attack_the_safe_page(program, new_page):
+    """Makes all attacks on the safe companion. Returns whether none achieved anything."""
+    attacks = failures = refusals = 0
+    line = re.compile(r"'\[3\] orv_safe: PublishPage: open\(/var/tmp/TextToHtml_\d+\.tmp\) failed \(17, File exists\)\.'")
+    for what, setting in OBJECTS.items():
+        for settings in combinations(setting):
+            write_settings(settings)
+            for user, planter in itertools.product(SERVICES.values(), PLANTERS):
+                for directory in (BUILD_DIRECTORY, OTHER_DIRECTORY):
+                    result = attack(program, what, user, planter, directory, new_page, ["safe"])
+                    attacks += 1
+                    if result[0] == "cannot be planted" and what == "hard link to a file of the service":
+                        continue
+                    lines = result[3] if line.fullmatch(result[3]) else "a line of PublishPage"
+                    refusals += result[0] == "old"
+                    if result != expected_of_the_safe_page(what, lines):
+                        failures += 1
+                        print(f"{what}, {settings}, service {user}, planter {planter}, page in {directory}: {result}")
+    print(f"security: {attacks} attacks on the safe companion, {refusals} refused with a line, {failures} succeeded")
+    return failures == 0 < refusals
+
+
 def print_table(results):
     """Prints a row for each value, service and place, with its result."""
     for (what, service, place, value), outcomes in results.items():
@@ -432,6 +465,7 @@ def compare(results, expected):
 def main():
     arguments = sys.argv[1:]
     measuring = arguments[0] == "--measure"
+    safe = arguments[0] == "--safe"
     document, *program = arguments[measuring:]
     try:
         if os.geteuid() != 0:
@@ -440,6 +474,8 @@ def main():
         os.umask(0o022)
         with SavedSettings():
             new_page = make_page(program, 0)
+            if safe:
+                return 0 if attack_the_safe_page(program, new_page) else 1
             results = measure(program, new_page)
             write_settings(dict.fromkeys(SETTINGS, 0))
             check_private_directory(program, new_page)
