@@ -16,7 +16,6 @@
 #include <cerrno>
 #include <cstddef>
 #include <cstring>
-#include <limits>
 #include <vector>
 
 namespace orv_safe {
@@ -35,7 +34,6 @@ const char kMoveFile[] = "MoveFile";
 const std::size_t kBlockBytes = 8192;            // on the stack; two of them when files are compared
 const std::size_t kKernelBytes = 1U << 30U;      // the most that one call of the kernel copies
 const std::size_t kAttributeBytes = 64U << 10U;  // the largest value and the longest list that the kernel has
-const off_t kWholeFile = std::numeric_limits<off_t>::max();
 
 const mode_t kPermissionBits = 0777;
 const mode_t kModeBits = 07777;
@@ -116,32 +114,23 @@ private:
 
 // ---- Copying the bytes
 
-// Copies up to `most` bytes from where both files are, without passing them through this process. Returns the number of
-// bytes; the caller copies the rest in another way and meets the error, if there is one.
-off_t CopyInKernel(int from, int to, off_t most)
+// Copies without passing the bytes through this process, as far as that works. The caller copies the rest in another
+// way and meets the error, if there is one.
+void CopyInKernel(int from, int to)
 {
-    off_t left = most;
-    for (const bool ranges : {true, false}) {
-        while (left > 0) {
-            const std::size_t bytes = static_cast<std::size_t>(std::min<off_t>(left, kKernelBytes));
-            const long copied = ranges ? internal::CopyFileRange(from, to, bytes) : sendfile(to, from, nullptr, bytes);
-            if (copied <= 0) {
-                break;
-            }
-            left -= copied;
-        }
+    while (internal::CopyFileRange(from, to, kKernelBytes) > 0) {
     }
-    return most - left;
+    while (sendfile(to, from, nullptr, kKernelBytes) > 0) {
+    }
 }
 
-// Copies up to `most` bytes, or until a read finds the end of the source.
-bool CopyBytes(const SourceFile& source, const StagedFile& copy, off_t most)
+// Copies until a read finds the end of the source.
+bool CopyBytes(const SourceFile& source, const StagedFile& copy)
 {
-    off_t left = most - CopyInKernel(source.File(), copy.File(), most);
+    CopyInKernel(source.File(), copy.File());
     char block[kBlockBytes];
-    while (left > 0) {
-        const std::size_t bytes = static_cast<std::size_t>(std::min<off_t>(left, sizeof block));
-        const ssize_t got = Uninterrupted([&] { return read(source.File(), block, bytes); });
+    for (;;) {
+        const ssize_t got = Uninterrupted([&] { return read(source.File(), block, sizeof block); });
         if (got == -1) {
             return source.At().Failed("read");
         }
@@ -151,47 +140,8 @@ bool CopyBytes(const SourceFile& source, const StagedFile& copy, off_t most)
         if (!copy.Write(block, static_cast<std::size_t>(got))) {
             return false;
         }
-        left -= got;
     }
-    return true;
 }
-
-// Copies the bytes between the holes of the source, so that the copy has the same holes.
-bool CopyWithHoles(const SourceFile& source, const StagedFile& copy)
-{
-    off_t end = 0;  // of what is copied
-    for (;;) {
-        const off_t data = lseek(source.File(), end, SEEK_DATA);
-        const off_t hole = data == -1 ? -1 : lseek(source.File(), data, SEEK_HOLE);
-        if (hole == -1) {
-            break;
-        }
-        if (lseek(source.File(), data, SEEK_SET) == -1) {
-            return source.At().Failed("lseek");
-        }
-        if (lseek(copy.File(), data, SEEK_SET) == -1) {
-            return copy.At().Failed("lseek");
-        }
-        if (!CopyBytes(source, copy, hole - data)) {
-            return false;
-        }
-        end = hole;
-    }
-    if (errno == ENXIO) {  // after `end` there is only a hole, or nothing
-        end = lseek(source.File(), 0, SEEK_END);
-    } else {
-        Report(source.At().Function(), "lseek", source.At().Path(), errno, "holes are not kept");
-    }
-    if (end == -1 || lseek(source.File(), end, SEEK_SET) == -1) {
-        return source.At().Failed("lseek");
-    }
-    if (Uninterrupted([&] { return ftruncate(copy.File(), end); }) != 0 || lseek(copy.File(), end, SEEK_SET) == -1) {
-        return copy.At().Failed("ftruncate");
-    }
-    return CopyBytes(source, copy, kWholeFile);  // what was appended meanwhile
-}
-
-// ---- Comparing the bytes
 
 // Fills `block` from `offset` on, unless the file ends there. Returns the number of bytes, or -1.
 ssize_t ReadBlock(int file, char* block, off_t offset)
@@ -209,6 +159,47 @@ ssize_t ReadBlock(int file, char* block, off_t offset)
         }
     }
 }
+
+bool IsZero(const char* block, std::size_t bytes)
+{
+    return std::all_of(block, block + bytes, [](char byte) { return byte == '\0'; });
+}
+
+// Copies a file with holes, and makes a hole of each block of zero bytes. The kernel also says where holes are, but
+// file systems have been wrong about that.
+bool CopyWithHoles(const SourceFile& source, const StagedFile& copy)
+{
+    char block[kBlockBytes];
+    off_t end = 0;
+    for (;;) {
+        const ssize_t got = ReadBlock(source.File(), block, end);
+        if (got == -1) {
+            return source.At().Failed("pread");
+        }
+        if (got == 0) {
+            break;
+        }
+        const std::size_t bytes = static_cast<std::size_t>(got);
+        if (!IsZero(block, bytes)) {
+            if (lseek(copy.File(), end, SEEK_SET) == -1) {
+                return copy.At().Failed("lseek");
+            }
+            if (!copy.Write(block, bytes)) {
+                return false;
+            }
+        }
+        end += got;
+    }
+    return Uninterrupted([&] { return ftruncate(copy.File(), end); }) == 0 || copy.At().Failed("ftruncate");
+}
+
+bool HasHoles(const struct stat& status)
+{
+    const off_t kBytesOfABlock = 512;  // whatever the file system's own blocks are
+    return status.st_blocks < status.st_size / kBytesOfABlock;
+}
+
+// ---- Comparing the bytes
 
 bool HasSameBytes(const SourceFile& source, const StagedFile& copy)
 {
@@ -331,7 +322,8 @@ bool GiveMetadata(const SourceFile& source, const StagedFile& copy, bool preserv
 // Makes `copy` ready to be put in place.
 bool Fill(const StagedFile& copy, const SourceFile& source, const FileOptions& options)
 {
-    const bool copied = options.preserve ? CopyWithHoles(source, copy) : CopyBytes(source, copy, kWholeFile);
+    const bool copied =
+        options.preserve && HasHoles(source.Status()) ? CopyWithHoles(source, copy) : CopyBytes(source, copy);
     return copied && (!options.verify || IsOnMedium(source, copy)) && GiveMetadata(source, copy, options.preserve) &&
            (options.durable ? copy.Flush() : copy.CompleteWrites());
 }
@@ -349,8 +341,7 @@ bool RefuseSameFile(const Place& from, const Place& to)
 bool RemoveSource(const Place& from, const struct stat& moved)
 {
     struct stat status;
-    const bool isKnown = from.ReadStatus(status);
-    if (!isKnown) {
+    if (!from.ReadStatus(status)) {
         Report(kMoveFile, "fstatat", from.Path(), errno, kSourceKept);
         return false;
     }
@@ -380,9 +371,13 @@ bool FlushFile(const Place& place)
 // Where a file system cannot rename to a new name only.
 bool MoveByLink(const Place& from, const Place& to)
 {
-    struct stat linked;
-    if (LinkToNewName(from, from.Name(), to) != 0 || !to.ReadStatus(linked)) {
+    if (LinkToNewName(from, from.Name(), to) != 0) {
         return to.Failed("linkat");
+    }
+    struct stat linked;
+    if (!to.ReadStatus(linked)) {
+        Report(kMoveFile, "fstatat", to.Path(), errno, kSourceKept);
+        return false;
     }
     return RemoveSource(from, linked);
 }

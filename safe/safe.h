@@ -146,7 +146,8 @@ struct FileOptions {
 /// The copy gets the nine permission bits of `source`. With `preserve` it also gets the owner, the group and all twelve
 /// bits of the mode (nine if the owner cannot be kept), the extended attributes, the times and the holes. What cannot
 /// be kept is reported in a line that says so, and the result is still true: most file systems on USB sticks have no
-/// modes and owners. A file system without holes fills them with zero bytes, without a line.
+/// modes and owners. In a file with holes, each block of 8 KiB of zero bytes becomes a hole; a file system without
+/// holes fills them with zero bytes, without a line.
 ///
 /// The result is what the medium has only with `durable`. Without it, all writes have succeeded, but a power cut can
 /// still lose the content, also that of the replaced file.
@@ -173,8 +174,8 @@ struct FileOptions {
 ///   "CopyFile: fsync(DIRECTORY) failed (ERROR): the file is in place, but a power cut can undo that."
 /// Diagnostics for true:
 ///   "CopyFile: fchmod(DESTINATION) failed (ERROR): the mode is not kept."
-///   with `preserve`, also "owner and group are", "extended attributes are", "the attribute NAME is", "times are" and
-///   "holes are not kept."
+///   with `preserve`, also "owner and group are", "extended attributes are", "the attribute NAME is", "times are not
+///   kept."
 ///   "CopyFile: unlinkat(PATH) failed (ERROR)."  the file PATH beside `destination` is left; also possible for false
 /// Threads: any; of several copies to one destination the last one wins. Stack: 20 KiB.
 /// @code

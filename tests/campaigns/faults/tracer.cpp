@@ -51,14 +51,43 @@ struct CallForm {
 };
 
 constexpr CallForm kForms[] = {
-    {SYS_newfstatat, "stat", 1, -1, -1, -1},      {SYS_stat, "stat", 0, -1, -1, -1},
-    {SYS_lstat, "lstat", 0, -1, -1, -1},          {SYS_fstat, "fstat", -1, -1, 0, -1},
-    {SYS_openat, "open", 1, -1, -1, -1},          {SYS_read, "read", -1, -1, 0, -1},
-    {SYS_write, "write", -1, -1, 0, -1},          {SYS_writev, "writev", -1, -1, 0, -1},
-    {SYS_close, "close", -1, -1, 0, -1},          {SYS_chmod, "chmod", 0, -1, -1, 1},
-    {SYS_rename, "rename", 0, 1, -1, -1},         {SYS_unlink, "unlink", 0, -1, -1, -1},
-    {SYS_mkdir, "mkdir", 0, -1, -1, 1},           {SYS_getdents64, "getdents", -1, -1, 0, -1},
-    {SYS_getrandom, "getrandom", -1, -1, -1, -1}, {SYS_getpid, "getpid", -1, -1, -1, -1},
+    {SYS_newfstatat, "stat", 1, -1, -1, -1},
+    {SYS_stat, "stat", 0, -1, -1, -1},
+    {SYS_lstat, "lstat", 0, -1, -1, -1},
+    {SYS_fstat, "fstat", -1, -1, 0, -1},
+    {SYS_openat, "open", 1, -1, -1, -1},
+    {SYS_read, "read", -1, -1, 0, -1},
+    {SYS_write, "write", -1, -1, 0, -1},
+    {SYS_writev, "writev", -1, -1, 0, -1},
+    {SYS_close, "close", -1, -1, 0, -1},
+    {SYS_chmod, "chmod", 0, -1, -1, 1},
+    {SYS_rename, "rename", 0, 1, -1, -1},
+    {SYS_unlink, "unlink", 0, -1, -1, -1},
+    {SYS_mkdir, "mkdir", 0, -1, -1, 1},
+    {SYS_getdents64, "getdents", -1, -1, 0, -1},
+    {SYS_getrandom, "getrandom", -1, -1, -1, -1},
+    {SYS_getpid, "getpid", -1, -1, -1, -1},
+    {SYS_access, "access", 0, -1, -1, -1},
+    {SYS_fcntl, "fcntl", -1, -1, 0, -1},
+    {SYS_linkat, "linkat", 1, 3, -1, -1},
+    {SYS_renameat, "renameat", 1, 3, -1, -1},
+    {SYS_renameat2, "renameat2", 1, 3, -1, -1},
+    {SYS_unlinkat, "unlinkat", 1, -1, -1, -1},
+    {SYS_mkdirat, "mkdirat", 1, -1, -1, 2},
+    {SYS_copy_file_range, "copy_file_range", -1, -1, 0, -1},
+    {SYS_sendfile, "sendfile", -1, -1, 1, -1},
+    {SYS_pread64, "pread", -1, -1, 0, -1},
+    {SYS_lseek, "lseek", -1, -1, 0, -1},
+    {SYS_ftruncate, "ftruncate", -1, -1, 0, -1},
+    {SYS_fsync, "fsync", -1, -1, 0, -1},
+    {SYS_fdatasync, "fdatasync", -1, -1, 0, -1},
+    {SYS_fadvise64, "posix_fadvise", -1, -1, 0, -1},
+    {SYS_fchmod, "fchmod", -1, -1, 0, 1},
+    {SYS_fchown, "fchown", -1, -1, 0, -1},
+    {SYS_utimensat, "utimensat", -1, -1, 0, -1},
+    {SYS_flistxattr, "flistxattr", -1, -1, 0, -1},
+    {SYS_fgetxattr, "fgetxattr", -1, -1, 0, -1},
+    {SYS_fsetxattr, "fsetxattr", -1, -1, 0, -1},
 };
 
 const CallForm* FormOf(std::uint64_t number)
@@ -299,6 +328,8 @@ TracedCall Tracer::Describe(const SyscallInfo& info)
         descriptor = static_cast<int>(args[0]);
     } else if (form->number == SYS_newfstatat && (args[3] & AT_SYMLINK_NOFOLLOW) != 0) {
         call.name = "lstat";
+    } else if (form->number == SYS_openat && (args[2] & O_TMPFILE) == O_TMPFILE) {
+        call.name = "tmpfile";
     } else if (form->number == SYS_openat && (args[2] & O_CREAT) != 0) {
         call.name = "create";
     }
@@ -314,7 +345,7 @@ TracedCall Tracer::Describe(const SyscallInfo& info)
     if (form->mode != -1) {
         call.mode = static_cast<unsigned int>(args[form->mode]);
     }
-    if (form->number == SYS_read || form->number == SYS_write) {
+    if (form->number == SYS_read || form->number == SYS_write || form->number == SYS_pread64) {
         call.asked = args[2];
     } else if (form->number == SYS_writev) {
         for (const iovec& part : ItemsAt<iovec>(args[1], args[2])) {
@@ -401,7 +432,7 @@ void Tracer::OnEntry(const SyscallInfo& info)
 
 void Tracer::FollowDescriptors(const TracedCall& call)
 {
-    if ((call.name == "open" || call.name == "create") && call.result >= 0) {
+    if ((call.name == "open" || call.name == "create" || call.name == "tmpfile") && call.result >= 0) {
         descriptorPaths_[static_cast<int>(call.result)] = call.paths[0];
     }
 }
