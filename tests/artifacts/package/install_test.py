@@ -102,6 +102,7 @@ class Installation:
             ("with_stderr", ["1 cell:cell;", f"LxFileUtils.cpp: {LINE}"]),
             ("with_syslog", ["1 cell:cell;"]),
             ("with_memory", [f"LxFileUtils.cpp: {LINE}"]),
+            ("with_safe", ["&#60 0", "orv_safe: MakeDirectory: mkdir(/proc/orv-outside) failed (2, "]),
             ("with_own_log", [f"device: 3 LxFileUtils.cpp: {LINE}"]),
         ):
             said = run(*self.options.emulator, os.path.join(directory, name))
