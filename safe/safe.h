@@ -467,16 +467,14 @@ struct SettingsOptions {
 /// @param comment    as for `ReadSettings`
 /// @param options    see `SettingsOptions`
 /// @return true if a reader gets all changes; if `durable`, also after a power cut. False: the file is as it was,
-/// unless
-///         the line is that of the directory's fsync. A kill or a power cut leaves the old or the new file and, where
-///         the file system cannot make files without a name, perhaps a file ".orv_" with 16 hexadecimal digits
+///         unless the line is that of the directory's fsync. A kill or a power cut leaves the old or the new file and,
+///         where the file system cannot make files without a name, perhaps a file ".orv_" with 16 hexadecimal digits
 /// Diagnostics, one line for each false; FILE is `path` or the file that it leads to, STAGED the file beside it:
 ///   "WriteSettings: set(PATH, NAME) failed (ERROR)."   22 (EINVAL): this name or its value is refused
 ///   "WriteSettings: open(PATH) failed (ERROR)."        116 (ESTALE): somebody replaced the file during the call
 ///   "WriteSettings: FILE is not a regular file (0xTYPE)."
 ///   "WriteSettings: CALL(FILE) failed (ERROR)."        CALL: open (of the directory), readlinkat, fstatat, fstat,
-///   read,
-///                                                      openat, write, fchmod, fsync, close, linkat, renameat
+///                                                      read, openat, write, fchmod, fsync, close, linkat, renameat
 ///   "WriteSettings: CALL(STAGED) failed (ERROR)."      CALL: openat, linkat, unlinkat; after unlinkat STAGED is left
 ///   "WriteSettings: new(PATH) failed (ERROR)."         12 (ENOMEM): no memory
 ///   "WriteSettings: fchown(PATH) failed (ERROR): the new file has another owner or group."   the result is true
