@@ -140,7 +140,10 @@ private:
         const mode_t mode = components_.IsLast() ? mode_ : mode_ | kOwnerMayEnterAndWrite;
         const int made = Uninterrupted([&] { return mkdirat(directory_, components_.Name(), mode); });
         // EEXIST: another process was faster, or it is not a directory; opening it decides.
-        return made == 0 || errno == EEXIST || Fail("mkdir", errno);
+        if (made != 0 && errno != EEXIST) {
+            return Fail("mkdir", errno);
+        }
+        return true;
     }
 
     // Looks all names from the current one on up in the deepest directory that exists. None needs to be there, but the
@@ -231,15 +234,15 @@ public:
                     return false;
                 }
             } else if (errno != EINTR) {
-                return errno == 0 || Fail("readdir", path_);
+                return errno == 0 ? true : Fail("readdir", path_, errno);
             }
         }
     }
 
 private:
-    static bool Fail(const char* call, const std::string& path)
+    static bool Fail(const char* call, const std::string& path, int error)
     {
-        Report(kListFiles, call, path, errno);
+        Report(kListFiles, call, path, error);
         return false;
     }
 
@@ -254,7 +257,8 @@ private:
             struct stat status;
             const int flags = options_.followLinks ? 0 : AT_SYMLINK_NOFOLLOW;
             if (Uninterrupted([&] { return fstatat(dirfd(directory_), name.c_str(), &status, flags); }) != 0) {
-                return IsGone(errno) || Fail("stat", PathOf(name));
+                const int error = errno;
+                return IsGone(error) ? true : Fail("stat", PathOf(name), error);
             }
             if (!S_ISREG(status.st_mode)) {
                 return true;

@@ -369,7 +369,8 @@ const char kWriteSettings[] = "WriteSettings";
 const char kRemoveSettings[] = "RemoveSettings";
 const int kMostLinks = 40;  // as the kernel
 const mode_t kPermissionBits = 0777;
-const mode_t kNewFile = 0666;  // the kernel subtracts the process's mask
+const mode_t kNewFile = 0666;        // the kernel subtracts the process's mask
+const mode_t kUntilTakeOver = 0600;  // nobody else may read a staged file of which the permissions are not set yet
 
 // The path that the symbolic link `place` leads to. False if `place` is not a link; then errno says why.
 bool ReadLink(const Place& place, std::string& target)
@@ -452,19 +453,22 @@ private:
 
     bool Flush() const
     {
-        return (Uninterrupted([this] { return fsync(file_); }) == 0 || Failed("fsync")) && place_->FlushDirectory();
+        if (Uninterrupted([this] { return fsync(file_); }) != 0) {
+            return Failed("fsync");
+        }
+        return place_->FlushDirectory();
     }
 
     bool Replace(const std::string& text) const
     {
-        StagedFile staged(*place_, kNewFile);
+        StagedFile staged(*place_, Exists() ? kUntilTakeOver : kNewFile);
         return staged.IsOpen() && staged.Write(text.data(), text.size()) && (!Exists() || TakeOver(staged.File())) &&
                (durable_ ? staged.Flush() : staged.CompleteWrites()) && staged.PutInPlace(/*noReplace=*/!Exists()) &&
                (!durable_ || place_->FlushDirectory());
     }
 
     // Whether the open file is the one that will be replaced. Its path may lead elsewhere meanwhile.
-    bool IsAtPlace()
+    bool IsAtPlace() const
     {
         struct stat opened;
         if (fstat(file_, &opened) != 0) {
@@ -492,7 +496,10 @@ private:
                 mode = WithoutGroup(mode);
             }
         }
-        return Uninterrupted([&] { return fchmod(file, mode); }) == 0 || Failed("fchmod");
+        if (Uninterrupted([&] { return fchmod(file, mode); }) != 0) {
+            return Failed("fchmod");
+        }
+        return true;
     }
 
     static bool ChangeOwner(int file, uid_t owner, gid_t group)

@@ -13,6 +13,7 @@
 
 #include <algorithm>
 #include <cerrno>
+#include <filesystem>
 #include <new>
 #include <string>
 #include <vector>
@@ -106,6 +107,16 @@ TEST_F(MakeDirectoryTest, MakesADirectoryDirectlyBelowTheCurrentOne)
     });
 
     EXPECT_EQ((std::vector<std::string>{"a", "b", "c", "d"}), dir_.Names());
+}
+
+TEST_F(MakeDirectoryTest, MakesARelativePath)
+{
+    const std::string path = std::filesystem::relative(dir_.Path()).string() + "/a/b";
+    ASSERT_NE('/', path[0]);
+
+    EXPECT_TRUE(MakeDirectory(path, 0755));
+
+    EXPECT_TRUE(IsDirectory(dir_ / "a/b"));
 }
 
 TEST_F(MakeDirectoryTest, MakesADirectoryDirectlyBelowTheRoot)
@@ -261,6 +272,16 @@ TEST_F(MakeDirectoryTest, SaysWhichDirectoryCouldNotBeOpened)
         ExpectSafeLines({NotOpened(dir_ / "a", error)});
         EXPECT_EQ(std::vector<std::string>{"a"}, dir_.Names());
     }
+}
+
+TEST_F(MakeDirectoryTest, SaysWhichExistingDirectoryCouldNotBeOpened)
+{
+    const ScopedFault fault(Call::kOpenat, /*nth=*/4, EACCES);  // the whole path, the root, /var, /var/tmp
+
+    EXPECT_FALSE(MakeDirectory(dir_ / "a", 0755));
+
+    ExpectSafeLines({NotOpened("/var/tmp", EACCES)});
+    EXPECT_THAT(dir_.Names(), IsEmpty());
 }
 
 TEST_F(MakeDirectoryTest, ReportsAPathThatCannotBeOpenedAndMakesNothing)

@@ -663,6 +663,45 @@ TEST_F(WriteSettingsTest, RefusesAFileThatWasReplacedMeanwhile)
     EXPECT_EQ("a=6\n", ReadFile(file));
 }
 
+TEST_F(WriteSettingsTest, RefusesAFileWhosePathLeadsToAnotherFileSystemMeanwhile)
+{
+    const TempDir other(MemoryDirectory());
+    if (StatusOf(dir_.Path()).st_dev == StatusOf(other.Path()).st_dev) {
+        ORV_SKIP("no file system besides that of /var/tmp is writable");
+    }
+    ASSERT_EQ(0, mkdir((dir_ / "a").c_str(), 0755));
+    dir_.Write("a/file", "a=1\n");
+    other.Write("file", "a=5\n");
+    const ScopedAction action(Call::kOpen, /*nth=*/2, [&] {
+        ASSERT_EQ(0, rename((dir_ / "a").c_str(), (dir_ / "b").c_str()));
+        ASSERT_EQ(0, symlink(other.Path().c_str(), (dir_ / "a").c_str()));
+    });
+
+    EXPECT_FALSE(WriteSettings(dir_ / "a/file", {{"a", "2"}}));
+
+    ExpectSafeLines({SafeLine("WriteSettings", "open", dir_ / "a/file", ESTALE)});
+    EXPECT_EQ("a=5\n", other.Read("file"));
+    EXPECT_EQ("a=1\n", dir_.Read("b/file"));
+}
+
+TEST_F(WriteSettingsTest, LetsNobodyElseReadAStagedFileWhosePermissionsAreNotSet)
+{
+    const ScopedMask mask(0);
+    const std::string file = dir_.Write("file", "a=1\n", 0600);
+    const ScopedCall noName("tmpfile", /*nth=*/1, FailWith(EOPNOTSUPP));
+    const ScopedCall beforeChmod("fchmod", /*nth=*/1, [this]() -> std::optional<long> {
+        for (const std::string& name : dir_.Names()) {
+            EXPECT_EQ(0600u, ModeOf(dir_ / name));
+        }
+        EXPECT_EQ(2u, dir_.Names().size());
+        return std::nullopt;
+    });
+
+    EXPECT_TRUE(WriteSettings(file, {{"a", "2"}}));
+
+    EXPECT_EQ("a=2\n", ReadFile(file));
+}
+
 TEST_F(WriteSettingsTest, RefusesWhatIsNotARegularFile)
 {
     ASSERT_EQ(0, mkfifo((dir_ / "fifo").c_str(), 0644));
