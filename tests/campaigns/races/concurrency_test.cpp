@@ -2,6 +2,7 @@
 // much it did.
 #include "LxFileUtils.h"
 #include "LxStringUtils.h"
+#include "safe/safe.h"
 #include "support/messages.h"
 #include "support/orv_test.h"
 
@@ -353,6 +354,53 @@ TEST_F(ThreadsTest, AllFunctionsWorkAtOnceOnAllThreadsAndThePageOnOne)
     EXPECT_EQ(std::vector<std::string>{}, NamesIn(dir_ / "made/by/all"));
     EXPECT_EQ(std::vector<std::string>{"page"}, other_.Names());
     PrintFigure(std::to_string(threads) + " threads did " + std::to_string(rounds) + " rounds of all functions each");
+}
+
+// Copies, moves, lists and changes files of one thread, and publishes a page that all threads publish.
+void CallTheCompanion(const TempDir& here, const TempDir& there, const std::string& own, const std::string& page)
+{
+    orv_safe::FileOptions fast;
+    fast.durable = false;
+    orv_safe::SettingsOptions fastSettings;
+    fastSettings.durable = false;
+    const std::string directory = here / ("safe/" + own);
+    const std::string table = directory + "/table";
+    EXPECT_TRUE(orv_safe::MakeDirectory(directory, 0755));
+    WriteFile(table, orv_safe::SafeRow({"<" + own + ">", ""}));
+    EXPECT_TRUE(orv_safe::CopyFile(table, directory + "/copy", fast));
+    EXPECT_TRUE(orv_safe::MoveFile(directory + "/copy", there / ("safe " + own), fast));
+    EXPECT_FALSE(orv_safe::MoveFile(directory + "/copy", there / ("safe " + own), fast));
+    EXPECT_EQ(ReadFile(table), ReadFile(there / ("safe " + own)));
+    std::vector<orv_safe::ListedFile> files;
+    EXPECT_TRUE(orv_safe::ListFiles(directory, "t*", "", files));
+    EXPECT_EQ(1U, files.size());
+    EXPECT_TRUE(orv_safe::WriteSettings(directory + "/settings", {{"name", own}}, '=', "#", fastSettings));
+    std::map<std::string, std::string> settings;
+    EXPECT_TRUE(orv_safe::ReadSettings(directory + "/settings", settings));
+    EXPECT_EQ(own, settings["name"]);
+    std::vector<orv_safe::SettingsFinding> findings;
+    EXPECT_TRUE(orv_safe::CheckSettings(directory + "/settings", findings));
+    EXPECT_TRUE(orv_safe::PublishPage(table, page));
+    EXPECT_NE(std::string::npos, ReadFile(page).find("&#62</td>"));
+}
+
+TEST_F(ThreadsTest, AllFunctionsOfTheCompanionWorkAtOnceOnAllThreads)
+{
+    const int threads = 6;
+    const int rounds = Amount(20, 1000);
+    const std::string page = other_ / "page";
+
+    RunThreads(threads, rounds, [&](int thread, int) { CallTheCompanion(dir_, other_, std::to_string(thread), page); });
+
+    const std::vector<DlogCall> lines = TakeDlogCalls();
+    EXPECT_EQ(static_cast<std::size_t>(threads * rounds), lines.size());
+    for (const DlogCall& line : lines) {
+        EXPECT_EQ(0U, line.text.find("MoveFile: fstatat(")) << line.text;
+    }
+    EXPECT_EQ((std::vector<std::string>{"page", "safe 0", "safe 1", "safe 2", "safe 3", "safe 4", "safe 5"}),
+              other_.Names());
+    PrintFigure(std::to_string(threads) + " threads did " + std::to_string(rounds) +
+                " rounds of all functions of the companion each");
 }
 
 TEST_F(ThreadsTest, MovesFromAnotherFileSystemOntoOneDestinationDoNotDisturbEachOther)
