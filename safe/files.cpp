@@ -190,7 +190,7 @@ bool CopyWithHoles(const SourceFile& source, const StagedFile& copy)
         }
         end += got;
     }
-    return Uninterrupted([&] { return ftruncate(copy.File(), end); }) == 0 || copy.At().Failed("ftruncate");
+    return copy.At().Check(Uninterrupted([&] { return ftruncate(copy.File(), end); }) == 0, "ftruncate");
 }
 
 bool HasHoles(const struct stat& status)
@@ -365,7 +365,7 @@ bool FlushDirectories(const Place& from, const Place& to)
 bool FlushFile(const Place& place)
 {
     const SourceFile file(place);
-    return file.IsOpen() && (Uninterrupted([&file] { return fsync(file.File()); }) == 0 || place.Failed("fsync"));
+    return file.IsOpen() && place.Check(Uninterrupted([&file] { return fsync(file.File()); }) == 0, "fsync");
 }
 
 // Where a file system cannot rename to a new name only.
@@ -434,8 +434,10 @@ bool MoveByCopy(const Place& from, const struct stat& name, const Place& to, con
     }
     // A link is removed, never the file that it leads to.
     const struct stat& moved = S_ISLNK(name.st_mode) ? name : source.Status();
-    return copy.PutInPlace(options.noReplace) && (!options.durable || to.FlushDirectory()) &&
-           RemoveSource(from, moved) && (!options.durable || from.FlushDirectory());
+    if (!copy.PutInPlace(options.noReplace) || (options.durable && !to.FlushDirectory())) {
+        return false;
+    }
+    return RemoveSource(from, moved) && (!options.durable || from.FlushDirectory());
 }
 
 }  // namespace

@@ -73,7 +73,7 @@ bool Place::IsFree(bool noReplace, struct stat& status) const
     }
     if (!ReadStatus(status)) {
         status = {};
-        return errno == ENOENT || Failed("fstatat");
+        return Check(errno == ENOENT, "fstatat");
     }
     if (noReplace) {
         errno = EEXIST;
@@ -207,7 +207,7 @@ bool StagedFile::Write(const char* bytes, std::size_t count) const
 
 bool StagedFile::Flush() const
 {
-    return Uninterrupted([this] { return fsync(file_); }) == 0 || place_.Failed("fsync");
+    return place_.Check(Uninterrupted([this] { return fsync(file_); }) == 0, "fsync");
 }
 
 bool StagedFile::CompleteWrites() const
@@ -216,7 +216,7 @@ bool StagedFile::CompleteWrites() const
         const int copy = fcntl(file_, F_DUPFD_CLOEXEC, 0);
         return copy == -1 ? -1 : close(copy);
     });
-    return result == 0 || place_.Failed("close");
+    return place_.Check(result == 0, "close");
 }
 
 int StagedFile::Link(const char* name) const
@@ -263,7 +263,7 @@ bool StagedFile::PutInPlace(bool noReplace)
     }
     // Where the file system cannot rename to a new name only, the file gets a second name. The destructor removes the
     // staged one.
-    return (noReplace && errno != EEXIST && LinkToNewName(place_, Name(), place_) == 0) || place_.Failed("renameat");
+    return place_.Check(noReplace && errno != EEXIST && LinkToNewName(place_, Name(), place_) == 0, "renameat");
 }
 
 }  // namespace internal

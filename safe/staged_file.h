@@ -53,6 +53,11 @@ public:
         Report(function_, call, path_, errno);
         return false;
     }
+    // Reports `call` unless it succeeded. Returns whether it did.
+    bool Check(bool succeeded, const char* call) const
+    {
+        return succeeded ? true : Failed(call);
+    }
 
     // Reads the status of what is at this name. Links are not followed. Returns false and sets errno if that fails.
     bool ReadStatus(struct stat& status) const;

@@ -21,6 +21,7 @@
 #include <list>
 #include <map>
 #include <memory>
+#include <optional>
 #include <sstream>
 #include <string>
 #include <tuple>
@@ -585,6 +586,7 @@ INSTANTIATE_TEST_SUITE_P(
                       FaultCase{"flushAfterVerify", 'v', "", "fsync", 2, EIO, "fsync", 'd'},
                       FaultCase{"duplicate", '-', "", "dup", 1, EMFILE, "close", 'd'},
                       FaultCase{"close", '-', "", "close", 1, ENOSPC, "close", 'd'},
+                      FaultCase{"link", 'd', "", "linkat", 1, EIO, "linkat", 'd'},
                       FaultCase{"stagedName", 'd', "", "linkat", 2, ENOSPC, "linkat", 't'},
                       FaultCase{"rename", 'd', "tmpfile", "renameat", 1, EIO, "renameat", 'd'},
                       FaultCase{"linkToNewName", 'n', "tmpfile renameat2", "linkat", 1, EIO, "renameat", 'd'}),
@@ -1021,7 +1023,11 @@ TEST_F(SafeMoveTest, ADirectoryOfTheSourceThatCannotBeFlushedIsReported)
 TEST_F(SafeMoveTest, ASourceThatChangesMeanwhileIsKept)
 {
     const std::vector<std::function<void()>> changes = {
-        [this] { WriteFile(source_, "other"); },                                              // another size
+        [this] { WriteFile(source_, "other"); },  // another size
+        [this] {                                  // its time
+            const timespec times[] = {{1000000000, 0}, {1000000000, 0}};
+            ASSERT_EQ(0, utimensat(AT_FDCWD, source_.c_str(), times, 0));
+        },
         [this] { ASSERT_EQ(0, chmod(source_.c_str(), 0600)); },                               // its status
         [this] { ASSERT_EQ(0, link(source_.c_str(), (dir_ / "link").c_str())); },             // another name
         [this] { ASSERT_EQ(0, rename(dir_.Write("new", "abc").c_str(), source_.c_str())); },  // another file
@@ -1095,6 +1101,91 @@ TEST_F(SafeMoveTest, ALinkThatChangesMeanwhileIsKept)
     ExpectSafeLines({SafeLine("MoveFile", "unlinkat", source_, ESTALE, kSourceKept)});
     EXPECT_TRUE(Exists(source_));
     EXPECT_EQ("abc", ReadFile(destination_));
+}
+
+// The names of both files are the same, as in most moves.
+class SafeSameNameTest : public SafeFilesTest, public ::testing::WithParamInterface<bool> {
+protected:
+    SafeSameNameTest()
+    {
+        destination_ = other_ / "source";
+        WriteFile(source_, "abc");
+        WriteFile(destination_, "old");
+        if (GetParam()) {
+            noTmpfile_.emplace("tmpfile", 1, FailWith(EOPNOTSUPP));
+        }
+    }
+
+    std::optional<ScopedCall> noTmpfile_;
+};
+
+TEST_P(SafeSameNameTest, AFileIsMovedOverAnotherOne)
+{
+    EXPECT_TRUE(Move());
+
+    EXPECT_EQ("abc", ReadFile(destination_));
+    EXPECT_THAT(dir_.Names(), ElementsAre());
+    EXPECT_THAT(other_.Names(), ElementsAre("source"));
+}
+
+TEST_P(SafeSameNameTest, AStagedNameInBothDirectoriesShowsThatTheyAreOne)
+{
+    {
+        const ScopedCall seen("fstatat", 4, [] { return 0L; });
+
+        EXPECT_FALSE(Move());
+    }
+
+    ExpectSafeLines({"MoveFile: " + source_ + " and " + destination_ + " are the same file."});
+    EXPECT_EQ("abc", ReadFile(source_));
+    EXPECT_EQ("old", ReadFile(destination_));
+    EXPECT_THAT(other_.Names(), ElementsAre("source"));
+}
+
+INSTANTIATE_TEST_SUITE_P(StagedWithAndWithoutAName, SafeSameNameTest, ::testing::Bool());
+
+TEST_F(SafeMoveTest, AStagedNameThatCannotBeMadeIsReported)
+{
+    destination_ = other_ / "source";
+    WriteFile(source_, "abc");
+    WriteFile(destination_, "old");
+    {
+        const ScopedCall taken("linkat", 1, FailWith(EEXIST), 100);
+
+        EXPECT_FALSE(Move());
+    }
+
+    ExpectSafeLines({SafeLine("MoveFile", "linkat", other_ / ".orv_*", EEXIST)});
+    EXPECT_EQ("abc", ReadFile(source_));
+    EXPECT_EQ("old", ReadFile(destination_));
+}
+
+TEST_F(SafeMoveTest, StagedNamesThatAreTakenAreNotTouchedAndOthersAreTried)
+{
+    WriteFile(source_, "abc");
+    WriteFile(destination_, "old");
+    const ScopedCall taken("linkat", 2, FailWith(EEXIST), 99);
+
+    EXPECT_TRUE(Move());
+
+    EXPECT_EQ("abc", ReadFile(destination_));
+    EXPECT_THAT(other_.Names(), ElementsAre("destination"));
+}
+
+TEST_F(SafeMoveTest, AFileIsCopiedIfItsFileSystemIsNotKnown)
+{
+    StayOnOneFileSystem();
+    for (const int directory : {1, 2}) {
+        WriteFile(source_, "abc");
+        const ino_t inode = StatusOf(source_).st_ino;
+        const ScopedCall unknown("fstat", directory, FailWith(EIO));
+
+        EXPECT_TRUE(Move());
+
+        EXPECT_EQ("abc", ReadFile(destination_));
+        EXPECT_NE(inode, StatusOf(destination_).st_ino);
+        EXPECT_THAT(dir_.Names(), ElementsAre("destination"));
+    }
 }
 
 TEST_F(SafeCopyTest, AFileCopiedOntoItselfKeepsItsContent)
