@@ -74,6 +74,7 @@ constexpr CallForm kForms[] = {
     {SYS_renameat2, "renameat2", 1, 3, -1, -1},
     {SYS_unlinkat, "unlinkat", 1, -1, -1, -1},
     {SYS_mkdirat, "mkdirat", 1, -1, -1, 2},
+    {SYS_readlinkat, "readlinkat", 1, -1, -1, -1},
     {SYS_copy_file_range, "copy_file_range", -1, -1, 0, -1},
     {SYS_sendfile, "sendfile", -1, -1, 1, -1},
     {SYS_pread64, "pread", -1, -1, 0, -1},
