@@ -262,7 +262,9 @@ struct PageOptions {
 ///   "PublishPage: the page in /var/tmp/TextToHtml_PID.tmp is torn (BYTES of BYTES bytes)."   the disk may be full
 ///   a line of `CopyFile`, then "PublishPage: CopyFile(/var/tmp/TextToHtml_PID.tmp, PAGE) failed."
 ///   "PublishPage: fsync(DIRECTORY) failed (ERROR): the file is in place, but a power cut can undo that."
-/// Diagnostics for true and false: "PublishPage: unlink(/var/tmp/TextToHtml_PID.tmp) failed (ERROR)."   it is left
+/// Diagnostics for true and false:
+///   "PublishPage: unlink(/var/tmp/TextToHtml_PID.tmp) failed (ERROR)."   it is left
+///   the lines of `orv_fileutils::GenHtmlPagefromTextFile` about a move; only the result says whether it matters
 /// Threads: any; calls wait for each other. Do not call `orv_fileutils::GenHtmlPagefromTextFile` at the same time. A
 /// program that another thread starts meanwhile can inherit the two streams of that function. Stack: 28 KiB.
 /// Exceptions: `std::bad_alloc`; then `page` is as it was, and nothing is left.
