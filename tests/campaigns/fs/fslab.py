@@ -40,6 +40,7 @@ IMAGES = {  # name: (MiB, command that makes the file system)
     "ext3": (32, ["mkfs.ext3", "-q"]),
     "ext4": (64, ["mkfs.ext4", "-q"]),
     "ext4-nofiletype": (32, ["mkfs.ext4", "-q", "-O", "^filetype"]),
+    "vfat": (32, ["mkfs.vfat"]),
     "xfs": (300, ["mkfs.xfs", "-q"]),
     "btrfs": (128, ["mkfs.btrfs", "-q"]),
 }
@@ -139,16 +140,22 @@ class Caller:
         return sorted(os.listdir(f"/proc/{self.pid}/fd"))
 
     def call(self, operation, *arguments):
-        """Calls the library, and checks the form of its reports and that no descriptor stays open."""
+        """Calls the library or its companion, and checks the form of its reports and that no descriptor stays open."""
         before = self.descriptors()
         answer = self.ask(operation, *arguments)
         self.lab.check(f"{operation}{arguments}: no descriptor left open", self.descriptors(), before)
         return answer
 
     def ask(self, operation, *arguments):
+        self.send(operation, *arguments)
+        return self.answer(operation, *arguments)
+
+    def send(self, operation, *arguments):
         fields = [urllib.parse.quote(os.fsencode(argument)) + "\t" for argument in (operation, *arguments)]
         self.process.stdin.write("".join(fields).encode() + b"\n")
         self.process.stdin.flush()
+
+    def answer(self, operation, *arguments):
         reports, items = [], []
         while True:
             line = self.process.stdout.readline()
@@ -157,8 +164,9 @@ class Caller:
             kind, *values = [os.fsdecode(urllib.parse.unquote_to_bytes(field)) for field in line.split(b"\t")[:-1]]
             if kind == "report":
                 severity, tag, message, text = values
+                source = "orv_safe" if operation.startswith("Safe") else SOURCE
                 self.lab.check(f"{operation}: a report at severity 3 with the source's name", (severity, tag),
-                               (str(SEVERITY), SOURCE))
+                               (str(SEVERITY), source))
                 reports.append((message, text))
             elif kind == "item":
                 items.append(values[0] if len(values) == 1 else tuple(values))

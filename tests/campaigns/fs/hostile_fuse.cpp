@@ -6,13 +6,15 @@
 //   read-eio write-eio     reading or writing fails from byte 8192 on
 //   short-read short-write a call reads or writes at most 1000 bytes
 //   flush-eio              closing fails
-//   list-eio               a directory that cannot be read after its first file
+//   stick                  no links, and nobody may change modes and owners, as on a stick with FAT that root has
+//   mounted list-eio               a directory that cannot be read after its first file
 // Every inode number is above 2^32.
 
 #define FUSE_USE_VERSION 31
 #include <dirent.h>
 #include <fcntl.h>
 #include <fuse.h>
+#include <stdio.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -36,9 +38,10 @@ std::string Real(const char* path)
     return shown + path;
 }
 
+// `path` is null for an open file that was removed.
 bool Asks(const char* path, const char* misbehaviour)
 {
-    return std::strstr(path, misbehaviour) != nullptr;
+    return path != nullptr && std::strstr(path, misbehaviour) != nullptr;
 }
 
 int Outcome(int result)
@@ -72,9 +75,9 @@ void* Init(fuse_conn_info*, fuse_config* config)
     return nullptr;
 }
 
-int Getattr(const char* path, struct stat* status, fuse_file_info*)
+int Getattr(const char* path, struct stat* status, fuse_file_info* file)
 {
-    const int outcome = Outcome(lstat(Real(path).c_str(), status));
+    const int outcome = Outcome(path == nullptr ? fstat(Descriptor(file), status) : lstat(Real(path).c_str(), status));
     status->st_ino += kFarInode;
     return outcome;
 }
@@ -117,24 +120,28 @@ int Symlink(const char* target, const char* path)
 int Rename(const char* from, const char* to, unsigned int flags)
 {
     if (flags != 0) {
-        return -EINVAL;
+        return Asks(to, "stick") ? Outcome(renameat2(AT_FDCWD, Real(from).c_str(), AT_FDCWD, Real(to).c_str(), flags))
+                                 : -EINVAL;
     }
     return Asks(to, "rename-eio") ? -EIO : Outcome(rename(Real(from).c_str(), Real(to).c_str()));
 }
 
 int Link(const char* from, const char* to)
 {
-    return Outcome(link(Real(from).c_str(), Real(to).c_str()));
+    return Asks(to, "stick") ? -EPERM : Outcome(link(Real(from).c_str(), Real(to).c_str()));
 }
 
 int Chmod(const char* path, mode_t mode, fuse_file_info*)
 {
+    if (Asks(path, "stick")) {
+        return -EPERM;
+    }
     return Asks(path, "chmod-eio") ? -EIO : Outcome(chmod(Real(path).c_str(), mode));
 }
 
 int Chown(const char* path, uid_t user, gid_t group, fuse_file_info*)
 {
-    return Outcome(lchown(Real(path).c_str(), user, group));
+    return Asks(path, "stick") ? -EPERM : Outcome(lchown(Real(path).c_str(), user, group));
 }
 
 int Truncate(const char* path, off_t size, fuse_file_info*)

@@ -3,12 +3,15 @@
 // a tab.
 //
 //   request   RenameFileAcrossFs <tab> SOURCE <tab> DESTINATION <tab>
+//   request   SafeCopyFile or SafeMoveFile <tab> SOURCE <tab> DESTINATION <tab> OPTIONS <tab>
+//             the letters of the options: d durable, v verify, p preserve, n noReplace
 //   answer    report <tab> SEVERITY <tab> TAG <tab> FORMAT <tab> TEXT    for each log call, in order
 //             item <tab> VALUE...                                        for each element of a list or map
 //             result <tab> VALUE
 
 #include "LxFileUtils.h"
 #include "dlog.h"
+#include "safe.h"
 
 #include <cstdarg>
 #include <cstdio>
@@ -98,11 +101,26 @@ std::string ReadNameValues(const Fields& in)
     return std::to_string(read);
 }
 
+orv_safe::FileOptions FileOptionsOf(const std::string& letters)
+{
+    const auto has = [&letters](char letter) { return letters.find(letter) != std::string::npos; };
+    orv_safe::FileOptions options;
+    options.durable = has('d');
+    options.verify = has('v');
+    options.preserve = has('p');
+    options.noReplace = has('n');
+    return options;
+}
+
 const std::map<std::string, std::function<std::string(const Fields&)>> operations = {
     {"FileExists", [](const Fields& in) { return std::to_string(orv_fileutils::FileExists(in.at(1).c_str())); }},
     {"RenameFileAcrossFs",
      [](const Fields& in) { return std::to_string(orv_fileutils::RenameFileAcrossFs(in.at(1), in.at(2))); }},
     {"CopyFile", [](const Fields& in) { return std::to_string(orv_fileutils::CopyFile(in.at(1), in.at(2))); }},
+    {"SafeCopyFile",
+     [](const Fields& in) { return std::to_string(orv_safe::CopyFile(in.at(1), in.at(2), FileOptionsOf(in.at(3)))); }},
+    {"SafeMoveFile",
+     [](const Fields& in) { return std::to_string(orv_safe::MoveFile(in.at(1), in.at(2), FileOptionsOf(in.at(3)))); }},
     {"DoMakeDirPath",
      [](const Fields& in) { return std::to_string(orv_fileutils::DoMakeDirPath(in.at(1).c_str(), Octal(in.at(2)))); }},
     {"MakeDirPath",

@@ -1,0 +1,250 @@
+#!/usr/bin/env python3
+"""Copies and moves by the safe companion: between all ordered pairs of file systems, on sticks without modes and links,
+on a file system that misbehaves, and with power cuts (see power_cut_test.py) while a call runs and after it.
+
+Usage: safe_files_test.py --orv-call=PROGRAM [--hostile-fuse=PROGRAM]
+"""
+
+import os
+import random
+import re
+import signal
+import stat
+import time
+
+import fslab
+from fslab import NOBODY, file, material, read, tree, write
+from power_cut_test import KINDS, NEW, Devices, both_committed
+
+COPY, MOVE = "SafeCopyFile", "SafeMoveFile"
+SIZES = (0, 1, 4096, 10000, 1 << 20) if fslab.FULL else (10000,)
+OPTIONS = ("", "d", "dv", "dp", "dn")
+OLD = b"old content"
+MODE_LOST = r"fchmod\(.*\) failed \(\d+, .*\): the mode is not kept\."
+# For each kind of file system and each call: each gives two snapshots.
+CUTS = 44 if fslab.FULL else 2
+
+
+def lines_of(answer):
+    return [text for _, text in answer.reports]
+
+
+class Pair:
+    def __init__(self, lab, caller, source, destination):
+        self.lab, self.caller = lab, caller
+        self.name = f"{source.name} to {destination.name}"
+        self.source_dir, self.destination_dir = os.path.join(source.path, "s"), os.path.join(destination.path, "d")
+        self.source, self.destination = os.path.join(self.source_dir, "f"), os.path.join(self.destination_dir, "new")
+        self.has_modes = "vfat" not in (source.name, destination.name)
+
+    def act(self, operation, size, replaced, options):
+        content = material(size)
+        write(self.source, content, 0o640)
+        mode = stat.S_IMODE(os.stat(self.source).st_mode)
+        if replaced:
+            write(self.destination, OLD, 0o600)
+        claim = f"{operation} of {size} bytes from {self.name}, {'replacing' if replaced else 'new'}, '{options}'"
+
+        answer = self.caller.call(operation, self.source, self.destination, options)
+
+        if replaced and "n" in options:
+            self.lab.check(f"{claim}: result", answer.result, "0")
+            self.lab.check(f"{claim}: source", tree(self.source_dir), {"f": file(content, mode)})
+            self.lab.check(f"{claim}: destination", read(self.destination), OLD)
+        else:
+            self.lab.check(f"{claim}: result {lines_of(answer)}", answer.result, "1")
+            self.lab.check(f"{claim}: source", tree(self.source_dir),
+                           {"f": file(content, mode)} if operation == COPY else {})
+            self.lab.check(f"{claim}: names", os.listdir(self.destination_dir), ["new"])
+            self.lab.check(f"{claim}: content", read(self.destination) == content, True)
+            if self.has_modes:
+                self.lab.check(f"{claim}: lines", [line for line in lines_of(answer) if "attribute" not in line], [])
+                self.lab.check(f"{claim}: mode", oct(stat.S_IMODE(os.stat(self.destination).st_mode)), oct(mode))
+        self.lab.counts[operation] += 1
+        for directory in (self.source_dir, self.destination_dir):
+            fslab.clear(directory)
+
+
+def pairs(lab, caller):
+    members = lab.writable_members(fslab.WRITABLE + ("vfat",))
+    for member in members:
+        os.mkdir(os.path.join(member.path, "s"))
+        os.mkdir(os.path.join(member.path, "d"))
+    for source in members:
+        for destination in members:
+            pair = Pair(lab, caller, source, destination)
+            for operation in (COPY, MOVE):
+                for replaced in (False, True):
+                    for size in SIZES:
+                        for options in OPTIONS:
+                            pair.act(operation, size, replaced, options)
+            lab.counts["ordered pairs"] += 1
+
+
+# ---- Sticks that root mounts and a service uses
+
+def stick(lab, path, disk):
+    """Copies and moves to and from a stick succeed, and say what they did not keep."""
+    caller = lab.caller(user=NOBODY)
+    for operation in (COPY, MOVE):
+        for options in ("d", "dn", "dp"):
+            for replaced in (False, True):
+                if replaced and "n" in options:
+                    continue
+                claim = f"{operation} to the stick {path}, '{options}', {'replacing' if replaced else 'new'}"
+                source, destination = write(os.path.join(disk, "f"), material(10000), 0o640), os.path.join(path, "f")
+                os.chown(source, NOBODY, NOBODY)
+                if replaced:
+                    lab.check(claim, caller.call(COPY, source, destination, "d").result, "1")
+
+                answer = caller.call(operation, source, destination, options)
+
+                lab.check(f"{claim}: result {lines_of(answer)}", answer.result, "1")
+                lab.check(f"{claim}: says so", any(re.search(MODE_LOST, line) for line in lines_of(answer)), True)
+                lab.check(f"{claim}: source", os.path.exists(source), operation == COPY)
+                lab.check(f"{claim}: names", os.listdir(path), ["f"])
+                lab.check(f"{claim}: content", read(destination) == material(10000), True)
+                lab.counts["copies and moves to a stick"] += 1
+                if operation == MOVE:
+                    back = os.path.join(disk, "back")
+                    answer = caller.call(MOVE, destination, back, "d")
+                    lab.check(f"{claim}: and back {lines_of(answer)}", answer.result, "1")
+                    lab.check(f"{claim}: and back", (read(back) == material(10000), os.listdir(path)), (True, []))
+                for directory in (disk, path):
+                    fslab.clear(directory)
+
+
+def sticks(lab):
+    disk = lab.open_to_all(lab.tmpfs("home", "size=64m"))
+    os.chmod(disk, 0o777)
+    try:
+        path = lab.mount("stick", "-o", "loop,umask=000", lab.image("vfat", "stick"))
+        stick(lab, path, disk)
+    except fslab.CannotMount as error:
+        lab.skip("a stick with FAT", error)
+    try:
+        path = os.path.join(lab.fuse("sticks"), "stick")
+        os.mkdir(path + "-made")  # modes cannot be changed below that name, so it gets it last
+        os.chmod(os.path.join(lab.root, "sticks.shown", "stick-made"), 0o777)
+        os.rename(os.path.join(lab.root, "sticks.shown", "stick-made"), os.path.join(lab.root, "sticks.shown", "stick"))
+        stick(lab, path, disk)
+    except fslab.CannotMount as error:
+        lab.skip("a stick without modes", error)
+
+
+# ---- A file system that misbehaves, and shows the files of another one
+
+HOSTILE = (
+    # name of the destination, options, what fails
+    ("create-eio", "d", "openat"), ("chmod-eio", "d", "fchmod"), ("rename-eio", "d", "renameat"),
+    ("write-eio", "d", "write"), ("flush-eio", "", "close"), ("read-eio", "dv", "pread"),
+)
+
+
+def hostile(lab):
+    """A destination directory in which a call fails. The staged file is in it, so the directory has the name."""
+    try:
+        path = lab.fuse("misbehaving")
+    except fslab.CannotMount as error:
+        lab.skip("hostile file system", error)
+        return
+    shown, good = path + ".shown", lab.tmpfs("good", "size=64m")
+    caller = lab.caller()
+    content = material(20000)
+    for operation in (COPY, MOVE):
+        for name, options, call in HOSTILE:
+            claim = f"{operation} to {name}"
+            os.mkdir(os.path.join(shown, name))
+            write(os.path.join(shown, name, "f"), OLD)
+            source, destination = write(os.path.join(good, "f"), content), os.path.join(path, name, "f")
+
+            answer = caller.call(operation, source, destination, options)
+
+            lab.check(f"{claim}: result", answer.result, "0")
+            lab.check(f"{claim}: {lines_of(answer)}", [f": {call}(" in line for line in lines_of(answer)], [True])
+            lab.check(f"{claim}: source", read(source) == content, True)
+            lab.check(f"{claim}: destination", tree(os.path.join(shown, name)), {"f": file(OLD)})
+            lab.counts["faults of a hostile file system"] += 1
+            for directory in (shown, good):
+                fslab.clear(directory)
+
+        for name in ("short-write", "short-read"):
+            write(os.path.join(good, "f"), content)
+            os.mkdir(os.path.join(shown, name))
+            answer = caller.call(operation, os.path.join(good, "f"), os.path.join(path, name, "f"), "dv")
+            lab.expect(f"{operation} to {name}", answer, "1")
+            lab.check(f"{operation} to {name}", read(os.path.join(shown, name, "f")) == content, True)
+            for directory in (shown, good):
+                fslab.clear(directory)
+
+    # The same file through both, with different devices and inode numbers.
+    for one, other in ((path, shown), (shown, path)):
+        write(os.path.join(shown, "f"), content)
+        source, destination = os.path.join(one, "f"), os.path.join(other, "f")
+        lab.expect("copy onto itself", caller.call(COPY, source, destination, "d"), "1")
+        answer = caller.call(MOVE, source, destination, "d")
+        lab.check("move onto itself", (answer.result, lines_of(answer)),
+                  ("0", [f"MoveFile: {source} and {destination} are the same file."]))
+        lab.check("move onto itself: the file", tree(shown), {"f": file(content)})
+        lab.counts["files with two names"] += 1
+
+
+# ---- Power cuts
+
+def cut_while_it_runs(lab, devices, caller, operation, chance):
+    """Stops the call at a random time, takes a snapshot, and lets it end."""
+    caller.send(operation, devices.source, devices.destination, "d")
+    time.sleep(chance.random() * 0.02)
+    os.kill(caller.pid, signal.SIGSTOP)
+    while True:
+        with open(f"/proc/{caller.pid}/stat", encoding="ascii") as status:
+            if status.read().rsplit(")", 1)[1].split()[0] == "T":
+                break
+        time.sleep(0.001)
+    devices.snapshot("during")
+    os.kill(caller.pid, signal.SIGCONT)
+    lab.expect(operation, caller.answer(operation), "1")
+
+
+def power_cuts(lab, caller, kind):
+    """Returns for each call: the number of snapshots, how many were taken before it ended, and the faulty ones."""
+    chance = random.Random(14)
+    for operation in (COPY, MOVE):
+        taken, unfinished, faulty = 0, 0, 0
+        for number in range(CUTS):
+            replaced = number % 2 == 1
+            devices = Devices(lab, kind, replaced)
+            cut_while_it_runs(lab, devices, caller, operation, chance)
+            if number % 4 >= 2:
+                both_committed(devices)
+            devices.snapshot("after")
+            for name, source, destination, _ in devices.after_power_cut():
+                before = "old" if replaced else "none"
+                if name == "after":
+                    fits = destination == "whole" and source == ("whole" if operation == COPY else "none")
+                else:
+                    fits = destination in (before, "whole") and (source == "whole" or
+                                                                 (operation == MOVE and destination == "whole"))
+                    unfinished += destination == before
+                taken, faulty = taken + 1, faulty + (not fits)
+                lab.check(f"{operation} on {kind}, {name}: {source}, {destination}", fits, True)
+        print(f"| {kind} | {operation} | {taken} | {unfinished} | {faulty} |", flush=True)
+        lab.counts["snapshots lost or torn"] += faulty
+
+
+def campaign(lab):
+    caller = lab.caller()
+    print("| file system | call | snapshots | before the file was in place | lost or torn |")
+    print("|---|---|---|---|---|")
+    for kind in KINDS:
+        try:
+            power_cuts(lab, caller, kind)
+        except fslab.CannotMount as error:
+            lab.skip(f"power cut on {kind}", error)
+    sticks(lab)
+    hostile(lab)
+    pairs(lab, caller)
+
+
+if __name__ == "__main__":
+    fslab.main("safe files", campaign)
