@@ -6,6 +6,7 @@
 #include "staged_file.h"
 
 #include <fcntl.h>
+#include <limits.h>
 #include <sys/sendfile.h>
 #include <sys/stat.h>
 #include <sys/types.h>
@@ -31,9 +32,8 @@ namespace {
 const char kCopyFile[] = "CopyFile";
 const char kMoveFile[] = "MoveFile";
 
-const std::size_t kBlockBytes = 8192;            // on the stack; two of them when files are compared
-const std::size_t kKernelBytes = 1U << 30U;      // the most that one call of the kernel copies
-const std::size_t kAttributeBytes = 64U << 10U;  // the largest value and the longest list that the kernel has
+const std::size_t kBlockBytes = 8192;        // on the stack; two of them when files are compared
+const std::size_t kKernelBytes = 1U << 30U;  // the most that one call of the kernel copies
 
 const mode_t kPermissionBits = 0777;
 const mode_t kModeBits = 07777;
@@ -259,7 +259,7 @@ bool KeepOwner(const struct stat& status, const StagedFile& copy)
 
 void KeepAttributes(const SourceFile& source, const StagedFile& copy)
 {
-    std::vector<char> names(kAttributeBytes);
+    std::vector<char> names(XATTR_LIST_MAX);
     const ssize_t bytes = Uninterrupted([&] { return flistxattr(source.File(), names.data(), names.size()); });
     if (bytes == -1) {
         if (errno != ENOTSUP) {  // otherwise there are none
@@ -267,7 +267,7 @@ void KeepAttributes(const SourceFile& source, const StagedFile& copy)
         }
         return;
     }
-    std::vector<char> value(kAttributeBytes);
+    std::vector<char> value(XATTR_SIZE_MAX);
     for (const char* name = names.data(); name < names.data() + bytes; name += std::strlen(name) + 1) {
         const ssize_t size = Uninterrupted([&] { return fgetxattr(source.File(), name, value.data(), value.size()); });
         if (size == -1) {
@@ -357,6 +357,22 @@ bool RemoveSource(const Place& from, const struct stat& moved)
     return true;
 }
 
+// Another process can have replaced the copy, or its staged name before. Then the source has the only content.
+bool IsStillThere(const StagedFile& copy)
+{
+    struct stat own;
+    struct stat there;
+    if (fstat(copy.File(), &own) != 0 || !copy.At().ReadStatus(there)) {
+        Report(kMoveFile, "fstatat", copy.At().Path(), errno, kSourceKept);
+        return false;
+    }
+    if (!IsSameFile(own, there)) {
+        Report(kMoveFile, "fstatat", copy.At().Path(), ESTALE, "another file is there, and the source is kept");
+        return false;
+    }
+    return true;
+}
+
 bool FlushDirectories(const Place& from, const Place& to)
 {
     return to.FlushDirectory() && (from.DirectoryPath() == to.DirectoryPath() || from.FlushDirectory());
@@ -432,12 +448,12 @@ bool MoveByCopy(const Place& from, const struct stat& name, const Place& to, con
             return RefuseSameFile(from, to);
         }
     }
-    // A link is removed, never the file that it leads to.
-    const struct stat& moved = S_ISLNK(name.st_mode) ? name : source.Status();
     if (!copy.PutInPlace(options.noReplace) || (options.durable && !to.FlushDirectory())) {
         return false;
     }
-    return RemoveSource(from, moved) && (!options.durable || from.FlushDirectory());
+    // A link is removed, never the file that it leads to.
+    const struct stat& moved = S_ISLNK(name.st_mode) ? name : source.Status();
+    return IsStillThere(copy) && RemoveSource(from, moved) && (!options.durable || from.FlushDirectory());
 }
 
 }  // namespace
@@ -449,7 +465,7 @@ bool CopyFile(const std::string& source, const std::string& destination, const F
         return false;
     }
     const Place to(kCopyFile, destination, options.durable);
-    struct stat replaced;
+    struct stat replaced = {};
     if (!to.IsOpen() || !to.IsFree(options.noReplace, replaced)) {
         return false;
     }
@@ -476,7 +492,7 @@ bool MoveFile(const std::string& source, const std::string& destination, const F
         return false;
     }
     const Place to(kMoveFile, destination, options.durable);
-    struct stat replaced;
+    struct stat replaced = {};
     if (!to.IsOpen() || !to.IsFree(options.noReplace, replaced)) {
         return false;
     }

@@ -188,7 +188,8 @@ bool CopyFile(const std::string& source, const std::string& destination, const F
 /// On one file system this is a rename, and the file keeps all that it has; with `durable`, the file is flushed before
 /// the rename and both directories after it. To another file system, the file is copied as by `CopyFile`, with all its
 /// options. Then `source` is removed, but only if it is still the file that was copied: device, inode, number of links,
-/// size, times of its content and of its status. With `durable`, the copy and its name are on the medium before that.
+/// size, times of its content and of its status; and only if the copy is still at `destination`. With `durable`, the
+/// copy and its name are on the medium before that.
 ///
 /// Two names of one file (hard links, two spellings of a path, and two mounts of a directory) are refused, and nothing
 /// is changed. The function does not only compare device numbers, which differ between the layers of an overlay: it
@@ -210,7 +211,9 @@ bool CopyFile(const std::string& source, const std::string& destination, const F
 ///   "MoveFile: SOURCE and DESTINATION are the same file."
 ///   "MoveFile: CALL(SOURCE) failed (ERROR): the content is in place, and the source is kept."   116 (ESTALE):
 ///                                               `source` has changed since it was opened, and was not removed
-/// Threads: any; of several moves to one destination the last one wins. Stack: 20 KiB.
+///   "MoveFile: fstatat(DESTINATION) failed (116, Stale file handle): another file is there, and the source is kept."
+/// Threads: any; of several moves to one destination at once the last one wins, and others can keep their source.
+/// Stack: 20 KiB.
 /// @code
 /// if (!orv_safe::MoveFile("/var/spool/log.1", "/media/usb/log.1")) return;  // the log says why
 /// @endcode

@@ -72,7 +72,6 @@ bool Place::IsFree(bool noReplace, struct stat& status) const
         return Failed("openat");
     }
     if (!ReadStatus(status)) {
-        status = {};
         return Check(errno == ENOENT, "fstatat");
     }
     if (noReplace) {
@@ -221,9 +220,8 @@ bool StagedFile::CompleteWrites() const
 
 int StagedFile::Link(const char* name) const
 {
-    char self[sizeof kOwnDescriptors + sizeof "/-2147483648"];
-    (void)std::snprintf(self, sizeof self, "%s/%d", kOwnDescriptors, static_cast<int>(file_));
-    return Uninterrupted([&] { return linkat(AT_FDCWD, self, place_.Directory(), name, AT_SYMLINK_FOLLOW); });
+    const std::string self = kOwnDescriptors + ("/" + std::to_string(static_cast<int>(file_)));
+    return Uninterrupted([&] { return linkat(AT_FDCWD, self.c_str(), place_.Directory(), name, AT_SYMLINK_FOLLOW); });
 }
 
 bool StagedFile::GiveName()

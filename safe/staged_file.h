@@ -62,7 +62,7 @@ public:
     // Reads the status of what is at this name. Links are not followed. Returns false and sets errno if that fails.
     bool ReadStatus(struct stat& status) const;
 
-    // Returns whether a file may be put here: nothing exists here, then the status is all zeros, or a regular file or a
+    // Returns whether a file may be put here: nothing exists here, then `status` is not changed, or a regular file or a
     // symbolic link that may be replaced. Otherwise reports why not.
     bool IsFree(bool noReplace, struct stat& status) const;
 

@@ -13,6 +13,7 @@
 #include <sys/xattr.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <cstdarg>
 #include <cstdlib>
@@ -37,6 +38,13 @@ Result Wrapped(const char* call, const char* realName, Arguments... arguments)
         return static_cast<Result>(*result);
     }
     return Real<Result (*)(Arguments...)>(realName)(arguments...);
+}
+
+// A ScopedCall by that name returns how many bytes a call is made for.
+size_t Shortened(const char* call, size_t bytes)
+{
+    const std::optional<long> most = ScopedResult(call);
+    return most ? std::min(bytes, static_cast<size_t>(*most)) : bytes;
 }
 
 }  // namespace
@@ -136,11 +144,13 @@ int fsetxattr(int descriptor, const char* name, const void* value, size_t bytes,
 
 ssize_t pread(int descriptor, void* buffer, size_t bytes, off_t offset)
 {
+    bytes = Shortened("pread bytes", bytes);
     return Wrapped<ssize_t>("pread", "pread", descriptor, buffer, bytes, offset);
 }
 
 ssize_t pread64(int descriptor, void* buffer, size_t bytes, off64_t offset)
 {
+    bytes = Shortened("pread bytes", bytes);
     return Wrapped<ssize_t>("pread", "pread64", descriptor, buffer, bytes, offset);
 }
 

@@ -725,10 +725,12 @@ TEST_P(SafeBothTest, AMediumThatCannotBeReadAgainIsReported)
     ExpectUnchanged("abc");
 }
 
-TEST_P(SafeBothTest, ReadsThatAreShortAreContinuedWhenComparing)
+TEST_P(SafeBothTest, ReadsThatAreShortOrInterruptedAreContinuedWhenComparing)
 {
-    WriteFile(source_, BytesOfLength(20000));
-    const ScopedCall interrupted("pread", 2, FailWith(EINTR));
+    WriteFile(source_, BytesOfLength(50000));
+    const ScopedCall shorter(
+        "pread bytes", 1, [] { return 100L; }, 3);
+    const ScopedCall interrupted("pread", 5, FailWith(EINTR));
 
     EXPECT_TRUE(Act(With(&FileOptions::verify)));
 }
@@ -995,7 +997,7 @@ TEST_F(SafeMoveTest, TheSourceIsKeptWhenItsRemovalFails)
         WriteFile(source_, "abc");
         other_.Clear();
         {
-            const ScopedCall fault(call, *call == 'f' ? 4 : 1, FailWith(EROFS));
+            const ScopedCall fault(call, *call == 'f' ? 5 : 1, FailWith(EROFS));
 
             EXPECT_FALSE(Move());
         }
@@ -1082,6 +1084,41 @@ TEST_F(SafeMoveTest, ALinkMovedOntoTheFileThatItLeadsToLosesNothing)
     EXPECT_TRUE(S_ISREG(StatusOf(destination_).st_mode));
     EXPECT_EQ("abc", ReadFile(destination_));
     EXPECT_THAT(dir_.Names(), ElementsAre("destination"));
+}
+
+TEST_F(SafeMoveTest, TheSourceIsKeptIfAnotherProcessReplacesTheCopy)
+{
+    WriteFile(source_, "abc");
+    {
+        const ScopedCall replaced("fstatat", 4, [this]() -> std::optional<long> {
+            EXPECT_EQ(0, unlink(destination_.c_str()));
+            WriteFile(destination_, "other");
+            return std::nullopt;
+        });
+
+        EXPECT_FALSE(Move());
+    }
+
+    ExpectSafeLines(
+        {SafeLine("MoveFile", "fstatat", destination_, ESTALE, "another file is there, and the source is kept")});
+    EXPECT_EQ("abc", ReadFile(source_));
+}
+
+TEST_F(SafeMoveTest, TheSourceIsKeptIfItIsNotKnownWhetherTheCopyIsStillThere)
+{
+    for (const char* const call : {"fstat", "fstatat"}) {
+        WriteFile(source_, "abc");
+        other_.Clear();
+        {
+            const ScopedCall unknown(call, 4, FailWith(EIO));
+
+            EXPECT_FALSE(Move());
+        }
+
+        ExpectSafeLines({SafeLine("MoveFile", "fstatat", destination_, EIO, kSourceKept)});
+        EXPECT_EQ("abc", ReadFile(source_));
+        EXPECT_EQ("abc", ReadFile(destination_));
+    }
 }
 
 TEST_F(SafeMoveTest, ALinkThatChangesMeanwhileIsKept)
