@@ -367,6 +367,23 @@ TEST_F(DirListTest, NamesThatShareEightBytesAreSortedForEachEighthByte)
     EXPECT_THAT(names_, ElementsAreArray(names));
 }
 
+// Half of the pairs are made in the wrong order. A directory can be read in the order of creation or in reverse.
+TEST_F(DirListTest, PairsOfNamesThatShareEightBytesAreSorted)
+{
+    std::vector<std::string> names;
+    for (int i = 100; i < 120; ++i) {
+        const std::string eight = "pair " + std::to_string(i);
+        names.push_back(eight + (i % 2 == 0 ? "a" : "b"));
+        names.push_back(eight + (i % 2 == 0 ? "b" : "a"));
+    }
+    WriteAll(names);
+    std::sort(names.begin(), names.end());
+
+    EXPECT_TRUE(List(dir_.Path()));
+
+    EXPECT_THAT(names_, ElementsAreArray(names));
+}
+
 // This can happen while another process changes the directory.
 TEST_F(DirListTest, NamesThatAreReadTwiceAreListedTwice)
 {
