@@ -28,7 +28,7 @@ namespace {
 const char kMakeDirectory[] = "MakeDirectory";
 const mode_t kOwnerMayEnterAndWrite = 0300;
 
-// The components of a path, one after the other.
+// The components of a path, one after the other. The slash at the beginning of a path is part of the first one.
 class Components {
 public:
     explicit Components(const std::string& path) : path_(path), begin_(0), end_(0)
@@ -39,14 +39,14 @@ public:
     // Moves to the next component, at first to the first one. False if there is none.
     bool Next()
     {
-        if (end_ == path_.size()) {
+        if (IsLast()) {
             return false;
         }
         if (path_[end_] == '\0') {
             path_[end_] = '/';
+            begin_ = path_.find_first_not_of('/', end_);
         }
-        begin_ = path_.find_first_not_of('/', end_);
-        end_ = std::min(path_.find('/', begin_), path_.size());
+        end_ = std::min(path_.find('/', path_.find_first_not_of('/', begin_)), path_.size());
         if (!IsLast()) {
             path_[end_] = '\0';
         }
@@ -86,18 +86,12 @@ int OpenDirectory(int parent, const char* path)
 class DirectoryMaker {
 public:
     DirectoryMaker(const std::string& path, mode_t mode)
-        : components_(path),
-          mode_(mode),
-          directory_(OpenDirectory(AT_FDCWD, path[0] == '/' ? "/" : ".")),
-          namesAreChecked_(false)
+        : components_(path), mode_(mode), above_(-1), isAbsolute_(path[0] == '/'), namesAreChecked_(false)
     {
     }
 
     bool Make()
     {
-        if (directory_ == -1) {
-            return Fail("open", errno);
-        }
         while (components_.Next()) {
             if (!Enter()) {
                 return false;
@@ -107,6 +101,17 @@ public:
     }
 
 private:
+    // The directory above the current component, for the calls that take one.
+    int Above() const
+    {
+        return IsFirst() ? AT_FDCWD : static_cast<int>(above_);
+    }
+
+    bool IsFirst() const
+    {
+        return above_ == -1;
+    }
+
     bool Fail(const char* call, int error) const
     {
         Report(kMakeDirectory, call, components_.Path(), error);
@@ -116,18 +121,18 @@ private:
     // Opens the directory of the current component, and makes it first if it is missing.
     bool Enter()
     {
-        Descriptor next(OpenDirectory(directory_, components_.Name()));
+        Descriptor next(OpenDirectory(Above(), components_.Name()));
         if (next == -1 && errno == ENOENT) {
             if (!MakeCurrent()) {
                 return false;
             }
-            Descriptor made(OpenDirectory(directory_, components_.Name()));
+            Descriptor made(OpenDirectory(Above(), components_.Name()));
             next.Swap(made);
         }
         if (next == -1) {
             return Fail("open", errno);
         }
-        directory_.Swap(next);
+        above_.Swap(next);
         return true;
     }
 
@@ -138,7 +143,7 @@ private:
         }
         // The owner must be able to make the next directory in this one.
         const mode_t mode = components_.IsLast() ? mode_ : mode_ | kOwnerMayEnterAndWrite;
-        const int made = Uninterrupted([&] { return mkdirat(directory_, components_.Name(), mode); });
+        const int made = Uninterrupted([&] { return mkdirat(Above(), components_.Name(), mode); });
         // EEXIST: another process was faster, or it is not a directory; opening it decides.
         if (made != 0 && errno != EEXIST) {
             return Fail("mkdir", errno);
@@ -151,10 +156,11 @@ private:
     bool AreNamesAccepted()
     {
         namesAreChecked_ = true;
+        const std::string deepest(IsFirst() && isAbsolute_ ? "/" : "");
         Components rest = components_;
         do {
             struct stat ignored;
-            const int found = fstatat(directory_, rest.Name(), &ignored, AT_SYMLINK_NOFOLLOW);
+            const int found = fstatat(Above(), (deepest + rest.Name()).c_str(), &ignored, AT_SYMLINK_NOFOLLOW);
             if (found != 0 && errno == ENAMETOOLONG) {
                 Report(kMakeDirectory, "mkdir", rest.Path(), ENAMETOOLONG);
                 return false;
@@ -165,7 +171,8 @@ private:
 
     Components components_;
     mode_t mode_;
-    Descriptor directory_;  // the directory above the current component
+    Descriptor above_;  // the directory above the current component; none for the first one
+    bool isAbsolute_;
     bool namesAreChecked_;
 };
 
@@ -293,7 +300,7 @@ private:
 
     std::string PathOf(const std::string& name) const
     {
-        return path_ + (path_[path_.size() - 1] == '/' ? "" : "/") + name;
+        return path_ + (path_.back() == '/' ? "" : "/") + name;
     }
 
     DIR* directory_;

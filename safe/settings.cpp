@@ -217,7 +217,7 @@ bool IsControlCharacter(char byte)
 
 bool IsUtf8(const std::string& text)
 {
-    for (std::size_t at = 0; at < text.size();) {
+    for (std::size_t at = 0; at != text.size();) {
         bool isWhole = static_cast<unsigned char>(text[at]) < 0x80;
         at = isWhole ? at + 1 : internal::EndOfCharacter(text, at, isWhole);
         if (!isWhole) {
@@ -289,7 +289,7 @@ private:
 
     void CheckValue(const std::string& value)
     {
-        if (value.size() > 1 && value[0] == value[value.size() - 1] && (value[0] == '"' || value[0] == '\'')) {
+        if (value.size() > 1 && value[0] == value.back() && (value[0] == '"' || value[0] == '\'')) {
             Find(SettingsFinding::kQuotes, value);
         }
         const std::size_t comment = comment_.empty() ? std::string::npos : CommentIn(value);
@@ -604,7 +604,7 @@ private:
 
     void AddEntry(const Settings::value_type& entry, std::string& changed) const
     {
-        if (!changed.empty() && changed[changed.size() - 1] != '\n') {
+        if (!changed.empty() && changed.back() != '\n') {
             changed += lineEnd_;
         }
         changed.append(entry.first).append(1, delimiter_).append(entry.second).append(lineEnd_);

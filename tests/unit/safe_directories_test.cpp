@@ -218,6 +218,37 @@ TEST_F(MakeDirectoryTest, MakesNothingIfAnyNameIsTooLong)
     EXPECT_TRUE(IsDirectory(longest + "/c"));
 }
 
+TEST_F(MakeDirectoryTest, MakesNothingDirectlyBelowTheRootOrTheCurrentDirectoryIfANameIsTooLong)
+{
+    const std::string tooLong(NAME_MAX + 1, 'x');
+
+    EXPECT_FALSE(MakeDirectory("/orv_missing/" + tooLong + "/a", 0755));
+    EXPECT_FALSE(MakeDirectory("orv_missing/" + tooLong, 0755));
+
+    ExpectSafeLines(
+        {NotMade("/orv_missing/" + tooLong, ENAMETOOLONG), NotMade("orv_missing/" + tooLong, ENAMETOOLONG)});
+    EXPECT_FALSE(Exists("/orv_missing"));
+    EXPECT_FALSE(Exists("orv_missing"));
+}
+
+TEST_F(MakeDirectoryTest, LooksUpNamesBelowTheRootThereAndNotInTheCurrentDirectory)
+{
+    if (geteuid() != 0) {
+        ORV_SKIP("only root may change its root directory");
+    }
+    ASSERT_EQ(0, mkdir((dir_ / "gone").c_str(), 0755));
+    RunInChild([this] {
+        ASSERT_EQ(0, chroot(dir_.Path().c_str()));
+        ASSERT_EQ(0, chdir("/gone"));
+        ASSERT_EQ(0, rmdir("/gone"));  // no name is too long in a directory that was removed
+
+        EXPECT_FALSE(MakeDirectory("/a/" + std::string(NAME_MAX + 1, 'x'), 0755));
+        ExpectSafeLines({NotMade("/a/" + std::string(NAME_MAX + 1, 'x'), ENAMETOOLONG)});
+    });
+
+    EXPECT_THAT(dir_.Names(), IsEmpty());
+}
+
 TEST_F(MakeDirectoryTest, LooksUpEachMissingNameOnce)
 {
     const ScopedFault third(Call::kFstatat, /*nth=*/3, ENAMETOOLONG);
@@ -264,8 +295,8 @@ TEST_F(MakeDirectoryTest, SaysWhichDirectoryCouldNotBeOpened)
 {
     for (const int error : {EACCES, ENOENT, EMFILE}) {
         dir_.Clear();
-        // The whole path, the root, /var, /var/tmp, the test's directory, a; and a after it was made.
-        const ScopedFault fault(Call::kOpenat, /*nth=*/7, error);
+        // The whole path, /var, /var/tmp, the test's directory, a; and a after it was made.
+        const ScopedFault fault(Call::kOpenat, /*nth=*/6, error);
 
         EXPECT_FALSE(MakeDirectory(dir_ / "a/b", 0755));
 
@@ -276,7 +307,7 @@ TEST_F(MakeDirectoryTest, SaysWhichDirectoryCouldNotBeOpened)
 
 TEST_F(MakeDirectoryTest, SaysWhichExistingDirectoryCouldNotBeOpened)
 {
-    const ScopedFault fault(Call::kOpenat, /*nth=*/4, EACCES);  // the whole path, the root, /var, /var/tmp
+    const ScopedFault fault(Call::kOpenat, /*nth=*/3, EACCES);  // the whole path, /var, /var/tmp
 
     EXPECT_FALSE(MakeDirectory(dir_ / "a", 0755));
 
@@ -300,7 +331,7 @@ TEST_F(MakeDirectoryTest, ReportsThatTheFirstDirectoryCannotBeOpened)
 
     EXPECT_FALSE(MakeDirectory(dir_ / "a", 0755));
 
-    ExpectSafeLines({NotOpened(dir_ / "a", EMFILE)});
+    ExpectSafeLines({NotOpened("/var", EMFILE)});
     EXPECT_THAT(dir_.Names(), IsEmpty());
 }
 
