@@ -8,13 +8,14 @@
 #include "LxFileUtils.h"
 
 #include <fcntl.h>
-#include <sys/mman.h>
 #include <sys/stat.h>
 #include <sys/types.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <cstddef>
+#include <cstdint>
 #include <cstring>
 #include <mutex>
 
@@ -41,22 +42,43 @@ std::mutex publishing;
 
 // ---- How long the page will be
 
+// Whether the byte has a meaning in a table file.
+bool IsMark(char c)
+{
+    const std::uint64_t kOne = 1;
+    const std::uint64_t kMarks = kOne << '\n' | kOne << ',' | kOne << ':' | kOne << ';';  // all of them are below 64
+    const unsigned char byte = static_cast<unsigned char>(c);
+    return byte < 64 && (kMarks >> byte & 1U) != 0;
+}
+
 // Counts the bytes that a row of a table has in the page.
 class RowSize {
 public:
-    void Add(char c)
+    // Bytes that are not marks.
+    void Add(off_t bytes)
     {
-        if (c == ':' && !hasHead_) {
-            hasHead_ = true;
-            head_ = bytes_;
-            bytes_ = 0;
-            commas_ = 0;
-            endsInComma_ = false;
+        bytes_ += bytes;
+        endsInComma_ = endsInComma_ && bytes == 0;
+    }
+
+    void AddComma()
+    {
+        ++bytes_;
+        ++commas_;
+        endsInComma_ = true;
+    }
+
+    void AddColon()
+    {
+        if (hasHead_) {
+            Add(1);
             return;
         }
-        ++bytes_;
-        endsInComma_ = c == ',';
-        commas_ += endsInComma_ ? 1 : 0;
+        hasHead_ = true;
+        head_ = bytes_;
+        bytes_ = 0;
+        commas_ = 0;
+        endsInComma_ = false;
     }
 
     bool IsEmpty() const
@@ -83,20 +105,19 @@ private:
     bool endsInComma_ = false;
 };
 
-// Counts the bytes of the page of a text. A page that is shorter is torn.
+// Counts the bytes of the page of a text. A page that has others is torn.
 class PageSize {
 public:
-    void Add(const char* text, std::size_t bytes)
+    void Add(const char* text, const char* end)
     {
-        for (std::size_t i = 0; i < bytes; ++i) {
-            if (text[i] == '\n') {
-                EndLine();
-            } else if (text[i] == ';') {
-                bytes_ += row_.Take();
-                isInTable_ = true;
-            } else {
-                row_.Add(text[i]);
+        for (;;) {
+            const char* const mark = std::find_if(text, end, IsMark);
+            row_.Add(mark - text);
+            if (mark == end) {
+                return;
             }
+            AddMark(*mark);
+            text = mark + 1;
         }
     }
 
@@ -110,13 +131,31 @@ public:
     }
 
 private:
+    void AddMark(char mark)
+    {
+        if (mark == ',') {
+            row_.AddComma();
+        } else if (mark == ':') {
+            row_.AddColon();
+        } else if (mark == ';') {
+            EndRow();
+        } else {
+            EndLine();
+        }
+    }
+
+    void EndRow()
+    {
+        bytes_ += row_.Take();
+        isInTable_ = true;
+    }
+
     void EndLine()
     {
         const off_t kTable = sizeof "<table  BORDER=2></table>" - 1;
         const off_t kSpacer = sizeof "<p></p>" - 1;
         if (!row_.IsEmpty()) {
-            bytes_ += row_.Take();
-            isInTable_ = true;
+            EndRow();
         }
         bytes_ += isInTable_ ? kTable : kSpacer;
         isInTable_ = false;
@@ -131,33 +170,35 @@ private:
 
 // ---- The text
 
-// A copy of the text file, which nobody changes any more, and which can be read without an error.
-class TextCopy {
+// The text file. It stays open, so that the library reads the file that was measured.
+class TextFile {
 public:
-    explicit TextCopy(const std::string& path) : path_(path), file_(Create())
+    explicit TextFile(const std::string& path) : path_(path), file_(Open(path))
     {
     }
 
-    // Reads the text file to its end. Reports a failure.
-    bool Fill(PageSize& size) const
+    // Reads the file to its end. Reports a failure.
+    bool Measure(PageSize& size) const
     {
         if (file_ == -1) {
-            return Failed("memfd_create");
-        }
-        const int flags = O_RDONLY | O_NONBLOCK | O_NOCTTY | O_CLOEXEC;  // a FIFO must not block
-        const Descriptor text(Uninterrupted([&] { return open(path_.c_str(), flags); }));
-        if (text == -1) {
             return Failed("open");
         }
         struct stat status;
-        if (fstat(text, &status) != 0) {
+        if (fstat(file_, &status) != 0) {
             return Failed("fstat");
         }
         if (!S_ISREG(status.st_mode)) {
             ORV_SAFE_LOG("%s: %s is not a regular file (0x%x).", kPublishPage, path_.c_str(), status.st_mode & S_IFMT);
             return false;
         }
-        return CopyFrom(text, size);
+        for (;;) {
+            char block[kBlockBytes];
+            const ssize_t got = Uninterrupted([&] { return read(file_, block, sizeof block); });
+            if (got <= 0) {
+                return got == 0 || Failed("read");
+            }
+            size.Add(block, block + got);
+        }
     }
 
     std::string Path() const
@@ -166,33 +207,10 @@ public:
     }
 
 private:
-    static int Create()
+    static int Open(const std::string& path)
     {
-        const int file = memfd_create(kPublishPage, MFD_CLOEXEC);
-        if (file != -1 || errno != ENOSYS) {
-            return file;
-        }
-        return Uninterrupted([] { return open(kBuildDirectory, O_TMPFILE | O_RDWR | O_CLOEXEC, S_IRUSR | S_IWUSR); });
-    }
-
-    bool CopyFrom(int text, PageSize& size) const
-    {
-        for (;;) {
-            char block[kBlockBytes];
-            const ssize_t got = Uninterrupted([&] { return read(text, block, sizeof block); });
-            if (got <= 0) {
-                return got == 0 || Failed("read");
-            }
-            size.Add(block, static_cast<std::size_t>(got));
-            for (const char* next = block; next != block + got;) {
-                const ssize_t put =
-                    Uninterrupted([&] { return write(file_, next, static_cast<std::size_t>(block + got - next)); });
-                if (put == -1) {
-                    return Failed("write");
-                }
-                next += put;
-            }
-        }
+        const int flags = O_RDONLY | O_NONBLOCK | O_NOCTTY | O_CLOEXEC;  // a FIFO must not block
+        return Uninterrupted([&] { return open(path.c_str(), flags); });
     }
 
     bool Failed(const char* call) const
@@ -234,7 +252,7 @@ public:
     }
 
     // Lets the library make the page. It moves the page onto its own name, which the kernel takes for done.
-    void Make(const TextCopy& text) const
+    void Make(const TextFile& text) const
     {
         orv_fileutils::GenHtmlPagefromTextFile(text.Path().c_str(), path_.c_str());
     }
@@ -333,8 +351,8 @@ bool PublishPage(const std::string& textFile, const std::string& page, const Pag
         return false;
     }
     PageSize size;
-    const TextCopy text(textFile);
-    if (!text.Fill(size)) {
+    const TextFile text(textFile);
+    if (!text.Measure(size)) {
         return false;
     }
     BuiltPage built;

@@ -235,8 +235,9 @@ struct PageOptions {
 /// Turns a text table file into an HTML page by `orv_fileutils::GenHtmlPagefromTextFile`, and replaces `page` by it in
 /// one step, but only if it is whole.
 ///
-/// The text is first read to its end, into memory. The page is made in "/var/tmp/TextToHtml_PID.tmp", where PID is the
-/// process id: in a new file, which is created under that name before the library opens it. Its size is compared with
+/// The text is first read to its end, so a text that cannot be read makes no page. The page is made in
+/// "/var/tmp/TextToHtml_PID.tmp", where PID is the process id: in a new file, which is created under that name before
+/// the library opens it. Its size is compared with
 /// the size that the page of this text has, so an incomplete page is noticed, whatever cut it: a full disk, a failed
 /// write or a lack of memory. Then the page is renamed to `page`, or copied by `CopyFile` to another file system. A
 /// reader of `page` sees the old page or all of the new one. A symbolic link at `page` is replaced, not followed. The
@@ -250,8 +251,8 @@ struct PageOptions {
 /// After a kill, `page` is the old or the new page, whole. "/var/tmp/TextToHtml_PID.tmp" may be left, and beside `page`
 /// what `CopyFile` may leave. After a power cut, the same is true with `durable`; without it, the page may be empty.
 ///
-/// @param textFile  path of the text table file, a regular file. What is in it when it is read becomes the page, so
-///                  write it before, or under another name
+/// @param textFile  path of the text table file, a regular file. If it is written meanwhile, its page is one of an
+///                  incomplete text, or none is published; replacing it by a rename does no harm
 /// @param page      path of the page. An existing regular file or a symbolic link is replaced, everything else is
 ///                  refused. Its directory must be writable, and also readable for `durable`
 /// @param options   see PageOptions
@@ -262,7 +263,8 @@ struct PageOptions {
 ///                                               the file in /var/tmp. For the open of that file, 17 (EEXIST) means
 ///                                               that something was planted
 ///   "PublishPage: PATH is not a regular file (0xTYPE)."   TYPE as for `CopyFile`
-///   "PublishPage: the page in /var/tmp/TextToHtml_PID.tmp is torn (BYTES of BYTES bytes)."   the disk may be full
+///   "PublishPage: the page in /var/tmp/TextToHtml_PID.tmp is torn (BYTES of BYTES bytes)."   the disk may be full,
+///                                               or the text has changed meanwhile
 ///   a line of `CopyFile`, then "PublishPage: CopyFile(/var/tmp/TextToHtml_PID.tmp, PAGE) failed."
 ///   "PublishPage: fsync(DIRECTORY) failed (ERROR): the file is in place, but a power cut can undo that."
 /// Diagnostics for true and false:

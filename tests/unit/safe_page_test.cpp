@@ -8,7 +8,6 @@
 #include "support/orv_test.h"
 #include "support/safe_lines.h"
 
-#include <dlfcn.h>
 #include <fcntl.h>
 #include <pthread.h>
 #include <signal.h>
@@ -26,21 +25,6 @@
 #include <string>
 #include <thread>
 #include <vector>
-
-namespace {
-
-int memfdError = 0;  // not 0: memfd_create fails with it
-
-}  // namespace
-
-extern "C" int memfd_create(const char* name, unsigned int flags) noexcept
-{
-    if (memfdError != 0) {
-        errno = memfdError;
-        return -1;
-    }
-    return reinterpret_cast<int (*)(const char*, unsigned int)>(dlsym(RTLD_NEXT, "memfd_create"))(name, flags);
-}
 
 namespace {
 
@@ -295,7 +279,6 @@ TEST_F(SafePageTest, RepeatsInterruptedCalls)
 {
     const ScopedFault opening(Call::kOpen, 2, EINTR);
     const ScopedFault reading(Call::kRead, 1, EINTR);
-    const ScopedFault writing(Call::kWrite, 1, EINTR);
     const ScopedCall testing("pread", 1, FailWith(EINTR));
     const ScopedCall renaming("renameat", 1, FailWith(EINTR));
     const ScopedFault flushing(Call::kFsync, 1, EINTR);
@@ -310,63 +293,17 @@ TEST_F(SafePageTest, RepeatsAnInterruptedOpenOfTheFileThatItBuilds)
     ExpectPublished();
 }
 
-TEST_F(SafePageTest, ContinuesShortWritesOfTheCopy)
+// The library reads the file that was measured, whatever is at its name by then.
+TEST_F(SafePageTest, MayLoseItsTextOnceThatIsOpen)
 {
-    const ScopedShortWrite shortWrite(1, 5);
+    const ScopedAction replace(Call::kOpen, 3, [this] {
+        ASSERT_EQ(0, unlink(text_.c_str()));
+        ASSERT_EQ(0, mkfifo(text_.c_str(), 0600));
+    });
 
-    ExpectPublished();
-}
-
-TEST_F(SafePageTest, RefusesATextThatCannotBeCopied)
-{
-    const ScopedFault fault(Call::kWrite, 1, ENOSPC);
-
-    ExpectRefusal({Line("write", text_, ENOSPC)});
-}
-
-// ---- Memory for the text
-
-// Where the kernel has no files in memory, the copy is in a file without a name.
-class SafePageOnDiskTest : public SafePageTest {
-protected:
-    void SetUp() override
-    {
-        SafePageTest::SetUp();
-        const int file = open("/var/tmp", O_TMPFILE | O_RDWR | O_CLOEXEC, 0600);
-        if (file == -1) {
-            ORV_SKIP("/var/tmp does not support files without a name");
-        }
-        (void)close(file);
-    }
-};
-
-TEST_F(SafePageOnDiskTest, PublishesWithoutFilesInMemory)
-{
-    memfdError = ENOSYS;
     EXPECT_TRUE(PublishPage(text_, page_));
-    memfdError = 0;
 
     EXPECT_EQ(oracle::Page(kText), ReadFile(page_));
-}
-
-TEST_F(SafePageOnDiskTest, RepeatsAnInterruptedOpenOfTheCopy)
-{
-    const ScopedFault opening(Call::kOpen, 2, EINTR);
-    memfdError = ENOSYS;
-    EXPECT_TRUE(PublishPage(text_, page_));
-    memfdError = 0;
-}
-
-TEST_F(SafePageTest, RefusesIfThereIsNoPlaceForTheCopy)
-{
-    memfdError = EMFILE;
-    ExpectRefusal({Line("memfd_create", text_, EMFILE)});
-    memfdError = ENOSYS;
-    {
-        const ScopedFault opening(Call::kOpen, 2, EOPNOTSUPP);
-        ExpectRefusal({Line("memfd_create", text_, EOPNOTSUPP)});
-    }
-    memfdError = 0;
 }
 
 // ---- The page
@@ -540,14 +477,14 @@ protected:
     }
 };
 
-// The call has the page's directory, the copy of the text, and the text or the page open; the library opens two more.
+// The call has the page's directory, the text and the page open; the library opens two more.
 TEST_F(TornPageTest, IsNotPublishedIfThereAreTooFewDescriptors)
 {
     const int next = dup(STDOUT_FILENO);
     ASSERT_EQ(0, close(next));
     const std::vector<Names> lines = {{Line("open", dir_.Path() + "/", EMFILE)},
-                                      {Line("memfd_create", text_, EMFILE)},
                                       {Line("open", text_, EMFILE)},
+                                      {Line("open", built_, EMFILE)},
                                       {Torn(0)},
                                       {Torn(0)},
                                       {}};
@@ -569,7 +506,7 @@ TEST_F(TornPageTest, IsNotPublishedIfThereAreTooFewDescriptors)
 
 TEST_F(TornPageTest, IsNotPublishedIfTheLibraryCannotWrite)
 {
-    const ScopedFault fault(Call::kWrite, 2, ENOSPC);  // the first one copies the text
+    const ScopedFault fault(Call::kWrite, 1, ENOSPC);
 
     ExpectRefusal({Torn(0)});
 }
@@ -586,6 +523,19 @@ TEST_F(TornPageTest, IsNotPublishedIfTheLibraryCannotReadOn)
     EXPECT_THAT(lines[0].text, ::testing::StartsWith("PublishPage: the page in " + built_ + " is torn ("));
     EXPECT_EQ("old", ReadFile(page_));
     EXPECT_EQ(before, dir_.Names());
+}
+
+TEST_F(TornPageTest, IsNotPublishedIfItsTextGrows)
+{
+    const ScopedAction grow(Call::kOpen, 3, [this] { WriteFile(text_, kText + "Port 3:up;"s); });
+    const std::size_t before = oracle::Page(kText).size();
+    const std::size_t after = oracle::Page(kText + "Port 3:up;"s).size();
+
+    EXPECT_FALSE(PublishPage(text_, page_));
+
+    ExpectSafeLines({"PublishPage: the page in " + built_ + " is torn (" + std::to_string(after) + " of " +
+                     std::to_string(before) + " bytes)."});
+    EXPECT_EQ("old", ReadFile(page_));
 }
 
 TEST_F(TornPageTest, IsNotPublishedIfItsStatusOrItsEndCannotBeRead)
@@ -624,7 +574,7 @@ TEST_F(TornPageTest, IsNotPublishedAtAFileSizeLimit)
     struct rlimit before;
     ASSERT_EQ(0, getrlimit(RLIMIT_FSIZE, &before));
     struct rlimit limit = before;
-    limit.rlim_cur = 6100;  // enough for the text
+    limit.rlim_cur = 6100;  // the page is longer
     void (*const handler)(int) = signal(SIGXFSZ, SIG_IGN);
     ASSERT_EQ(0, setrlimit(RLIMIT_FSIZE, &limit));
 

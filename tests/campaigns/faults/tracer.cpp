@@ -68,7 +68,6 @@ constexpr CallForm kForms[] = {
     {SYS_getrandom, "getrandom", -1, -1, -1, -1},
     {SYS_getpid, "getpid", -1, -1, -1, -1},
     {SYS_geteuid, "geteuid", -1, -1, -1, -1},
-    {SYS_memfd_create, "memfd_create", -1, -1, -1, -1},
     {SYS_access, "access", 0, -1, -1, -1},
     {SYS_fcntl, "fcntl", -1, -1, 0, -1},
     {SYS_linkat, "linkat", 1, 3, -1, -1},
