@@ -1,6 +1,7 @@
 // Benchmarks of moving, copying and testing files.
 
 #include "LxFileUtils.h"
+#include "safe.h"
 #include "support/bench.h"
 #include "support/files.h"
 
@@ -44,6 +45,13 @@ using GFilePointer = std::unique_ptr<GFile, Unref>;
 std::string SizeName(std::size_t bytes)
 {
     return bytes % (1U << 20U) == 0 && bytes != 0 ? std::to_string(bytes >> 20U) + "MiB" : std::to_string(bytes);
+}
+
+orv_safe::FileOptions SafeOptions(bool durable)
+{
+    orv_safe::FileOptions options;
+    options.durable = durable;
+    return options;
 }
 
 // ---- Moves
@@ -150,6 +158,14 @@ void AddMoveContenders(const Workload& workload, const Make& make)
         return move.There(
             [](const std::string& from, const std::string& to) { return orv_fileutils::RenameFileAcrossFs(from, to); });
     });
+    Add(workload, "orv_safe, not durable", make, [](Move& move) {
+        return move.There([](const std::string& from, const std::string& to) {
+            return orv_safe::MoveFile(from, to, SafeOptions(/*durable=*/false));
+        });
+    });
+    Add(workload, "orv_safe", make, [](Move& move) {
+        return move.There([](const std::string& from, const std::string& to) { return orv_safe::MoveFile(from, to); });
+    });
 #ifdef ORV_BENCH_GLIB
     Add(workload, "GLib g_file_move", make, [](Move& move) {
         return move.There([](const std::string& from, const std::string& to) {
@@ -248,6 +264,19 @@ bool CopyFileBy(const Copy& files, bool (*copy)(int, int))
                     copy);
 }
 
+// The least that replaces a file whole: into a new file, which is renamed.
+bool CopyAndRename(const Copy& files)
+{
+    struct stat status;
+    if (stat(files.from.c_str(), &status) != 0 || !S_ISREG(status.st_mode)) {
+        return false;
+    }
+    std::string temp = files.to + "_XXXXXX";
+    const int tempDescriptor = mkstemp(temp.data());
+    return CopyOpen(open(files.from.c_str(), O_RDONLY), tempDescriptor, CopyBySendfile) &&
+           chmod(temp.c_str(), status.st_mode & 0777U) == 0 && rename(temp.c_str(), files.to.c_str()) == 0;
+}
+
 void AddCopy(std::size_t bytes)
 {
     constexpr std::size_t kStreamBlockBytes = BUFSIZ - 1;  // the size of a read of a file stream
@@ -258,6 +287,10 @@ void AddCopy(std::size_t bytes)
     Add(workload, "floor", make, [](const Copy& files) { return CopyFileBy(files, CopyByBlocks<kStreamBlockBytes>); });
     Add(workload, "blocks of 64 KiB", make, [](const Copy& files) { return CopyFileBy(files, CopyByBlocks<65536>); });
     Add(workload, "sendfile(2)", make, [](const Copy& files) { return CopyFileBy(files, CopyBySendfile); });
+    Add(workload, "sendfile(2), rename(2)", make, CopyAndRename);
+    Add(workload, "orv_safe, not durable", make,
+        [](const Copy& files) { return orv_safe::CopyFile(files.from, files.to, SafeOptions(/*durable=*/false)); });
+    Add(workload, "orv_safe", make, [](const Copy& files) { return orv_safe::CopyFile(files.from, files.to); });
     Add(workload, "std::filesystem", make, [](const Copy& files) {
         std::error_code error;
         return fs::copy_file(files.from, files.to, fs::copy_options::overwrite_existing, error);
