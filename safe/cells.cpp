@@ -26,7 +26,8 @@ bool IsDigit(char c)
 // Whether the library's separators, the parser of HTML or both give the character a meaning. NUL is not among them.
 bool IsSpecial(unsigned char c)
 {
-    return (c > 0 && c < ' ') || c == 0x7F || (c != '\0' && std::strchr("&<>\"';,:", c) != nullptr);
+    static const char kMarks[] = {'&', '<', '>', '"', '\'', ';', ',', ':'};
+    return (c > 0 && c < ' ') || c == 0x7F || std::memchr(kMarks, c, sizeof kMarks) != nullptr;
 }
 
 // The semicolon of a reference would end the row. Parsers of HTML do without it: the digits end at the first other

@@ -194,8 +194,11 @@ public:
         for (;;) {
             char block[kBlockBytes];
             const ssize_t got = Uninterrupted([&] { return read(file_, block, sizeof block); });
-            if (got <= 0) {
-                return got == 0 || Failed("read");
+            if (got == -1) {
+                return Failed("read");
+            }
+            if (got == 0) {
+                return true;
             }
             size.Add(block, block + got);
         }
@@ -260,17 +263,14 @@ public:
     bool IsWhole(off_t size) const
     {
         struct stat status;
-        char end[kFooterBytes];
         if (fstat(file_, &status) != 0) {
             return Failed("fstat");
         }
-        const ssize_t got =
-            Uninterrupted([&] { return pread(file_, end, sizeof end, size - static_cast<off_t>(sizeof end)); });
-        if (got == -1) {
+        char end[kFooterBytes] = {};
+        if (Uninterrupted([&] { return pread(file_, end, sizeof end, size - static_cast<off_t>(sizeof end)); }) == -1) {
             return Failed("pread");
         }
-        if (status.st_size != size || got != static_cast<ssize_t>(sizeof end) ||
-            std::memcmp(end, kFooter, sizeof end) != 0) {
+        if (status.st_size != size || std::memcmp(end, kFooter, sizeof end) != 0) {
             ORV_SAFE_LOG("%s: the page in %s is torn (%lld of %lld bytes).", kPublishPage, path_.c_str(),
                          static_cast<long long>(status.st_size), static_cast<long long>(size));
             return false;
