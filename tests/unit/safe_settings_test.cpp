@@ -298,19 +298,23 @@ TEST_F(CheckSettingsTest, AFindingIsEmptyAtFirst)
 
 TEST(SettingsFindingTextTest, SaysWhatIsOddAndWhatToDo)
 {
-    const std::map<SettingsFinding::Kind, std::string> beginnings = {
-        {SettingsFinding::kByteOrderMark, "byte-order mark, which becomes part of the line: save"},
-        {SettingsFinding::kNotUtf8, "not UTF-8: save"},
-        {SettingsFinding::kControlCharacter, "control character: remove"},
-        {SettingsFinding::kSection, "looks like a section, but there are none: the names"},
-        {SettingsFinding::kNoDelimiter, "no delimiter, so the line is a name with an empty value: add"},
-        {SettingsFinding::kEmptyName, "empty name: write"},
-        {SettingsFinding::kDuplicateName, "duplicate name, of which the last one counts: remove"},
-        {SettingsFinding::kQuotes, "quotes, which become part of the value: remove"},
-        {SettingsFinding::kTrailingComment, "comment after a value, which becomes part of it: give"},
+    const std::map<SettingsFinding::Kind, std::string> texts = {
+        {SettingsFinding::kByteOrderMark, "byte-order mark, which becomes part of the line: save the file without it"},
+        {SettingsFinding::kNotUtf8, "not UTF-8: save the file in UTF-8"},
+        {SettingsFinding::kControlCharacter, "control character: remove it"},
+        {SettingsFinding::kSection,
+         "looks like a section, but there are none: the names below are shared by the whole file"},
+        {SettingsFinding::kNoDelimiter,
+         "no delimiter, so the line is a name with an empty value: add the delimiter, or make the line a "
+         "comment"},
+        {SettingsFinding::kEmptyName, "empty name: write a name before the delimiter"},
+        {SettingsFinding::kDuplicateName, "duplicate name, of which the last one counts: remove the others"},
+        {SettingsFinding::kQuotes, "quotes, which become part of the value: remove them"},
+        {SettingsFinding::kTrailingComment,
+         "comment after a value, which becomes part of it: give it a line of its own"},
     };
-    for (const auto& [kind, beginning] : beginnings) {
-        EXPECT_THAT(SettingsFindingText(kind), ::testing::StartsWith(beginning));
+    for (const auto& [kind, text] : texts) {
+        EXPECT_EQ(text, SettingsFindingText(kind));
     }
     EXPECT_STREQ("", SettingsFindingText(static_cast<SettingsFinding::Kind>(SettingsFinding::kTrailingComment + 1)));
 }
