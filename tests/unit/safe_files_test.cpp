@@ -3,6 +3,7 @@
 #include "safe/staged_file.h"
 #include "support/cases.h"
 #include "support/faults.h"
+#include "support/new_fault.h"
 #include "support/orv_test.h"
 #include "support/safe_lines.h"
 
@@ -21,6 +22,7 @@
 #include <list>
 #include <map>
 #include <memory>
+#include <new>
 #include <optional>
 #include <sstream>
 #include <string>
@@ -1236,6 +1238,53 @@ TEST_F(SafeCopyTest, AFileCopiedOntoItselfKeepsItsContent)
     EXPECT_EQ("abc", ReadFile(source_));
     EXPECT_EQ("abc", dir_.Read("link"));
     EXPECT_THAT(dir_.Names(), ElementsAre("link", "source"));
+}
+
+// ---- Memory runs out
+
+TEST_P(SafeBothTest, WithoutMemoryTheExceptionPassesAndNothingIsLost)
+{
+    for (const bool isNameless : {true, false}) {
+        FileOptions options = With(&FileOptions::preserve);
+        options.verify = true;
+        std::optional<ScopedCall> noTmpfile;
+        if (!isNameless) {
+            noTmpfile.emplace("tmpfile", 1, FailWith(EOPNOTSUPP), kAlways);
+        }
+        const ScopedCall notKept("futimens", 1, FailWith(EPERM), kAlways);
+        int failures = 0;
+        for (bool failed = true; failed; ++failures) {
+            SCOPED_TRACE(failures);
+            other_.Clear();
+            WriteFile(source_, "abc");
+            ASSERT_EQ(0, setxattr(source_.c_str(), "user.a name that a string cannot store in itself", "1", 1, 0));
+            WriteFile(destination_, "old");
+            bool threw = false;
+            bool done = false;
+            {
+                const ScopedNewFault fault(failures + 1);
+                try {
+                    done = Act(options);
+                } catch (const std::bad_alloc&) {
+                    threw = true;
+                }
+                failed = fault.Fired();
+            }
+
+            EXPECT_EQ(failed, threw);
+            EXPECT_EQ(!failed, done);
+            (void)TakeDlogCalls();
+            if (threw) {
+                ExpectUnchanged("abc");
+            } else {
+                EXPECT_EQ("abc", ReadFile(destination_));
+            }
+            if (HasFailure()) {
+                return;
+            }
+        }
+        EXPECT_LE(8, failures);
+    }
 }
 
 // ---- Attacks and races
