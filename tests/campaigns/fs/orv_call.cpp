@@ -91,6 +91,19 @@ std::string ListDirectory(const Fields& in)
     return std::to_string(listed);
 }
 
+std::string SafeListDirectory(const Fields& in)
+{
+    orv_safe::ListOptions options;
+    options.status = true;
+    options.followLinks = Flag(in.at(2));
+    std::vector<orv_safe::ListedFile> files;
+    const bool listed = orv_safe::ListFiles(in.at(1), "", "", files, options);
+    for (const orv_safe::ListedFile& file : files) {
+        items.push_back(Line({"item", file.name, std::to_string(file.bytes)}));
+    }
+    return std::to_string(listed);
+}
+
 std::string ReadNameValues(const Fields& in)
 {
     std::map<std::string, std::string> nameValues;
@@ -128,6 +141,13 @@ const std::map<std::string, std::function<std::string(const Fields&)>> operation
          return std::to_string(orv_fileutils::MakeDirPath(in.at(1).c_str(), Octal(in.at(2)), Flag(in.at(3))));
      }},
     {"GetDirFileList", ListDirectory},
+    {"SafeListFiles", SafeListDirectory},
+    {"SafeMakeDirectory",
+     [](const Fields& in) { return std::to_string(orv_safe::MakeDirectory(in.at(1), Octal(in.at(2)))); }},
+    {"SafeWriteSettings",
+     [](const Fields& in) {
+         return std::to_string(orv_safe::WriteSettings(in.at(1), {{in.at(2), in.at(3)}}));
+     }},
     {"TextFileTableDelimter", [](const Fields&) { return orv_fileutils::TextFileTableDelimter(); }},
     {"AddTextFileFormattedRow",
      [](const Fields& in) {

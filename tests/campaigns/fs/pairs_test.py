@@ -8,7 +8,7 @@ import errno
 import os
 
 import fslab
-from fslab import MOVE, file, material, tree, write
+from fslab import MOVE, file, material, read, tree, write
 from oracle import ANY_SUFFIX, LINES, PAGE_FOOTER, PAGE_HEADER, temporary_page
 
 SIZES = (0, 1, 4095, 4096, 4097, 10000, 1 << 20) if fslab.FULL else (0, 4097, 10000)
@@ -185,6 +185,24 @@ def listings(lab, caller, members):
         lab.expect(f"listing on {member.name}", answer, "1")
         lab.check(f"listing on {member.name}", answer.items, expected)
         lab.counts["listings"] += 1
+        for follow, expected in (("0", ["a", "b"]), ("1", ["a", "b", "d"])):
+            answer = caller.call("SafeListFiles", directory, follow)
+            lab.expect(f"safe listing on {member.name}", answer, "1")
+            lab.check(f"safe listing on {member.name}", [name for name, _ in answer.items], expected)
+
+
+def settings(lab, caller, members):
+    """The companion makes a directory in each file system, and a file of settings in that, and changes it."""
+    for member in members:
+        directory = os.path.join(member.path, "made", "by", "the", "companion")
+        path = os.path.join(directory, "settings")
+        lab.expect(f"directory on {member.name}", caller.call("SafeMakeDirectory", directory, "755"), "1")
+        lab.expect(f"new settings on {member.name}", caller.call("SafeWriteSettings", path, "a", "1"), "1")
+        os.chmod(path, 0o640)
+        lab.expect(f"settings on {member.name}", caller.call("SafeWriteSettings", path, "a", "2"), "1")
+        lab.check(f"settings on {member.name}", (read(path), os.stat(path).st_mode & 0o7777, os.listdir(directory)),
+                  (b"a=2\n", 0o640, ["settings"]))  # fmt: skip
+        lab.counts["files of settings"] += 1
 
 
 def campaign(lab):
@@ -210,6 +228,7 @@ def campaign(lab):
     all_pairs(lab, caller, writable, table)
     read_only_pairs(lab, caller, writable, read_only, contents, table)
     listings(lab, caller, writable + read_only)
+    settings(lab, caller, writable)
     lab.counts["writable file systems"] = len(writable)
     lab.counts["read-only file systems"] = len(read_only)
 
