@@ -4,6 +4,7 @@
 // --watch; 2 after wrong usage.
 
 #include <LxFileUtils.h>
+#include <orv/safe.h>
 
 #include <getopt.h>
 #include <ifaddrs.h>
@@ -15,7 +16,6 @@
 #include <sys/utsname.h>
 #include <unistd.h>
 
-#include <algorithm>
 #include <cerrno>
 #include <cstring>
 #include <ctime>
@@ -27,6 +27,8 @@
 
 namespace {
 
+using orv_safe::SafeRow;
+
 typedef std::map<std::string, std::string> Settings;
 
 void Require(bool condition, const std::string& message)
@@ -36,28 +38,6 @@ void Require(bool condition, const std::string& message)
     }
 }
 
-// The table file has no quoting and the page no escaping, so separators and markup become character references. The
-// semicolon of a reference would end the row, so it is omitted; a digit after it would then be part of the reference,
-// so it becomes a reference too. Browsers show the original text.
-std::string SafeCell(const std::string& text)
-{
-    static const std::string kSpecial = "&<>\";,:\r\n";
-    std::string safe;
-    bool referred = false;
-    for (const char c : text) {
-        referred = kSpecial.find(c) != std::string::npos || (referred && c >= '0' && c <= '9');
-        safe += referred ? "&#" + std::to_string(static_cast<int>(c)) : std::string(1, c);
-    }
-    return safe;
-}
-
-// Takes two cells or more: the row after a row of one cell would become its cells. The second one may be empty.
-std::string Row(std::vector<std::string> cells)
-{
-    std::transform(cells.begin(), cells.end(), cells.begin(), SafeCell);
-    return orv_fileutils::AddTextFileFormattedRow(cells);
-}
-
 std::string TitleTable(const std::string& title)
 {
     struct utsname self = {};
@@ -65,7 +45,7 @@ std::string TitleTable(const std::string& title)
     char now[64] = {};
     const std::time_t seconds = std::time(nullptr);
     (void)std::strftime(now, sizeof now, "%Y-%m-%d %H:%M:%S %Z", std::localtime(&seconds));
-    return Row({title, ""}) + Row({"Host", self.nodename}) + Row({"Time", now});
+    return SafeRow({title, ""}) + SafeRow({"Host", self.nodename}) + SafeRow({"Time", now});
 }
 
 std::string SystemTable()
@@ -74,15 +54,16 @@ std::string SystemTable()
     std::ifstream("/proc/loadavg") >> one >> five >> fifteen;
     long uptime = 0;  // in whole seconds; the fraction is not read
     std::ifstream("/proc/uptime") >> uptime;
-    return Row({"System", ""}) + Row({"Load over 1, 5 and 15 minutes", one + " " + five + " " + fifteen}) +
-           Row({"Uptime", std::to_string(uptime / 86400) + " days, " + std::to_string(uptime / 3600 % 24) + " hours"});
+    return SafeRow({"System", ""}) + SafeRow({"Load over 1, 5 and 15 minutes", one + " " + five + " " + fifteen}) +
+           SafeRow(
+               {"Uptime", std::to_string(uptime / 86400) + " days, " + std::to_string(uptime / 3600 % 24) + " hours"});
 }
 
 // Shows a device once, even if it is mounted twice. Skips file systems without blocks (proc, sysfs), and those whose
 // status cannot be read.
 std::string FileSystemTable()
 {
-    std::string table = Row({"File system", "Type", "MiB", "MiB used", "Use"});
+    std::string table = SafeRow({"File system", "Type", "MiB", "MiB used", "Use"});
     std::set<dev_t> seen;
     std::FILE* const mounts = setmntent("/proc/mounts", "r");
     while (const struct mntent* const mount = mounts ? getmntent(mounts) : nullptr) {
@@ -91,9 +72,9 @@ std::string FileSystemTable()
         if (statvfs(mount->mnt_dir, &space) == 0 && space.f_blocks != 0 && stat(mount->mnt_dir, &root) == 0 &&
             seen.insert(root.st_dev).second) {
             const unsigned long long used = space.f_blocks - space.f_bfree;
-            table +=
-                Row({mount->mnt_dir, mount->mnt_type, std::to_string(space.f_blocks * space.f_frsize >> 20),
-                     std::to_string(used * space.f_frsize >> 20), std::to_string(100 * used / space.f_blocks) + " %"});
+            table += SafeRow({mount->mnt_dir, mount->mnt_type, std::to_string(space.f_blocks * space.f_frsize >> 20),
+                              std::to_string(used * space.f_frsize >> 20),
+                              std::to_string(100 * used / space.f_blocks) + " %"});
         }
     }
     (void)endmntent(mounts);
@@ -102,12 +83,12 @@ std::string FileSystemTable()
 
 std::string InterfaceTable()
 {
-    std::string table = Row({"Network interface", "State"});
+    std::string table = SafeRow({"Network interface", "State"});
     std::set<std::string> seen;  // getifaddrs lists an interface once for each address
     struct ifaddrs* all = nullptr;
     for (const struct ifaddrs* one = getifaddrs(&all) == 0 ? all : nullptr; one; one = one->ifa_next) {
         if (seen.insert(one->ifa_name).second) {
-            table += Row({one->ifa_name, (one->ifa_flags & IFF_RUNNING) != 0 ? "up" : "down"});
+            table += SafeRow({one->ifa_name, (one->ifa_flags & IFF_RUNNING) != 0 ? "up" : "down"});
         }
     }
     freeifaddrs(all);
@@ -121,11 +102,11 @@ std::string FilesTable(const Settings& settings)
     Require(orv_fileutils::GetDirFileList(directory.c_str(), settings.at("include").c_str(),
                                           settings.at("exclude").c_str(), names, false, true, true),
             "cannot list the directory '" + directory + "'");
-    std::string table = Row({"Files in " + directory, "Bytes"});
+    std::string table = SafeRow({"Files in " + directory, "Bytes"});
     const std::string inside = directory + "/";
     for (const std::string& name : names) {
         struct stat file;
-        table += Row({name, stat((inside + name).c_str(), &file) == 0 ? std::to_string(file.st_size) : "unknown"});
+        table += SafeRow({name, stat((inside + name).c_str(), &file) == 0 ? std::to_string(file.st_size) : "unknown"});
     }
     return table;
 }

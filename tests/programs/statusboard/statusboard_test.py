@@ -49,6 +49,11 @@ def limited_to(size):
     return limit
 
 
+def shown(name):
+    """Decodes bytes as a browser does."""
+    return name.decode("utf-8", "replace")
+
+
 class StatusboardTest(unittest.TestCase):
     def setUp(self):
         self.dir = self.make_dir(BUILD_DIRECTORY)
@@ -135,8 +140,10 @@ class PageTest(StatusboardTest):
 
         self.assert_published(self.settings_file())
 
+        # The parser drops references of these control characters. Browsers show them: see script/browser.
+        dropped = re.compile("[\x01-\x08\x0b\x0e-\x1f\x7f]")
         expected = sorted([name, b"%d" % size] for size, name in enumerate(HOSTILE_NAMES))
-        self.assertEqual([[text(cell) for cell in row] for row in expected], self.read_page().tables[4][1:])
+        self.assertEqual([[dropped.sub("", shown(cell)) for cell in row] for row in expected], self.read_page().tables[4][1:])
 
     def test_only_special_bytes_and_the_digits_after_them_become_references(self):
         for name in HOSTILE_NAMES:
@@ -144,8 +151,9 @@ class PageTest(StatusboardTest):
 
         self.assert_published(self.settings_file())
 
-        specials = re.compile(rb'[&<>";,:\r\n][0-9]*')
-        expected = [specials.sub(lambda run: b"".join(b"&#%d" % byte for byte in run[0]), name) for name in HOSTILE_NAMES]
+        specials = re.compile(rb"""[&<>"';,:\x01-\x1f\x7f][0-9]*""")
+        expected = [specials.sub(lambda run: b"".join(b"&#%d" % byte for byte in run[0]), shown(name).encode())
+                    for name in HOSTILE_NAMES]  # fmt: skip
         last_table = self.read(self.page).split(b"<table")[-1]
         self.assertEqual(sorted(expected), sorted(re.findall(rb"<tr><td>([^<]*)</td><td>0</td></tr>", last_table)))
 
@@ -157,7 +165,7 @@ class PageTest(StatusboardTest):
         self.assert_published(self.settings_file(title=title, directory=watched))
 
         tables = self.read_page().tables
-        self.assertEqual([title, ""], tables[0][0])
+        self.assertEqual([title.replace("\0", "\ufffd"), ""], tables[0][0])
         self.assertEqual([["Files in " + watched, "Bytes"]], tables[4])
 
     def test_five_tables_have_headings_and_full_rows_and_spacers_between(self):
