@@ -162,6 +162,11 @@ struct JunctionCase {
     std::string markup;
 };
 
+void PrintTo(const JunctionCase& param, std::ostream* out)
+{
+    *out << param.name;
+}
+
 class CellJunctionTest : public ::testing::TestWithParam<JunctionCase> {};
 
 TEST_P(CellJunctionTest, EndsTheReferenceOfThePartBefore)

@@ -56,6 +56,11 @@ struct Named {
     Function call;
 };
 
+void PrintTo(const Named& param, std::ostream* out)
+{
+    *out << param.name;
+}
+
 // Both functions, each within one file system and across two.
 class SafeFilesTest : public TwoFileSystemsTest {
 protected:
@@ -494,6 +499,11 @@ struct FaultCase {
     char path;             // of the line: s, S (its directory), d, D, t (staged)
 };
 
+void PrintTo(const FaultCase& param, std::ostream* out)
+{
+    *out << param.name;
+}
+
 FileOptions OptionsOf(char letter)
 {
     FileOptions options;
@@ -930,6 +940,11 @@ struct RenameFault {
     char path;
     std::string consequence;  // the file is at both names or at the destination
 };
+
+void PrintTo(const RenameFault& param, std::ostream* out)
+{
+    *out << param.name;
+}
 
 class SafeRenameFaultTest : public SafeFilesTest, public ::testing::WithParamInterface<RenameFault> {};
 

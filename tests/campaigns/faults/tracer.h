@@ -15,9 +15,9 @@
 
 // A system call of the traced program, with its result.
 struct TracedCall {
-    std::string name;  // "open"; "create" for an open that may create, "tmpfile" for one of a file without a name;
-                       // "lstat" and "fstat" for these forms of stat
-    int occurrence = 0;              // 1-based, among the calls of that name
+    std::string name;    // "open"; "create" for an open that may create, "tmpfile" for one of a file without a name;
+                         // "lstat" and "fstat" for these forms of stat
+    int occurrence = 0;  // 1-based, among the calls of that name
     std::vector<std::string> paths;  // its path arguments, or the path that its descriptor was opened on
     std::size_t asked = 0;           // the size of a read or write
     unsigned int mode = 0;           // the mode of chmod and mkdir
