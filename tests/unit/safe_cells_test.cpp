@@ -39,6 +39,11 @@ struct TextCase {
     std::string cell;
 };
 
+void PrintTo(const TextCase& param, std::ostream* out)
+{
+    *out << param.name;
+}
+
 class SafeCellTest : public ::testing::TestWithParam<TextCase> {};
 
 TEST_P(SafeCellTest, IsTheExpectedOneAndShowsTheText)
@@ -108,6 +113,11 @@ struct RowCase {
     Texts cells;
     std::string row;
 };
+
+void PrintTo(const RowCase& param, std::ostream* out)
+{
+    *out << param.name;
+}
 
 class SafeRowTest : public ::testing::TestWithParam<RowCase> {};
 
