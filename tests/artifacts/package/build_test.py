@@ -1,7 +1,7 @@
 #!/usr/bin/env python3
 """Builds a copy of the sources as a user or a packager does.
 
-  build_test.py plain    the plain build makes the libraries and the substitutes for the log, and nothing else; in
+  build_test.py plain    the plain build makes the libraries, the companion and the logs, and nothing else; in
                          directories with blanks, commas and a semicolon in their paths
   build_test.py version  CMake 3.22 knows every command, variable, property and module that is used
   build_test.py flags    the flags and the build type of the caller win, and -fno-exceptions does no harm
@@ -66,7 +66,7 @@ def plain(build):
     build.cmake("--build", build.build)
     shared = [f"lib/lib{name}.so{end}" for name in ("OrvFileUtils", "OrvStrUtils")
               for end in ("", ".0", f".{orv_test.VERSION}")]  # fmt: skip
-    expected = {*shared, *(f"lib/libDlog{name}.a" for name in ("Stderr", "Syslog", "Memory"))}
+    expected = {*shared, "lib/libOrvSafe.a", *(f"lib/libDlog{name}.a" for name in ("Stderr", "Syslog", "Memory"))}
     found = linked_files(build.build)
     return [] if found == expected else [f"built {sorted(found)} instead of {sorted(expected)}"]
 
