@@ -68,6 +68,7 @@ TEST_F(MakeDirectoryTest, GivesTheLastOneTheModeLessTheMaskAndThoseAboveThePermi
 
     EXPECT_TRUE(MakeDirectory(dir_ / "c", 0));
     EXPECT_EQ(0u, ModeOf(dir_ / "c"));
+    EXPECT_EQ(0, rmdir((dir_ / "c").c_str()));  // an ordinary user could not look for files in it
 }
 
 TEST_F(MakeDirectoryTest, GoesOnBelowDirectoriesOfAModeThatForbidsIt)
@@ -370,7 +371,7 @@ TEST_F(MakeDirectoryTest, WorksInDirectoriesThatMayBeSearchedButNotRead)
     ASSERT_EQ(0, mkdir((dir_ / "closed").c_str(), 0700));
     ASSERT_EQ(0, mkdir((dir_ / "closed/open").c_str(), 0700));
     ASSERT_EQ(0, chmod((dir_ / "closed/open").c_str(), 0777));
-    ASSERT_EQ(0, chmod((dir_ / "closed").c_str(), 0711));
+    ASSERT_EQ(0, chmod((dir_ / "closed").c_str(), 0111));
 
     RunAsNobody([this] {
         EXPECT_TRUE(MakeDirectory(dir_ / "closed/open/a", 0755));
@@ -378,6 +379,7 @@ TEST_F(MakeDirectoryTest, WorksInDirectoriesThatMayBeSearchedButNotRead)
         EXPECT_FALSE(MakeDirectory(dir_ / "closed/a", 0755));
         ExpectSafeLines({NotMade(dir_ / "closed/a", EACCES)});
     });
+    EXPECT_EQ(0, chmod((dir_ / "closed").c_str(), 0700));
 }
 
 TEST_F(MakeDirectoryTest, MakesOnePathInManyProcessesAtOnce)

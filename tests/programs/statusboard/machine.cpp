@@ -36,7 +36,8 @@ std::string Described(const std::string& name)
 
 std::string InsteadOf(const std::string& path)
 {
-    return path.compare(0, 6, "/proc/") == 0 ? Described(path.substr(6)) : path;
+    const bool isDescribed = path.compare(0, 6, "/proc/") == 0 && path.compare(0, 11, "/proc/self/") != 0;
+    return isDescribed ? Described(path.substr(6)) : path;
 }
 
 template <typename Status>
