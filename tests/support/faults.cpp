@@ -235,9 +235,9 @@ ScopedCall::~ScopedCall()
     scopedCalls.pop_back();
 }
 
-std::optional<long> ScopedCall::Result(const std::string& call)
+std::optional<long> ScopedCall::Result(const char* call)
 {
-    if (call != call_ || --left_ > 0 || left_ <= -times_) {
+    if (call_ != call || --left_ > 0 || left_ <= -times_) {
         return std::nullopt;
     }
     reached_ = true;

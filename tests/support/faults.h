@@ -70,8 +70,9 @@ public:
     ScopedCall(const ScopedCall&) = delete;
     ScopedCall& operator=(const ScopedCall&) = delete;
 
-    // For the wrappers: counts a call and returns its result, if it is not the system's.
-    std::optional<long> Result(const std::string& call);
+    // For the wrappers: counts a call and returns its result, if it is not the system's. Allocates nothing, because a
+    // wrapper must not throw.
+    std::optional<long> Result(const char* call);
 
 private:
     std::string call_;

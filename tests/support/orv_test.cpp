@@ -19,6 +19,7 @@
 #include <cstring>
 #include <filesystem>
 #include <fstream>
+#include <memory>
 #include <mutex>
 #include <sstream>
 #include <utility>
@@ -44,9 +45,8 @@ __attribute__((format(printf, 1, 0))) std::string Expand(const char* format, std
     if (vasprintf(&text, format, arguments) < 0) {
         return "<not expanded>";
     }
-    const std::string expanded = text;
-    std::free(text);
-    return expanded;
+    const std::unique_ptr<char, void (*)(void*)> owned(text, std::free);
+    return owned.get();
 }
 
 void WriteWhole(const std::string& path, const std::string& text)
