@@ -4,7 +4,7 @@
   mutate.py --build DIR [--sanitized DIR]... [FOLDER...] [--sample N] [--jobs N] [--report FILE]
   mutate.py --build DIR --list [FOLDER...]           prints the mutants and runs nothing
 
-The folders are src, strutils, safe, dlog and examples unless others are named; tools is the only other one. DIR holds a build
+The folders are src, strutils, dlog and examples unless others are named: safe or tools. DIR holds a build
 of the project with its compile commands. Each mutant is compiled as that build compiles it, but at -O1, and linked as
 that build links it. Mutants that survive its tests go on to the sanitized builds.
 
@@ -77,7 +77,7 @@ SUBJECTS = {
     **{path: [SAFE] for path in sources("safe")},
     **{path: [ORVFILE] for path in sources("tools")},
 }
-NOT_BY_DEFAULT = {"tools"}
+NOT_BY_DEFAULT = {"safe", "tools"}
 
 # LargeFileTest needs more room than a mutant is given; its subject is the width of file offsets, which none changes.
 NEVER = "*LargeFile*"
