@@ -475,6 +475,18 @@ protected:
         return "PublishPage: the page in " + built + " is torn (" + std::to_string(bytes) + " of " +
                std::to_string(oracle::Page(ReadFile(text_)).size()) + " bytes).";
     }
+
+    // Where the page was cut depends on the streams of the C++ library.
+    void ExpectTornSomewhere()
+    {
+        const Names before = dir_.Names();
+        EXPECT_FALSE(PublishPage(text_, page_));
+        const std::vector<DlogCall> lines = TakeDlogCalls();
+        ASSERT_EQ(1U, lines.size());
+        EXPECT_THAT(lines[0].text, ::testing::StartsWith("PublishPage: the page in " + built_ + " is torn ("));
+        EXPECT_EQ("old", ReadFile(page_));
+        EXPECT_EQ(before, dir_.Names());
+    }
 };
 
 // The sanitizers need descriptors of their own to look at the library's streams.
@@ -511,7 +523,7 @@ TEST_F(TornPageTest, IsNotPublishedIfTheLibraryCannotWrite)
 {
     const ScopedFault fault(Call::kWrite, 1, ENOSPC);
 
-    ExpectRefusal({Torn(0)});
+    ExpectTornSomewhere();
 }
 
 TEST_F(TornPageTest, IsNotPublishedIfTheLibraryCannotReadOn)
@@ -519,13 +531,7 @@ TEST_F(TornPageTest, IsNotPublishedIfTheLibraryCannotReadOn)
     WriteFile(text_, std::string(100000, 'x') + "\n");
     const ScopedFault fault(Call::kRead, 16, EIO);
 
-    const Names before = dir_.Names();
-    EXPECT_FALSE(PublishPage(text_, page_));
-    const std::vector<DlogCall> lines = TakeDlogCalls();
-    ASSERT_EQ(1U, lines.size());
-    EXPECT_THAT(lines[0].text, ::testing::StartsWith("PublishPage: the page in " + built_ + " is torn ("));
-    EXPECT_EQ("old", ReadFile(page_));
-    EXPECT_EQ(before, dir_.Names());
+    ExpectTornSomewhere();
 }
 
 TEST_F(TornPageTest, IsNotPublishedIfItsTextGrows)
@@ -662,6 +668,13 @@ TEST_F(TornPageTest, IsNotPublishedWithoutProc)
 
 // ---- Lack of memory
 
+// The streams of libstdc++ allocate and swallow the exception; those of libc++ allocate nothing here.
+#ifdef __GLIBCXX__
+constexpr int kSwallowed = 1;
+#else
+constexpr int kSwallowed = 0;
+#endif
+
 TEST_F(SafePageTest, EveryAllocationThatFailsThrowsOrIsReportedAndPublishesNothing)
 {
     for (const std::string& page : {page_, far_}) {
@@ -694,7 +707,7 @@ TEST_F(SafePageTest, EveryAllocationThatFailsThrowsOrIsReportedAndPublishesNothi
             EXPECT_EQ(descriptors, OpenDescriptors());
         }
         EXPECT_LE(5, threw);
-        EXPECT_LE(1, refused);
+        EXPECT_LE(kSwallowed, refused);
     }
 }
 
