@@ -49,12 +49,14 @@ EQUIVALENT = os.path.join(FOLDER, "equivalent.txt")
 @dataclasses.dataclass(frozen=True)
 class Product:
     """What a source is built into, and the tests of it: test programs, or a script that is given a module to preload and
-    the product. A product without any is a test program itself."""
+    the product. A product without any is a test program itself; `tests` says which of its tests are meant for the source
+    (a GoogleTest filter)."""
 
     target: str
     programs: tuple = ()
     script: str = ""
     module: str = ""
+    tests: str = "*"
 
 
 def sources(folder):
@@ -63,7 +65,16 @@ def sources(folder):
 
 LIBRARY_TESTS = ("orv_tests", "orv_string_call_tests", "orv_memory_tests")
 MEMORY, STDERR, SYSLOG = (Product(f"orv_dlog_{name}_tests") for name in ("memory", "stderr", "syslog"))
-SAFE = Product("orv_safe_tests")
+SAFE_TESTS = {
+    "cells.cpp": "*Cell*:SafeRow*:*/SafeRowTest.*",
+    "directories.cpp": "MakeDirectoryTest.*:List*",
+    "files.cpp": "SafeMoveTest.*:SafeCopyTest.*:SafeMountTest.*:SafeOverlayTest.*:*/Safe*Test.*",
+    "internal.cpp": "SafeReportTest.*:SafeDescriptorTest.*:SafeUninterruptedTest.*",
+    "page.cpp": "SafePageTest.*:TornPageTest.*",
+    "settings.cpp": "*Settings*",
+    "staged_file.cpp": "SafeMoveTest.*:SafeCopyTest.*:SafeMountTest.*:SafeOverlayTest.*:*/Safe*Test.*:*WriteSettings*",
+    "utf8.cpp": "*Cell*:*Settings*",
+}
 STATUSBOARD = Product("statusboard", (), "tests/programs/statusboard/statusboard_test.py", "statusboard_machine")
 ORVFILE = Product("orvfile", (), "tests/programs/tool/orvfile_test.py", "orvfile_shim")
 SUBJECTS = {
@@ -74,7 +85,7 @@ SUBJECTS = {
     "dlog/dlog_syslog.cpp": [SYSLOG],
     "dlog/dlog_text.cpp": [STDERR, MEMORY, SYSLOG],
     "examples/statusboard.cpp": [STATUSBOARD],
-    **{path: [SAFE] for path in sources("safe")},
+    **{path: [Product("orv_safe_tests", tests=SAFE_TESTS[os.path.basename(path)])] for path in sources("safe")},
     **{path: [ORVFILE] for path in sources("tools")},
 }
 NOT_BY_DEFAULT = {"safe", "tools"}
@@ -106,16 +117,16 @@ class GoogleTests:
     FAILED = [r"^\[  FAILED  \] ([\w/]+\.[\w/]+)", r"^\[ RUN      \] ([\w/]+\.[\w/]+)"]  # a signal leaves the latter only
     TIMES = r"^\[       OK \] ([\w/]+\.[\w/]+) \((\d+) ms\)"
 
-    def __init__(self, program):
+    def __init__(self, program, tests="*"):
         self.command = [program, "--gtest_fail_fast"]
+        self.tests = tests
 
     @staticmethod
     def only(names):
         return {"GTEST_FILTER": ":".join(names)}
 
-    @staticmethod
-    def but(names):
-        return {"GTEST_FILTER": "-" + ":".join([NEVER, *names])}
+    def but(self, names):
+        return {"GTEST_FILTER": self.tests + "-" + ":".join([NEVER, *names])}
 
 
 class ScriptTests:
@@ -201,7 +212,7 @@ class Build:
             if product.script:
                 yield product.script, ScriptTests(product.script, [self.output(self.links[product.module]), path])
             elif not product.programs:
-                yield product.target, GoogleTests(path)
+                yield product.target, GoogleTests(path, product.tests)
             for program in product.programs:
                 if program in self.links:
                     yield program, GoogleTests(self.output(self.links[program]))
