@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <stdexcept>
+#include <string_view>
 
 namespace markup_model {
 
@@ -9,7 +10,7 @@ namespace {
 
 const char kReplacement[] = "\xEF\xBF\xBD";
 
-void Require(bool holds, const std::string& claim)
+void Require(bool holds, const char* claim)
 {
     if (!holds) {
         throw std::runtime_error(claim);
@@ -28,7 +29,7 @@ public:
         return at_ == text_.size();
     }
 
-    bool Take(const std::string& piece)
+    bool Take(std::string_view piece)
     {
         const bool found = text_.compare(at_, piece.size(), piece) == 0;
         at_ += found ? piece.size() : 0;
@@ -54,7 +55,7 @@ public:
             return TakeReference();
         }
         Require(static_cast<unsigned char>(c) >= ' ' && c != '\x7F', "control characters are references");
-        Require(std::string("<>\"';,:").find(c) == std::string::npos, "special characters are references");
+        Require(std::string_view("<>\"';,:").find(c) == std::string::npos, "special characters are references");
         return std::string(1, c);
     }
 
@@ -146,10 +147,15 @@ std::string Decoded(const std::string& bytes)
     std::string text;
     std::size_t at = 0;
     while (at != bytes.size()) {
+        const char first = bytes[at];
+        if (static_cast<unsigned char>(first) < 0x80) {
+            text += first == '\0' ? kReplacement : std::string(1, first);
+            ++at;
+            continue;
+        }
         const std::string rest = bytes.substr(at, 4);
         std::size_t taken = 1;
-        const unsigned char first = static_cast<unsigned char>(rest[0]);
-        bool whole = first != 0 && first < 0x80;
+        bool whole = false;
         for (const std::vector<std::string>& sequence : kSequences) {
             const std::size_t fitting = Fitting(rest, sequence);
             taken = std::max(taken, fitting);

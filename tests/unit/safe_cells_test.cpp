@@ -79,29 +79,37 @@ INSTANTIATE_TEST_SUITE_P(
         TextCase{"Largest", "\xF4\x8F\xBF\xBF", "\xF4\x8F\xBF\xBF"}),
     CaseName<TextCase>);
 
-TEST(SafeCellsTest, ShowEveryByteAndEveryPairOfBytes)
+void ExpectShown(const std::string& text)
 {
-    const std::string bytes = AllBytes();
-    for (const char first : bytes) {
-        const std::string alone(1, first);
-        ASSERT_EQ(Decoded(alone), ShownCell(SafeCell(alone))) << ::testing::PrintToString(alone);
-        for (const char second : bytes) {
-            const std::string pair = {first, second};
-            ASSERT_EQ(Decoded(pair), ShownCell(SafeCell(pair))) << ::testing::PrintToString(pair);
+    EXPECT_EQ(Decoded(text), ShownCell(SafeCell(text))) << ::testing::PrintToString(text);
+}
+
+TEST(SafeCellsTest, ShowEveryByteAloneAndBesideEachKindOfByte)
+{
+    const std::string kinds = "\0\t &:/09a\x7F\x80\xBF\xC2\xE2\xF0\xFF"s;
+    for (const char byte : AllBytes()) {
+        ExpectShown({byte});
+        for (const char kind : kinds) {
+            ExpectShown({byte, kind});
+            ExpectShown({kind, byte});
         }
     }
 }
 
-// Every first byte and every class of bytes after it: the limits of all sequences and their neighbours.
+// The limits of the bytes of all characters of several bytes, and their neighbours; and each first byte.
 TEST(SafeCellsTest, ShowEverySequenceOfUpToFourBytes)
 {
-    const std::string limits = "\x7F\x80\x8F\x90\x9F\xA0\xBF\xC0 ";
-    for (const char first : AllBytes()) {
-        for (const char second : limits) {
-            for (const char third : limits) {
-                for (const char fourth : limits) {
-                    const std::string text = {first, second, third, fourth};
-                    ASSERT_EQ(Decoded(text), ShownCell(SafeCell(text))) << ::testing::PrintToString(text);
+    const std::string firsts = "\x7F\x80\xC1\xC2\xDF\xE0\xE1\xEC\xED\xEE\xEF\xF0\xF1\xF3\xF4\xF5\xFF";
+    const std::string seconds = "\x7F\x80\x8F\x90\x9F\xA0\xBF\xC0";
+    const std::string others = "\x7F\x80\xBF\xC0";
+    for (const char second : seconds) {
+        for (const char first : AllBytes()) {
+            ExpectShown({first, second, '\x80', '\xBF'});
+        }
+        for (const char first : firsts) {
+            for (const char third : others) {
+                for (const char fourth : others) {
+                    ExpectShown({first, second, third, fourth});
                 }
             }
         }
