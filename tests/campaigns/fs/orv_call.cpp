@@ -5,6 +5,8 @@
 //   request   RenameFileAcrossFs <tab> SOURCE <tab> DESTINATION <tab>
 //   request   SafeCopyFile or SafeMoveFile <tab> SOURCE <tab> DESTINATION <tab> OPTIONS <tab>
 //             the letters of the options: d durable, v verify, p preserve, n noReplace
+//             SafePublishPage <tab> TEXT FILE <tab> PAGE <tab> OPTIONS <tab>
+//             SafeWriteSettings <tab> PATH <tab> NAME <tab> VALUE <tab> OPTIONS <tab>
 //   answer    report <tab> SEVERITY <tab> TAG <tab> FORMAT <tab> TEXT    for each log call, in order
 //             item <tab> VALUE...                                        for each element of a list or map
 //             result <tab> VALUE
@@ -125,6 +127,18 @@ orv_safe::FileOptions FileOptionsOf(const std::string& letters)
     return options;
 }
 
+bool IsDurable(const std::string& letters)
+{
+    return FileOptionsOf(letters).durable;
+}
+
+std::string WriteSettings(const Fields& in)
+{
+    orv_safe::SettingsOptions options;
+    options.durable = IsDurable(in.at(4));
+    return std::to_string(orv_safe::WriteSettings(in.at(1), {{in.at(2), in.at(3)}}, '=', "#", options));
+}
+
 const std::map<std::string, std::function<std::string(const Fields&)>> operations = {
     {"FileExists", [](const Fields& in) { return std::to_string(orv_fileutils::FileExists(in.at(1).c_str())); }},
     {"RenameFileAcrossFs",
@@ -144,9 +158,12 @@ const std::map<std::string, std::function<std::string(const Fields&)>> operation
     {"SafeListFiles", SafeListDirectory},
     {"SafeMakeDirectory",
      [](const Fields& in) { return std::to_string(orv_safe::MakeDirectory(in.at(1), Octal(in.at(2)))); }},
-    {"SafeWriteSettings",
+    {"SafeWriteSettings", WriteSettings},
+    {"SafePublishPage",
      [](const Fields& in) {
-         return std::to_string(orv_safe::WriteSettings(in.at(1), {{in.at(2), in.at(3)}}));
+         orv_safe::PageOptions options;
+         options.durable = IsDurable(in.at(3));
+         return std::to_string(orv_safe::PublishPage(in.at(1), in.at(2), options));
      }},
     {"TextFileTableDelimter", [](const Fields&) { return orv_fileutils::TextFileTableDelimter(); }},
     {"AddTextFileFormattedRow",

@@ -197,9 +197,9 @@ def settings(lab, caller, members):
         directory = os.path.join(member.path, "made", "by", "the", "companion")
         path = os.path.join(directory, "settings")
         lab.expect(f"directory on {member.name}", caller.call("SafeMakeDirectory", directory, "755"), "1")
-        lab.expect(f"new settings on {member.name}", caller.call("SafeWriteSettings", path, "a", "1"), "1")
+        lab.expect(f"new settings on {member.name}", caller.call("SafeWriteSettings", path, "a", "1", "d"), "1")
         os.chmod(path, 0o640)
-        lab.expect(f"settings on {member.name}", caller.call("SafeWriteSettings", path, "a", "2"), "1")
+        lab.expect(f"settings on {member.name}", caller.call("SafeWriteSettings", path, "a", "2", "d"), "1")
         lab.check(f"settings on {member.name}", (read(path), os.stat(path).st_mode & 0o7777, os.listdir(directory)),
                   (b"a=2\n", 0o640, ["settings"]))  # fmt: skip
         lab.counts["files of settings"] += 1

@@ -11,6 +11,7 @@ recipe, are checked.
 Usage: power_cut_test.py --orv-call=PROGRAM [--hostile-fuse=PROGRAM]
 """
 
+import collections
 import os
 import time
 
@@ -28,20 +29,24 @@ def empty_image(lab, kind, role):
     return path if os.path.exists(path) else lab.image(kind, f"empty.{kind}.{role}")
 
 
-class Devices:
-    """The file systems of source and destination, on one image each, with the files before the move."""
+Files = collections.namedtuple("Files", "source old new")  # contents; the last two of the destination
+MOVED = Files(NEW, OLD, NEW)
 
-    def __init__(self, lab, kind, replaced):
-        self.lab, self.kind, self.replaced = lab, kind, replaced
+
+class Devices:
+    """The file systems of source and destination, on one image each, with the files before the call."""
+
+    def __init__(self, lab, kind, replaced, files=MOVED):
+        self.lab, self.kind, self.replaced, self.files = lab, kind, replaced, files
         self.images, self.mounts = {}, {}
         for role in ("source", "destination"):
             self.images[role] = os.path.join(lab.root, f"cut.{role}.image")
             lab.run("cp", "--sparse=always", empty_image(lab, kind, role), self.images[role])
             self.mounts[role] = lab.mount(f"cut.{role}", "-o", "loop", self.images[role])
-        self.source = write(os.path.join(self.mounts["source"], "f"), NEW)
+        self.source = write(os.path.join(self.mounts["source"], "f"), files.source)
         self.destination = os.path.join(self.mounts["destination"], "g")
         if replaced:
-            write(self.destination, OLD)
+            write(self.destination, files.old)
         for path in self.mounts.values():
             lab.run("sync", "--file-system", path)
         self.snapshots = []
@@ -72,7 +77,7 @@ class Devices:
             left = sorted(entry for path in shown.values() for entry in os.listdir(path)
                           if entry.startswith("g_") or entry.startswith("g.new"))
             source, destination = os.path.join(shown["source"], "f"), os.path.join(shown["destination"], "g")
-            yield name, state(source), state(destination), left
+            yield name, state(source, self.files.source), state(destination, self.files.new, self.files.old), left
             for role, copy in copies.items():
                 self.lab.umount(shown[role])
                 os.unlink(copy)
@@ -87,17 +92,17 @@ def fsync(path):
         os.close(descriptor)
 
 
-def state(path):
+def state(path, whole, old=None):
     if not os.path.lexists(path):
         return "none"
     content = read(path)
-    if content == NEW:
+    if content == whole:
         return "whole"
-    if content == OLD:
+    if content == old:
         return "old"
     if not content:
         return "empty"
-    kind = "prefix" if NEW.startswith(content) else "zeros" if not any(content) else "garbage"
+    kind = "prefix" if whole.startswith(content) else "zeros" if not any(content) else "garbage"
     return f"{kind} of {len(content)} bytes"
 
 

@@ -1,28 +1,22 @@
 #!/usr/bin/env python3
 """Copies and moves by the safe companion: between all ordered pairs of file systems, on sticks without modes and links,
-on a file system that misbehaves, and with power cuts (see power_cut_test.py) while a call runs and after it.
+and on a file system that misbehaves. The power cuts are in safe_power_cut_test.py.
 
 Usage: safe_files_test.py --orv-call=PROGRAM [--hostile-fuse=PROGRAM]
 """
 
 import os
-import random
 import re
-import signal
 import stat
-import time
 
 import fslab
 from fslab import NOBODY, file, material, read, tree, write
-from power_cut_test import KINDS, NEW, Devices, both_committed
 
 COPY, MOVE = "SafeCopyFile", "SafeMoveFile"
 SIZES = (0, 1, 4096, 10000, 1 << 20) if fslab.FULL else (10000,)
 OPTIONS = ("", "d", "dv", "dp", "dn")
 OLD = b"old content"
 MODE_LOST = r"fchmod\(.*\) failed \(\d+, .*\): the mode is not kept\."
-# For each kind of file system and each call: each gives two snapshots.
-CUTS = 44 if fslab.FULL else 2
 
 
 def lines_of(answer):
@@ -189,58 +183,8 @@ def hostile(lab):
         lab.counts["files with two names"] += 1
 
 
-# ---- Power cuts
-
-def cut_while_it_runs(lab, devices, caller, operation, chance):
-    """Stops the call at a random time, takes a snapshot, and lets it end."""
-    caller.send(operation, devices.source, devices.destination, "d")
-    time.sleep(chance.random() * 0.02)
-    os.kill(caller.pid, signal.SIGSTOP)
-    while True:
-        with open(f"/proc/{caller.pid}/stat", encoding="ascii") as status:
-            if status.read().rsplit(")", 1)[1].split()[0] == "T":
-                break
-        time.sleep(0.001)
-    devices.snapshot("during")
-    os.kill(caller.pid, signal.SIGCONT)
-    lab.expect(operation, caller.answer(operation), "1")
-
-
-def power_cuts(lab, caller, kind):
-    """Returns for each call: the number of snapshots, how many were taken before it ended, and the faulty ones."""
-    chance = random.Random(14)
-    for operation in (COPY, MOVE):
-        taken, unfinished, faulty = 0, 0, 0
-        for number in range(CUTS):
-            replaced = number % 2 == 1
-            devices = Devices(lab, kind, replaced)
-            cut_while_it_runs(lab, devices, caller, operation, chance)
-            if number % 4 >= 2:
-                both_committed(devices)
-            devices.snapshot("after")
-            for name, source, destination, _ in devices.after_power_cut():
-                before = "old" if replaced else "none"
-                if name == "after":
-                    fits = destination == "whole" and source == ("whole" if operation == COPY else "none")
-                else:
-                    fits = destination in (before, "whole") and (source == "whole" or
-                                                                 (operation == MOVE and destination == "whole"))
-                    unfinished += destination == before
-                taken, faulty = taken + 1, faulty + (not fits)
-                lab.check(f"{operation} on {kind}, {name}: {source}, {destination}", fits, True)
-        print(f"| {kind} | {operation} | {taken} | {unfinished} | {faulty} |", flush=True)
-        lab.counts["snapshots lost or torn"] += faulty
-
-
 def campaign(lab):
     caller = lab.caller()
-    print("| file system | call | snapshots | before the file was in place | lost or torn |")
-    print("|---|---|---|---|---|")
-    for kind in KINDS:
-        try:
-            power_cuts(lab, caller, kind)
-        except fslab.CannotMount as error:
-            lab.skip(f"power cut on {kind}", error)
     sticks(lab)
     hostile(lab)
     pairs(lab, caller)
