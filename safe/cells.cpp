@@ -52,20 +52,22 @@ bool IsAlphanumeric(char c)
     return IsDigit(c) || (c >= 'a' && c <= 'z') || (c >= 'A' && c <= 'Z');
 }
 
+bool IsOfReference(char c)
+{
+    return IsAlphanumeric(c) || c == '#';
+}
+
 // Whether the markup ends in a reference without its semicolon, which a letter or digit after it could continue.
 bool EndsInReference(const std::string& markup)
 {
-    std::size_t end = markup.size();
-    while (end != 0 && (IsAlphanumeric(markup[end - 1]) || markup[end - 1] == '#')) {
-        --end;
-    }
-    return end != 0 && markup[end - 1] == '&';
+    const auto before = std::find_if_not(markup.rbegin(), markup.rend(), IsOfReference);
+    return before != markup.rend() && *before == '&';
 }
 
 void AddText(std::string& markup, const std::string& text)
 {
     std::size_t at = 0;
-    if (!text.empty() && IsAlphanumeric(text[0]) && EndsInReference(markup)) {
+    if (IsAlphanumeric(text[0]) && EndsInReference(markup)) {  // NUL if the text is empty
         AddReference(markup, static_cast<unsigned char>(text[at++]));
     }
     bool referred = at != 0;
@@ -136,7 +138,8 @@ Cell& Cell::Text(const std::string& text)
 Cell& Cell::Markup(const std::string& markup)
 {
     std::size_t at = 0;
-    for (bool referred = EndsInReference(markup_); referred && at != markup.size() && IsDigit(markup[at]); ++at) {
+    // The NUL at the end of the markup is not a digit.
+    for (const bool referred = EndsInReference(markup_); referred && IsDigit(markup[at]); ++at) {
         AddReference(markup_, static_cast<unsigned char>(markup[at]));
     }
     markup_.append(markup, at, std::string::npos);

@@ -594,7 +594,7 @@ private:
     {
         Span place = line.value;
         if (place.IsEmpty() && line.hasDelimiter) {
-            while (place.end != line.all.end && (text_[place.end] == ' ' || text_[place.end] == '\t')) {
+            while (text_[place.end] == ' ' || text_[place.end] == '\t') {  // neither is the line feed or NUL at the end
                 ++place.end;
             }
             place.begin = place.end;

@@ -17,7 +17,7 @@ struct Tail {
 Tail TailOf(unsigned char first)
 {
     if (first < 0xC2 || first > 0xF4) {
-        return Tail{0, 0, 0};
+        return Tail();
     }
     if (first < 0xE0) {
         return Tail{1, 0x80, 0xBF};
@@ -35,7 +35,8 @@ std::size_t EndOfCharacter(const std::string& text, std::size_t at, bool& isWhol
     unsigned char least = tail.least;
     unsigned char most = tail.most;
     std::size_t end = at + 1;
-    while (end <= at + tail.bytes && end < text.size() && static_cast<unsigned char>(text[end]) >= least &&
+    // The NUL at the end of the text continues no character.
+    while (end <= at + tail.bytes && static_cast<unsigned char>(text[end]) >= least &&
            static_cast<unsigned char>(text[end]) <= most) {
         ++end;
         least = 0x80;

@@ -209,6 +209,8 @@ INSTANTIATE_TEST_SUITE_P(
                       JunctionCase{"MarkupTextBetween", Cell().Markup("&lt").Text("_@[`{"), "&lt_@[`{"},
                       JunctionCase{"MarkupEmptyText", Cell().Markup("&lt").Text(""), "&lt"},
                       JunctionCase{"AlphanumericMarkupText", Cell().Markup("lt").Text("a1"), "lta1"},
+                      JunctionCase{"LongMarkupOfLettersText", Cell().Markup(std::string(100, 'a')).Text("1"),
+                                   std::string(100, 'a') + "1"},
                       JunctionCase{"EndedMarkupText", Cell().Markup("&lt ").Text("a1"), "&lt a1"}),
     CaseName<JunctionCase>);
 
@@ -233,7 +235,7 @@ TEST_F(CellTest, LeavesOutMarkupThatTheRowCannotContain)
     EXPECT_EQ((Texts{line("&lt;"), line("a,b"), line("a;b")}), takeLines());
     EXPECT_EQ(":,<!---->;", SafeMarkupRow({Cell().Markup("\n"), "", Cell().Markup("b\n")}));
     EXPECT_EQ((Texts{line("\n"), line("b\n")}), takeLines());
-    EXPECT_EQ("a,b:c:d;", SafeMarkupRow({Cell().Markup("a,b"), Cell().Markup("c:d")}));
+    EXPECT_EQ("a,b~:c:d~;", SafeMarkupRow({Cell().Markup("a,b~"), Cell().Markup("c:d~")}));
 }
 
 }  // namespace
