@@ -293,6 +293,14 @@ std::vector<std::string> OpenDescriptors()
     return descriptors;
 }
 
+std::vector<std::string> InheritedDescriptors()
+{
+    std::vector<std::string> descriptors = OpenDescriptors();
+    const auto isClosed = [](const std::string& number) { return fcntl(std::stoi(number), F_GETFD) == FD_CLOEXEC; };
+    descriptors.erase(std::remove_if(descriptors.begin(), descriptors.end(), isClosed), descriptors.end());
+    return descriptors;
+}
+
 OrvTest::OrvTest() : dir_("/var/tmp"), descriptorsBefore_(OpenDescriptors())
 {
     (void)TakeDlogCalls();

@@ -109,6 +109,9 @@ private:
 // Returns the open descriptors of this process, sorted.
 std::vector<std::string> OpenDescriptors();
 
+// Returns those that programs inherit which this process starts.
+std::vector<std::string> InheritedDescriptors();
+
 class OrvTest : public ::testing::Test {
 protected:
     OrvTest();

@@ -250,6 +250,43 @@ TEST_F(MakeDirectoryTest, LooksUpNamesBelowTheRootThereAndNotInTheCurrentDirecto
     EXPECT_THAT(dir_.Names(), IsEmpty());
 }
 
+TEST_F(MakeDirectoryTest, LooksUpNamesBelowTheCurrentDirectoryThereAndNotInTheRoot)
+{
+    RunInChild([this] {
+        ASSERT_EQ(0, mkdir((dir_ / "gone").c_str(), 0755));
+        ASSERT_EQ(0, chdir((dir_ / "gone").c_str()));
+        ASSERT_EQ(0, rmdir((dir_ / "gone").c_str()));  // no name is too long in a directory that was removed
+
+        EXPECT_FALSE(MakeDirectory("a/" + std::string(NAME_MAX + 1, 'x'), 0755));
+        ExpectSafeLines({NotMade("a", ENOENT)});
+    });
+}
+
+TEST_F(MakeDirectoryTest, MakesTheLongestNameBelowTheRoot)
+{
+    if (geteuid() != 0) {
+        ORV_SKIP("only root may change its root directory");
+    }
+    const std::string longest(NAME_MAX, 'x');
+    RunInChild([&] {
+        ASSERT_EQ(0, chroot(dir_.Path().c_str()));
+
+        EXPECT_TRUE(MakeDirectory("/a/" + longest, 0755));
+        EXPECT_TRUE(MakeDirectory("/" + longest, 0755));
+        ExpectSafeLines({});
+    });
+
+    EXPECT_TRUE(IsDirectory(dir_ / "a/" + longest));
+}
+
+TEST_F(MakeDirectoryTest, OpensNothingThatOtherProgramsInherit)
+{
+    const std::vector<std::string> before = InheritedDescriptors();
+    const ScopedAction action(Call::kMkdirat, /*nth=*/2, [&before] { EXPECT_EQ(before, InheritedDescriptors()); });
+
+    EXPECT_TRUE(MakeDirectory(dir_ / "a/b", 0755));
+}
+
 TEST_F(MakeDirectoryTest, LooksUpEachMissingNameOnce)
 {
     const ScopedFault third(Call::kFstatat, /*nth=*/3, ENAMETOOLONG);
