@@ -301,10 +301,10 @@ private:
     // The place of the first comment prefix after white space.
     std::size_t CommentIn(const std::string& value) const
     {
-        std::size_t at = value.find(comment_, 1);
-        while (at != std::string::npos && !IsWhiteSpace(value[at - 1])) {
+        std::size_t at = 0;
+        do {
             at = value.find(comment_, at + 1);
-        }
+        } while (at != std::string::npos && !IsWhiteSpace(value[at - 1]));
         return at;
     }
 

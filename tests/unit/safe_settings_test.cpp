@@ -155,6 +155,16 @@ TEST_F(ReadSettingsTest, RepeatsCallsThatASignalInterrupts)
     EXPECT_EQ((Settings{{"a", "1"}}), settings);
 }
 
+TEST_F(ReadSettingsTest, OpensNothingThatOtherProgramsInherit)
+{
+    const std::string file = dir_.Write("file", "a=1\n");
+    const std::vector<std::string> before = InheritedDescriptors();
+    const ScopedAction action(Call::kRead, /*nth=*/1, [&before] { EXPECT_EQ(before, InheritedDescriptors()); });
+    Settings settings;
+
+    EXPECT_TRUE(ReadSettings(file, settings));
+}
+
 // ---- CheckSettings
 
 struct Finding {
@@ -209,10 +219,11 @@ TEST_F(CheckSettingsTest, FindsAByteOrderMarkOnTheFirstLineOnly)
 
 TEST_F(CheckSettingsTest, FindsLinesThatAreNotUtf8)
 {
-    EXPECT_THAT(Check("a=1\n # \xE9t\xE9 \nb=\xC3\n\xA9=2\nc=\xF0\x9F\x98\x80\n"),
+    EXPECT_THAT(Check("a=1\n # \xE9t\xE9 \nb=\xC3\n\xA9=2\nc=\xF0\x9F\x98\x80\nd=\x80\n"),
                 ElementsAre(Finding{2, SettingsFinding::kNotUtf8, "# \xE9t\xE9", 0},
                             Finding{3, SettingsFinding::kNotUtf8, "b=\xC3", 0},
-                            Finding{4, SettingsFinding::kNotUtf8, "\xA9=2", 0}));
+                            Finding{4, SettingsFinding::kNotUtf8, "\xA9=2", 0},
+                            Finding{6, SettingsFinding::kNotUtf8, "d=\x80", 0}));
 }
 
 TEST_F(CheckSettingsTest, FindsTheFirstControlCharacterOfALine)
@@ -262,6 +273,12 @@ TEST_F(CheckSettingsTest, FindsCommentsAfterAValue)
     EXPECT_THAT(Check("a=1 // note\nb=1 # 2\n", '=', "//"),
                 ElementsAre(Finding{1, SettingsFinding::kTrailingComment, "// note", 0}));
     EXPECT_THAT(Check("a=1 # note\n", '=', ""), IsEmpty());
+}
+
+TEST_F(CheckSettingsTest, FindsACommentPrefixOnlyAfterWhiteSpace)
+{
+    EXPECT_THAT(Check("a=#" + std::string(100, 'x') + "\n"), IsEmpty());
+    EXPECT_THAT(Check("a=1x2  3\n", '=', " "), ElementsAre(Finding{1, SettingsFinding::kTrailingComment, " 3", 0}));
 }
 
 TEST_F(CheckSettingsTest, UsesTheDelimiter)
@@ -378,6 +395,8 @@ TEST_F(WriteSettingsTest, AddsNewNamesAtTheEndWithTheLineEndOfTheFirstLine)
     EXPECT_EQ("a=1\nb=7\n", Write("a=1", {{"b", "7"}}));
     EXPECT_EQ("a=1\r\nb=2\r\nc=7\r\n", Write("a=1\r\nb=2", {{"c", "7"}}));
     EXPECT_EQ("\nc=7\n", Write("\n", {{"c", "7"}}));
+    EXPECT_EQ("\r\nc=7\r\n", Write("\r\n", {{"c", "7"}}));
+    EXPECT_EQ("\n#" + std::string(100, 'x') + "\nc=7\n", Write("\n#" + std::string(100, 'x'), {{"c", "7"}}));
     EXPECT_EQ("c=7\n", Write("", {{"c", "7"}}));
     EXPECT_EQ("a:1\nb:7\n", Write("a:1\n", {{"b", "7"}}, ':'));
 }
@@ -470,6 +489,12 @@ TEST_F(WriteSettingsTest, WritesNothingIfNothingChanges)
 
 TEST_F(WriteSettingsTest, MakesAMissingFileWithOrdinaryPermissions)
 {
+    {
+        const ScopedMask none(0);
+        EXPECT_TRUE(WriteSettings(dir_ / "file", {}));
+        EXPECT_EQ(0666u, ModeOf(dir_ / "file"));
+        ASSERT_EQ(0, unlink((dir_ / "file").c_str()));
+    }
     const ScopedMask mask(027);
 
     EXPECT_TRUE(WriteSettings(dir_ / "file", {{"a", "1"}}));
@@ -631,6 +656,32 @@ TEST_F(WriteSettingsTest, FollowsAsManyLinksAsTheKernel)
 
     EXPECT_FALSE(WriteSettings(dir_ / "41", {{"a", "3"}}));
     ExpectSafeLines({SafeLine("WriteSettings", "open", dir_ / "41", ELOOP)});
+}
+
+TEST_F(WriteSettingsTest, FollowsNoMoreLinksThatAppearMeanwhile)
+{
+    dir_.Write("0", "a=1\n");
+    for (int i = 1; i <= 40; ++i) {
+        ASSERT_EQ(0, symlink(std::to_string(i - 1).c_str(), (dir_ / std::to_string(i)).c_str()));
+    }
+    const ScopedAction other(Call::kOpen, /*nth=*/2, [this] {
+        ASSERT_EQ(0, rename((dir_ / "0").c_str(), (dir_ / "file").c_str()));
+        ASSERT_EQ(0, symlink("file", (dir_ / "0").c_str()));
+    });
+
+    EXPECT_FALSE(WriteSettings(dir_ / "40", {{"a", "2"}}));
+
+    ExpectSafeLines({SafeLine("WriteSettings", "readlinkat", dir_ / "40", ELOOP)});
+    EXPECT_EQ("a=1\n", dir_.Read("file"));
+}
+
+TEST_F(WriteSettingsTest, OpensNothingThatOtherProgramsInherit)
+{
+    const std::string file = dir_.Write("file", "a=1\n");
+    const std::vector<std::string> before = InheritedDescriptors();
+    const ScopedAction action(Call::kFsync, /*nth=*/1, [&before] { EXPECT_EQ(before, InheritedDescriptors()); });
+
+    EXPECT_TRUE(WriteSettings(file, {{"a", "2"}}));
 }
 
 TEST_F(WriteSettingsTest, EndsInALoopThatAppearsMeanwhile)
