@@ -6,6 +6,8 @@
 //   request   SafeCopyFile or SafeMoveFile <tab> SOURCE <tab> DESTINATION <tab> OPTIONS <tab>
 //             the letters of the options: d durable, v verify, p preserve, n noReplace
 //             SafePublishPage <tab> TEXT FILE <tab> PAGE <tab> OPTIONS <tab>
+//             SafeRow <tab> CELL <tab> ...
+//             SafeMarkupRow <tab> TEXT <tab> ATTRIBUTE <tab> ...    two for each cell
 //             SafeWriteSettings <tab> PATH <tab> NAME <tab> VALUE <tab> OPTIONS <tab>
 //   answer    report <tab> SEVERITY <tab> TAG <tab> FORMAT <tab> TEXT    for each log call, in order
 //             item <tab> VALUE...                                        for each element of a list or map
@@ -132,6 +134,16 @@ bool IsDurable(const std::string& letters)
     return FileOptionsOf(letters).durable;
 }
 
+// A cell is two fields: its text, and an attribute of the element at its end.
+std::string MarkupRow(const Fields& in)
+{
+    std::vector<orv_safe::Cell> cells;
+    for (std::size_t i = 1; i + 1 < in.size(); i += 2) {
+        cells.push_back(orv_safe::Cell(in[i]).Markup("<b title=\"").Text(in[i + 1]).Markup("\"></b>"));
+    }
+    return orv_safe::SafeMarkupRow(cells);
+}
+
 std::string WriteSettings(const Fields& in)
 {
     orv_safe::SettingsOptions options;
@@ -165,6 +177,8 @@ const std::map<std::string, std::function<std::string(const Fields&)>> operation
          options.durable = IsDurable(in.at(3));
          return std::to_string(orv_safe::PublishPage(in.at(1), in.at(2), options));
      }},
+    {"SafeRow", [](const Fields& in) { return orv_safe::SafeRow(Fields(in.begin() + 1, in.end())); }},
+    {"SafeMarkupRow", MarkupRow},
     {"TextFileTableDelimter", [](const Fields&) { return orv_fileutils::TextFileTableDelimter(); }},
     {"AddTextFileFormattedRow",
      [](const Fields& in) {
