@@ -6,7 +6,6 @@
 #include <time.h>
 #include <unistd.h>
 
-#include <cstdint>
 #include <cstdio>
 #include <cstring>
 
@@ -26,14 +25,14 @@ std::string DirectoryOf(const std::string& path)
     return slash == std::string::npos ? "./" : path.substr(0, slash + 1);
 }
 
-// Different at each call of this process, and not known in advance. O_EXCL protects against names that exist.
-std::uint64_t NameNumber()
+// Writes the time, which differs at each call of this process and is not known in advance, and a NUL. O_EXCL protects
+// against names that exist.
+void WriteDigits(char (&digits)[kNameDigits + 1])
 {
     timespec now = {};
     (void)clock_gettime(CLOCK_MONOTONIC, &now);
-    const std::uint64_t time =
-        (static_cast<std::uint64_t>(now.tv_sec) << 30U) ^ static_cast<std::uint64_t>(now.tv_nsec);
-    return time ^ (static_cast<std::uint64_t>(getpid()) << 42U);
+    (void)std::snprintf(digits, sizeof digits, "%08x%08x", static_cast<unsigned int>(now.tv_sec),
+                        static_cast<unsigned int>(now.tv_nsec));
 }
 
 }  // namespace
@@ -54,10 +53,9 @@ Place::Place(const char* function, const std::string& path, bool forFlushing)
 int Place::Open(bool forFlushing) const
 {
     const char* const path = directoryPath_.c_str();
-    return Uninterrupted([=] {
-        return forFlushing ? open(path, O_RDONLY | O_DIRECTORY | O_CLOEXEC)
-                           : open(path, O_PATH | O_DIRECTORY | O_CLOEXEC);
-    });
+    // Only a directory can be opened, because the path ends in a slash.
+    return Uninterrupted(
+        [=] { return forFlushing ? open(path, O_RDONLY | O_CLOEXEC) : open(path, O_PATH | O_CLOEXEC); });
 }
 
 bool Place::ReadStatus(struct stat& status) const
@@ -160,7 +158,7 @@ int StagedFile::WithNewName(Make make)
     int result = -1;
     for (int i = 0; i < kNameTries && result == -1; ++i) {
         char digits[kNameDigits + 1];
-        (void)std::snprintf(digits, sizeof digits, "%016llx", static_cast<unsigned long long>(NameNumber()));
+        WriteDigits(digits);
         path_.replace(path_.size() - kNameDigits, kNameDigits, digits, kNameDigits);
         result = Uninterrupted([&] { return make(Name()); });
         if (result == -1 && errno != EEXIST) {
