@@ -42,6 +42,7 @@ thread_local bool unknownTypes = false;
 thread_local std::string vanishing;  // the path to remove after its status was read
 thread_local Trace* trace = nullptr;
 thread_local ScopedAction* scopedAction = nullptr;
+thread_local ScopedStatus* scopedStatus = nullptr;
 
 // Returns the system's function of that name.
 template <typename Function>
@@ -159,6 +160,16 @@ int OnPathAt(Call call, const char* name, int directory, const char* path, Argum
     return Fails(call) ? -1 : Real<int (*)(int, const char*, Arguments...)>(name)(directory, path, arguments...);
 }
 
+template <typename Status>
+int StatusAt(const char* name, int directory, const char* path, Status* status, int flags)
+{
+    const int result = OnPathAt(Call::kFstatat, name, directory, path, status, flags);
+    if (result == 0 && scopedStatus != nullptr) {
+        scopedStatus->Apply(status);
+    }
+    return result;
+}
+
 // A file without a name is asked for by a call of its own name here, so that tests can make a file system lack it.
 int OpenAt(const char* name, int directory, const char* path, int flags, mode_t mode)
 {
@@ -255,6 +266,24 @@ std::optional<long> ScopedResult(const char* call)
     return result;
 }
 
+ScopedStatus::ScopedStatus(int nth, Change change) : left_(nth), change_(std::move(change))
+{
+    scopedStatus = this;
+}
+
+ScopedStatus::~ScopedStatus()
+{
+    EXPECT_GE(0, left_) << "the status was never read";
+    scopedStatus = nullptr;
+}
+
+void ScopedStatus::Apply(void* status)
+{
+    if (--left_ == 0) {
+        change_(static_cast<struct stat*>(status));
+    }
+}
+
 ScopedCall::Act FailWith(int error)
 {
     return [error] {
@@ -329,6 +358,17 @@ ScopedTrace::~ScopedTrace()
 const std::vector<std::string>& ScopedTrace::Calls() const
 {
     return trace->calls;
+}
+
+void RecordCall(const char* name, int descriptor, std::initializer_list<long> arguments)
+{
+    if (trace != nullptr) {
+        std::string rest;
+        for (const long argument : arguments) {
+            rest += ", " + std::to_string(argument);
+        }
+        Record(name, "(", Shown(descriptor), rest, ")");
+    }
 }
 
 // ---- The wrappers
@@ -530,18 +570,18 @@ int openat64(int directory, const char* path, int flags, ...)
 
 int fstatat(int directory, const char* path, struct stat* status, int flags) noexcept
 {
-    return OnPathAt(Call::kFstatat, "fstatat", directory, path, status, flags);
+    return StatusAt("fstatat", directory, path, status, flags);
 }
 
 int fstatat64(int directory, const char* path, struct stat64* status, int flags) noexcept
 {
-    return OnPathAt(Call::kFstatat, "fstatat64", directory, path, status, flags);
+    return StatusAt("fstatat64", directory, path, status, flags);
 }
 
 #if __WORDSIZE == 32
 int __fstatat64_time64(int directory, const char* path, void* status, int flags) noexcept
 {
-    return OnPathAt(Call::kFstatat, "__fstatat64_time64", directory, path, status, flags);
+    return StatusAt("__fstatat64_time64", directory, path, status, flags);
 }
 #endif
 

@@ -3,9 +3,11 @@
 #ifndef ORV_TESTS_FAULTS_H
 #define ORV_TESTS_FAULTS_H
 
+#include <sys/stat.h>
 #include <sys/types.h>
 
 #include <functional>
+#include <initializer_list>
 #include <optional>
 #include <string>
 #include <vector>
@@ -82,6 +84,25 @@ private:
     bool reached_ = false;
 };
 
+// While it exists, `change` alters the status that the `nth` (1-based) fstatat of this thread from now on reads. The
+// destructor fails the test if there was no such call.
+class ScopedStatus {
+public:
+    using Change = std::function<void(struct stat*)>;
+
+    ScopedStatus(int nth, Change change);
+    ~ScopedStatus();
+    ScopedStatus(const ScopedStatus&) = delete;
+    ScopedStatus& operator=(const ScopedStatus&) = delete;
+
+    // For the wrappers: counts a call that has read a status.
+    void Apply(void* status);
+
+private:
+    int left_;
+    Change change_;
+};
+
 // The call fails with this error number.
 ScopedCall::Act FailWith(int error);
 
@@ -149,5 +170,9 @@ public:
 
     const std::vector<std::string>& Calls() const;
 };
+
+// For the wrappers in other files: records a call on a descriptor, with its other arguments. Without a trace, it
+// allocates nothing, because a wrapper must not throw.
+void RecordCall(const char* name, int descriptor, std::initializer_list<long> arguments);
 
 #endif  // ORV_TESTS_FAULTS_H

@@ -11,6 +11,7 @@
 #include <sys/stat.h>
 #include <sys/syscall.h>
 #include <sys/xattr.h>
+#include <time.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -176,11 +177,13 @@ int ftruncate64(int descriptor, off64_t bytes) noexcept
 
 int posix_fadvise(int descriptor, off_t offset, off_t bytes, int advice) noexcept
 {
+    RecordCall("posix_fadvise", descriptor, {offset, bytes, advice});
     return Wrapped<int>("posix_fadvise", "posix_fadvise", descriptor, offset, bytes, advice);
 }
 
 int posix_fadvise64(int descriptor, off64_t offset, off64_t bytes, int advice) noexcept
 {
+    RecordCall("posix_fadvise", descriptor, {static_cast<long>(offset), static_cast<long>(bytes), advice});
     return Wrapped<int>("posix_fadvise", "posix_fadvise64", descriptor, offset, bytes, advice);
 }
 
@@ -194,11 +197,21 @@ ssize_t sendfile64(int to, int from, off64_t* offset, size_t bytes) noexcept
     return Wrapped<ssize_t>("sendfile", "sendfile64", to, from, offset, bytes);
 }
 
+int clock_gettime(clockid_t clock, timespec* time) noexcept
+{
+    return Wrapped<int>("clock_gettime", "clock_gettime", clock, time);
+}
+
 #if __WORDSIZE == 32
 // The names on 32-bit systems with 64-bit times.
 int __fstat64_time64(int descriptor, void* status) noexcept
 {
     return Wrapped<int>("fstat", "__fstat64_time64", descriptor, status);
+}
+
+int __clock_gettime64(clockid_t clock, void* time) noexcept
+{
+    return Wrapped<int>("clock_gettime", "__clock_gettime64", clock, time);
 }
 
 int __futimens64(int descriptor, const void* times) noexcept

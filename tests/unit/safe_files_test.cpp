@@ -14,6 +14,7 @@
 #include <sys/xattr.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <cstring>
 #include <filesystem>
@@ -227,6 +228,38 @@ TEST_P(SafeBothTest, WhatTheKernelLeavesIsCopiedFromThere)
     EXPECT_TRUE(bytes == ReadFile(destination_));
 }
 
+TEST_P(SafeBothTest, TheKernelCopiesTheBytes)
+{
+    WriteFile(source_, BytesOfLength(100000));
+    const ScopedTrace trace;
+
+    EXPECT_TRUE(Act());
+
+    EXPECT_THAT(trace.Calls(), ::testing::Not(::testing::Contains(::testing::StartsWith("write("))));
+}
+
+TEST_P(SafeBothTest, AProgramStartedMeanwhileInheritsNoDescriptor)
+{
+    for (const bool durable : {false, true}) {
+        for (const bool isNameless : {false, true}) {
+            WriteFile(source_, "abc");
+            FileOptions options;
+            options.durable = durable;
+            std::optional<ScopedCall> noTmpfile;
+            if (!isNameless) {
+                noTmpfile.emplace("tmpfile", 1, FailWith(EOPNOTSUPP));
+            }
+            const std::vector<std::string> inherited = InheritedDescriptors();
+            const ScopedCall start("fchmod", 1, [&]() -> std::optional<long> {
+                EXPECT_EQ(inherited, InheritedDescriptors());
+                return std::nullopt;
+            });
+
+            EXPECT_TRUE(Act(options));
+        }
+    }
+}
+
 TEST_P(SafeBothTest, ShortWritesAreContinuedAndInterruptedCallsRepeated)
 {
     const std::string bytes = BytesOfLength(20000);
@@ -342,6 +375,20 @@ TEST_P(SafeBothTest, ADirectoryThatOnlyMayBeWrittenToSufficesWithoutFlushing)
     });
 
     ASSERT_EQ(0, chmod((dir_ / "drop").c_str(), 0755));
+    EXPECT_EQ("abc", ReadFile(destination_));
+}
+
+TEST_F(SafeCopyTest, ADirectoryThatOnlyMayBeSearchedSufficesForTheSource)
+{
+    ASSERT_EQ(0, chmod(dir_.Path().c_str(), 0777));
+    ASSERT_EQ(0, mkdir((dir_ / "closed").c_str(), 0755));
+    source_ = dir_.Write("closed/source", "abc", 0644);
+    ASSERT_EQ(0, chmod((dir_ / "closed").c_str(), 0111));
+    StayOnOneFileSystem();
+
+    RunAsNobody([this] { EXPECT_TRUE(Copy()); });
+
+    ASSERT_EQ(0, chmod((dir_ / "closed").c_str(), 0755));
     EXPECT_EQ("abc", ReadFile(destination_));
 }
 
@@ -656,6 +703,30 @@ TEST_P(SafeBothTest, NamesThatAreTakenAreNotTouchedAndOthersAreTried)
     EXPECT_EQ("abc", ReadFile(destination_));
 }
 
+TEST_P(SafeBothTest, WhatIsPlantedAtAStagedNameIsNotTouched)
+{
+    const std::string victim = dir_.Write("victim", "victim's");
+    const std::string planted = other_ / ".orv_0000000000000000";
+    for (const bool isLink : {false, true}) {
+        WriteFile(source_, "abc");
+        if (isLink) {
+            ASSERT_EQ(0, symlink(victim.c_str(), planted.c_str()));
+        } else {
+            WriteFile(planted, "victim's");
+        }
+        const ScopedCall noTmpfile("tmpfile", 1, FailWith(EOPNOTSUPP));
+        const ScopedCall noTime("clock_gettime", 1, [] { return 0L; });  // the name is made of the time
+
+        EXPECT_TRUE(Act());
+
+        EXPECT_EQ("abc", ReadFile(destination_));
+        EXPECT_EQ("victim's", ReadFile(planted));
+        EXPECT_EQ(isLink, S_ISLNK(StatusOf(planted).st_mode));
+        EXPECT_THAT(other_.Names(), ElementsAre(".orv_0000000000000000", "destination"));
+        ASSERT_EQ(0, unlink(planted.c_str()));
+    }
+}
+
 TEST_P(SafeBothTest, TheSearchForAFreeNameEnds)
 {
     WriteFile(source_, "abc");
@@ -723,6 +794,17 @@ TEST_P(SafeBothTest, OneByteThatDiffersIsNoticed)
                      " after byte 16384."});
 }
 
+TEST_P(SafeBothTest, AllThatTheKernelHasOfTheCopyIsDroppedBeforeComparing)
+{
+    WriteFile(source_, "abc");
+    const ScopedTrace trace;
+
+    EXPECT_TRUE(Act(With(&FileOptions::verify)));
+
+    EXPECT_THAT(trace.Calls(), ::testing::Contains(::testing::MatchesRegex(
+                                   "posix_fadvise\\([0-9]+, 0, 0, " + std::to_string(POSIX_FADV_DONTNEED) + "\\)")));
+}
+
 TEST_P(SafeBothTest, AMediumThatCannotBeReadAgainIsReported)
 {
     WriteFile(source_, "abc");
@@ -772,12 +854,14 @@ TEST_P(SafeBothTest, WithoutPreserveNoneOfTheseArrives)
     ASSERT_EQ(0, utimensat(AT_FDCWD, source_.c_str(), times, 0));
     const ScopedCall owner("fchown", 1, [] { return -1L; });
     const ScopedCall attributes("flistxattr", 1, [] { return -1L; });
+    const ScopedCall holes("ftruncate", 1, [] { return -1L; });
 
     EXPECT_TRUE(Act());
 
     EXPECT_NE(1000000000, StatusOf(destination_).st_mtim.tv_sec);
     (void)fchown(-1, 0, 0);  // the first call is this one
     (void)flistxattr(-1, nullptr, 0);
+    EXPECT_EQ(-1, ftruncate(-1, 0));
 }
 
 TEST_P(SafeBothTest, WithPreserveEachThingThatIsNotKeptIsReportedAndTheResultIsTrue)
@@ -865,6 +949,26 @@ TEST_P(SafeBothTest, WithPreserveAFileThatEndsInAHoleHasItsSize)
     EXPECT_GE(64, StatusOf(destination_).st_blocks);
 }
 
+// A file system in memory counts every block.
+TEST_F(SafeCopyTest, WithPreserveAFileGetsHolesOnlyIfTheSourceHasOne)
+{
+    constexpr off_t kBlocks = (8 << 20) / 512;
+    constexpr off_t kHoleBlocks = 8192 / 512;
+    source_ = other_ / "source";
+    for (const off_t holeBlocks : {off_t{0}, kHoleBlocks}) {
+        (void)unlink(source_.c_str());
+        ASSERT_EQ(0, truncate(other_.Write("source", "").c_str(), holeBlocks * 512));
+        std::ofstream(source_, std::ios::app | std::ios::binary)
+            << std::string(static_cast<std::size_t>((kBlocks - holeBlocks) * 512), holeBlocks == 0 ? '\0' : 'x');
+        ASSERT_EQ(kBlocks - holeBlocks, StatusOf(source_).st_blocks);
+
+        EXPECT_TRUE(Copy(With(&FileOptions::preserve)));
+
+        EXPECT_EQ(kBlocks - holeBlocks, StatusOf(destination_).st_blocks);
+        EXPECT_EQ(kBlocks * 512, StatusOf(destination_).st_size);
+    }
+}
+
 // ---- A move
 
 TEST_F(SafeMoveTest, AMoveOnOneFileSystemIsARename)
@@ -913,6 +1017,31 @@ TEST_F(SafeMoveTest, ARenameIsFlushedBeforeAndAfter)
     }
 
     EXPECT_EQ(5U, calls.size()) << "file and two directories; then file and one directory";
+}
+
+TEST_F(SafeMoveTest, ASourceThatIsCopiedIsNotFlushed)
+{
+    WriteFile(source_, "abc");
+    const ScopedTrace trace;
+
+    EXPECT_TRUE(Move());
+
+    EXPECT_EQ(3, std::count_if(trace.Calls().begin(), trace.Calls().end(),
+                               [](const std::string& call) { return call.find("fsync") == 0; }))
+        << "the copy and two directories";
+}
+
+TEST_F(SafeMoveTest, AnErrorFromBeforeTheCallDoesNotMatter)
+{
+    StayOnOneFileSystem();
+    WriteFile(source_, "abc");
+    WriteFile(destination_, "old");
+    const ino_t inode = StatusOf(source_).st_ino;
+    errno = EXDEV;
+
+    EXPECT_TRUE(Move());
+
+    EXPECT_EQ(inode, StatusOf(destination_).st_ino);
 }
 
 TEST_F(SafeMoveTest, NothingIsFlushedUnlessItIsAskedFor)
@@ -1074,6 +1203,30 @@ TEST_F(SafeMoveTest, ASourceThatChangesMeanwhileIsKept)
     }
 }
 
+TEST_F(SafeMoveTest, ASourceWhoseStatusDiffersInOneThingIsKept)
+{
+    const std::vector<ScopedStatus::Change> changes = {
+        [](struct stat* status) { ++status->st_dev; },          [](struct stat* status) { ++status->st_ino; },
+        [](struct stat* status) { --status->st_nlink; },        [](struct stat* status) { ++status->st_nlink; },
+        [](struct stat* status) { ++status->st_size; },         [](struct stat* status) { ++status->st_mtim.tv_sec; },
+        [](struct stat* status) { ++status->st_mtim.tv_nsec; }, [](struct stat* status) { ++status->st_ctim.tv_sec; },
+        [](struct stat* status) { ++status->st_ctim.tv_nsec; },
+    };
+    for (const ScopedStatus::Change& change : changes) {
+        WriteFile(source_, "abc");
+        WriteFile(destination_, "old");
+        {
+            const ScopedStatus other(5, change);
+
+            EXPECT_FALSE(Move());
+        }
+
+        ExpectSafeLines({SafeLine("MoveFile", "unlinkat", source_, ESTALE, kSourceKept)});
+        EXPECT_EQ("abc", ReadFile(source_));
+        EXPECT_EQ("abc", ReadFile(destination_));
+    }
+}
+
 TEST_F(SafeMoveTest, NamesOfOneFileAreRefusedAndNothingChanges)
 {
     StayOnOneFileSystem();
@@ -1184,6 +1337,25 @@ TEST_P(SafeSameNameTest, AFileIsMovedOverAnotherOne)
     EXPECT_EQ("abc", ReadFile(destination_));
     EXPECT_THAT(dir_.Names(), ElementsAre());
     EXPECT_THAT(other_.Names(), ElementsAre("source"));
+}
+
+TEST_F(SafeMoveTest, AFileThatReplacesNothingGetsNoStagedName)
+{
+    destination_ = other_ / "source";
+    WriteFile(source_, "abc");
+    int links = 0;
+    const ScopedCall count(
+        "linkat", 1,
+        [&links]() -> std::optional<long> {
+            ++links;
+            return std::nullopt;
+        },
+        kAlways);
+
+    EXPECT_TRUE(Move());
+
+    EXPECT_EQ(1, links);
+    EXPECT_EQ("abc", ReadFile(destination_));
 }
 
 TEST_P(SafeSameNameTest, AStagedNameInBothDirectoriesShowsThatTheyAreOne)

@@ -1,6 +1,7 @@
 // What the sources of safe/ share.
 #include "safe/internal.h"
 
+#include "support/faults.h"
 #include "support/orv_test.h"
 
 #include <fcntl.h>
@@ -58,13 +59,37 @@ TEST(SafeDescriptorTest, ClosesItsFileAndKeepsErrno)
     EXPECT_EQ(EBADF, errno);
 }
 
+TEST(SafeDescriptorTest, KeepsErrnoIfTheCloseFails)
+{
+    const int number = open("/", O_RDONLY | O_CLOEXEC);
+    ASSERT_NE(-1, number);
+    errno = ENOSPC;
+    {
+        const ScopedFault fault(Call::kClose, 1, EIO);
+        const Descriptor descriptor(number);
+    }
+    EXPECT_EQ(ENOSPC, errno);
+}
+
+TEST(SafeDescriptorTest, ClosesAFileWithTheNumberZero)
+{
+    RunInChild([] {
+        ASSERT_EQ(0, close(0));
+        {
+            const Descriptor descriptor(open("/", O_RDONLY | O_CLOEXEC));
+            ASSERT_EQ(0, descriptor);
+        }
+        EXPECT_EQ(-1, fcntl(0, F_GETFD));
+    });
+}
+
 TEST(SafeDescriptorTest, ClosesNothingIfThereIsNoFile)
 {
-    errno = ENOSPC;
+    const ScopedTrace trace;
     {
         const Descriptor descriptor(-1);
     }
-    EXPECT_EQ(ENOSPC, errno);
+    EXPECT_THAT(trace.Calls(), ::testing::IsEmpty());
 }
 
 TEST(SafeDescriptorTest, SwapsItsFile)
