@@ -22,6 +22,7 @@
 #include <cerrno>
 #include <functional>
 #include <new>
+#include <optional>
 #include <string>
 #include <thread>
 #include <vector>
@@ -175,6 +176,19 @@ TEST_F(SafePageTest, RunsOnASmallStack)
         EXPECT_TRUE(PublishPage(text_, page_));
         EXPECT_TRUE(PublishPage(text_, far_, Durable()));
     });
+}
+
+TEST_F(SafePageTest, OpensNothingThatAProgramStartedMeanwhileInherits)
+{
+    const Names inherited = InheritedDescriptors();
+    for (const bool durable : {false, true}) {
+        const ScopedCall start("renameat", 1, [&]() -> std::optional<long> {
+            EXPECT_EQ(inherited, InheritedDescriptors());
+            return std::nullopt;
+        });
+
+        ExpectPublished(durable ? Durable() : PageOptions());
+    }
 }
 
 // ---- Flushing
