@@ -200,6 +200,37 @@ TEST_F(SafeListsCampaignTest, SettingsAreReadWhollyOrNotAtAll)
     PrintCounts("readers of settings");
 }
 
+TEST_F(SafeListsCampaignTest, FindingsAreWholeOrAsTheyWere)
+{
+    const std::string file = memory_.Write("file", "[a]\n" + std::string(5000, '\n') + "b\n");
+    const SafeScenario scenario = {
+        "checking settings",
+        [] {},
+        [&] {
+            std::vector<orv_safe::SettingsFinding> findings(1);
+            findings[0].text = "old";
+            const bool checked = orv_safe::CheckSettings(file, findings);
+            Names items;
+            for (const orv_safe::SettingsFinding& finding : findings) {
+                items.push_back(std::to_string(finding.line) + " " + finding.text);
+            }
+            return BoolAnswer(checked, items);
+        },
+        [&](const TracedRun& run) {
+            if (!run.killed) {
+                CheckLines(run, "CheckSettings");
+                EXPECT_EQ(run.answer.result == "true" ? (Names{"1 [a]", "5002 b"}) : Names{"0 old"}, run.answer.items);
+                EXPECT_TRUE(run.answer.result == "false" || run.lines.empty());
+            }
+        },
+        {}};
+    FailAndKill(scenario, /*pairs=*/true);
+
+    EXPECT_LE(30, counts_.runs);
+    EXPECT_LE(10, counts_.failed);
+    PrintCounts("findings in settings");
+}
+
 struct WriteScenario {
     std::string name;
     std::string before;  // text of the file; "-": it is missing
@@ -207,6 +238,7 @@ struct WriteScenario {
     bool isLinked;   // through a symbolic link
     bool hasNoName;  // the file system makes files without a name
     bool durable;
+    bool removes = false;  // the entry, instead of changing it
 };
 
 const WriteScenario kWriteScenarios[] = {
@@ -217,6 +249,11 @@ const WriteScenario kWriteScenarios[] = {
     {"no change", "a=2\n", "a=2\n", false, true, true},
     {"new file", "-", "a=2\n", false, true, true},
     {"new file by a named file", "-", "a=2\n", false, false, true},
+    {"removal", "# note\na=1\nb=2\na=3\n", "# note\nb=2\n", false, true, true, true},
+    {"removal, not durable", "# note\na=1\n", "# note\n", false, true, false, true},
+    {"removal by a named file", "a=1\nb=2\n", "b=2\n", false, false, true, true},
+    {"removal through a link", "a=1\nb=2\n", "b=2\n", true, true, true, true},
+    {"nothing to remove", "b=2\n", "b=2\n", false, true, true, true},
 };
 
 class WriteCampaign {
@@ -244,7 +281,9 @@ public:
 
     bool Write() const
     {
-        return orv_safe::WriteSettings(scenario_.isLinked ? link_ : file_, {{"a", "2"}}, '=', "#", options_);
+        const std::string& path = scenario_.isLinked ? link_ : file_;
+        return scenario_.removes ? orv_safe::RemoveSettings(path, {"a"}, '=', "#", options_)
+                                 : orv_safe::WriteSettings(path, {{"a", "2"}}, '=', "#", options_);
     }
 
     void Check(const TracedRun& run) const
@@ -324,7 +363,7 @@ TEST_F(SafeListsCampaignTest, AFileOfSettingsIsTheOldOrTheNewOne)
         FailAndKill({scenario.name, [&] { campaign.Arrange(); }, [&] { return BoolAnswer(campaign.Write()); },
                      [&](const TracedRun& run) {
                          if (!run.killed) {
-                             CheckLines(run, "WriteSettings");
+                             CheckLines(run, scenario.removes ? "RemoveSettings" : "WriteSettings");
                          }
                          campaign.Check(run);
                      },

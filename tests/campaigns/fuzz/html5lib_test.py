@@ -31,7 +31,8 @@ ROWS_OF_A_PAGE = 700
 TOKENS = [
     *(bytes([byte]) for byte in range(256)), b"&", b"&", b"&#", b"&#x", b"&#38", b"&amp", b"&lt;", b"&notin;", b"<",
     b">", b"<!--", b"-->", b"--!>", b"<![CDATA[", b"]]>", b"</td>", b"</table>", b"<script>", b"</script>", b"<style>",
-    b"<svg>", b"<plaintext>", b"<select>", b"<textarea>", b"<template>", b"<?", b"<!", b"</", b'"', b"'", b"`", b"=", b" ", b"\n",
+    b"<svg>", b"<plaintext>", b"<select>", b"<textarea>", b"<template>", b"<?", b"<!", b"</",
+    b'"', b"'", b"`", b"=", b" ", b"\n",
     b"\r\n", b"\t", b"\0", b"0", b"9", b"x", b"A", b"\xc3\xa9", b"\xe2\x82\xac", b"\xf0\x9f\x98\x80", b"\xef\xbb\xbf",
     b"\xef\xbf\xbe", b"\xe2\x82", b"\xf0\x9f\x98", b"\xed\xa0\x80", b"\xf4\x90\x80\x80", b"\xc0\x80", b"\xc2\x85",
     b"\xe2\x80\xae", b"\xe2\x80\xa8", *(name[:100] for name in HOSTILE_NAMES),
