@@ -30,6 +30,7 @@ import os
 import random
 import re
 import resource
+import select
 import shlex
 import signal
 import subprocess
@@ -153,7 +154,10 @@ class History:
     def __init__(self):
         self.recent = collections.deque(maxlen=RECENT)
         self.slow = []
-        self.seconds = 600  # until the tests of the original have told how long they take
+        # How long a run may take, until the tests of the original have told how long they take: by the clock, and each
+        # process by the processor, whose time does not depend on what else the machine does.
+        self.seconds = 1200
+        self.processor_seconds = 600
         self.lock = threading.Lock()
 
     def killed_by(self, name):
@@ -253,8 +257,8 @@ class Build:
         return subprocess.run(command, cwd=self.folder, env=environment, stdout=subprocess.DEVNULL,
                               stderr=subprocess.DEVNULL, check=False).returncode == 0
 
-    def test(self, suite, selection, directory, seconds):
-        """Runs tests; the name of the one that failed or None, and what they printed."""
+    def test(self, suite, selection, directory, history):
+        """Runs tests; the name of the one that failed or None, what they printed, and the processor time they took."""
         environment = dict(os.environ, LD_LIBRARY_PATH=f"{directory}:{self.folder}/lib", **selection)
         environment.pop("ORV_NO_SKIP", None)
         environment["PYTHONPATH"] = os.path.join(ROOT, "tests", "support")
@@ -265,26 +269,28 @@ class Build:
         def limit():
             LIBC.prctl(PR_SET_PDEATHSIG, signal.SIGKILL)  # ends with this script, however that ends
             for kind, most in ((resource.RLIMIT_FSIZE, MEMORY_BYTES), (resource.RLIMIT_CORE, 0),
-                               (resource.RLIMIT_CPU, int(seconds)), (resource.RLIMIT_AS, self.memory)):  # fmt: skip
+                               (resource.RLIMIT_CPU, history.processor_seconds), (resource.RLIMIT_AS, self.memory)):  # fmt: skip
                 resource.setrlimit(kind, (most, most))
 
         with tempfile.TemporaryFile(mode="w+", errors="replace") as output:
             child = subprocess.Popen(command, env=environment, stdin=subprocess.DEVNULL, stdout=output,
                                      stderr=subprocess.STDOUT, preexec_fn=limit, start_new_session=True)
-            try:
-                status = child.wait(2 * seconds)
-            except subprocess.TimeoutExpired:
+            ended = os.pidfd_open(child.pid)
+            if not select.select([ended], [], [], history.seconds)[0]:
                 child.kill()  # and with it, by --kill-child, all in its name space
-                status = child.wait()
+            os.close(ended)
+            _, status, usage = os.wait4(child.pid, 0)
+            child.returncode = os.waitstatus_to_exitcode(status)
             output.seek(0)
             text = output.read()
+        took = usage.ru_utime + usage.ru_stime
         if status == 0:
-            return None, text
+            return None, text, took
         for pattern in suite.FAILED:
             failed = re.findall(pattern, text, re.M)
             if failed:
-                return failed[-1], text
-        return "the start of the program", text
+                return failed[-1], text, took
+        return "the start of the program", text, took
 
     def measure(self, file):
         """Builds a source unchanged, and runs its tests, which must pass."""
@@ -298,12 +304,13 @@ class Build:
             for name, suite in self.suites(file, directory):
                 history = self.histories[file, name]
                 start = time.monotonic()
-                failed, text = self.test(suite, suite.but([]), directory, history.seconds)
+                failed, text, took = self.test(suite, suite.but([]), directory, history)
                 if failed:
                     sys.exit(f"{failed} fails without any mutant of {file}:\n{text[-2000:]}")
-                history.slow = [test for test, took in re.findall(suite.TIMES, text, re.M)
-                                if int(took) > SLOW_MILLISECONDS]  # fmt: skip
-                history.seconds = 5 + 4 * (time.monotonic() - start)
+                history.slow = [test for test, milliseconds in re.findall(suite.TIMES, text, re.M)
+                                if int(milliseconds) > SLOW_MILLISECONDS]  # fmt: skip
+                history.seconds = 10 + 8 * (time.monotonic() - start)
+                history.processor_seconds = 2 + int(4 * took)
 
     def killer(self, mutant):
         """Which test notices the mutant; None when none does, "" when the compiler refuses it, "=" for the same code."""
@@ -321,7 +328,7 @@ class Build:
             runs += [(suite, suite.but(history.slow), history) for suite, history in suites]
             runs += [(suite, suite.only(history.slow), history) for suite, history in suites if history.slow]
             for suite, selection, history in runs:
-                failed, _ = self.test(suite, selection, directory, history.seconds)
+                failed, _, _ = self.test(suite, selection, directory, history)
                 if failed:
                     history.killed_by(failed)
                     return failed
