@@ -21,7 +21,7 @@
 #include <ctime>
 #include <fstream>
 #include <iostream>
-#include <iterator>
+#include <memory>
 #include <set>
 #include <stdexcept>
 
@@ -98,34 +98,17 @@ std::string InterfaceTable()
 std::string FilesTable(const Settings& settings)
 {
     const std::string& directory = settings.at("directory");
-    std::list<std::string> names;
-    Require(orv_fileutils::GetDirFileList(directory.c_str(), settings.at("include").c_str(),
-                                          settings.at("exclude").c_str(), names, false, true, true),
+    orv_safe::ListOptions options;
+    options.status = true;
+    std::vector<orv_safe::ListedFile> files;
+    Require(orv_safe::ListFiles(directory, settings.at("include"), settings.at("exclude"), files, options),
             "cannot list the directory '" + directory + "'");
     std::string table = SafeRow({"Files in " + directory, "Bytes"});
-    const std::string inside = directory + "/";
-    for (const std::string& name : names) {
-        struct stat file;
-        table += SafeRow({name, stat((inside + name).c_str(), &file) == 0 ? std::to_string(file.st_size) : "unknown"});
+    for (const orv_safe::ListedFile& file : files) {
+        table += SafeRow({file.name, std::to_string(file.bytes)});
     }
     return table;
 }
-
-// A file that is not there before and after: what an interrupted run left is removed, and what a failed one leaves.
-struct Temporary {
-    const std::string path;
-
-    explicit Temporary(const std::string& itsPath) : path(itsPath)
-    {
-        (void)unlink(path.c_str());
-    }
-    ~Temporary()
-    {
-        (void)unlink(path.c_str());
-    }
-    Temporary(const Temporary&) = delete;
-    Temporary& operator=(const Temporary&) = delete;
-};
 
 void WriteTables(const Settings& settings, const std::string& path)
 {
@@ -135,43 +118,31 @@ void WriteTables(const Settings& settings, const std::string& path)
     std::ofstream file(path.c_str());
     file << text;
     file.close();
-    const bool usable = file.good() && access(path.c_str(), R_OK) == 0;  // otherwise the page would be empty
-    Require(usable, "cannot write and read '" + path + "': " + std::strerror(errno));
+    Require(file.good(), "cannot write '" + path + "': " + std::strerror(errno));
 }
 
-// The library does not report a full disk, which cuts a page short. No cell can contain this tag.
-bool IsComplete(const std::string& pagePath)
-{
-    if (!orv_fileutils::FileExists(pagePath.c_str())) {
-        return false;  // no page, or a directory, whose reading throws
-    }
-    std::ifstream page(pagePath.c_str());
-    const std::string text((std::istreambuf_iterator<char>(page)), std::istreambuf_iterator<char>());
-    return text.find("</KPX_PLD>") != std::string::npos;
-}
-
-// Readers see old tables and pages or complete new ones, and a failure leaves the old ones.
+// Readers see old tables and pages or complete new ones, and a failure leaves the old ones. Nothing is flushed: the
+// next page replaces what a power cut loses, and a flush every few seconds would wear out flash memory.
 void Publish(const Settings& settings)
 {
     const std::string& page = settings.at("page");
     const std::string above = page.substr(0, page.rfind('/') + 1);  // empty: the current directory
-    Require(above.empty() || orv_fileutils::MakeDirPath(above.c_str(), 0755, false),
-            "cannot make the directory '" + above + "'");
-    const Temporary newTables(page + ".txt.new"), newPage(page + ".new");
-    const Temporary built("/var/tmp/TextToHtml_" + std::to_string(getpid()) + ".tmp");  // left by a failed move
-    WriteTables(settings, newTables.path);
-    orv_fileutils::GenHtmlPagefromTextFile(newTables.path.c_str(), newPage.path.c_str());
-    Require(IsComplete(newPage.path), "cannot write the page '" + newPage.path + "'");
-    Require(orv_fileutils::RenameFileAcrossFs(newPage.path, page) &&
-                orv_fileutils::RenameFileAcrossFs(newTables.path, page + ".txt"),
+    Require(above.empty() || orv_safe::MakeDirectory(above, 0755), "cannot make the directory '" + above + "'");
+    const std::string newTables = page + ".txt.new";
+    // Removed now, because an interrupted run may have left it, and at the end, because a failure leaves it.
+    (void)unlink(newTables.c_str());
+    const std::unique_ptr<const char, int (*)(const char*)> leftover(newTables.c_str(), unlink);
+    WriteTables(settings, newTables);
+    orv_safe::FileOptions options;
+    options.durable = false;
+    Require(orv_safe::PublishPage(newTables, page) && orv_safe::MoveFile(newTables, page + ".txt", options),
             "cannot publish '" + page + "'");
 }
 
 Settings ReadSettings(const std::string& path, const char* page)
 {
     Settings settings = {{"include", ""}, {"exclude", ""}};
-    Require(orv_fileutils::FileExists(path.c_str()), "'" + path + "' does not exist or is not a regular file");
-    Require(orv_fileutils::ReadNameValueFromFile(path, settings, '=', "#"), "cannot read '" + path + "'");
+    Require(orv_safe::ReadSettings(path, settings), "cannot read '" + path + "'");
     settings["page"] = page ? page : settings["page"];
     for (const char* const name : {"title", "directory", "page", "period"}) {
         Require(!settings[name].empty(), path + ": missing setting '" + name + "'");

@@ -5,7 +5,8 @@
 //   space              a line for each file system: "BLOCK_BYTES BLOCKS FREE_BLOCKS MOUNT_POINT"
 //   interfaces         a line for each address of a network interface: "FLAGS NAME"
 //   signal             the number of a signal that comes while the status board asks for the name
-// Without its file, a call fails, and no signal comes. What the status board should not use is wrong.
+// Without its file, a call fails, and no signal comes. What the status board should not use is wrong. A flush to the
+// medium ends it.
 
 #include <dlfcn.h>
 #include <ifaddrs.h>
@@ -69,6 +70,26 @@ EXPORTED int uname(struct utsname* result) noexcept
         raise(number);
     }
     return 0;
+}
+
+EXPORTED int fsync(int /*descriptor*/)
+{
+    std::abort();
+}
+
+EXPORTED int fdatasync(int /*descriptor*/)
+{
+    std::abort();
+}
+
+EXPORTED int syncfs(int /*descriptor*/) noexcept
+{
+    std::abort();
+}
+
+EXPORTED void sync() noexcept
+{
+    std::abort();
 }
 
 EXPORTED FILE* fopen(const char* path, const char* mode)
