@@ -80,7 +80,8 @@ set(CPACK_DEBIAN_STATUSBOARD_PACKAGE_CONTROL_EXTRA ${PROJECT_BINARY_DIR}/conffil
 set(CPACK_DEBIAN_STATUSBOARD_DESCRIPTION
     "status page of a machine, updated by a service
 The page shows load, file systems, network interfaces and the files of a
-directory. It is the example program of liborvfileutils-dev.
+directory. It has a light and a dark look and fits on a phone. It is the
+example program of liborvfileutils-dev.
 .
 The service is not enabled. To start it: systemctl enable --now statusboard")
 

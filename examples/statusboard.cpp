@@ -16,17 +16,22 @@
 #include <sys/utsname.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <cstring>
 #include <ctime>
 #include <fstream>
+#include <iomanip>
 #include <iostream>
 #include <memory>
 #include <set>
+#include <sstream>
 #include <stdexcept>
 
 namespace {
 
+using orv_safe::Cell;
+using orv_safe::SafeMarkupRow;
 using orv_safe::SafeRow;
 
 typedef std::map<std::string, std::string> Settings;
@@ -38,6 +43,69 @@ void Require(bool condition, const std::string& message)
     }
 }
 
+// The look of the page. A table file ends a row at a semicolon and a cell at a comma, so each rule has one declaration.
+// The page has no document type where browsers look for it, and tables then inherit no font size: td sets it.
+// docs/security.md has the hash of the style, for a content security policy.
+const char kLook[] =
+    "<meta name=\"viewport\" content=\"width=device-width\">"
+    "<style>"
+    ":root{color-scheme:light dark}"
+    "body{font-family:sans-serif}"
+    "body{max-width:45rem}"
+    "body{margin:1rem auto}"
+    "table{border:0}"
+    "table{border-collapse:collapse}"
+    "table{width:100%}"
+    "td{border:0}"
+    "td{border-bottom:1px solid #8886}"
+    "td{font-size:1rem}"
+    "td{line-height:1.5}"
+    "td{overflow-wrap:anywhere}"
+    "td{padding:.2rem .6rem}"
+    "td:last-child{text-align:right}"
+    "td:nth-child(n+3){text-align:right}"
+    "td:nth-child(n+3){white-space:nowrap}"
+    "table:last-of-type td:last-child{white-space:nowrap}"
+    "tr:first-child td{border-bottom:2px solid #888}"
+    "tr:first-child td{font-weight:bold}"
+    "table:first-of-type tr:first-child td{font-size:1.5rem}"
+    "meter{width:4rem}"
+    ".up{color:#0a6b2d}"
+    ".down{color:#b3140c}"
+    "@media screen and (prefers-color-scheme:dark){.up{color:#7ddc95}.down{color:#ff9b94}}"
+    "@media(max-width:30rem){td{font-size:.8rem}td{padding:.2rem .3rem}meter{width:1.5rem}}"
+    "@media print{:root{color-scheme:light}body{max-width:none}meter{display:none}}"
+    "</style>";
+
+Cell State(bool isUp)
+{
+    return Cell().Markup(isUp ? "<b class=\"up\">up</b>" : "<b class=\"down\">down</b>");
+}
+
+// How full a file system is: as a bar that changes its colour, and as a number.
+Cell Use(const std::string& mountPoint, int percent)
+{
+    const std::string number = std::to_string(percent);
+    return Cell()
+        .Markup("<meter max=\"100\" low=\"80\" high=\"90\" optimum=\"0\" value=\"" + number + "\" aria-label=\"Use of ")
+        .Text(mountPoint)
+        .Markup("\"></meter> " + number + " %");
+}
+
+// A size with at most three digits before the point. A file system may claim more bytes than an integer can count.
+std::string Size(double bytes)
+{
+    static const char* const kUnits[] = {"B", "KiB", "MiB", "GiB", "TiB", "PiB", "EiB", "ZiB", "YiB"};
+    std::size_t unit = 0;
+    while (bytes >= 999.95 && unit < 8) {
+        bytes /= 1024;
+        ++unit;
+    }
+    std::ostringstream text;
+    text << std::fixed << std::setprecision(unit == 0 ? 0 : 1) << bytes << ' ' << kUnits[unit];
+    return text.str();
+}
+
 std::string TitleTable(const std::string& title)
 {
     struct utsname self = {};
@@ -45,7 +113,8 @@ std::string TitleTable(const std::string& title)
     char now[64] = {};
     const std::time_t seconds = std::time(nullptr);
     (void)std::strftime(now, sizeof now, "%Y-%m-%d %H:%M:%S %Z", std::localtime(&seconds));
-    return SafeRow({title, ""}) + SafeRow({"Host", self.nodename}) + SafeRow({"Time", now});
+    const Cell look = Cell().Markup("<title>").Text(title).Markup("</title>").Markup(kLook);
+    return SafeMarkupRow({title, look}) + SafeRow({"Host", self.nodename}) + SafeRow({"Time", now});
 }
 
 std::string SystemTable()
@@ -59,11 +128,20 @@ std::string SystemTable()
                {"Uptime", std::to_string(uptime / 86400) + " days, " + std::to_string(uptime / 3600 % 24) + " hours"});
 }
 
+std::string FileSystemRow(const struct mntent& mount, const struct statvfs& space)
+{
+    const double blockBytes = static_cast<double>(space.f_frsize);
+    const double blocks = static_cast<double>(space.f_blocks);
+    const double used = blocks - std::min(blocks, static_cast<double>(space.f_bfree));
+    return SafeMarkupRow({mount.mnt_dir, mount.mnt_type, Size(blocks * blockBytes), Size(used * blockBytes),
+                          Use(mount.mnt_dir, static_cast<int>(100 * used / blocks))});
+}
+
 // Shows a device once, even if it is mounted twice. Skips file systems without blocks (proc, sysfs), and those whose
 // status cannot be read.
 std::string FileSystemTable()
 {
-    std::string table = SafeRow({"File system", "Type", "MiB", "MiB used", "Use"});
+    std::string table = SafeRow({"File system", "Type", "Size", "Used", "Use"});
     std::set<dev_t> seen;
     std::FILE* const mounts = setmntent("/proc/mounts", "r");
     while (const struct mntent* const mount = mounts ? getmntent(mounts) : nullptr) {
@@ -71,10 +149,7 @@ std::string FileSystemTable()
         struct stat root;
         if (statvfs(mount->mnt_dir, &space) == 0 && space.f_blocks != 0 && stat(mount->mnt_dir, &root) == 0 &&
             seen.insert(root.st_dev).second) {
-            const unsigned long long used = space.f_blocks - space.f_bfree;
-            table += SafeRow({mount->mnt_dir, mount->mnt_type, std::to_string(space.f_blocks * space.f_frsize >> 20),
-                              std::to_string(used * space.f_frsize >> 20),
-                              std::to_string(100 * used / space.f_blocks) + " %"});
+            table += FileSystemRow(*mount, space);
         }
     }
     (void)endmntent(mounts);
@@ -88,7 +163,7 @@ std::string InterfaceTable()
     struct ifaddrs* all = nullptr;
     for (const struct ifaddrs* one = getifaddrs(&all) == 0 ? all : nullptr; one; one = one->ifa_next) {
         if (seen.insert(one->ifa_name).second) {
-            table += SafeRow({one->ifa_name, (one->ifa_flags & IFF_RUNNING) != 0 ? "up" : "down"});
+            table += SafeMarkupRow({one->ifa_name, State((one->ifa_flags & IFF_RUNNING) != 0)});
         }
     }
     freeifaddrs(all);
@@ -103,9 +178,9 @@ std::string FilesTable(const Settings& settings)
     std::vector<orv_safe::ListedFile> files;
     Require(orv_safe::ListFiles(directory, settings.at("include"), settings.at("exclude"), files, options),
             "cannot list the directory '" + directory + "'");
-    std::string table = SafeRow({"Files in " + directory, "Bytes"});
+    std::string table = SafeRow({"Files in " + directory, "Size"});
     for (const orv_safe::ListedFile& file : files) {
-        table += SafeRow({file.name, std::to_string(file.bytes)});
+        table += SafeRow({file.name, Size(static_cast<double>(file.bytes))});
     }
     return table;
 }

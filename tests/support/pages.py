@@ -24,10 +24,14 @@ def text(raw):
 
 
 class Page(html.parser.HTMLParser):
-    """Finds the tables of a page, and everything that should not be in it."""
+    """Finds the tables of a page, and everything that should not be in it. `markup` is what cells may contain: the
+    elements with the element around each and the names of its attributes."""
 
-    def __init__(self, raw):
+    def __init__(self, raw, markup=()):
         super().__init__(convert_charrefs=True)
+        self.markup = dict(markup)
+        self.inside = []  # each element of that markup that was found, with its attributes
+        self.styles = []
         self.tables = []  # a list of rows for each; a row is a list of cell texts
         self.layout = []  # of the body: tables and spacers in order
         self.metas = []
@@ -40,6 +44,11 @@ class Page(html.parser.HTMLParser):
         parents = {"html": "kpx_pld", "head": "html", "body": "html", "table": "body", "p": "body", "tr": "table",
                    "td": "tr", "meta": "head", "kpx_pld": ""}  # fmt: skip
         parent = self.open[-1] if self.open else ""
+        if self.markup.get(tag) == (parent, *(name for name, _ in attrs)):
+            self.inside.append((tag, dict(attrs)))
+            if tag != "meta":
+                self.open.append(tag)
+            return
         if parents.get(tag) != parent or (attrs and tag not in ("kpx_pld", "meta", "table")):
             self.foreign.append((tag, attrs, parent))
         if tag == "meta":
@@ -62,7 +71,9 @@ class Page(html.parser.HTMLParser):
             self.foreign.append("/" + tag)
 
     def handle_data(self, data):
-        if self.open and self.open[-1] == "td":
+        if self.open and self.open[-1] == "style":
+            self.styles.append(data)
+        elif self.open and (self.open[-1] == "td" or self.open[-1] in self.markup):
             self.tables[-1][-1][-1] += data
         elif data != " ":
             self.foreign.append(data)

@@ -1,7 +1,8 @@
 // Tests pages in headless Chromium, which reads them from a server on the loopback interface and from files.
 //
 // Usage: node --test browser_test.mjs, in a folder with node_modules. The environment must contain the paths of the
-// programs ORVFILE, STATUSBOARD, SAFE_ROWS and CHROMIUM. To make the pictures of the documents, set ORV_SCREENSHOTS to a folder.
+// programs ORVFILE, STATUSBOARD, SAFE_ROWS and CHROMIUM, of the module STATUSBOARD_MACHINE, and of the folder DOCUMENTS.
+// To make the pictures of the documents, set ORV_SCREENSHOTS to a folder.
 
 import assert from "node:assert/strict";
 import { execFile, execFileSync } from "node:child_process";
@@ -15,7 +16,7 @@ import { promisify } from "node:util";
 
 import { chromium } from "playwright-core";
 
-const { ORVFILE, STATUSBOARD, SAFE_ROWS, CHROMIUM, ORV_SCREENSHOTS } = process.env;
+const { ORVFILE, STATUSBOARD, STATUSBOARD_MACHINE, SAFE_ROWS, CHROMIUM, DOCUMENTS, ORV_SCREENSHOTS } = process.env;
 const STATUSBOARD_CONF = fileURLToPath(new URL("../../examples/statusboard.conf", import.meta.url));
 const RELOAD_SECONDS = 10; // as in every page
 const run = promisify(execFile);
@@ -270,19 +271,172 @@ test("the status board shows the files of a directory, whatever their names", as
       const { tables, elements, stray } = await page.evaluate(shown);
       assert.equal(tables.length, 5);
       assert.deepEqual(elements, ["meta", "meta", "table", ...Array(4).fill(["p", "table"]).flat()]);
-      assert.deepEqual(stray, []);
-      assert.match(tables[0][0][0], /^Board & <test>/);
+      assert.deepEqual(new Set(stray), new Set(["title", "style", "meter", "b"])); // the board's own markup
+      assert.equal(tables[0][0][0], "Board & <test>");
+      assert.equal(await page.title(), "Board & <test>");
       const files = new Map(tables[4].slice(1));
       assert.deepEqual([...files.keys()], [...files.keys()].sort());
-      names.forEach((text, i) => assert.equal(files.get(text), String(i), text));
+      names.forEach((text, i) => assert.equal(files.get(text), `${i} B`, text));
       assert.equal(files.size, names.length);
     });
   }
 });
 
+// Publishes the page of a machine that the test describes; machine.cpp says by which files.
+function publishMachine(name, settings, files) {
+  const machine = fs.mkdtempSync(path.join(folder, "machine-"));
+  const module = path.join(machine, "module.so"); // preloaded by a path without blanks
+  fs.copyFileSync(STATUSBOARD_MACHINE, module);
+  for (const [file, lines] of Object.entries(files)) {
+    fs.writeFileSync(path.join(machine, file), lines.map((line) => line + "\n").join(""));
+  }
+  execFileSync(STATUSBOARD, ["--page", path.join(folder, name), settings],
+    { stdio: ["ignore", "ignore", "inherit"], env: { ...process.env, LD_PRELOAD: module, ORV_MACHINE: machine } });
+}
+
+// How parts of the board look, and whether it must be scrolled sideways.
+function look() {
+  const style = (selector) => getComputedStyle(document.querySelector(selector));
+  const canvas = document.body.appendChild(document.createElement("i"));
+  canvas.style.color = "Canvas";
+  const brightness = (color) => {
+    const [red, green, blue] = color.match(/[0-9.]+/g).map((value) => value / 255)
+      .map((value) => (value <= 0.04045 ? value / 12.92 : ((value + 0.055) / 1.055) ** 2.4));
+    return 0.2126 * red + 0.7152 * green + 0.0722 * blue;
+  };
+  const contrast = (selector) => { // as the guidelines for accessible web content (WCAG) define it
+    const [dark, bright] = [style(selector).color, getComputedStyle(canvas).color].map(brightness).sort((a, b) => a - b);
+    return (bright + 0.05) / (dark + 0.05);
+  };
+  const result = {
+    number: style("td:nth-child(3)").textAlign,
+    heading: style("tr td").fontWeight,
+    text: style("td").color,
+    up: style("b.up").color,
+    down: style("b.down").color,
+    bar: style("meter").display,
+    contrasts: ["td", "b.up", "b.down"].map(contrast),
+    background: brightness(getComputedStyle(canvas).color),
+    width: window.innerWidth,
+    isWide: document.scrollingElement.scrollWidth > document.scrollingElement.clientWidth,
+  };
+  canvas.remove();
+  return result;
+}
+
+// The mean brightness of a picture, from 0 to 255.
+async function brightness(page, png) {
+  return page.evaluate(async (source) => {
+    const image = await createImageBitmap(await (await fetch(source)).blob());
+    const canvas = new OffscreenCanvas(image.width, image.height).getContext("2d");
+    canvas.drawImage(image, 0, 0);
+    const { data } = canvas.getImageData(0, 0, image.width, image.height);
+    return data.reduce((sum, value, i) => sum + (i % 4 === 3 ? 0 : value), 0) / (data.length * 3 / 4);
+  }, `data:image/png;base64,${png.toString("base64")}`);
+}
+
+// Publishes a board of long names and large sizes.
+function publishWideBoard() {
+  const point = path.join(folder, "m".repeat(200), "n".repeat(200));
+  fs.mkdirSync(point, { recursive: true });
+  const files = fs.mkdtempSync(path.join(folder, "files-"));
+  fs.writeFileSync(path.join(files, "f".repeat(255)), "");
+  fs.truncateSync(path.join(files, "f".repeat(255)), 900 * 2 ** 20);
+  const settings = path.join(folder, "wide.conf");
+  fs.writeFileSync(settings, `title = ${"Title".repeat(20)}\ndirectory = ${files}\npage = unused\nperiod = 10\n`);
+  publishMachine("wide.html", settings, {
+    host: ["h".repeat(63)],
+    loadavg: ["100.00 100.00 100.00 1/100 1000"],
+    uptime: ["900000000.00 1.00"],
+    mounts: [`dev ${point} fuse.${"t".repeat(40)} rw 0 0`, "proc /proc proc rw 0 0"],
+    space: [`1048576 1023948 1 ${point}`, "4096 100 0 /proc"],
+    interfaces: ["65 interface-name", "1 eth0"],
+  });
+  return pathToFileURL(path.join(folder, "wide.html")).href;
+}
+
+test("the status board reads well in light and dark and on paper", async () => {
+  const address = publishWideBoard();
+  const scratch = await browser.newPage();
+  await visit(address, async (page) => {
+    const light = await page.evaluate(look);
+    assert.equal(light.number, "right");
+    assert.equal(light.heading, "700");
+    assert.equal(new Set([light.up, light.down, light.text]).size, 3);
+    assert.notEqual(light.bar, "none");
+    assert.equal(light.isWide, false);
+    assert.ok(await brightness(scratch, await page.screenshot()) > 200, "the light page is dark");
+
+    await page.emulateMedia({ colorScheme: "dark" });
+    const dark = await page.evaluate(look);
+    assert.notEqual(dark.text, light.text);
+    assert.ok(await brightness(scratch, await page.screenshot()) < 70, "the dark page is light");
+
+    await page.emulateMedia({ media: "print" }); // still in dark mode
+    const paper = await page.evaluate(look);
+    assert.equal(paper.bar, "none");
+    assert.equal(paper.background, 1);
+
+    for (const { contrasts } of [light, dark, paper]) {
+      contrasts.forEach((contrast) => assert.ok(contrast >= 4.5, `contrasts: ${contrasts}`));
+    }
+  });
+  await scratch.close();
+});
+
+test("the status board fits on a phone, whatever the names and sizes", async () => {
+  const phone = await browser.newPage({ viewport: { width: 360, height: 640 }, isMobile: true, hasTouch: true });
+  await phone.goto(publishWideBoard());
+  const found = await phone.evaluate(look);
+  assert.equal(found.width, 360);
+  assert.equal(found.isWide, false, "the page must be scrolled sideways");
+  assert.notEqual(found.bar, "none");
+  await phone.close();
+});
+
+test("a screen reader reads states and the use of file systems", async () => {
+  await visit(publishWideBoard(), async (page) => {
+    assert.equal(await page.getByRole("meter").count(), 2);
+    assert.equal(await page.getByRole("meter", { name: "Use of /proc", exact: true }).count(), 1);
+    const { tables } = await page.evaluate(shown);
+    assert.deepEqual(tables[2].at(-1), ["/proc", "proc", "400.0 KiB", "400.0 KiB", " 100 %"]);
+    assert.deepEqual(tables[3].slice(1), [["eth0", "down"], ["interface-name", "up"]]);
+  });
+});
+
+test("the status board keeps its look under the content security policy of the documents", async () => {
+  const security = fs.readFileSync(path.join(DOCUMENTS, "security.md"), "utf8");
+  const [, policy] = security.match(/`(default-src 'none'; style-src 'sha256-[^`]*)`/);
+  publishWideBoard();
+  const [, address] = addresses("wide.html");
+  for (const [header, expected] of [[policy, "right"], ["default-src 'none'", "start"]]) {
+    const page = await browser.newPage();
+    await page.route(address, async (route) => {
+      const response = await route.fetch();
+      await route.fulfill({ response, headers: { ...response.headers(), "Content-Security-Policy": header } });
+    });
+    await page.goto(address);
+    assert.equal((await page.evaluate(look)).number, expected, header);
+    await page.close();
+  }
+});
+
 test("pictures for the documents", { skip: ORV_SCREENSHOTS ? false : "only made on request" }, async () => {
-  const page = path.join(folder, "picture.html");
-  execFileSync(STATUSBOARD, ["--page", page, STATUSBOARD_CONF], { stdio: ["ignore", "ignore", "inherit"] });
-  await visit(pathToFileURL(page).href, (shownPage) =>
-    shownPage.screenshot({ path: path.join(ORV_SCREENSHOTS, "statusboard.png"), fullPage: true }));
+  // script/browser mounts a file system of its own at each of these places.
+  const mounts = { "/": "ext4", "/boot": "vfat", "/media": "vfat", "/srv": "ext4" };
+  publishMachine("picture.html", STATUSBOARD_CONF, {
+    host: ["panel-7"],
+    loadavg: ["0.21 0.18 0.12 1/84 2201"],
+    uptime: ["1062245.18 1901320.44"],
+    mounts: Object.entries(mounts).map(([point, kind]) => `dev ${point} ${kind} rw 0 0`),
+    space: ["4096 485376 228120 /", "512 131072 93870 /boot", "16384 978944 24012 /media", "4096 7594240 1262800 /srv"],
+    interfaces: ["1 wlan0", "65 eth0", "65 lo"],
+  });
+  const page = await browser.newPage({ viewport: { width: 720, height: 400 }, deviceScaleFactor: 2 });
+  await page.goto(pathToFileURL(path.join(folder, "picture.html")).href);
+  for (const [colorScheme, name] of [["light", "statusboard.png"], ["dark", "statusboard-dark.png"]]) {
+    await page.emulateMedia({ colorScheme });
+    await page.screenshot({ path: path.join(ORV_SCREENSHOTS, name), fullPage: true });
+  }
+  await page.close();
 });

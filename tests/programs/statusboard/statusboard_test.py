@@ -5,6 +5,8 @@ Usage: statusboard_test.py MACHINE [EMULATOR...] PROGRAM     MACHINE: the librar
 Ends with 77 when a test was skipped, which fails where ORV_NO_SKIP is set.
 """
 
+import base64
+import hashlib
 import os
 import re
 import resource
@@ -19,8 +21,14 @@ import unittest
 
 import orv_test
 from oracle import LINES, PAGE_FOOTER, PAGE_HEADER, logged, temporary_page
-from pages import HOSTILE_NAMES, Page, text, without_capabilities
+from pages import ALL_BYTES, HOSTILE_NAMES, Page, text, without_capabilities
 
+# What cells of the board contain besides text; see pages.Page.
+MARKUP = {
+    "title": ("td",), "meta": ("td", "name", "content"), "style": ("td",), "b": ("td", "class"),
+    "meter": ("td", "max", "low", "high", "optimum", "value", "aria-label"),
+}  # fmt: skip
+UNITS = ("B", "KiB", "MiB", "GiB", "TiB", "PiB", "EiB", "ZiB", "YiB")
 MACHINE = []
 PROGRAM = []
 USAGE = "Usage: statusboard [--watch] [--page PATH] SETTINGS_FILE\n"
@@ -54,6 +62,12 @@ def logged_safe(line):
     return f"[3] orv_safe: {line}\n"
 
 
+def in_bytes(size):
+    """The number that a size with a unit stands for; it has one digit after the point."""
+    number, unit = size.split(" ")
+    return float(number) * 1024 ** UNITS.index(unit)
+
+
 def shown(name):
     """Decodes bytes as a browser does."""
     return name.decode("utf-8", "replace")
@@ -83,6 +97,10 @@ class StatusboardTest(unittest.TestCase):
     def read(self, path):
         with open(path, "rb") as file:
             return file.read()
+
+    def as_parsed(self, name):
+        """The text of its cell. The parser drops references of these control characters; browsers show them."""
+        return re.sub("[\x01-\x08\x0b\x0e-\x1f\x7f]", "", shown(name))
 
     def settings_file(self, **changes):
         settings = {**self.settings, **changes}
@@ -121,7 +139,7 @@ class StatusboardTest(unittest.TestCase):
         self.assertEqual(PAGE_HEADER, raw[:340])
         self.assertEqual(PAGE_FOOTER, raw[-len(PAGE_FOOTER) :])
         self.assertNotIn(b"\n", raw)
-        page = Page(raw)
+        page = Page(raw, MARKUP)
         self.assertEqual([], page.foreign)
         self.assertEqual([], page.open)
         return page
@@ -145,10 +163,8 @@ class PageTest(StatusboardTest):
 
         self.assert_published(self.settings_file())
 
-        # The parser drops references of these control characters. Browsers show them: see script/browser.
-        dropped = re.compile("[\x01-\x08\x0b\x0e-\x1f\x7f]")
-        expected = sorted([name, b"%d" % size] for size, name in enumerate(HOSTILE_NAMES))
-        self.assertEqual([[dropped.sub("", shown(cell)) for cell in row] for row in expected], self.read_page().tables[4][1:])
+        expected = sorted([name, b"%d B" % size] for size, name in enumerate(HOSTILE_NAMES))
+        self.assertEqual([[self.as_parsed(cell) for cell in row] for row in expected], self.read_page().tables[4][1:])
 
     def test_only_special_bytes_and_the_digits_after_them_become_references(self):
         for name in HOSTILE_NAMES:
@@ -160,7 +176,7 @@ class PageTest(StatusboardTest):
         expected = [specials.sub(lambda run: b"".join(b"&#%d" % byte for byte in run[0]), shown(name).encode())
                     for name in HOSTILE_NAMES]  # fmt: skip
         last_table = self.read(self.page).split(b"<table")[-1]
-        self.assertEqual(sorted(expected), sorted(re.findall(rb"<tr><td>([^<]*)</td><td>0</td></tr>", last_table)))
+        self.assertEqual(sorted(expected), sorted(re.findall(rb"<tr><td>([^<]*)</td><td>0 B<", last_table)))
 
     def test_every_other_cell_is_escaped_too(self):
         title = "<h1>\"Tests\" & more</h1>; 1,2:34 \0."
@@ -170,8 +186,8 @@ class PageTest(StatusboardTest):
         self.assert_published(self.settings_file(title=title, directory=watched))
 
         tables = self.read_page().tables
-        self.assertEqual([title.replace("\0", "\ufffd"), ""], tables[0][0])
-        self.assertEqual([["Files in " + watched, "Bytes"]], tables[4])
+        self.assertEqual([title.replace("\0", "\ufffd")] * 2, tables[0][0])  # the second one is the title of the window
+        self.assertEqual([["Files in " + watched, "Size"]], tables[4])
 
     def test_five_tables_have_headings_and_full_rows_and_spacers_between(self):
         self.write(os.path.join(self.watched, "file"), b"12345")
@@ -180,12 +196,12 @@ class PageTest(StatusboardTest):
 
         page = self.read_page()
         self.assertEqual(["table", "p"] * 4 + ["table"], page.layout)
-        headings = [["A title", ""], ["System", ""], ["File system", "Type", "MiB", "MiB used", "Use"],
-                    ["Network interface", "State"], ["Files in " + self.watched, "Bytes"]]  # fmt: skip
+        headings = [["A title", "A title"], ["System", ""], ["File system", "Type", "Size", "Used", "Use"],
+                    ["Network interface", "State"], ["Files in " + self.watched, "Size"]]  # fmt: skip
         self.assertEqual(headings, [table[0] for table in page.tables])
         for table in page.tables:
             self.assertEqual({len(table[0])}, {len(row) for row in table})
-        self.assertEqual([["file", "5"]], page.tables[4][1:])
+        self.assertEqual([["file", "5 B"]], page.tables[4][1:])
 
     def test_the_page_is_utf_8_and_refreshes_every_10_seconds(self):
         self.assert_published(self.settings_file())
@@ -193,6 +209,27 @@ class PageTest(StatusboardTest):
         expected = [{"content": "text/html; charset=utf-8", "http-equiv": "Content-Type"},
                     {"http-equiv": "refresh", "content": "10"}]  # fmt: skip
         self.assertEqual(expected, self.read_page().metas)
+
+    def test_sizes_have_a_unit_and_at_most_three_digits_before_the_point(self):
+        sizes = {"0 B": 0, "1 B": 1, "999 B": 999, "1.0 KiB": 1000, "1.1 KiB": 1127, "1.5 KiB": 1536, "999.9 KiB": 1023948,
+                 "1.0 MiB": 1023949, "1.0 GiB": 1 << 30, "5.0 GiB": 5 << 30}  # fmt: skip
+        for name, size in sizes.items():
+            os.truncate(self.write(os.path.join(self.watched, name)), size)
+
+        self.assert_published(self.settings_file())
+
+        self.assertEqual(sorted([name, name] for name in sizes), self.read_page().tables[4][1:])
+
+    def test_the_look_is_one_style_whose_hash_security_md_gives(self):
+        self.assert_published(self.settings_file())
+
+        page = self.read_page()
+        self.assertEqual([("title", {}), ("meta", {"name": "viewport", "content": "width=device-width"}), ("style", {})],
+                         page.inside[:3])  # fmt: skip
+        self.assertEqual([], [tag for tag, _ in page.inside[3:] if tag in ("title", "meta", "style")])
+        (style,) = page.styles
+        digest = base64.b64encode(hashlib.sha256(style.encode()).digest()).decode()
+        self.assertEqual([f"'sha256-{digest}'"], re.findall("'sha256-.*?'", orv_test.read("docs", "security.md")))
 
     def test_the_table_file_is_beside_the_page(self):
         self.assert_published(self.settings_file())
@@ -270,11 +307,11 @@ class SystemTest(StatusboardTest):
         for point, kind, size, used, use in rows:
             space = os.statvfs(point)
             self.assertIn([point, kind], unescaped)
-            self.assertEqual(space.f_blocks * space.f_frsize >> 20, int(size))
-            self.assertLessEqual(int(used), int(size))
-            self.assertLessEqual(int(use.removesuffix(" %")), 100)
-            if int(size) > 0:
-                self.assertAlmostEqual(100 * int(used) / int(size), int(use.removesuffix(" %")), delta=100 / int(size) + 1)
+            capacity = space.f_blocks * space.f_frsize
+            self.assertAlmostEqual(capacity, in_bytes(size), delta=0.06 * capacity)
+            self.assertLessEqual(in_bytes(used), in_bytes(size))
+            percent = int(use.removeprefix(" ").removesuffix(" %"))
+            self.assertAlmostEqual(100 * in_bytes(used) / capacity, percent, delta=7)
         self.assertEqual(set(), {os.stat(point).st_dev for point, _ in unescaped if self.has_space(point)} - shown)
 
     def has_space(self, point):
@@ -307,7 +344,7 @@ class KnownMachineTest(StatusboardTest):
 
     def describe(self, **files):
         for name, content in files.items():
-            self.write(os.path.join(self.machine, name), content.encode())
+            self.write(os.path.join(self.machine, name), os.fsencode(content))
 
     def run_there(self, *arguments, **files):
         self.describe(**files)
@@ -346,12 +383,58 @@ class KnownMachineTest(StatusboardTest):
             space=f"4096 1000000 250000 {first}\n4096 1 1 {again}\n1024 3 0 /proc\n1024 1 1 {missing}\n"
                   "1024 0 0 /sys\n")  # fmt: skip
 
-        self.assertEqual([[first, "ext4", "3906", "2929", "75 %"], ["/proc", "proc", "0", "0", "100 %"]], tables[2][1:])
+        self.assertEqual([[first, "ext4", "3.8 GiB", "2.9 GiB", " 75 %"], ["/proc", "proc", "3.0 KiB", "3.0 KiB", " 100 %"]],
+                         tables[2][1:])  # fmt: skip
+        self.assertEqual([self.meter(75, first), self.meter(100, "/proc")],
+                         [one for one in self.read_page().inside if one[0] == "meter"])  # fmt: skip
 
-    def test_a_file_system_beyond_four_thousand_million_blocks(self):
-        tables = self.tables_of(mounts=f"dev {self.dir} xfs rw 0 0\n", space=f"4096 5000000000 1250000000 {self.dir}\n")
+    def meter(self, percent, point):
+        return ("meter", {"max": "100", "low": "80", "high": "90", "optimum": "0", "value": str(percent),
+                          "aria-label": f"Use of {point}"})  # fmt: skip
 
-        self.assertEqual([[self.dir, "xfs", "19531250", "14648437", "75 %"]], tables[2][1:])
+    def test_file_systems_of_every_size(self):
+        most = (1 << 64) - 1
+        for block_bytes, blocks, free, expected in (
+            (4096, 5000000000, 1250000000, ["18.6 TiB", "14.0 TiB", " 75 %"]),
+            (4096, 3 << 38, 3 << 37, ["3.0 PiB", "1.5 PiB", " 50 %"]),
+            (4096, 9 << 48, 1, ["9.0 EiB", "9.0 EiB", " 99 %"]),
+            (1 << 16, most, 0, ["1.0 YiB", "1.0 YiB", " 100 %"]),
+            (1 << 31, most, most, ["32768.0 YiB", "0 B", " 0 %"]),
+            (512, most, 1 << 62, ["8.0 ZiB", "6.0 ZiB", " 75 %"]),
+            (1, 1, 1, ["1 B", "0 B", " 0 %"]),
+            (0, 7, 0, ["0 B", "0 B", " 100 %"]),
+            (1024, 100, 101, ["100.0 KiB", "0 B", " 0 %"]),  # a file system with an error
+        ):
+            with self.subTest(block_bytes=block_bytes, blocks=blocks, free=free):
+                tables = self.tables_of(mounts=f"dev {self.dir} xfs rw 0 0\n",
+                                        space=f"{block_bytes} {blocks} {free} {self.dir}\n")  # fmt: skip
+
+                self.assertEqual([[self.dir, "xfs", *expected]], tables[2][1:])
+
+    def test_hostile_names_of_mount_points_and_types(self):
+        blanks = {ord(byte): f"\\{ord(byte):03o}" for byte in " \t\\"}  # as the kernel writes them
+        for name in (b"<script>alert(1)", b"a;5,6:7", b"\"><b>'", b"&#60;&lt", b" a\tb\\c#\r\x1b", b"\xff\xfe;9\x80", b"<" * 255,
+                     b"\xff;" * 127, ALL_BYTES.replace(b"\n", b"")):  # fmt: skip
+            with self.subTest(name=name):
+                point = os.path.join(self.dir, text(name))
+                os.mkdir(point)
+                kind = text(name.translate(None, b" \t\r\\"))
+
+                tables = self.tables_of(mounts=f"dev {point.translate(blanks)} fuse.{kind} rw 0 0\n",
+                                        space=f"4096 100 7 {point}\n")  # fmt: skip
+
+                expected = [self.as_parsed(os.fsencode(point)), self.as_parsed(b"fuse." + os.fsencode(kind))]
+                self.assertEqual([[*expected, "400.0 KiB", "372.0 KiB", " 93 %"]], tables[2][1:])
+                self.assertIn(self.meter(93, expected[0]), self.read_page().inside)
+
+    def test_hostile_names_of_the_host_and_of_interfaces(self):
+        names = [b"<b>", b"a;b,c:d", b"\"'&#60", b"\xff\xfe", b"eth0:1", b"<!--<td>"]
+        for name in names:
+            with self.subTest(name=name):
+                tables = self.tables_of(host=text(name), interfaces=f"1 {text(name)}\n")
+
+                self.assertEqual(["Host", shown(name)], tables[0][1])
+                self.assertEqual([[shown(name), "down"]], tables[3][1:])
 
     def test_an_interface_is_up_if_it_runs(self):
         up, running, loopback = 0x1, 0x40, 0x8
@@ -361,6 +444,8 @@ class KnownMachineTest(StatusboardTest):
         tables = self.tables_of(interfaces="".join(f"{flags} {name}\n" for flags, name in lines))
 
         self.assertEqual([["eth0", "up"], ["off", "down"], ["no-carrier", "down"], ["lo", "up"]], tables[3][1:])
+        self.assertEqual(["up", "down", "down", "up"],
+                         [attributes["class"] for tag, attributes in self.read_page().inside if tag == "b"])  # fmt: skip
 
     def test_a_signal_ends_a_watch_once_the_page_is_complete_and_any_other_run_at_once(self):
         for number in (signal.SIGTERM, signal.SIGINT):
@@ -404,7 +489,7 @@ class PlaceTest(StatusboardTest):
         for _ in range(2):
             self.assert_published(settings)
 
-            self.assertEqual([["a;b", "0"]], self.read_page(page).tables[4][1:])
+            self.assertEqual([["a;b", "0 B"]], self.read_page(page).tables[4][1:])
             self.assertEqual(["page.html", "page.html.txt"], sorted(os.listdir(os.path.dirname(page))))
 
     def test_an_existing_directory_of_the_page_keeps_its_mode(self):
@@ -425,7 +510,7 @@ class PlaceTest(StatusboardTest):
             old.seek(0)
             self.assertEqual(before, old.read())
         self.assertIn(b"\nFiles in ", b"\n" + self.read(self.page + ".txt"))
-        self.assertIn(b";new:0;", self.read(self.page + ".txt"))
+        self.assertIn(b";new:0 B;", self.read(self.page + ".txt"))
 
     def test_missing_directories_of_the_page_are_made(self):
         page = os.path.join(self.out, "one", "two", "page.html")
