@@ -684,6 +684,17 @@ TEST_F(WriteSettingsTest, OpensNothingThatOtherProgramsInherit)
     EXPECT_TRUE(WriteSettings(file, {{"a", "2"}}));
 }
 
+TEST_F(WriteSettingsTest, ClosesOnlyWhatItOpened)
+{
+    const ScopedTrace trace;
+
+    EXPECT_EQ("a=2\n", Write("a=1\n", {{"a", "2"}}));
+
+    for (const std::string& call : trace.Calls()) {
+        EXPECT_EQ(std::string::npos, call.find("close(-")) << call;
+    }
+}
+
 TEST_F(WriteSettingsTest, EndsInALoopThatAppearsMeanwhile)
 {
     const std::string file = dir_.Write("file", "a=1\n");
