@@ -4,7 +4,8 @@
   docs_test.py diagnostics    docs/diagnostics.md has each line of src/LxFileUtils.cpp, with cause and remedy
   docs_test.py error_numbers  its error numbers are those of the system
   docs_test.py caveats        docs/caveats.md names tests that exist, and has a row with an asterisk for each comment of
-                              the source that begins with Deliberate:
+                              the source that begins with Deliberate:; each row ends with the call of the safe companion
+                              that answers it, or with the reason why none does
   docs_test.py linker         the documents quote what the linker says of a program without the log
   docs_test.py versions       docs/versions.md names the SONAME and what find_package accepts; its commands replace the
                               libraries of a device
@@ -96,13 +97,22 @@ def deliberate_comments():
     return {name: part.count("// Deliberate:") for name, part in zip(["the top", *parts[1::2]], parts[::2])}
 
 
+def is_answered(advice, calls):
+    """Returns whether the advice ends with the calls that answer a caveat, or with the reason why none does."""
+    answer = re.search(r"(?:^|\. )(?:Answered by (`orv_safe::[^.]*)|No call answers this: [^|]+)\.$", advice)
+    named = re.findall(r"`orv_safe::(\w+)`", answer[1] or "") if answer else []
+    return answer is not None and calls.issuperset(named) and (answer[1] is None or bool(named))
+
+
 def caveats(_):
     document = orv_test.read("docs", "caveats.md")
     rows = {}
     for heading, part in re.findall(r"(?ms)^## ([\w ]+)(?:: `.*?)?\n(.*?)(?=^## |\Z)", document):
         rows[heading] = re.findall(r"(?m)^\| .* \|$", part)[1:]
     exist = names_of_tests()
-    problems = []
+    calls = {orv_test.function_name(one) for one in orv_test.declarations("safe", "safe.h")}
+    problems = [f"the row does not end with what answers it: {row}" for row in sum(rows.values(), [])
+                if not is_answered(row.split(" | ")[1], calls)]  # fmt: skip
     for row in sum(rows.values(), []):
         tests = re.fullmatch(r"(\w+\.\w+(?:, \w+\.\w+)*)(?: \*)?", row.split(" | ")[-1].rstrip("| "))
         problems += [] if tests else [f"the row does not end in names of tests: {row}"]
