@@ -496,7 +496,8 @@ private:
                 mode = WithoutGroup(mode);
             }
         }
-        if (Uninterrupted([&] { return fchmod(file, mode); }) != 0) {
+        // On a file system without modes, such as FAT, all files have the same one, and it cannot be changed.
+        if ((own.st_mode & kPermissionBits) != mode && Uninterrupted([&] { return fchmod(file, mode); }) != 0) {
             return Failed("fchmod");
         }
         return true;

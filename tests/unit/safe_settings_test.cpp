@@ -753,11 +753,11 @@ TEST_F(WriteSettingsTest, RefusesAFileWhosePathLeadsToAnotherFileSystemMeanwhile
 TEST_F(WriteSettingsTest, LetsNobodyElseReadAStagedFileWhosePermissionsAreNotSet)
 {
     const ScopedMask mask(0);
-    const std::string file = dir_.Write("file", "a=1\n", 0600);
+    const std::string file = dir_.Write("file", "a=1\n", 0640);
     const ScopedCall noName("tmpfile", /*nth=*/1, FailWith(EOPNOTSUPP));
     const ScopedCall beforeChmod("fchmod", /*nth=*/1, [this]() -> std::optional<long> {
         for (const std::string& name : dir_.Names()) {
-            EXPECT_EQ(0600u, ModeOf(dir_ / name));
+            EXPECT_EQ(name == "file" ? 0640u : 0600u, ModeOf(dir_ / name));
         }
         EXPECT_EQ(2u, dir_.Names().size());
         return std::nullopt;
@@ -766,6 +766,28 @@ TEST_F(WriteSettingsTest, LetsNobodyElseReadAStagedFileWhosePermissionsAreNotSet
     EXPECT_TRUE(WriteSettings(file, {{"a", "2"}}));
 
     EXPECT_EQ("a=2\n", ReadFile(file));
+    EXPECT_EQ(0640u, ModeOf(file));
+}
+
+TEST_F(WriteSettingsTest, SetsNoModeThatTheNewFileHasAlready)
+{
+    const std::string same = dir_.Write("same", "a=1\n", 0600);
+    const std::string other = dir_.Write("other", "a=1\n", 0640);
+    int calls = 0;
+    const ScopedCall noModes("fchmod", /*nth=*/1, [&calls] {
+        ++calls;
+        errno = EPERM;
+        return -1;
+    });
+
+    EXPECT_TRUE(WriteSettings(same, {{"a", "2"}}));
+    EXPECT_EQ(0, calls);
+    EXPECT_EQ("a=2\n", ReadFile(same));
+
+    EXPECT_FALSE(WriteSettings(other, {{"a", "2"}}));
+    EXPECT_EQ(1, calls);
+    EXPECT_EQ("a=1\n", ReadFile(other));
+    ExpectSafeLines({SafeLine("WriteSettings", "fchmod", other, EPERM)});
 }
 
 TEST_F(WriteSettingsTest, RefusesWhatIsNotARegularFile)
