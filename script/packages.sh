@@ -7,7 +7,7 @@ tool="libcli11-dev nlohmann-json3-dev libcsv-dev"
 # For the tests of what the project delivers, which compile, install and read it.
 artifacts="binutils make pkg-config g++-11 clang mandoc doxygen systemd"
 # The campaigns read error numbers from manual pages, and pages with a parser of HTML.
-campaigns="manpages-dev e2fsprogs xfsprogs btrfs-progs squashfs-tools erofs-utils libfuse3-dev pkg-config"
+campaigns="manpages-dev e2fsprogs dosfstools xfsprogs btrfs-progs squashfs-tools erofs-utils libfuse3-dev pkg-config"
 campaigns="$campaigns python3-html5lib"
 emulated="$tests googletest qemu-user"
 target="$emulated g++-powerpc-linux-gnu"

@@ -6,8 +6,9 @@
 //   read-eio write-eio     reading or writing fails from byte 8192 on
 //   short-read short-write a call reads or writes at most 1000 bytes
 //   flush-eio              closing fails
-//   stick                  no links, and nobody may change modes and owners, as on a stick with FAT that root has
-//   mounted list-eio               a directory that cannot be read after its first file
+//   stick                  no links; everything belongs to root and has mode 0777, and that cannot be changed, as on a
+//                          stick with FAT that root has mounted with umask=000
+//   list-eio               a directory that cannot be read after its first file
 // Every inode number is above 2^32.
 
 #define FUSE_USE_VERSION 31
@@ -79,6 +80,11 @@ int Getattr(const char* path, struct stat* status, fuse_file_info* file)
 {
     const int outcome = Outcome(path == nullptr ? fstat(Descriptor(file), status) : lstat(Real(path).c_str(), status));
     status->st_ino += kFarInode;
+    if (Asks(path, "stick")) {
+        status->st_uid = 0;
+        status->st_gid = 0;
+        status->st_mode |= S_IRWXU | S_IRWXG | S_IRWXO;
+    }
     return outcome;
 }
 
@@ -160,7 +166,8 @@ int Create(const char* path, mode_t mode, fuse_file_info* file)
         return -EIO;
     }
     const int descriptor = open(Real(path).c_str(), file->flags, mode);
-    if (descriptor != -1 && fchown(descriptor, fuse_get_context()->uid, fuse_get_context()->gid) != 0) {
+    if (descriptor != -1 && !Asks(path, "stick") &&
+        fchown(descriptor, fuse_get_context()->uid, fuse_get_context()->gid) != 0) {
         const int error = errno;
         close(descriptor);
         return -error;
