@@ -53,6 +53,7 @@ AIMS = [
     (r"^trim/", 1.05, {"Abseil": 1.0, "Boost": 1.0}),
     (r"^row/cells:8$", 1.0, {"Abseil": 0.55}),
     (r"^row/", 1.0, {}),
+    (r"^publish/", 1.30, {}),
     (r"^page/rows:10$", 1.35, {".": 0.60}),
     (r"^page/", 2.2, {".": 0.60}),
     (r"^name_value/.*:100$", 1.75, {"inih": 1.0, "GKeyFile": 1.0}),

@@ -1,6 +1,7 @@
 // Benchmarks of table rows, and of pages made from table files.
 
 #include "LxFileUtils.h"
+#include "safe.h"
 #include "support/bench.h"
 #include "support/files.h"
 
@@ -331,23 +332,34 @@ bool StreamPage(const Page& paths, const WriteTable& writeTable)
     return page && std::rename(paths.temp.c_str(), paths.page.c_str()) == 0;
 }
 
+bool Generate(const Page& paths)
+{
+    orv_fileutils::GenHtmlPagefromTextFile(paths.textFile.c_str(), paths.page.c_str());
+    return true;
+}
+
 void AddPage(const std::string& name, std::size_t tables, std::size_t rows, std::size_t cells)
 {
     const std::size_t heavyTables = 20000;
 
-    const Workload workload = {"page/" + name,
-                               static_cast<double>(tables * rows),
-                               "row",
-                               /*calls=*/tables >= heavyTables ? 1 : 0,
-                               /*heavy=*/tables >= heavyTables,
-                               /*inMemory=*/true};
+    const auto workloadOf = [=](const char* family) {
+        return Workload{family + name,
+                        static_cast<double>(tables * rows),
+                        "row",
+                        /*calls=*/tables >= heavyTables ? 1 : 0,
+                        /*heavy=*/tables >= heavyTables,
+                        /*inMemory=*/true};
+    };
     const auto make = [=] {
         return Page(Shared("tables_" + name, [=](const std::string& path) { MakeTables(path, tables, rows, cells); }));
     };
-    Add(workload, "ours", make, [](const Page& paths) {
-        orv_fileutils::GenHtmlPagefromTextFile(paths.textFile.c_str(), paths.page.c_str());
-        return true;
-    });
+    // The floor of a page that is checked is the page that is not.
+    const Workload published = workloadOf("publish/");
+    Add(published, "ours", make, [](const Page& paths) { return orv_safe::PublishPage(paths.textFile, paths.page); });
+    Add(published, "floor", make, Generate);
+
+    const Workload workload = workloadOf("page/");
+    Add(workload, "ours", make, Generate);
     Add(workload, "floor", make, FloorPage);
     Add(workload, "streams", make, [](const Page& paths) { return StreamPage(paths, StringStreamTable); });
     Add(workload, "streams with views", make, [](const Page& paths) { return StreamPage(paths, ViewTable); });
