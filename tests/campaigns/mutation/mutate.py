@@ -8,9 +8,9 @@ The folders are src, strutils, dlog and examples unless others are named: safe o
 of the project with its compile commands. Each mutant is compiled as that build compiles it, but at -O1, and linked as
 that build links it. Mutants that survive its tests go on to the sanitized builds.
 
-The tests run in name spaces of their own, as root: the root file system read-only, /var/tmp and /dev/shm small ones in
-memory, every process ended with the mutant. So a mutant that loops, fills the disk or removes what it should not does
-no harm.
+The tests run in name spaces of their own, as root: the root file system and /dev read-only, /var/tmp and /dev/shm small
+ones in memory, every process ended with the mutant. So a mutant that loops, fills the disk or removes what it should
+not does no harm.
 
 A mutant is killed when a test fails or runs out of time. One that the compiler turns into the same code as the source
 cannot be. Any other that survives must be listed in equivalent.txt beside this file, with the reason why no test can
@@ -104,6 +104,9 @@ SANDBOX = """
 set -e
 mount --bind /etc /etc  # a test wants it writable, for others than its user
 mount -o remount,ro,bind /
+if mountpoint -q /dev; then
+    mount -o remount,ro,bind /dev  # devices still take what is written to them
+fi
 for directory in /var/tmp /dev/shm; do
     mount -t tmpfs -o size=512m,mode=1777 none "$directory"
 done
