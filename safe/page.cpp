@@ -291,27 +291,22 @@ public:
 private:
     int Take() const
     {
-        const auto create = [this] {
-            return open(path_.c_str(), O_CREAT | O_EXCL | O_NOFOLLOW | O_RDWR | O_CLOEXEC, kPageMode);
-        };
+        const auto create = [this] { return open(path_.c_str(), O_RDONLY | O_CREAT | O_EXCL | O_CLOEXEC, kPageMode); };
         const int file = Uninterrupted(create);
         if (file != -1 || errno != EEXIST) {
             return file;
         }
-        return RemoveLeftover() ? Uninterrupted(create) : -1;
+        RemoveLeftover();
+        return Uninterrupted(create);  // EEXIST again unless that removed it
     }
 
-    // Removes the file that a killed process with this id has left. What others have put here stays; then errno is
-    // EEXIST.
-    bool RemoveLeftover() const
+    // Removes the file that a killed process with this id has left. What others have put here stays.
+    void RemoveLeftover() const
     {
         struct stat status;
-        const bool isOurs = lstat(path_.c_str(), &status) == 0 && S_ISREG(status.st_mode) && status.st_uid == geteuid();
-        if (isOurs && unlink(path_.c_str()) == 0) {
-            return true;
+        if (lstat(path_.c_str(), &status) == 0 && S_ISREG(status.st_mode) && status.st_uid == geteuid()) {
+            (void)unlink(path_.c_str());
         }
-        errno = EEXIST;
-        return false;
     }
 
     // The copy is made from the open file, not from its name.
