@@ -5,6 +5,7 @@
 //   space              a line for each file system: "BLOCK_BYTES BLOCKS FREE_BLOCKS MOUNT_POINT"
 //   interfaces         a line for each address of a network interface: "FLAGS NAME"
 //   signal             the number of a signal that comes while the status board asks for the name
+//   full               the medium is full, which is reported when the new tables are closed
 // Without its file, a call fails, and no signal comes. What the status board should not use is wrong. A flush to the
 // medium ends it.
 
@@ -14,8 +15,10 @@
 #include <signal.h>
 #include <sys/statvfs.h>
 #include <sys/utsname.h>
+#include <unistd.h>
 
 #include <cerrno>
+#include <climits>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
@@ -39,6 +42,14 @@ std::string InsteadOf(const std::string& path)
 {
     const bool isDescribed = path.compare(0, 6, "/proc/") == 0 && path.compare(0, 11, "/proc/self/") != 0;
     return isDescribed ? Described(path.substr(6)) : path;
+}
+
+bool IsNamed(FILE* file, const std::string& end)
+{
+    char path[PATH_MAX] = {};
+    const std::string link = "/proc/self/fd/" + std::to_string(fileno(file));
+    const ssize_t length = readlink(link.c_str(), path, sizeof path - 1);
+    return length >= static_cast<ssize_t>(end.size()) && path + length - end.size() == end;
 }
 
 template <typename Status>
@@ -100,6 +111,14 @@ EXPORTED FILE* fopen(const char* path, const char* mode)
 EXPORTED FILE* fopen64(const char* path, const char* mode)
 {
     return Next(fopen64, "fopen64")(InsteadOf(path).c_str(), mode);
+}
+
+EXPORTED int fclose(FILE* file)
+{
+    const bool isFull = access(Described("full").c_str(), F_OK) == 0 && IsNamed(file, ".txt.new");
+    const int result = Next(fclose, "fclose")(file);
+    errno = isFull ? ENOSPC : errno;
+    return isFull ? EOF : result;
 }
 
 EXPORTED FILE* setmntent(const char* path, const char* mode) noexcept

@@ -398,6 +398,7 @@ class KnownMachineTest(StatusboardTest):
             (4096, 5000000000, 1250000000, ["18.6 TiB", "14.0 TiB", " 75 %"]),
             (4096, 3 << 38, 3 << 37, ["3.0 PiB", "1.5 PiB", " 50 %"]),
             (4096, 9 << 48, 1, ["9.0 EiB", "9.0 EiB", " 99 %"]),
+            (1, int(999.95 * 2**50), 0, ["1.0 EiB", "1.0 EiB", " 100 %"]),  # would be rounded to 1000.0 PiB
             (1 << 16, most, 0, ["1.0 YiB", "1.0 YiB", " 100 %"]),
             (1 << 31, most, most, ["32768.0 YiB", "0 B", " 0 %"]),
             (512, most, 1 << 62, ["8.0 ZiB", "6.0 ZiB", " 75 %"]),
@@ -458,6 +459,11 @@ class KnownMachineTest(StatusboardTest):
                 os.unlink(self.page)
                 os.unlink(self.page + ".txt")
 
+    def test_a_full_disk_that_is_reported_late_publishes_nothing(self):
+        self.assertEqual((1, f"statusboard: cannot write '{self.page}.txt.new': No space left on device\n"),
+                         self.run_there(full=""))  # fmt: skip
+        self.assertEqual([], os.listdir(self.out))
+
     def test_a_machine_that_tells_nothing(self):
         tables = self.tables_of()
 
@@ -511,6 +517,15 @@ class PlaceTest(StatusboardTest):
             self.assertEqual(before, old.read())
         self.assertIn(b"\nFiles in ", b"\n" + self.read(self.page + ".txt"))
         self.assertIn(b";new:0 B;", self.read(self.page + ".txt"))
+
+    def test_a_link_at_the_new_tables_is_replaced_and_not_followed(self):
+        other = self.write(os.path.join(self.dir, "other"), b"other")
+        os.symlink(other, self.page + ".txt.new")
+
+        self.assert_published(self.settings_file())
+
+        self.assertEqual(b"other", self.read(other))
+        self.assertEqual(["page.html", "page.html.txt"], sorted(os.listdir(self.out)))
 
     def test_missing_directories_of_the_page_are_made(self):
         page = os.path.join(self.out, "one", "two", "page.html")
