@@ -4,9 +4,9 @@
   mutate.py --build DIR [--sanitized DIR]... [FOLDER...] [--sample N] [--jobs N] [--report FILE]
   mutate.py --build DIR --list [FOLDER...]           prints the mutants and runs nothing
 
-The folders are src, strutils, dlog and examples unless others are named: safe or tools. DIR holds a build
-of the project with its compile commands. Each mutant is compiled as that build compiles it, but at -O1, and linked as
-that build links it. Mutants that survive its tests go on to the sanitized builds.
+The folders are all but tools, unless some are named. DIR holds a build of the project with its compile commands. Each
+mutant is compiled as that build compiles it, but at -O1, and linked as that build links it. Mutants that survive its
+tests go on to the sanitized builds.
 
 The tests run in name spaces of their own, as root: the root file system and /dev read-only, /var/tmp and /dev/shm small
 ones in memory, every process ended with the mutant. So a mutant that loops, fills the disk or removes what it should
@@ -89,7 +89,7 @@ SUBJECTS = {
     **{path: [Product("orv_safe_tests", tests=SAFE_TESTS[os.path.basename(path)])] for path in sources("safe")},
     **{path: [ORVFILE] for path in sources("tools")},
 }
-NOT_BY_DEFAULT = {"safe", "tools"}
+NOT_BY_DEFAULT = {"tools"}
 
 # LargeFileTest needs more room than a mutant is given; its subject is the width of file offsets, which none changes.
 NEVER = "*LargeFile*"
