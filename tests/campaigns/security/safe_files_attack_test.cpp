@@ -22,6 +22,7 @@
 #include <cstdlib>
 #include <new>
 #include <optional>
+#include <ostream>
 #include <string>
 
 namespace {
@@ -101,6 +102,12 @@ struct Attack {
     bool isMove;
     bool isNameless;  // the file system can create files without a name
 };
+
+// Otherwise the bytes are printed, also those between the members, which have no value.
+void PrintTo(const Attack& attack, std::ostream* out)
+{
+    *out << attack.name;
+}
 
 class SafeFilesAttackTest : public TwoFileSystemsTest, public ::testing::WithParamInterface<Attack> {
 protected:
