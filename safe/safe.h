@@ -237,11 +237,10 @@ struct PageOptions {
 ///
 /// The text is first read to its end, so a text that cannot be read makes no page. The page is made in
 /// "/var/tmp/TextToHtml_PID.tmp", where PID is the process id: in a new file, which is created under that name before
-/// the library opens it. Its size is compared with
-/// the size that the page of this text has, so an incomplete page is noticed, whatever cut it: a full disk, a failed
-/// write or a lack of memory. Then the page is renamed to `page`, or copied by `CopyFile` to another file system. A
-/// reader of `page` sees the old page or all of the new one. A symbolic link at `page` is replaced, not followed. The
-/// page has mode 0666 less the process's file-creation mask.
+/// the library opens it. Its size is compared with the size that the page of this text has, so an incomplete page is
+/// noticed, whatever cut it: a full disk, a failed write or a lack of memory. Then the page is renamed to `page`, or
+/// copied by `CopyFile` to another file system. A reader of `page` sees the old page or all of the new one. A symbolic
+/// link at `page` is replaced, not followed. The page has mode 0666 less the process's file-creation mask.
 ///
 /// If there is a file at the name in /var/tmp, it is removed if it is a regular file of this user (a killed process had
 /// this id). Everything else that is there was planted: it stays untouched, and the page is not made. /var/tmp must be
