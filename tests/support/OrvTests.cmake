@@ -2,6 +2,9 @@
 include(GoogleTest)
 
 set(ORV_TEST_SECONDS 300) # after this, a test counts as hanging
+# ctest starts tests of a high cost first, so that no processor waits for the last one. A script takes longer than a test
+# of a program.
+set(ORV_TEST_COST 0)
 
 # With an emulator or a sanitizer a program takes longer to start than most tests take to run.
 option(ORV_TEST_BY_SUITE "Run a suite of tests in one process, not each test in its own" OFF)
@@ -18,13 +21,13 @@ function(orv_add_python_test name script)
   orv_add_test(${name} ${Python3_EXECUTABLE} -B ${CMAKE_CURRENT_SOURCE_DIR}/${script} ${ARGN})
   set(environment PYTHONPATH=${PROJECT_SOURCE_DIR}/tests/support ORV_VERSION=${PROJECT_VERSION}
                   ORV_ORACLE=${CMAKE_RUNTIME_OUTPUT_DIRECTORY}/oracle.json)
-  set_tests_properties(${name} PROPERTIES SKIP_RETURN_CODE 77 ENVIRONMENT "${environment}")
+  set_tests_properties(${name} PROPERTIES SKIP_RETURN_CODE 77 ENVIRONMENT "${environment}" COST 10)
 endfunction()
 
 # orv_discover_tests(PROGRAM): adds each test of the program, to run in a process of its own.
 function(orv_discover_tests program)
   gtest_discover_tests(${program} DISCOVERY_MODE PRE_TEST PROPERTIES LABELS ${ORV_TEST_LABEL} TIMEOUT
-                       ${ORV_TEST_SECONDS})
+                       ${ORV_TEST_SECONDS} COST ${ORV_TEST_COST})
 endfunction()
 
 # orv_add_suites(PROGRAM SOURCE...): adds a test for each suite in the sources, and one that checks for other suites.
