@@ -49,6 +49,16 @@ protected:
         EXPECT_TRUE(run.answer.result == "true" || !run.lines.empty()) << "false without a line";
     }
 
+    // After a reader that was not killed: all items without a line, or the old ones.
+    void CheckReader(const TracedRun& run, const std::string& function, const Names& whole, const Names& old) const
+    {
+        if (!run.killed) {
+            CheckLines(run, function);
+            EXPECT_EQ(run.answer.result == "true" ? whole : old, run.answer.items);
+            EXPECT_TRUE(run.answer.result == "false" || run.lines.empty());
+        }
+    }
+
     void FailAndKill(const SafeScenario& scenario, bool pairs)
     {
         FailEachCall(scenario, counts_);
@@ -173,26 +183,21 @@ TEST_F(SafeListsCampaignTest, AListIsWholeOrAsItWas)
 TEST_F(SafeListsCampaignTest, SettingsAreReadWhollyOrNotAtAll)
 {
     const std::string file = memory_.Write("file", "a=1\n" + std::string(5000, '\n') + "b=2\n");
-    const SafeScenario scenario = {
-        "reading settings",
-        [] {},
-        [&] {
-            Settings settings = {{"a", "old"}};
-            const bool read = orv_safe::ReadSettings(file, settings);
-            Names items;
-            for (const auto& [name, value] : settings) {
-                items.push_back(name + "=" + value);
-            }
-            return BoolAnswer(read, items);
-        },
-        [&](const TracedRun& run) {
-            if (!run.killed) {
-                CheckLines(run, "ReadSettings");
-                EXPECT_EQ(run.answer.result == "true" ? (Names{"a=1", "b=2"}) : Names{"a=old"}, run.answer.items);
-                EXPECT_TRUE(run.answer.result == "false" || run.lines.empty());
-            }
-        },
-        {}};
+    const SafeScenario scenario = {"reading settings",
+                                   [] {},
+                                   [&] {
+                                       Settings settings = {{"a", "old"}};
+                                       const bool read = orv_safe::ReadSettings(file, settings);
+                                       Names items;
+                                       for (const auto& [name, value] : settings) {
+                                           items.push_back(name + "=" + value);
+                                       }
+                                       return BoolAnswer(read, items);
+                                   },
+                                   [&](const TracedRun& run) {
+                                       CheckReader(run, "ReadSettings", Names{"a=1", "b=2"}, Names{"a=old"});
+                                   },
+                                   {}};
     FailAndKill(scenario, /*pairs=*/true);
 
     EXPECT_LE(30, counts_.runs);
@@ -203,27 +208,22 @@ TEST_F(SafeListsCampaignTest, SettingsAreReadWhollyOrNotAtAll)
 TEST_F(SafeListsCampaignTest, FindingsAreWholeOrAsTheyWere)
 {
     const std::string file = memory_.Write("file", "[a]\n" + std::string(5000, '\n') + "b\n");
-    const SafeScenario scenario = {
-        "checking settings",
-        [] {},
-        [&] {
-            std::vector<orv_safe::SettingsFinding> findings(1);
-            findings[0].text = "old";
-            const bool checked = orv_safe::CheckSettings(file, findings);
-            Names items;
-            for (const orv_safe::SettingsFinding& finding : findings) {
-                items.push_back(std::to_string(finding.line) + " " + finding.text);
-            }
-            return BoolAnswer(checked, items);
-        },
-        [&](const TracedRun& run) {
-            if (!run.killed) {
-                CheckLines(run, "CheckSettings");
-                EXPECT_EQ(run.answer.result == "true" ? (Names{"1 [a]", "5002 b"}) : Names{"0 old"}, run.answer.items);
-                EXPECT_TRUE(run.answer.result == "false" || run.lines.empty());
-            }
-        },
-        {}};
+    const SafeScenario scenario = {"checking settings",
+                                   [] {},
+                                   [&] {
+                                       std::vector<orv_safe::SettingsFinding> findings(1);
+                                       findings[0].text = "old";
+                                       const bool checked = orv_safe::CheckSettings(file, findings);
+                                       Names items;
+                                       for (const orv_safe::SettingsFinding& finding : findings) {
+                                           items.push_back(std::to_string(finding.line) + " " + finding.text);
+                                       }
+                                       return BoolAnswer(checked, items);
+                                   },
+                                   [&](const TracedRun& run) {
+                                       CheckReader(run, "CheckSettings", Names{"1 [a]", "5002 b"}, Names{"0 old"});
+                                   },
+                                   {}};
     FailAndKill(scenario, /*pairs=*/true);
 
     EXPECT_LE(30, counts_.runs);
