@@ -45,7 +45,7 @@ void Require(bool condition, const std::string& message)
 
 // The look of the page. A table file ends a row at a semicolon and a cell at a comma, so each rule has one declaration.
 // The page has no document type where browsers look for it, and tables then inherit no font size: td sets it.
-// docs/security.md has the hash of the style, for a content security policy.
+// A content security policy names the hash of this style: see docs/security.md.
 const char kLook[] =
     "<meta name=\"viewport\" content=\"width=device-width\">"
     "<style>"

@@ -153,7 +153,7 @@ void PublishRaceTest::RunRacer(const std::string& directory, int racer) const
         const std::string text = own + "/text";
         WriteFile(text, TextOf(racer, round));
         Wait();
-        const bool published = orv_safe::PublishPage(text, directory + "/shared/page");
+        const bool published = orv_safe::PublishPage(text, directory + "/common/page");
         shared_->misreported += published == TakeDlogCalls().empty() ? 0 : 1;
         shared_->published[racer] = published;
         Wait();
@@ -194,9 +194,9 @@ void PublishRaceTest::CheckRound(const std::string& page, const Setting& setting
 void PublishRaceTest::Race(const TempDir& directory, const Setting& setting)
 {
     directory.Clear();
-    ASSERT_EQ(0, mkdir((directory / "shared").c_str(), 0777));
-    ASSERT_EQ(0, chmod((directory / "shared").c_str(), setting.mode));
-    const std::string page = directory / "shared/page";
+    ASSERT_EQ(0, mkdir((directory / "common").c_str(), 0777));
+    ASSERT_EQ(0, chmod((directory / "common").c_str(), setting.mode));
+    const std::string page = directory / "common/page";
     for (int racer = 0; racer < setting.racers; ++racer) {
         const std::string own = directory / ("own" + std::to_string(racer));
         ASSERT_EQ(0, mkdir(own.c_str(), 0777));
@@ -233,7 +233,7 @@ void PublishRaceTest::Race(const TempDir& directory, const Setting& setting)
     EXPECT_EQ(0, shared_->torn);
     EXPECT_EQ(0, shared_->misreported);
     EXPECT_EQ(0, shared_->ownFailed);
-    EXPECT_GE(1U, NamesIn(directory / "shared").size());
+    EXPECT_GE(1U, NamesIn(directory / "common").size());
     for (int racer = 0; racer < setting.racers; ++racer) {
         EXPECT_EQ((std::vector<std::string>{"page", "text"}), NamesIn(directory / ("own" + std::to_string(racer))));
         EXPECT_FALSE(Exists(oracle::TemporaryPage(processes[static_cast<std::size_t>(racer) + 1])));

@@ -63,7 +63,7 @@ def logged_safe(line):
 
 
 def in_bytes(size):
-    """The number that a size with a unit stands for; it has one digit after the point."""
+    """Returns the bytes of a size with a unit, which is rounded to one digit after the point."""
     number, unit = size.split(" ")
     return float(number) * 1024 ** UNITS.index(unit)
 
