@@ -77,7 +77,20 @@ SAFE_TESTS = {
     "utf8.cpp": "*Cell*:*Settings*",
 }
 STATUSBOARD = Product("statusboard", (), "tests/programs/statusboard/statusboard_test.py", "statusboard_machine")
-ORVFILE = Product("orvfile", (), "tests/programs/tool/orvfile_test.py", "orvfile_shim")
+ORVFILE = {
+    family: Product("orvfile", (), f"tests/programs/tool/{family}_test.py", "orvfile_shim")
+    for family in ("usage", "transfer", "directories", "row", "page", "settings")
+}
+# The sources of which one family of tests is meant; all families are meant for the others.
+ORVFILE_TESTS = {
+    "csv_reader.cpp": ["row"],
+    "directories.cpp": ["directories"],
+    "progress.cpp": ["transfer"],
+    "settings.cpp": ["settings"],
+    "tables.cpp": ["row", "page"],
+    "transfer.cpp": ["transfer"],
+    "watch.cpp": ["page"],
+}
 SUBJECTS = {
     "src/LxFileUtils.cpp": [Product("OrvFileUtils", LIBRARY_TESTS)],
     "strutils/LxStringUtils.cpp": [Product("OrvStrUtils", LIBRARY_TESTS)],
@@ -87,7 +100,10 @@ SUBJECTS = {
     "dlog/dlog_text.cpp": [STDERR, MEMORY, SYSLOG],
     "examples/statusboard.cpp": [STATUSBOARD],
     **{path: [Product("orv_safe_tests", tests=SAFE_TESTS[os.path.basename(path)])] for path in sources("safe")},
-    **{path: [ORVFILE] for path in sources("tools")},
+    **{
+        path: [ORVFILE[family] for family in ORVFILE_TESTS.get(os.path.basename(path), ORVFILE)]
+        for path in sources("tools")
+    },
 }
 NOT_BY_DEFAULT = {"tools"}
 
