@@ -5,9 +5,7 @@
 
 namespace dlog_text {
 
-namespace {
-
-__attribute__((format(printf, 1, 0))) std::string Format(const char* format, std::va_list arguments)
+std::string Format(const char* format, std::va_list arguments)
 {
     std::va_list measured;
     va_copy(measured, arguments);
@@ -22,8 +20,6 @@ __attribute__((format(printf, 1, 0))) std::string Format(const char* format, std
     text.resize(text.size() - 1);
     return text;
 }
-
-}  // namespace
 
 void AppendEscaped(std::string& line, const std::string& text)
 {

@@ -11,6 +11,9 @@ namespace dlog_text {
 // line feed cannot forge a second line. Throws std::bad_alloc.
 void AppendEscaped(std::string& line, const std::string& text);
 
+// Returns the message of printf's format and arguments, not escaped. Throws std::bad_alloc.
+__attribute__((format(printf, 1, 0))) std::string Format(const char* format, std::va_list arguments);
+
 // Appends "SOURCE: MESSAGE", escaped, to `line`. Throws std::bad_alloc.
 __attribute__((format(printf, 3, 0))) void AppendReport(std::string& line, const char* sourceTag, const char* format,
                                                         std::va_list arguments);

@@ -1,6 +1,8 @@
 #include "support.h"
 
 #include "dlog_text.h"
+#include "explain.h"
+#include "log.h"
 
 #include <unistd.h>
 
@@ -28,6 +30,20 @@ std::string TypeName(mode_t mode)
 
 }  // namespace
 
+void FailByReports(const std::string& problem)
+{
+    std::optional<Explanation> reason;
+    for (const Report& report : TakeReports()) {
+        if (std::optional<Explanation> explanation = Explain(report.text)) {
+            reason = explanation;
+        }
+    }
+    if (!reason) {
+        throw Failure(problem, "see the lines above");
+    }
+    throw Failure(problem + ": " + reason->meaning, reason->todo);
+}
+
 void SetQuiet(bool wanted)
 {
     quiet = wanted;
@@ -40,7 +56,7 @@ bool IsQuiet()
 
 void PrintProblem(const std::string& problem, const std::string& next)
 {
-    std::cerr << "orvfile: " + problem + "\n  Next: " + next + "\n";
+    PrintLines("orvfile: " + problem + "\n  Next: " + next + "\n");
 }
 
 void Warn(const std::string& problem, const std::string& next)

@@ -9,7 +9,7 @@
 #include <stdexcept>
 #include <string>
 
-enum ExitStatus { kDone = 0, kFailed = 1, kUsage = 2 };
+enum ExitStatus { kDone = 0, kFailed = 1, kUsage = 2, kMissing = 3 };
 
 // Says what went wrong and what the user can do about it. Commands throw it, main prints it.
 class Failure : public std::runtime_error {
@@ -26,6 +26,10 @@ public:
 private:
     std::string next_;
 };
+
+// Throws Failure: "PROBLEM: REASON", and what to do. Both come from the last line that a library reported since the
+// last command began and that can be explained.
+[[noreturn]] void FailByReports(const std::string& problem);
 
 // Whether to suppress notes, warnings and progress. Failures are always printed.
 void SetQuiet(bool quiet);

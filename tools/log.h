@@ -1,0 +1,20 @@
+// All that orvfile writes to standard error: its own messages, and the lines that the libraries report.
+#ifndef ORV_TOOLS_LOG_H
+#define ORV_TOOLS_LOG_H
+
+#include <string>
+#include <vector>
+
+// A line that a library reported, as it was reported: not escaped.
+struct Report {
+    std::string source;  // such as "orv_safe"
+    std::string text;    // such as "CopyFile: open(a) failed (2, No such file or directory)."
+};
+
+// The lines that were reported since the last call.
+std::vector<Report> TakeReports();
+
+// Writes whole lines, all in one write. They must be escaped.
+void PrintLines(const std::string& lines);
+
+#endif  // ORV_TOOLS_LOG_H
