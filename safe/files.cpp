@@ -34,6 +34,7 @@ const char kMoveFile[] = "MoveFile";
 
 const std::size_t kBlockBytes = 8192;        // on the stack; two of them when files are compared
 const std::size_t kKernelBytes = 1U << 30U;  // the most that one call of the kernel copies
+const std::size_t kStepBytes = 1U << 20U;    // the same, if the caller waits to hear about it
 
 const mode_t kPermissionBits = 0777;
 const mode_t kModeBits = 07777;
@@ -112,22 +113,75 @@ private:
     bool isRegular_;
 };
 
+// ---- Progress
+
+// Tells the caller's function how much is done. Without such a function it does nothing.
+class Progress {
+public:
+    Progress(const FileOptions& options, const SourceFile& source)
+        : options_(options),
+          source_(source),
+          done_(0),
+          total_(static_cast<uint64_t>(source.Status().st_size) * (options.verify ? 2 : 1))
+    {
+    }
+
+    // The most that one call of the kernel may copy.
+    std::size_t StepBytes() const
+    {
+        return options_.progress == nullptr ? kKernelBytes : kStepBytes;
+    }
+
+    // Adds what a step has done. Returns false, with a line, if the caller cancels.
+    bool Add(long bytes)
+    {
+        done_ += static_cast<uint64_t>(bytes);
+        if (options_.progress == nullptr || options_.progress(options_.progressContext, done_, total_)) {
+            return true;
+        }
+        errno = ECANCELED;
+        return source_.At().Failed("progress");
+    }
+
+private:
+    const FileOptions& options_;
+    const SourceFile& source_;
+    uint64_t done_;
+    uint64_t total_;
+};
+
 // ---- Copying the bytes
 
-// Copies without passing the bytes through this process, as far as that works. The caller copies the rest in another
-// way and meets the error, if there is one.
-void CopyInKernel(int from, int to)
+// Copies by the calls of `copy` until one copies nothing. Returns false if the caller cancels.
+template <typename Copy>
+bool CopyBySteps(Progress& progress, Copy copy)
 {
-    while (internal::CopyFileRange(from, to, kKernelBytes) > 0) {
-    }
-    while (sendfile(to, from, nullptr, kKernelBytes) > 0) {
+    for (;;) {
+        const long copied = copy();
+        if (copied <= 0) {
+            return true;
+        }
+        if (!progress.Add(copied)) {
+            return false;
+        }
     }
 }
 
-// Copies until a read finds the end of the source.
-bool CopyBytes(const SourceFile& source, const StagedFile& copy)
+// Copies without passing the bytes through this process, as far as that works. The caller copies the rest in another
+// way and meets the error, if there is one.
+bool CopyInKernel(int from, int to, Progress& progress)
 {
-    CopyInKernel(source.File(), copy.File());
+    const std::size_t bytes = progress.StepBytes();
+    return CopyBySteps(progress, [=] { return internal::CopyFileRange(from, to, bytes); }) &&
+           CopyBySteps(progress, [=] { return static_cast<long>(sendfile(to, from, nullptr, bytes)); });
+}
+
+// Copies until a read finds the end of the source.
+bool CopyBytes(const SourceFile& source, const StagedFile& copy, Progress& progress)
+{
+    if (!CopyInKernel(source.File(), copy.File(), progress)) {
+        return false;
+    }
     char block[kBlockBytes];
     for (;;) {
         const ssize_t got = Uninterrupted([&] { return read(source.File(), block, sizeof block); });
@@ -137,7 +191,7 @@ bool CopyBytes(const SourceFile& source, const StagedFile& copy)
         if (got == 0) {
             return true;
         }
-        if (!copy.Write(block, static_cast<std::size_t>(got))) {
+        if (!copy.Write(block, static_cast<std::size_t>(got)) || !progress.Add(got)) {
             return false;
         }
     }
@@ -167,7 +221,7 @@ bool IsZero(const char* block, std::size_t bytes)
 
 // Copies a file with holes, and makes a hole of each block of zero bytes. The kernel also says where holes are, but
 // file systems have been wrong about that.
-bool CopyWithHoles(const SourceFile& source, const StagedFile& copy)
+bool CopyWithHoles(const SourceFile& source, const StagedFile& copy, Progress& progress)
 {
     char block[kBlockBytes];
     off_t end = 0;
@@ -189,6 +243,9 @@ bool CopyWithHoles(const SourceFile& source, const StagedFile& copy)
             }
         }
         end += got;
+        if (!progress.Add(got)) {
+            return false;
+        }
     }
     return copy.At().Check(Uninterrupted([&] { return ftruncate(copy.File(), end); }) == 0, "ftruncate");
 }
@@ -201,7 +258,7 @@ bool HasHoles(const struct stat& status)
 
 // ---- Comparing the bytes
 
-bool HasSameBytes(const SourceFile& source, const StagedFile& copy)
+bool HasSameBytes(const SourceFile& source, const StagedFile& copy, Progress& progress)
 {
     char expected[kBlockBytes];
     char found[kBlockBytes];
@@ -223,12 +280,15 @@ bool HasSameBytes(const SourceFile& source, const StagedFile& copy)
             return true;
         }
         offset += want;
+        if (!progress.Add(want)) {
+            return false;
+        }
     }
 }
 
 // Returns whether the medium has the bytes of the source. What the kernel has in memory is dropped, so that it reads
 // the medium again.
-bool IsOnMedium(const SourceFile& source, const StagedFile& copy)
+bool IsOnMedium(const SourceFile& source, const StagedFile& copy, Progress& progress)
 {
     if (!copy.Flush()) {
         return false;
@@ -238,7 +298,7 @@ bool IsOnMedium(const SourceFile& source, const StagedFile& copy)
         errno = error;
         return copy.At().Failed("posix_fadvise");
     }
-    return HasSameBytes(source, copy);
+    return HasSameBytes(source, copy, progress);
 }
 
 // ---- What a file has besides its bytes
@@ -319,13 +379,15 @@ bool GiveMetadata(const SourceFile& source, const StagedFile& copy, bool preserv
     return true;
 }
 
-// Makes `copy` ready to be put in place.
+// Makes `copy` ready to be put in place. The last chance to cancel comes after the flush, which can take long.
 bool Fill(const StagedFile& copy, const SourceFile& source, const FileOptions& options)
 {
-    const bool copied =
-        options.preserve && HasHoles(source.Status()) ? CopyWithHoles(source, copy) : CopyBytes(source, copy);
-    return copied && (!options.verify || IsOnMedium(source, copy)) && GiveMetadata(source, copy, options.preserve) &&
-           (options.durable ? copy.Flush() : copy.CompleteWrites());
+    Progress progress(options, source);
+    const bool copied = options.preserve && HasHoles(source.Status()) ? CopyWithHoles(source, copy, progress)
+                                                                      : CopyBytes(source, copy, progress);
+    return copied && (!options.verify || IsOnMedium(source, copy, progress)) &&
+           GiveMetadata(source, copy, options.preserve) && (options.durable ? copy.Flush() : copy.CompleteWrites()) &&
+           progress.Add(0);
 }
 
 // ---- Moving

@@ -130,8 +130,16 @@ struct FileOptions {
     bool preserve;
     /// Whatever exists at the destination stays, and the call fails.
     bool noReplace;
+    /// Hears how far the copy is, and can cancel it: if it returns false, the call fails, and both files are as they
+    /// were. It is called after each step of at most 1 MiB, and once more directly before the file is put in place, but
+    /// never after that. `done` counts the bytes that were copied and, with `verify`, compared; `total` is the size of
+    /// the file, or twice that. It must not throw. A move on one file system copies nothing and does not call it. Null:
+    /// no function.
+    bool (*progress)(void* context, uint64_t done, uint64_t total);
+    /// The `context` of `progress`.
+    void* progressContext;
 
-    FileOptions() : durable(true), verify(false), preserve(false), noReplace(false)
+    FileOptions() : durable(true), verify(false), preserve(false), noReplace(false), progress(0), progressContext(0)
     {
     }
 };
@@ -170,6 +178,7 @@ struct FileOptions {
 ///   "CopyFile: PATH is not a regular file (0xTYPE)."   TYPE: 4000 directory, 2000 and 6000 devices, 1000 FIFO,
 ///                                                      c000 socket
 ///   "CopyFile: linkat(DESTINATION) failed (17, File exists)."   with `noReplace`
+///   "CopyFile: progress(SOURCE) failed (125, Operation canceled)."   `progress` returned false
 ///   "CopyFile: what was written for DESTINATION differs from SOURCE after byte OFFSET."   with `verify`
 ///   "CopyFile: fsync(DIRECTORY) failed (ERROR): the file is in place, but a power cut can undo that."
 /// Diagnostics for true:

@@ -866,6 +866,202 @@ TEST_P(SafeBothTest, ReadsThatAreShortOrInterruptedAreContinuedWhenComparing)
     EXPECT_TRUE(Act(With(&FileOptions::verify)));
 }
 
+// ---- Progress
+
+constexpr uint64_t kStepBytes = 1 << 20;
+
+// Keeps what a progress function is given, and cancels at one of its calls.
+struct Heard {
+    std::string destination;    // must be the old file at each call
+    std::size_t cancelsAt = 0;  // 1-based
+    std::vector<std::pair<uint64_t, uint64_t>> calls;
+
+    static bool Hear(void* context, uint64_t done, uint64_t total)
+    {
+        Heard& heard = *static_cast<Heard*>(context);
+        heard.calls.emplace_back(done, total);
+        EXPECT_EQ("old", ReadFile(heard.destination));
+        return heard.calls.size() != heard.cancelsAt;
+    }
+};
+
+class SafeProgressTest : public SafeBothTest {
+protected:
+    // A source of 3 MiB and 1 byte, with a hole in it, and an old destination.
+    void Arrange()
+    {
+        WriteFile(source_, BytesOfLength(2 << 20));
+        ASSERT_EQ(0, truncate(source_.c_str(), 3 << 20));
+        std::ofstream(source_, std::ios::app) << "x";
+        bytes_ = ReadFile(source_);
+        WriteFile(destination_, "old");
+    }
+
+    bool ActWith(Heard& heard, FileOptions options) const
+    {
+        heard.destination = destination_;
+        options.progress = Heard::Hear;
+        options.progressContext = &heard;
+        return Act(options);
+    }
+
+    static std::vector<FileOptions> Ways()
+    {
+        FileOptions all = With(&FileOptions::verify);
+        all.preserve = true;
+        return {FileOptions(), Plain(), With(&FileOptions::verify), With(&FileOptions::preserve), all};
+    }
+
+    std::string bytes_;
+};
+
+INSTANTIATE_TEST_SUITE_P(Functions, SafeProgressTest,
+                         ::testing::Values(Named{"CopyFile", orv_safe::CopyFile},
+                                           Named{"MoveFile", orv_safe::MoveFile}),
+                         CaseName<Named>);
+
+TEST_P(SafeProgressTest, EachStepIsHeardAndTheLastOneBeforeTheFileIsInPlace)
+{
+    for (const FileOptions& options : Ways()) {
+        Arrange();
+        const uint64_t total = bytes_.size() * (options.verify ? 2 : 1);
+        Heard heard;
+
+        EXPECT_TRUE(ActWith(heard, options));
+
+        uint64_t before = 0;
+        for (const auto& [done, ofTotal] : heard.calls) {
+            EXPECT_EQ(total, ofTotal);
+            EXPECT_LE(before, done);
+            EXPECT_GE(before + kStepBytes, done);
+            before = done;
+        }
+        ASSERT_LE(5U, heard.calls.size());
+        EXPECT_EQ(total, heard.calls.end()[-1].first);
+        EXPECT_EQ(total, heard.calls.end()[-2].first);
+        EXPECT_NE(total, heard.calls.end()[-3].first);
+        EXPECT_TRUE(bytes_ == ReadFile(destination_));
+    }
+}
+
+TEST_P(SafeProgressTest, EachWayOfCopyingIsHeard)
+{
+    for (const bool sendfile : {false, true}) {
+        Arrange();
+        const ScopedCall ranges("copy_file_range", 1, FailWith(EXDEV), kAlways);
+        std::optional<ScopedCall> sent;
+        if (!sendfile) {
+            sent.emplace("sendfile", 1, FailWith(EINVAL), kAlways);
+        }
+        Heard heard;
+
+        EXPECT_TRUE(ActWith(heard, FileOptions()));
+
+        EXPECT_EQ(sendfile ? kStepBytes : 8192U, heard.calls.front().first);
+    }
+}
+
+TEST_P(SafeProgressTest, WhatTheKernelCopiesByRangesIsHeard)
+{
+    Arrange();
+    const ScopedCall ranges("copy_file_range", 1, [] { return 500L; });
+    Heard heard;
+    heard.cancelsAt = 1;
+
+    EXPECT_FALSE(ActWith(heard, FileOptions()));
+
+    ExpectSafeLines({Line("progress", source_, ECANCELED)});
+    ExpectUnchanged(bytes_);
+    EXPECT_EQ((std::vector<std::pair<uint64_t, uint64_t>>{{500, bytes_.size()}}), heard.calls);
+}
+
+TEST_P(SafeProgressTest, CancelledAtAnyCallItChangesNothing)
+{
+    for (const FileOptions& options : Ways()) {
+        Arrange();
+        // The first calls, two in the middle, and the last one.
+        Heard all;
+        EXPECT_TRUE(ActWith(all, options));
+        const std::size_t calls = all.calls.size();
+        for (const std::size_t at : {std::size_t{1}, std::size_t{2}, calls / 2, calls - 2, calls - 1, calls}) {
+            Arrange();
+            Heard heard;
+            heard.cancelsAt = at;
+
+            EXPECT_FALSE(ActWith(heard, options));
+
+            EXPECT_EQ(at, heard.calls.size()) << "was called after it cancelled";
+            ExpectSafeLines({Line("progress", source_, ECANCELED)});
+            ExpectUnchanged(bytes_);
+        }
+    }
+}
+
+TEST_P(SafeProgressTest, AnEmptyFileIsHeardOnceAndCanBeCancelled)
+{
+    Heard heard;
+    heard.cancelsAt = 2;
+    for (const bool cancels : {false, true}) {
+        WriteFile(source_, "");
+        WriteFile(destination_, "old");
+
+        EXPECT_EQ(!cancels, ActWith(heard, FileOptions()));
+    }
+
+    EXPECT_EQ((std::vector<std::pair<uint64_t, uint64_t>>(2, {0, 0})), heard.calls);
+    ExpectSafeLines({Line("progress", source_, ECANCELED)});
+    ExpectUnchanged("");
+}
+
+TEST_P(SafeProgressTest, WithoutAListenerTheKernelCopiesAllAtOnce)
+{
+    Arrange();
+    int calls = 0;
+    const ScopedCall ranges("copy_file_range", 1, FailWith(EXDEV), kAlways);
+    const ScopedCall sent(
+        "sendfile", 1,
+        [&calls]() -> std::optional<long> {
+            ++calls;
+            return std::nullopt;
+        },
+        kAlways);
+
+    EXPECT_TRUE(Act());
+
+    EXPECT_EQ(2, calls) << "one for the bytes, one that finds the end";
+}
+
+TEST_F(SafeCopyTest, AFileThatGrowsIsHeardBeyondItsSize)
+{
+    source_ = "/proc/self/mounts";  // has the size 0
+    WriteFile(destination_, "old");
+    Heard heard;
+    heard.destination = destination_;
+    FileOptions options;
+    options.progress = Heard::Hear;
+    options.progressContext = &heard;
+
+    EXPECT_TRUE(Copy(options));
+
+    EXPECT_EQ(0U, heard.calls.back().second);
+    EXPECT_EQ(ReadFile(destination_).size(), heard.calls.back().first);
+}
+
+TEST_F(SafeMoveTest, ARenameIsNotHeard)
+{
+    StayOnOneFileSystem();
+    WriteFile(source_, "new");
+    WriteFile(destination_, "old");
+    Heard heard;
+    FileOptions options;
+    options.progress = Heard::Hear;
+    options.progressContext = &heard;
+
+    EXPECT_TRUE(Move(options));
+
+    EXPECT_TRUE(heard.calls.empty());
+}
+
 // ---- With preserve
 
 TEST_P(SafeBothTest, WithPreserveOwnerModeTimesAttributesAndHolesArrive)
