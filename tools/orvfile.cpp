@@ -1,5 +1,5 @@
 // orvfile offers the library's functions to shells and scripts. This file parses the command line; the commands are in
-// transfer.cpp (exists, move, copy), directories.cpp (mkdir, list), tables.cpp (row, page) and settings.cpp (get).
+// transfer.cpp (exists, move, copy), directories.cpp (mkdir, list), row.cpp, page.cpp and settings.cpp (get).
 
 #include "commands.h"
 #include "dlog_text.h"
