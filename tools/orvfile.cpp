@@ -1,5 +1,5 @@
 // orvfile offers the library's functions to shells and scripts. This file parses the command line; the commands are in
-// transfer.cpp (exists, move, copy), directories.cpp (mkdir, list), row.cpp, page.cpp and settings.cpp (get).
+// transfer.cpp (exists, move, copy), mkdir.cpp, list.cpp, row.cpp, page.cpp and settings.cpp (get).
 
 #include "commands.h"
 #include "dlog_text.h"
@@ -100,14 +100,17 @@ void AddMkdir(CLI::App& app, Command& chosen)
     static std::string mode;
     CLI::App* const command = app.add_subcommand("mkdir", "Make directories and their missing parents");
     AddTexts(command, "PATH", options.paths, "Directories to make")->required();
-    AddText(command, "-m,--mode", mode, "Octal mode, less the file-creation mask (default 777)")
-        ->type_name("MODE")
-        ->check([](const std::string& text) {
-            const bool octal = !text.empty() && text.size() <= 4 && text.find_first_not_of("01234567") == text.npos;
-            return octal ? "" : "'" + text + "' is not an octal mode (one to four digits, such as 755)";
-        });
-    command->add_flag("--exact-mode", options.exactMode,
-                      "Give PATH exactly this mode, even if it exists; parents are not affected");
+    CLI::Option* const modeOption =
+        AddText(command, "-m,--mode", mode, "Octal mode, less the file-creation mask (default 777)")
+            ->type_name("MODE")
+            ->check([](const std::string& text) {
+                const bool octal = !text.empty() && text.size() <= 4 && text.find_first_not_of("01234567") == text.npos;
+                return octal ? "" : "'" + text + "' is not an octal mode (one to four digits, such as 755)";
+            });
+    command
+        ->add_flag("--exact-mode", options.exactMode,
+                   "Give PATH exactly this mode, even if it exists; parents are not affected")
+        ->needs(modeOption);
     command->callback([&chosen] {
         chosen = [] {
             options.mode = mode.empty() ? options.mode : static_cast<mode_t>(std::stoul(mode, nullptr, 8));

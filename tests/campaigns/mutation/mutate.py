@@ -84,7 +84,8 @@ ORVFILE = {
 # The sources of which one family of tests is meant; all families are meant for the others.
 ORVFILE_TESTS = {
     "csv_reader.cpp": ["row"],
-    "directories.cpp": ["directories"],
+    "list.cpp": ["directories"],
+    "mkdir.cpp": ["directories"],
     "page.cpp": ["page"],
     "progress.cpp": ["transfer"],
     "settings.cpp": ["settings"],
