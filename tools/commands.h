@@ -4,6 +4,8 @@
 
 #include <sys/types.h>
 
+#include <cstdint>
+#include <optional>
 #include <string>
 #include <vector>
 
@@ -29,9 +31,20 @@ struct MkdirOptions {
 };
 
 struct ListOptions {
+    enum class Sort { kName, kTime, kSize };
+
     std::string directory;
     std::string include;
     std::string exclude;
+    bool recursive = false;
+    bool follow = false;
+    std::optional<std::int64_t> olderThanSeconds;
+    std::optional<std::int64_t> largerThanBytes;
+    Sort sort = Sort::kName;
+    bool reverse = false;
+    std::int64_t skip = 0;
+    std::optional<std::int64_t> limit;
+    bool details = false;
     bool fullPath = false;
     bool zero = false;
     bool json = false;

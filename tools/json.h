@@ -1,22 +1,12 @@
-// Formats results as JSON.
+// Formats results as JSON: one line without a line feed.
 #ifndef ORV_TOOLS_JSON_H
 #define ORV_TOOLS_JSON_H
 
-#include <nlohmann/json.hpp>
+#include <nlohmann/json_fwd.hpp>
+
 #include <string>
 
-#include "support.h"
-
-// Returns one line without a line feed. JSON must be UTF-8; other bytes become U+FFFD, with a warning.
-inline std::string JsonText(const nlohmann::json& value)
-{
-    try {
-        return value.dump();
-    } catch (const nlohmann::json::type_error&) {
-        Warn("the result contains bytes that are not UTF-8; JSON shows U+FFFD instead",
-             "omit --json to see them unchanged");
-        return value.dump(-1, ' ', false, nlohmann::json::error_handler_t::replace);
-    }
-}
+// JSON must be UTF-8; other bytes become U+FFFD, with a warning.
+std::string JsonText(const nlohmann::json& value);
 
 #endif  // ORV_TOOLS_JSON_H

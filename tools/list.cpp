@@ -2,73 +2,254 @@
 
 #include "commands.h"
 #include "json.h"
+#include "quoting.h"
 
-#include <LxFileUtils.h>
+#include <orv/safe.h>
 
-#include <dirent.h>
+#include <unistd.h>
 
 #include <algorithm>
-#include <cerrno>
-#include <list>
-#include <memory>
+#include <ctime>
+#include <filesystem>
+#include <nlohmann/json.hpp>
+#include <system_error>
+#include <tuple>
 
 namespace {
 
-// Counts the entries whose type the file system does not record. The library does not list them.
-std::size_t UntypedEntries(const std::string& path)
+typedef std::vector<orv_safe::ListedFile> Files;
+
+std::string Joined(const std::string& directory, const std::string& name)
 {
-    const std::unique_ptr<DIR, int (*)(DIR*)> directory(opendir(path.c_str()), closedir);
-    std::size_t untyped = 0;
-    const struct dirent* entry = nullptr;
-    while (directory && (entry = readdir(directory.get())) != nullptr) {
-        const std::string name = entry->d_name;
-        untyped += entry->d_type == DT_UNKNOWN && name != "." && name != ".." ? 1U : 0U;
-    }
-    return untyped;
+    return directory.empty() || directory.back() == '/' ? directory + name : directory + "/" + name;
 }
 
-void WarnOfUntypedEntries(const std::string& directory)
+// ---- The files of a directory, and of those below it
+
+[[noreturn]] void FailToList(const std::string& path, const std::error_code& error)
 {
-    const std::size_t untyped = UntypedEntries(directory);
-    if (untyped != 0) {
-        Warn("the file system of " + Quoted(directory) + " does not record entry types: " + std::to_string(untyped) +
-                 " entries were ignored, so the list may be incomplete",
-             "use ls(1) or find(1) on this file system");
+    throw Failure("cannot list " + Quoted(path) + ": " + error.message(), Remedy(error.value(), path));
+}
+
+// Asks the file system only for entries of which it does not record the type. An entry may be gone meanwhile.
+bool IsDirectory(const std::filesystem::directory_entry& entry)
+{
+    std::error_code error;
+    const bool isDirectory = !entry.is_symlink(error) && entry.is_directory(error);
+    if (error && error != std::errc::no_such_file_or_directory) {
+        FailToList(entry.path(), error);
+    }
+    return isDirectory;
+}
+
+// In the order of their names, without links to directories.
+std::vector<std::string> Subdirectories(const std::string& path)
+{
+    std::vector<std::string> names;
+    std::error_code error;
+    std::filesystem::directory_iterator entry(path, error);
+    for (; !error && entry != std::filesystem::directory_iterator(); entry.increment(error)) {
+        if (IsDirectory(*entry)) {
+            names.push_back(entry->path().filename());
+        }
+    }
+    if (error) {
+        FailToList(path, error);
+    }
+    std::sort(names.begin(), names.end());
+    return names;
+}
+
+class Collector {
+public:
+    explicit Collector(const ListOptions& options) : options_(options)
+    {
+        listing_.followLinks = options.follow;
+        listing_.status = options.details || options.sort != ListOptions::Sort::kName || options.olderThanSeconds ||
+                          options.largerThanBytes;
+    }
+
+    // A subdirectory that cannot be read is reported, and the others are read. Then the result is kFailed.
+    ExitStatus Collect(Files& files)
+    {
+        Enter("", files);
+        ExitStatus result = kDone;
+        while (!pending_.empty()) {
+            const std::string below = pending_.back();
+            pending_.pop_back();
+            try {
+                Enter(below, files);
+            } catch (const Failure& failure) {
+                PrintProblem(failure.what(), failure.Next());
+                result = kFailed;
+            }
+        }
+        return result;
+    }
+
+private:
+    // Adds the files of the directory `below` that of the options. Their names begin with `below`.
+    void Enter(const std::string& below, Files& files)
+    {
+        const std::string path = below.empty() ? options_.directory : Joined(options_.directory, below);
+        Files own;
+        if (!orv_safe::ListFiles(path, options_.include, options_.exclude, own, listing_)) {
+            FailByReports("cannot list " + Quoted(path));
+        }
+        for (orv_safe::ListedFile& file : own) {
+            file.name = Joined(below, file.name);
+            files.push_back(file);
+        }
+        if (options_.recursive) {
+            const std::vector<std::string> names = Subdirectories(path);
+            std::for_each(names.rbegin(), names.rend(),
+                          [&](const std::string& name) { pending_.push_back(Joined(below, name)); });
+        }
+    }
+
+    const ListOptions& options_;
+    orv_safe::ListOptions listing_;
+    std::vector<std::string> pending_;  // the directories to enter, the next one last
+};
+
+// ---- Selection and order
+
+bool IsOlder(const orv_safe::ListedFile& file, const struct timespec& time)
+{
+    return std::tie(file.modifiedSeconds, file.modifiedNanoseconds) < std::tie(time.tv_sec, time.tv_nsec);
+}
+
+void Select(const ListOptions& options, Files& files)
+{
+    struct timespec limit;
+    (void)clock_gettime(CLOCK_REALTIME, &limit);
+    limit.tv_sec -= options.olderThanSeconds.value_or(0);
+    const auto isUnwanted = [&](const orv_safe::ListedFile& file) {
+        return (options.olderThanSeconds && !IsOlder(file, limit)) ||
+               (options.largerThanBytes && file.bytes <= *options.largerThanBytes);
+    };
+    files.erase(std::remove_if(files.begin(), files.end(), isUnwanted), files.end());
+}
+
+// The newest and the largest come first. Files of the same time or size are in the order of their names.
+bool ComesBefore(ListOptions::Sort sort, const orv_safe::ListedFile& left, const orv_safe::ListedFile& right)
+{
+    switch (sort) {
+        case ListOptions::Sort::kTime:
+            return std::tie(right.modifiedSeconds, right.modifiedNanoseconds, left.name) <
+                   std::tie(left.modifiedSeconds, left.modifiedNanoseconds, right.name);
+        case ListOptions::Sort::kSize:
+            return std::tie(right.bytes, left.name) < std::tie(left.bytes, right.name);
+        default:
+            return left.name < right.name;
     }
 }
 
-std::string Joined(const std::list<std::string>& names, char end)
+void Order(const ListOptions& options, Files& files)
 {
-    std::string text;
-    for (const std::string& name : names) {
-        text += name + end;
+    std::sort(files.begin(), files.end(), [&](const orv_safe::ListedFile& left, const orv_safe::ListedFile& right) {
+        return ComesBefore(options.sort, left, right);
+    });
+    if (options.reverse) {
+        std::reverse(files.begin(), files.end());
     }
-    return text;
+}
+
+// Removes the files that are skipped, and those beyond the limit.
+void Cut(const ListOptions& options, Files& files)
+{
+    const std::int64_t all = static_cast<std::int64_t>(files.size());
+    const std::int64_t first = std::min(options.skip, all);
+    const std::int64_t count = std::min(options.limit.value_or(all), all - first);
+    files.erase(files.begin() + first + count, files.end());
+    files.erase(files.begin(), files.begin() + first);
+}
+
+// ---- Output
+
+// A time that has no date, because its year is too large, is shown as "@SECONDS".
+std::string Date(std::int64_t seconds, bool utc)
+{
+    const time_t time = seconds;
+    struct tm parts;
+    if ((utc ? gmtime_r(&time, &parts) : localtime_r(&time, &parts)) == nullptr) {
+        return "@" + std::to_string(seconds);
+    }
+    char text[64];
+    return std::string(text, utc ? std::strftime(text, sizeof text, "%Y-%m-%dT%H:%M:%SZ", &parts)
+                                 : std::strftime(text, sizeof text, "%Y-%m-%dT%H:%M:%S%z", &parts));
+}
+
+std::string Json(const ListOptions& options, const Files& files)
+{
+    nlohmann::json array = nlohmann::json::array();
+    for (const orv_safe::ListedFile& file : files) {
+        if (options.details) {
+            array.push_back(
+                {{"name", file.name}, {"bytes", file.bytes}, {"modified", Date(file.modifiedSeconds, /*utc=*/true)}});
+        } else {
+            array.push_back(file.name);
+        }
+    }
+    return JsonText(array) + "\n";
+}
+
+std::size_t WidthOfSizes(const Files& files)
+{
+    std::int64_t most = 0;
+    for (const orv_safe::ListedFile& file : files) {
+        most = std::max<std::int64_t>(most, file.bytes);
+    }
+    return std::to_string(most).size();
+}
+
+std::string Lines(const ListOptions& options, const Files& files, bool forPeople)
+{
+    const std::size_t width = WidthOfSizes(files);
+    std::string lines;
+    for (const orv_safe::ListedFile& file : files) {
+        if (options.details) {
+            const std::string size = std::to_string(file.bytes);
+            lines +=
+                std::string(width - size.size(), ' ') + size + " " + Date(file.modifiedSeconds, /*utc=*/false) + " ";
+        }
+        lines += forPeople ? TerminalWord(file.name) : file.name;
+        lines += options.zero ? '\0' : '\n';
+    }
+    return lines;
+}
+
+void Print(const ListOptions& options, const Files& files)
+{
+    if (options.json) {
+        PrintResult(Json(options, files));
+        return;
+    }
+    const bool forPeople = !options.zero && isatty(STDOUT_FILENO) == 1;
+    const bool isAmbiguous =
+        !options.zero && !forPeople && std::any_of(files.begin(), files.end(), [](const orv_safe::ListedFile& file) {
+            return file.name.find('\n') != std::string::npos;
+        });
+    if (isAmbiguous) {
+        Warn("a name contains a line feed, so the list is ambiguous", "use -0 or --json");
+    }
+    PrintResult(Lines(options, files, forPeople));
 }
 
 }  // namespace
 
 ExitStatus List(const ListOptions& options)
 {
-    std::list<std::string> names;
-    if (!orv_fileutils::GetDirFileList(options.directory.c_str(), options.include.c_str(), options.exclude.c_str(),
-                                       names, options.fullPath, /*clearList=*/true, /*logOpenError=*/true)) {
-        const int error = errno;
-        if (options.directory.empty()) {
-            throw Failure("the path is empty", "give the path of a directory");
+    Files files;
+    const ExitStatus result = Collector(options).Collect(files);
+    Select(options, files);
+    Order(options, files);
+    Cut(options, files);
+    if (options.fullPath) {
+        for (orv_safe::ListedFile& file : files) {
+            file.name = Joined(options.directory, file.name);
         }
-        throw Failure("cannot list " + Quoted(options.directory) + ": " + ErrorText(error),
-                      Remedy(error, options.directory));
     }
-    WarnOfUntypedEntries(options.directory);
-    if (options.json) {
-        PrintResult(JsonText(names) + "\n");
-        return kDone;
-    }
-    const std::string lines = Joined(names, options.zero ? '\0' : '\n');
-    if (!options.zero && static_cast<std::size_t>(std::count(lines.begin(), lines.end(), '\n')) != names.size()) {
-        Warn("a name contains a line feed, so the list is ambiguous", "use -0 or --json");
-    }
-    PrintResult(lines);
-    return kDone;
+    Print(options, files);
+    return result;
 }

@@ -8,7 +8,8 @@ _orvfile() {
         [move]='--durable -n --no-replace'
         [copy]='--no-verify'
         [mkdir]='-m --mode --exact-mode'
-        [list]='--include --exclude --full-path -0 --null --json'
+        [list]='--include --exclude --older-than --larger-than --recursive --follow --sort --reverse --skip --limit
+            --long --full-path -0 --null --json'
         [row]='--csv --tsv --table-end --raw'
         [page]='--allow-empty --watch'
         [get]='--delimiter --comment --json --lint'

@@ -3,6 +3,7 @@
 
 #include "commands.h"
 #include "dlog_text.h"
+#include "quantity.h"
 
 #include <CLI/CLI.hpp>
 
@@ -14,14 +15,15 @@
 
 namespace {
 
-// CLI11 splits an argument "[a,b]" into two. A NUL at its end, which an argument of a program cannot contain, prevents
-// that. Whole() removes the NUL again.
+// CLI11 splits an argument "[a,b]" into two, and refuses an empty value in "--include=". A NUL at the end, which an
+// argument of a program cannot contain, prevents that. Whole() removes the NUL again.
 std::vector<std::string> ReversedArguments(int argc, char** argv)
 {
     std::vector<std::string> arguments;
     for (int i = argc - 1; i > 0; --i) {
         arguments.emplace_back(argv[i]);
-        if (argv[i][0] == '[') {
+        const std::string& argument = arguments.back();
+        if (argument[0] == '[' || (argument.compare(0, 2, "--") == 0 && argument.back() == '=')) {
             arguments.back() += '\0';
         }
     }
@@ -119,20 +121,69 @@ void AddMkdir(CLI::App& app, Command& chosen)
     });
 }
 
+// An option with a number and a unit. `expected` says what is right.
+void AddQuantity(CLI::App* command, const std::string& name, const std::string& type, const Units& units,
+                 const std::function<void(std::int64_t)>& set, const std::string& expected,
+                 const std::string& description)
+{
+    command
+        ->add_option(
+            name,
+            [set, &units](const CLI::results_t& results) {
+                set(*ParseQuantity(results.back(), units));
+                return true;
+            },
+            description)
+        ->type_name(type)
+        ->check([expected, &units](const std::string& result) {
+            const std::string text = Whole(result);
+            return ParseQuantity(text, units) ? "" : "'" + text + "' is not " + expected;
+        });
+}
+
 void AddList(CLI::App& app, Command& chosen)
 {
     static ListOptions options;
+    static std::string sort;
+    const std::map<std::string, ListOptions::Sort> sorts = {
+        {"name", ListOptions::Sort::kName}, {"time", ListOptions::Sort::kTime}, {"size", ListOptions::Sort::kSize}};
     CLI::App* const command = app.add_subcommand("list", "List the regular files of a directory, sorted");
-    AddText(command, "DIRECTORY", options.directory, "The directory to list; subdirectories are not entered")
-        ->required();
+    AddText(command, "DIRECTORY", options.directory, "The directory to list")->required();
     AddText(command, "--include", options.include, "List only names that match; * matches any run of bytes, ? one byte")
         ->type_name("PATTERN");
     AddText(command, "--exclude", options.exclude, "Do not list names that match, even if --include matches them")
         ->type_name("PATTERN");
+    AddQuantity(
+        command, "--older-than", "AGE", kSeconds, [](std::int64_t seconds) { options.olderThanSeconds = seconds; },
+        "an age, such as 30m, 12h or 7d", "List only files that were last changed before that; units: s m h d w");
+    AddQuantity(
+        command, "--larger-than", "SIZE", kSizes, [](std::int64_t bytes) { options.largerThanBytes = bytes; },
+        "a size, such as 500, 10K or 2M", "List only files of more bytes; units of 1024: K M G T");
+    command->add_flag("--recursive", options.recursive,
+                      "Also list files of subdirectories, with their path below DIRECTORY; do not enter links");
+    command->add_flag("--follow", options.follow, "Also list links to regular files");
+    AddText(command, "--sort", sort, "Order: name; time, newest first; size, largest first (default name)")
+        ->type_name("KEY")
+        ->check([sorts](const std::string& result) {
+            const std::string key = Whole(result);
+            return sorts.count(key) != 0 ? "" : "'" + key + "' is not name, time or size";
+        });
+    command->add_flag("--reverse", options.reverse, "Reverse the order");
+    AddQuantity(
+        command, "--skip", "N", kCounts, [](std::int64_t count) { options.skip = count; }, "a number",
+        "Do not list the first N files");
+    AddQuantity(
+        command, "--limit", "N", kCounts, [](std::int64_t count) { options.limit = count; }, "a number",
+        "List at most N files");
+    command->add_flag("--long", options.details, "Also print the size in bytes and the time of the last change");
     command->add_flag("--full-path", options.fullPath, "Put DIRECTORY before each name");
     CLI::Option* const zero = command->add_flag("-0,--null", options.zero, "End each name with a NUL, not a line feed");
-    command->add_flag("--json", options.json, "Print a JSON array of strings")->excludes(zero);
-    command->callback([&chosen] { chosen = [] { return List(options); }; });
+    command->add_flag("--json", options.json, "Print a JSON array of strings, or with --long of objects")
+        ->excludes(zero);
+    command->callback([&chosen, sorts] {
+        options.sort = sort.empty() ? options.sort : sorts.at(sort);
+        chosen = [] { return List(options); };
+    });
 }
 
 void AddRow(CLI::App& app, Command& chosen)
@@ -197,6 +248,16 @@ void AddGet(CLI::App& app, Command& chosen)
     });
 }
 
+// Whether there are too many operands, perhaps because the pattern of an option was not quoted.
+bool IsExpandedPattern(const CLI::App& command, const std::vector<std::string>& rest)
+{
+    const auto isGiven = [&command](const char* name) {
+        const CLI::Option* const option = command.get_option_no_throw(name);
+        return option != nullptr && option->count() != 0;
+    };
+    return !rest.empty() && rest.front()[0] != '-' && (isGiven("--include") || isGiven("--exclude"));
+}
+
 // Describes the error that CLI11 found, and says where to look for the correct use.
 std::string UsageMessage(const CLI::App* app, const CLI::Error& error)
 {
@@ -205,10 +266,14 @@ std::string UsageMessage(const CLI::App* app, const CLI::Error& error)
     const bool isUnknown = commands.empty() && !rest.empty();
     std::string text = "orvfile: ";
     dlog_text::AppendEscaped(text, isUnknown ? "unknown command or option '" + rest.front() + "'" : error.what());
-    text += commands.empty()
-                ? "\n  Next: use one of exists, move, copy, mkdir, list, row, page, get; see orvfile --help"
-                : "\n  Next: see orvfile " + commands.front()->get_name() + " --help";
-    return text + "\n";
+    if (commands.empty()) {
+        return text + "\n  Next: use one of exists, move, copy, mkdir, list, row, page, get; see orvfile --help\n";
+    }
+    text += "\n  Next: ";
+    if (IsExpandedPattern(*commands.front(), rest)) {
+        text += "quote the pattern, as in '*.log', because the shell replaces it by the names that match; ";
+    }
+    return text + "see orvfile " + commands.front()->get_name() + " --help\n";
 }
 
 void Describe(CLI::App& app, Command& chosen)

@@ -10,6 +10,7 @@
 #include <cerrno>
 #include <fstream>
 #include <map>
+#include <nlohmann/json.hpp>
 
 namespace {
 

@@ -1,0 +1,25 @@
+#include "json.h"
+
+#include "support.h"
+
+#include <nlohmann/json.hpp>
+
+namespace {
+
+std::string WithReplacements(const nlohmann::json& value)
+{
+    return value.dump(-1, ' ', false, nlohmann::json::error_handler_t::replace);
+}
+
+}  // namespace
+
+std::string JsonText(const nlohmann::json& value)
+{
+    try {
+        return value.dump();
+    } catch (const nlohmann::json::type_error&) {
+        Warn("the result contains bytes that are not UTF-8; JSON shows U+FFFD instead",
+             "omit --json to see them unchanged");
+        return WithReplacements(value);
+    }
+}
