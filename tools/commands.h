@@ -64,12 +64,18 @@ struct PageOptions {
     bool watch = false;
 };
 
+// How the lines of a name-value file are read.
+struct SettingsFormat {
+    std::string delimiter = "=";  // one byte
+    std::string comment = "#";
+};
+
 struct GetOptions {
     std::string file;
-    std::string name;
-    bool hasName = false;
-    char delimiter = '=';
-    std::string comment = "#";
+    std::vector<std::string> names;
+    SettingsFormat format;
+    std::optional<std::string> fallback;  // the value of a name that is missing
+    bool shell = false;                   // then all names are names of variables
     bool json = false;
     bool lint = false;
 };

@@ -23,3 +23,17 @@ std::string JsonText(const nlohmann::json& value)
         return WithReplacements(value);
     }
 }
+
+std::string JsonObject(const std::map<std::string, std::string>& members)
+{
+    std::map<std::string, std::string> nameOfKey;
+    for (const auto& [name, value] : members) {
+        const auto [other, isNew] = nameOfKey.emplace(WithReplacements(name), name);
+        if (!isNew) {
+            throw Failure("the names " + Quoted(other->second) + " and " + Quoted(name) +
+                              " would be the same key in JSON, which shows bytes that are not UTF-8 as U+FFFD",
+                          "omit --json, or save the file in UTF-8");
+        }
+    }
+    return JsonText(members);
+}

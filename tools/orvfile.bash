@@ -12,7 +12,7 @@ _orvfile() {
             --long --full-path -0 --null --json'
         [row]='--csv --tsv --table-end --raw'
         [page]='--allow-empty --watch'
-        [get]='--delimiter --comment --json --lint'
+        [get]='--delimiter --comment --default --shell --json --lint'
     )
     for ((i = 1; i < COMP_CWORD; i++)); do
         if [[ " $commands " == *" ${COMP_WORDS[i]} "* ]]; then

@@ -1,9 +1,10 @@
 // orvfile offers the library's functions to shells and scripts. This file parses the command line; the commands are in
-// transfer.cpp (exists, move, copy), mkdir.cpp, list.cpp, row.cpp, page.cpp and settings.cpp (get).
+// transfer.cpp (exists, move, copy) and, for each other command, a file of its name.
 
 #include "commands.h"
 #include "dlog_text.h"
 #include "quantity.h"
+#include "quoting.h"
 
 #include <CLI/CLI.hpp>
 
@@ -220,30 +221,50 @@ void AddPage(CLI::App& app, Command& chosen)
     command->callback([&chosen] { chosen = [] { return Page(options); }; });
 }
 
-void AddGet(CLI::App& app, Command& chosen)
+void AddFormat(CLI::App* command, SettingsFormat& format)
 {
-    static GetOptions options;
-    static std::string delimiter = "=";
-    CLI::App* const command = app.add_subcommand("get", "Print the values of a name-value file");
-    AddText(command, "FILE", options.file, "The name-value file")->required();
-    CLI::Option* const name = AddText(command, "NAME", options.name, "Print only the value of this name");
-    AddText(command, "--delimiter", delimiter, "The byte that ends a name (default =)")
+    AddText(command, "--delimiter", format.delimiter, "The byte that ends a name (default =)")
         ->type_name("BYTE")
-        ->check([](const std::string& text) {
+        ->check([](const std::string& result) {
+            const std::string text = Whole(result);
             return text.size() == 1 && text != "\n"
                        ? ""
                        : "'" + text + "' is not allowed; give one byte that is not a line feed";
         });
-    AddText(command, "--comment", options.comment, "The prefix of comment lines; empty for none (default #)")
+    AddText(command, "--comment", format.comment, "The prefix of comment lines; empty for none (default #)")
         ->type_name("PREFIX");
+}
+
+void AddGet(CLI::App& app, Command& chosen)
+{
+    static GetOptions options;
+    static std::string fallback;
+    CLI::App* const command = app.add_subcommand("get", "Print the values of a name-value file");
+    command->footer("Exit status: 0 success, 1 the operation failed, 2 wrong usage. 3 FILE does not contain a NAME.");
+    AddText(command, "FILE", options.file, "The name-value file")->required();
+    CLI::Option* const names = AddTexts(command, "NAME", options.names, "Print only the values of these names");
+    AddFormat(command, options.format);
+    CLI::Option* const fallbackOption =
+        AddText(command, "--default", fallback, "Print this for each NAME that FILE does not contain")
+            ->type_name("VALUE")
+            ->needs(names);
+    CLI::Option* const shell =
+        command->add_flag("--shell", options.shell, "Print NAME='VALUE' for eval in a shell")->needs(names);
     CLI::Option* const json =
-        command->add_flag("--json", options.json, "Print a JSON object, or with NAME a JSON string");
+        command->add_flag("--json", options.json, "Print a JSON object, or with one NAME a JSON string")
+            ->excludes(shell);
     command->add_flag("--lint", options.lint, "Report lines that look wrong instead of printing values")
-        ->excludes(name)
+        ->excludes(names)
         ->excludes(json);
-    command->callback([&chosen, name] {
-        options.hasName = name->count() != 0;
-        options.delimiter = delimiter[0];
+    command->callback([&chosen, fallbackOption] {
+        for (const std::string& name : options.names) {
+            if (options.shell && !IsVariableName(name)) {
+                throw CLI::ValidationError("NAME", "'" + name + "' cannot be the name of a variable of a shell");
+            }
+        }
+        if (fallbackOption->count() != 0) {
+            options.fallback = fallback;
+        }
         chosen = [] { return Get(options); };
     });
 }

@@ -29,6 +29,12 @@ bool IsPlain(const std::string& text)
 
 }  // namespace
 
+bool IsVariableName(const std::string& name)
+{
+    static const std::string kAllowed = std::string(kLetters) + kDigits;
+    return name.find_first_of(kLetters) == 0 && name.find_first_not_of(kAllowed) == std::string::npos;
+}
+
 std::string ShellWord(const std::string& text)
 {
     return InQuotes(text, "'\\''");

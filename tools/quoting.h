@@ -4,6 +4,9 @@
 
 #include <string>
 
+// Whether a shell variable can have this name.
+bool IsVariableName(const std::string& name);
+
 // Adds quotation marks, so that every shell reads one word that is the text. The text contains no NUL.
 std::string ShellWord(const std::string& text);
 
