@@ -80,6 +80,18 @@ struct GetOptions {
     bool lint = false;
 };
 
+struct SetOptions {
+    std::string file;
+    std::vector<std::string> settings;  // NAME=VALUE; each contains the delimiter
+    SettingsFormat format;
+};
+
+struct UnsetOptions {
+    std::string file;
+    std::vector<std::string> names;
+    SettingsFormat format;
+};
+
 ExitStatus Exists(const std::vector<std::string>& paths);
 ExitStatus Move(const MoveOptions& options);
 ExitStatus Copy(const CopyOptions& options);
@@ -88,5 +100,7 @@ ExitStatus List(const ListOptions& options);
 ExitStatus Row(const RowOptions& options);
 ExitStatus Page(const PageOptions& options);
 ExitStatus Get(const GetOptions& options);
+ExitStatus Set(const SetOptions& options);
+ExitStatus Unset(const UnsetOptions& options);
 
 #endif  // ORV_TOOLS_COMMANDS_H

@@ -2,7 +2,7 @@
 # shellcheck shell=bash
 
 _orvfile() {
-    local word=${COMP_WORDS[COMP_CWORD]} commands='exists move copy mkdir list row page get' command='' i
+    local word=${COMP_WORDS[COMP_CWORD]} commands='exists move copy mkdir list row page get set unset' command='' i
     local -A options=(
         [exists]=''
         [move]='--durable -n --no-replace'
@@ -13,6 +13,8 @@ _orvfile() {
         [row]='--csv --tsv --table-end --raw'
         [page]='--allow-empty --watch'
         [get]='--delimiter --comment --default --shell --json --lint'
+        [set]='--delimiter --comment'
+        [unset]='--delimiter --comment'
     )
     for ((i = 1; i < COMP_CWORD; i++)); do
         if [[ " $commands " == *" ${COMP_WORDS[i]} "* ]]; then

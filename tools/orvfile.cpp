@@ -1,5 +1,5 @@
 // orvfile offers the library's functions to shells and scripts. This file parses the command line; the commands are in
-// transfer.cpp (exists, move, copy) and, for each other command, a file of its name.
+// transfer.cpp (exists, move, copy), set.cpp (set, unset) and, for each other command, a file of its name.
 
 #include "commands.h"
 #include "dlog_text.h"
@@ -269,6 +269,34 @@ void AddGet(CLI::App& app, Command& chosen)
     });
 }
 
+void AddSet(CLI::App& app, Command& chosen)
+{
+    static SetOptions options;
+    CLI::App* const command = app.add_subcommand("set", "Change values in a name-value file, or add them");
+    AddText(command, "FILE", options.file, "The name-value file; a missing one is made")->required();
+    AddTexts(command, "NAME=VALUE", options.settings, "New values; with --delimiter, that byte instead of =")
+        ->required();
+    AddFormat(command, options.format);
+    command->callback([&chosen] {
+        for (const std::string& text : options.settings) {
+            if (text.find(options.format.delimiter) == std::string::npos) {
+                throw CLI::ValidationError("NAME=VALUE", "'" + text + "' contains no " + options.format.delimiter);
+            }
+        }
+        chosen = [] { return Set(options); };
+    });
+}
+
+void AddUnset(CLI::App& app, Command& chosen)
+{
+    static UnsetOptions options;
+    CLI::App* const command = app.add_subcommand("unset", "Remove names with their values from a name-value file");
+    AddText(command, "FILE", options.file, "The name-value file")->required();
+    AddTexts(command, "NAME", options.names, "Names to remove; a name may be missing")->required();
+    AddFormat(command, options.format);
+    command->callback([&chosen] { chosen = [] { return Unset(options); }; });
+}
+
 // Whether there are too many operands, perhaps because the pattern of an option was not quoted.
 bool IsExpandedPattern(const CLI::App& command, const std::vector<std::string>& rest)
 {
@@ -288,7 +316,8 @@ std::string UsageMessage(const CLI::App* app, const CLI::Error& error)
     std::string text = "orvfile: ";
     dlog_text::AppendEscaped(text, isUnknown ? "unknown command or option '" + rest.front() + "'" : error.what());
     if (commands.empty()) {
-        return text + "\n  Next: use one of exists, move, copy, mkdir, list, row, page, get; see orvfile --help\n";
+        return text +
+               "\n  Next: use one of exists, move, copy, mkdir, list, row, page, get, set, unset; see orvfile --help\n";
     }
     text += "\n  Next: ";
     if (IsExpandedPattern(*commands.front(), rest)) {
@@ -306,7 +335,8 @@ void Describe(CLI::App& app, Command& chosen)
     app.add_flag_callback(
         "-q,--quiet", [] { SetQuiet(true); }, "Suppress notes, warnings and progress; still report failures");
     app.footer("Exit status: 0 success, 1 the operation failed, 2 wrong usage. \"--\" ends the options.");
-    for (const auto& add : {AddExists, AddMove, AddCopy, AddMkdir, AddList, AddRow, AddPage, AddGet}) {
+    for (const auto& add :
+         {AddExists, AddMove, AddCopy, AddMkdir, AddList, AddRow, AddPage, AddGet, AddSet, AddUnset}) {
         add(app, chosen);
     }
 }

@@ -93,6 +93,7 @@ ORVFILE_TESTS = {
     "quantity.cpp": ["directories"],
     "quoting.cpp": ["directories", "settings"],
     "row.cpp": ["row"],
+    "set.cpp": ["settings"],
     "transfer.cpp": ["transfer"],
     "watch.cpp": ["page"],
 }

@@ -1,14 +1,16 @@
 #!/usr/bin/env python3
-"""orvfile get."""
+"""orvfile get, set and unset."""
 
 import errno
 import json
 import os
 import shutil
+import stat
 import subprocess
 
+from pages import without_capabilities
 import tool
-from tool import ToolTest, problem
+from tool import ToolTest, limited_to, problem
 
 REPLACED = problem("warning: the result contains bytes that are not UTF-8; JSON shows U+FFFD instead",
                    "omit --json to see them unchanged")  # fmt: skip
@@ -196,6 +198,139 @@ class GetTest(ToolTest):
         self.write("g", b"; comment\na: 1\n\tb:\n")
 
         self.assert_done("get", "g", "--lint", "--delimiter", ":", "--comment", ";")
+
+
+class SetTest(ToolTest):
+    def test_values_change_and_the_rest_stays_byte_for_byte(self):
+        self.write("f", b"# a comment\r\n\r\n  b = old  \r\na=1\r\n[x]\r\nb\t=\t old\r\nlast", 0o640)
+
+        self.assert_done("set", "f", "b=new = x", "c=", "last=z")
+
+        self.assertEqual(b"# a comment\r\n\r\n  b = old  \r\na=1\r\n[x]\r\nb\t=\t new = x\r\nlast=z\r\nc=\r\n",
+                         self.read("f"))  # fmt: skip
+        self.assertEqual(0o640, stat.S_IMODE(os.stat(self.path("f")).st_mode))
+        self.assertEqual(["f"], self.names())
+
+    def test_a_missing_file_is_made(self):
+        self.assert_done("set", "f", "b=2", "a=1", "a=3", umask=0o027)
+
+        self.assertEqual((b"a=3\nb=2\n", 0o640), (self.read("f"), stat.S_IMODE(os.stat(self.path("f")).st_mode)))
+
+    def test_names_and_values_may_look_like_options_commands_and_lists(self):
+        self.assert_done("set", "--", "f", "-a=-5", "--json=1", "[a,b]=[1,2]", "get=set", "unset=x")
+        self.assert_done("set", "f", "offset=-5", "list=[]")
+
+        self.assertEqual(b"--json=1\n-a=-5\n[a,b]=[1,2]\nget=set\nunset=x\nlist=[]\noffset=-5\n", self.read("f"))
+        self.assert_done("get", "f", "--", "-a", "unset", "[a,b]", out=b"-5\nx\n[1,2]\n")
+        self.assert_done("unset", "f", "--", "-a", "--json", "unset", "[a,b]", "get")
+        self.assertEqual(b"list=[]\noffset=-5\n", self.read("f"))
+
+    def test_delimiter_and_comment_are_chosen(self):
+        self.write("f", b"; a:0\na : 1\n")
+
+        self.assert_done("set", "f", "--delimiter", ":", "--comment", ";", "a:2:3", "#b:4", "c=d:5")
+        self.assertEqual(b"; a:0\na : 2:3\n#b:4\nc=d:5\n", self.read("f"))
+        self.assert_done("unset", "f", "--delimiter", ":", "--comment", ";", "#b", "c=d")
+        self.assertEqual(b"; a:0\na : 2:3\n", self.read("f"))
+        self.assertEqual(
+            (2, b"", problem("NAME=VALUE: 'a=2' contains no :", "see orvfile set --help")),
+            self.run_tool("set", "f", "--delimiter", ":", "a:1", "a=2"))  # fmt: skip
+        self.assertEqual(
+            (2, b"", problem("NAME=VALUE: 'a' contains no =", "see orvfile set --help")),
+            self.run_tool("set", "f", "a"))  # fmt: skip
+        self.assertEqual(b"; a:0\na : 2:3\n", self.read("f"))
+
+    def test_a_name_or_value_that_would_not_be_read_back_is_refused(self):
+        self.write("f", b"a=1\n")
+        space = "begins or ends with white space, which readers remove"
+        for text, name, why in (
+            ("=1", "", "the name is empty"),
+            ("#b=1", "#b", "the name begins with '#', so its line would be a comment"),
+            ("b\nc=1", "b\\nc", "the name contains a line feed"),
+            ("b=1\nc=2", "b", "the value contains a line feed"),
+            (" b=1", " b", f"the name {space}"),
+            ("b =1", "b ", f"the name {space}"),
+            ("b= 1", "b", f"the value {space}"),
+            ("b=1\r", "b", f"the value {space}"),
+            ("b=\t", "b", f"the value {space}"),
+        ):
+            with self.subTest(text=text):
+                self.assert_fails(
+                    f"[3] orv_safe: WriteSettings: set(f, {name}) failed (22, Invalid argument).\n"
+                    + problem(f"cannot set '{name}': {why}", "choose another name or value; 'f' was not changed"),
+                    *("set", "f", "0=2", text))  # fmt: skip
+                self.assertEqual(b"a=1\n", self.read("f"))
+        self.assert_done("set", "f", "#b=1", "--comment=")
+
+    def test_other_failures_are_reported_with_their_reason(self):
+        self.assert_fails(
+            line("WriteSettings", "open", "no/", errno.ENOENT)
+            + problem("cannot change 'no/f': No such file or directory", SPELLING.format("no/")),
+            *("set", "no/f", "a=1"))  # fmt: skip
+        self.assert_fails(
+            line("RemoveSettings", "open", "f", errno.ENOENT)
+            + problem("cannot change 'f': No such file or directory", SPELLING.format("f")),
+            *("unset", "f", "a"))  # fmt: skip
+        for command, name in (("set", "a=1"), ("unset", "a")):
+            status, out, err = self.run_tool(command, ".", name)
+            self.assertEqual((1, b""), (status, out))
+            self.assertRegex(err, r"^\[3\] .* is not a regular file \(0x4000\)\.\norvfile: cannot change '\.'")
+        self.assertEqual([], self.names())
+
+    def test_a_full_disk_leaves_the_old_file(self):
+        old = b"a=" + b"x" * 5000 + b"\nb=1\n"
+        self.write("f", old)
+        for command, name in (("set", "b=2"), ("unset", "b")):
+            status, _, err = self.run_tool(command, "f", name, preexec_fn=limited_to(4096))
+
+            self.assertEqual((1, old, ["f"]), (status, self.read("f"), self.names()))
+            self.assertRegex(err, r"failed \(27, File too large\)\.\norvfile: cannot change 'f': File too large\n")
+
+    def test_changes_are_flushed(self):
+        self.write("f", b"a=1\n")
+        trace = self.path("trace")
+        for command, name in (("set", "a=2"), ("unset", "a"), ("set", "a=3")):
+            self.assert_done(command, "f", name, shim={"TRACE": trace})
+
+            flushed = self.read(trace).decode().splitlines()
+            os.unlink(trace)
+            self.assertEqual(2, len([call for call in flushed if call.startswith("fsync ")]), flushed)
+            self.assertEqual(f"fsync {self.dir}", [call for call in flushed if call.startswith("fsync ")][-1])
+
+    def test_a_link_stays_and_its_target_changes(self):
+        self.write("f", b"a=1\nb=2\n")
+        os.symlink("f", self.path("link"))
+
+        self.assert_done("set", "link", "a=2")
+        self.assert_done("unset", "link", "b")
+
+        self.assertEqual(("f", b"a=2\n"), (os.readlink(self.path("link")), self.read("f")))
+
+    def test_another_owner_is_reported_and_the_change_is_made(self):
+        if os.geteuid() != 0:
+            self.skipTest("needs root, to give the file to another user")
+        path = self.write("f", b"a=1\n")
+        os.chown(path, 54321, 54321)
+
+        status, out, err = self.run_tool("set", "f", "a=2", preexec_fn=without_capabilities(0))  # CAP_CHOWN
+
+        self.assertEqual((0, b"", b"a=2\n"), (status, out, self.read("f")))
+        self.assertEqual("[3] orv_safe: WriteSettings: fchown(f) failed (1, Operation not permitted): the new file has "
+                         "another owner or group.\n", err)  # fmt: skip
+
+    def test_all_lines_of_a_name_are_removed_and_a_missing_one_is_no_failure(self):
+        self.write("f", b"# b=0\nb=1\n a = 2\r\n\nb\nc=3")
+
+        self.assert_done("unset", "f", "b", "gone")
+
+        self.assertEqual(b"# b=0\n a = 2\r\n\nc=3", self.read("f"))
+
+    def test_arguments_are_required(self):
+        for arguments, message in ((["set"], "FILE is required"), (["set", "f"], "NAME=VALUE is required"),
+                                   (["unset"], "FILE is required"), (["unset", "f"], "NAME is required")):  # fmt: skip
+            status, out, err = self.run_tool(*arguments)
+
+            self.assertEqual((2, b"", problem(message, f"see orvfile {arguments[0]} --help")), (status, out, err))
 
 
 if __name__ == "__main__":
