@@ -42,7 +42,7 @@ struct ListOptions {
     std::optional<std::int64_t> largerThanBytes;
     Sort sort = Sort::kName;
     bool reverse = false;
-    std::int64_t skip = 0;
+    std::optional<std::int64_t> skip;
     std::optional<std::int64_t> limit;
     bool details = false;
     bool fullPath = false;

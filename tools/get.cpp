@@ -32,7 +32,7 @@ void PrintAll(const GetOptions& options, const Settings& settings)
     }
     std::string lines;
     for (const auto& [name, value] : settings) {
-        lines += name + options.format.delimiter + value + "\n";
+        lines.append(name).append(options.format.delimiter).append(value).append(1, '\n');
     }
     PrintResult(lines);
 }

@@ -122,23 +122,23 @@ void AddMkdir(CLI::App& app, Command& chosen)
     });
 }
 
-// An option with a number and a unit. `expected` says what is right.
-void AddQuantity(CLI::App* command, const std::string& name, const std::string& type, const Units& units,
-                 const std::function<void(std::int64_t)>& set, const std::string& expected,
+// An option with a number and perhaps a unit. `expected` says what `parse` reads.
+void AddQuantity(CLI::App* command, const std::string& name, const std::string& type,
+                 Quantity (*parse)(const std::string&), Quantity& value, const std::string& expected,
                  const std::string& description)
 {
     command
         ->add_option(
             name,
-            [set, &units](const CLI::results_t& results) {
-                set(*ParseQuantity(results.back(), units));
+            [parse, &value](const CLI::results_t& results) {
+                value = parse(Whole(results.back()));
                 return true;
             },
             description)
         ->type_name(type)
-        ->check([expected, &units](const std::string& result) {
+        ->check([parse, expected](const std::string& result) {
             const std::string text = Whole(result);
-            return ParseQuantity(text, units) ? "" : "'" + text + "' is not " + expected;
+            return parse(text) ? "" : "'" + text + "' is not " + expected;
         });
 }
 
@@ -154,12 +154,11 @@ void AddList(CLI::App& app, Command& chosen)
         ->type_name("PATTERN");
     AddText(command, "--exclude", options.exclude, "Do not list names that match, even if --include matches them")
         ->type_name("PATTERN");
-    AddQuantity(
-        command, "--older-than", "AGE", kSeconds, [](std::int64_t seconds) { options.olderThanSeconds = seconds; },
-        "an age, such as 30m, 12h or 7d", "List only files that were last changed before that; units: s m h d w");
-    AddQuantity(
-        command, "--larger-than", "SIZE", kSizes, [](std::int64_t bytes) { options.largerThanBytes = bytes; },
-        "a size, such as 500, 10K or 2M", "List only files of more bytes; units of 1024: K M G T");
+    AddQuantity(command, "--older-than", "AGE", ParseSeconds, options.olderThanSeconds,
+                "an age, such as 30m, 12h or 7d",
+                "List only files that were last changed before that; units: s m h d w");
+    AddQuantity(command, "--larger-than", "SIZE", ParseSize, options.largerThanBytes, "a size, such as 500, 10K or 2M",
+                "List only files of more bytes; units of 1024: K M G T");
     command->add_flag("--recursive", options.recursive,
                       "Also list files of subdirectories, with their path below DIRECTORY; do not enter links");
     command->add_flag("--follow", options.follow, "Also list links to regular files");
@@ -170,12 +169,8 @@ void AddList(CLI::App& app, Command& chosen)
             return sorts.count(key) != 0 ? "" : "'" + key + "' is not name, time or size";
         });
     command->add_flag("--reverse", options.reverse, "Reverse the order");
-    AddQuantity(
-        command, "--skip", "N", kCounts, [](std::int64_t count) { options.skip = count; }, "a number",
-        "Do not list the first N files");
-    AddQuantity(
-        command, "--limit", "N", kCounts, [](std::int64_t count) { options.limit = count; }, "a number",
-        "List at most N files");
+    AddQuantity(command, "--skip", "N", ParseCount, options.skip, "a number", "Do not list the first N files");
+    AddQuantity(command, "--limit", "N", ParseCount, options.limit, "a number", "List at most N files");
     command->add_flag("--long", options.details, "Also print the size in bytes and the time of the last change");
     command->add_flag("--full-path", options.fullPath, "Put DIRECTORY before each name");
     CLI::Option* const zero = command->add_flag("-0,--null", options.zero, "End each name with a NUL, not a line feed");

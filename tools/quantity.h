@@ -1,20 +1,15 @@
-// Reads quantities such as "12h" and "10M".
+// Reads numbers, sizes and ages. Each result is empty if the text is not what the function reads, or is too large.
 #ifndef ORV_TOOLS_QUANTITY_H
 #define ORV_TOOLS_QUANTITY_H
 
 #include <cstdint>
-#include <map>
 #include <optional>
 #include <string>
 
-// Units by their letter. NUL is the unit of a number without a letter.
-typedef std::map<char, std::int64_t> Units;
+typedef std::optional<std::int64_t> Quantity;
 
-extern const Units kCounts;   // no letter
-extern const Units kSizes;    // bytes; K, M, G and T are powers of 1024
-extern const Units kSeconds;  // s, m, h, d and w; one is needed
-
-// The value of digits and a unit; nothing if the text is not that, or the value is too large.
-std::optional<std::int64_t> ParseQuantity(const std::string& text, const Units& units);
+Quantity ParseCount(const std::string& text);    // digits
+Quantity ParseSize(const std::string& text);     // bytes, such as "500" and "10K"; K, M, G and T are powers of 1024
+Quantity ParseSeconds(const std::string& text);  // such as "12h"; the unit s, m, h, d or w is needed
 
 #endif  // ORV_TOOLS_QUANTITY_H
