@@ -7,8 +7,6 @@
 
 #include <orv/safe.h>
 
-#include <nlohmann/json.hpp>
-
 namespace {
 
 typedef std::map<std::string, std::string> Settings;
@@ -52,7 +50,7 @@ void PrintValues(const GetOptions& options, const Settings& values)
 {
     if (options.json) {
         const bool isOne = options.names.size() == 1;
-        PrintResult((isOne ? JsonText(values.begin()->second) : JsonObject(values)) + "\n");
+        PrintResult((isOne ? JsonString(values.begin()->second) : JsonObject(values)) + "\n");
         return;
     }
     std::string lines;

@@ -11,9 +11,7 @@ std::string WithReplacements(const nlohmann::json& value)
     return value.dump(-1, ' ', false, nlohmann::json::error_handler_t::replace);
 }
 
-}  // namespace
-
-std::string JsonText(const nlohmann::json& value)
+std::string Text(const nlohmann::json& value)
 {
     try {
         return value.dump();
@@ -22,6 +20,27 @@ std::string JsonText(const nlohmann::json& value)
              "omit --json to see them unchanged");
         return WithReplacements(value);
     }
+}
+
+}  // namespace
+
+std::string JsonString(const std::string& text)
+{
+    return Text(text);
+}
+
+std::string JsonArray(const std::vector<std::string>& texts)
+{
+    return Text(texts);
+}
+
+std::string JsonArray(const std::vector<FileDetails>& files)
+{
+    nlohmann::json array = nlohmann::json::array();
+    for (const FileDetails& file : files) {
+        array.push_back({{"name", file.name}, {"bytes", file.bytes}, {"modified", file.modified}});
+    }
+    return Text(array);
 }
 
 std::string JsonObject(const std::map<std::string, std::string>& members)
@@ -35,5 +54,5 @@ std::string JsonObject(const std::map<std::string, std::string>& members)
                           "omit --json, or save the file in UTF-8");
         }
     }
-    return JsonText(members);
+    return Text(members);
 }

@@ -11,7 +11,6 @@
 #include <algorithm>
 #include <ctime>
 #include <filesystem>
-#include <nlohmann/json.hpp>
 #include <system_error>
 #include <tuple>
 
@@ -182,16 +181,13 @@ std::string Date(std::int64_t seconds, bool utc)
 
 std::string Json(const ListOptions& options, const Files& files)
 {
-    nlohmann::json array = nlohmann::json::array();
+    std::vector<std::string> names;
+    std::vector<FileDetails> details;
     for (const orv_safe::ListedFile& file : files) {
-        if (options.details) {
-            array.push_back(
-                {{"name", file.name}, {"bytes", file.bytes}, {"modified", Date(file.modifiedSeconds, /*utc=*/true)}});
-        } else {
-            array.push_back(file.name);
-        }
+        names.push_back(file.name);
+        details.push_back({file.name, file.bytes, Date(file.modifiedSeconds, /*utc=*/true)});
     }
-    return JsonText(array) + "\n";
+    return (options.details ? JsonArray(details) : JsonArray(names)) + "\n";
 }
 
 std::size_t WidthOfSizes(const Files& files)
