@@ -51,8 +51,10 @@ struct ListOptions {
 };
 
 struct RowOptions {
-    std::vector<std::string> cells;  // if empty, a table is read from standard input
-    char separator = ',';            // of that table
+    std::vector<std::string> cells;   // if empty, a table is read from standard input
+    char separator = ',';             // of that table
+    bool isSeparatorAssumed = false;  // the user has not named it
+    std::string encoding;             // of that table; if empty, UTF-8
     bool tableEnd = false;
     bool raw = false;
 };

@@ -1,20 +1,19 @@
 #include "csv_reader.h"
 
 #include "support.h"
+#include "utf8_input.h"
 
 #include <csv.h>
-#include <unistd.h>
 
-#include <cerrno>
-#include <cstring>
 #include <new>
+#include <utility>
 
 namespace {
 
 // The result of the callbacks. They must not throw, because libcsv is C code.
 struct Filled {
-    CsvRows rows;
-    std::vector<std::string> row;
+    std::vector<CsvRow> rows;
+    CsvRow row;
     bool outOfMemory = false;
 };
 
@@ -55,62 +54,76 @@ public:
     Parser(const Parser&) = delete;
     Parser& operator=(const Parser&) = delete;
 
-    void Add(const char* bytes, std::size_t size)
+    void Add(const std::string& text)
     {
-        const std::size_t taken = csv_parse(&parser_, bytes, size, AddCell, AddRow, &filled_);
-        Require(taken == size, "unexpected quotation mark at byte " + std::to_string(taken + 1) + " of the input");
+        const std::size_t mark = bytes_ == 0 ? ByteOrderMarkBytes(text) : 0;
+        const std::size_t size = text.size() - mark;
+        const std::size_t taken = csv_parse(&parser_, text.data() + mark, size, AddCell, AddRow, &filled_);
+        bytes_ += mark + taken;
+        Require(taken == size, "unexpected quotation mark at byte " + std::to_string(bytes_ + 1) + " of the input");
     }
 
-    CsvRows Finish()
+    void Finish()
     {
         Require(csv_fini(&parser_, AddCell, AddRow, &filled_) == 0, "the input ends inside quotation marks");
-        return std::move(filled_.rows);
+    }
+
+    // The rows that have been completed since the last call.
+    std::vector<CsvRow> TakeRows()
+    {
+        rowsTaken_ += filled_.rows.size();
+        return std::exchange(filled_.rows, {});
+    }
+
+    // Where the parser is, for messages.
+    std::string Place() const
+    {
+        return "standard input, row " + std::to_string(rowsTaken_ + filled_.rows.size() + 1) + ": ";
     }
 
 private:
+    // Some programs begin such a file with a byte-order mark. It is not part of the first cell.
+    static std::size_t ByteOrderMarkBytes(const std::string& text)
+    {
+        static const std::string kMark = "\xEF\xBB\xBF";
+        return text.compare(0, kMark.size(), kMark) == 0 ? kMark.size() : 0;
+    }
+
     void Require(bool parsed, const std::string& mistake) const
     {
         if (filled_.outOfMemory || (!parsed && csv_error(&parser_) != CSV_EPARSE)) {
             throw std::bad_alloc();
         }
         if (!parsed) {
-            throw Failure("standard input, row " + std::to_string(filled_.rows.size() + 1) + ": " + mistake,
+            throw Failure(Place() + mistake,
                           "put the cell between quotation marks, and double each quotation mark inside it");
         }
     }
 
     mutable struct csv_parser parser_ = {};  // mutable because csv_error takes a non-const pointer
     Filled filled_;
+    std::size_t rowsTaken_ = 0;
+    std::size_t bytes_ = 0;  // that were parsed
 };
-
-// Some programs begin such a file with a byte-order mark. It is not part of the first cell.
-std::size_t ByteOrderMarkBytes(const char* bytes, std::size_t size)
-{
-    static const char kMark[] = "\xEF\xBB\xBF";
-    return size >= 3 && std::memcmp(bytes, kMark, 3) == 0 ? 3 : 0;
-}
-
-std::string ReadStandardInput()
-{
-    std::string text;
-    char block[65536];
-    ssize_t got;
-    while ((got = read(STDIN_FILENO, block, sizeof block)) != 0) {
-        if (got == -1 && errno != EINTR) {
-            throw Failure("cannot read standard input: " + ErrorText(errno), "redirect it from a file or a pipe");
-        }
-        text.append(block, got == -1 ? 0 : static_cast<std::size_t>(got));
-    }
-    return text;
-}
 
 }  // namespace
 
-CsvRows ReadCsvFromStandardInput(char separator)
+void ReadCsv(char separator, const std::string& encoding, const std::function<void(const CsvRow&)>& use)
 {
-    const std::string text = ReadStandardInput();
-    const std::size_t skipped = ByteOrderMarkBytes(text.data(), text.size());
+    Utf8Input input(encoding);
     Parser parser(separator);
-    parser.Add(text.data() + skipped, text.size() - skipped);
-    return parser.Finish();
+    const auto useRows = [&] {
+        for (const CsvRow& row : parser.TakeRows()) {
+            use(row);
+        }
+    };
+    for (std::string text; input.Read(text);) {
+        parser.Add(text);
+        useRows();
+    }
+    if (input.Mistake()) {
+        throw Failure(parser.Place() + input.Mistake()->what(), input.Mistake()->Next());
+    }
+    parser.Finish();
+    useRows();
 }

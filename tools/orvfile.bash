@@ -10,7 +10,7 @@ _orvfile() {
         [mkdir]='-m --mode --exact-mode'
         [list]='--include --exclude --older-than --larger-than --recursive --follow --sort --reverse --skip --limit
             --long --full-path -0 --null --json'
-        [row]='--csv --tsv --table-end --raw'
+        [row]='--csv --tsv --delimiter --encoding --table-end --raw'
         [page]='--allow-empty --watch'
         [get]='--delimiter --comment --default --shell --json --lint'
         [set]='--delimiter --comment'

@@ -182,6 +182,14 @@ void AddList(CLI::App& app, Command& chosen)
     });
 }
 
+// A byte that can separate values. Quotation marks and the ends of lines have another meaning.
+std::string CheckSeparator(const std::string& argument)
+{
+    const std::string text = Whole(argument);
+    const bool isAllowed = text.size() == 1 && text.find_first_of("\"\r\n") == text.npos;
+    return isAllowed ? "" : "'" + text + "' is not allowed; give one byte that is not a quotation mark or a line end";
+}
+
 void AddRow(CLI::App& app, Command& chosen)
 {
     static RowOptions options;
@@ -191,16 +199,28 @@ void AddRow(CLI::App& app, Command& chosen)
     static bool tsv = false;
     CLI::Option* const csvFlag =
         command->add_flag("--csv", csv, "Read a table of comma-separated values from standard input")->excludes(cells);
-    command->add_flag("--tsv", tsv, "Read a table of tab-separated values from standard input")
+    CLI::Option* const tsvFlag =
+        command->add_flag("--tsv", tsv, "Read a table of tab-separated values from standard input")
+            ->excludes(cells)
+            ->excludes(csvFlag);
+    static std::string delimiter;
+    AddText(command, "--delimiter", delimiter, "Read a table of values separated by BYTE from standard input")
+        ->type_name("BYTE")
+        ->check(CheckSeparator)
         ->excludes(cells)
-        ->excludes(csvFlag);
+        ->excludes(tsvFlag);
+    AddText(command, "--encoding", options.encoding,
+            "The encoding of standard input, as iconv -l names it (default UTF-8)")
+        ->type_name("NAME")
+        ->excludes(cells);
     command->add_flag("--table-end", options.tableEnd, "End the table after the rows");
     command->add_flag("--raw", options.raw, "Do not escape cells; fail if a cell would break its row");
     command->callback([&chosen] {
-        if (options.cells.empty() && !csv && !tsv) {
-            throw CLI::RequiredError("CELL, --csv or --tsv");
+        if (options.cells.empty() && !csv && !tsv && delimiter.empty()) {
+            throw CLI::RequiredError("CELL, --csv, --tsv or --delimiter");
         }
-        options.separator = tsv ? '\t' : ',';
+        options.isSeparatorAssumed = csv && delimiter.empty();
+        options.separator = tsv ? '\t' : delimiter.empty() ? ',' : delimiter[0];
         chosen = [] { return Row(options); };
     });
 }

@@ -2,25 +2,13 @@
 
 #include "commands.h"
 #include "csv_reader.h"
+#include "streams.h"
 
 #include <LxFileUtils.h>
 
-namespace {
+#include <orv/safe.h>
 
-// The table file has no quoting and the page no escaping, so separators and markup become character references. The
-// semicolon of a reference would end the row, so it is omitted; a digit after it would then be part of the reference,
-// so it becomes a reference too. Browsers show the original text.
-std::string SafeCell(const std::string& text)
-{
-    static const std::string kSpecial = "&<>\";,:\r\n";
-    std::string safe;
-    bool referred = false;
-    for (const char c : text) {
-        referred = kSpecial.find(c) != std::string::npos || (referred && c >= '0' && c <= '9');
-        safe += referred ? "&#" + std::to_string(static_cast<int>(c)) : std::string(1, c);
-    }
-    return safe;
-}
+namespace {
 
 // Says why a byte of a cell would break its row; null if it would not.
 const char* WhyItBreaksTheRow(char byte, bool isHead)
@@ -50,46 +38,73 @@ void RefuseBreakingBytes(const std::string& cell, std::size_t row, std::size_t c
     }
 }
 
-std::string RowText(std::vector<std::string> cells, bool raw, std::size_t row)
+std::string RawRow(const std::vector<std::string>& cells, std::size_t row)
 {
-    for (std::size_t i = 0; i < cells.size(); ++i) {
-        if (raw) {
-            RefuseBreakingBytes(cells[i], row, i + 1);
-        } else {
-            cells[i] = SafeCell(cells[i]);
-        }
+    std::vector<orv_safe::Cell> raw;
+    for (const std::string& cell : cells) {
+        RefuseBreakingBytes(cell, row, raw.size() + 1);
+        raw.push_back(orv_safe::Cell().Markup(cell));
     }
-    if (cells.size() == 1) {
-        cells.emplace_back();  // otherwise the next row would become cells of this one
-    }
-    return orv_fileutils::AddTextFileFormattedRow(cells);
+    return orv_safe::SafeMarkupRow(raw);
 }
 
-CsvRows RowsOf(const RowOptions& options)
+// Many spreadsheets write semicolons where the comma is the decimal separator.
+void RefuseOtherSeparator(const CsvRow& first)
 {
-    if (!options.cells.empty()) {
-        return {options.cells};
+    if (first.size() == 1 && first[0].find(';') != std::string::npos) {
+        throw Failure("standard input seems to be separated by semicolons: its first row has no comma, but semicolons",
+                      "add --delimiter ';', or --delimiter , if commas separate the values");
     }
-    CsvRows rows = ReadCsvFromStandardInput(options.separator);
-    if (rows.empty()) {
-        throw Failure("standard input contains no rows",
-                      "check the command that writes it; an empty table needs no rows");
-    }
-    return rows;
 }
+
+// Forms rows and counts them.
+class Table {
+public:
+    explicit Table(const RowOptions& options) : options_(options)
+    {
+    }
+
+    void Add(const std::vector<std::string>& cells)
+    {
+        if (++rows_ == 1 && options_.isSeparatorAssumed) {
+            RefuseOtherSeparator(cells);
+        }
+        text_.Add(options_.raw ? RawRow(cells, rows_) : orv_safe::SafeRow(cells));
+    }
+
+    void Print()
+    {
+        if (options_.tableEnd) {
+            text_.Add(orv_fileutils::TextFileTableDelimter());
+        }
+        text_.Print();
+    }
+
+    bool IsEmpty() const
+    {
+        return rows_ == 0;
+    }
+
+private:
+    const RowOptions& options_;
+    std::size_t rows_ = 0;
+    Spool text_;  // nothing is printed before the whole input has proved right
+};
 
 }  // namespace
 
 ExitStatus Row(const RowOptions& options)
 {
-    std::string text;
-    std::size_t number = 0;
-    for (const std::vector<std::string>& cells : RowsOf(options)) {
-        text += RowText(cells, options.raw, ++number);
+    Table table(options);
+    if (!options.cells.empty()) {
+        table.Add(options.cells);
+    } else {
+        ReadCsv(options.separator, options.encoding, [&table](const CsvRow& row) { table.Add(row); });
     }
-    if (options.tableEnd) {
-        text += orv_fileutils::TextFileTableDelimter();
+    if (table.IsEmpty()) {
+        throw Failure("standard input contains no rows",
+                      "check the command that writes it; an empty table needs no rows");
     }
-    PrintResult(text);
+    table.Print();
     return kDone;
 }

@@ -34,7 +34,7 @@ class UsageTest(ToolTest):
             (["list"], "DIRECTORY is required", "list"),
             (["list", ".", "--include"], "--include: 1 required PATTERN missing", "list"),
             (["list", ".", "-0", "--json"], "--null excludes --json", "list"),
-            (["row"], "CELL, --csv or --tsv is required", "row"),
+            (["row"], "CELL, --csv, --tsv or --delimiter is required", "row"),
             (["row", "--csv", "--tsv"], "--csv excludes --tsv", "row"),
             (["row", "--csv", "a"], "CELL excludes --csv", "row"),
             (["page", "a"], "PAGE is required", "page"),

@@ -1,0 +1,46 @@
+#!/usr/bin/env python3
+"""Memory and descriptors of orvfile. Emulators and sanitizers have their own."""
+
+import re
+import resource
+
+import tool
+from tool import ToolTest
+
+MEBIBYTE = 1 << 20
+ROWS = 1000000
+
+
+def with_memory(size):
+    """For a child that gets no more memory than this."""
+    return lambda: resource.setrlimit(resource.RLIMIT_AS, (size, size))
+
+
+class MemoryTest(ToolTest):
+    def test_a_million_rows_need_16_mebibytes(self):
+        self.write("table", b"Port,up since yesterday\n" * ROWS)
+
+        with open(self.path("table"), "rb") as table:
+            process = self.start("row", "--csv", stdin=table, bufsize=0)
+        first = process.stdout.read(1)  # the rest does not fit into the pipe, so the program waits
+        memory = self.peak_memory(process.pid)
+        status, rest, err = self.finish(process)
+
+        self.assertEqual((0, ROWS, ""), (status, (first + rest).count(b";"), err))
+        self.assertLess(memory, 16 * MEBIBYTE)
+
+    def test_a_lack_of_memory_is_a_failure(self):
+        cell = b"x" * (100 * MEBIBYTE)
+
+        status, out, err = self.run_tool("row", "--csv", data=b"a," + cell, preexec_fn=with_memory(100 * MEBIBYTE))
+
+        self.assertEqual((1, b""), (status, out))
+        self.assertEqual("orvfile: std::bad_alloc\n  Next: free memory, or use a smaller input\n", err)
+
+    def peak_memory(self, process):
+        with open(f"/proc/{process}/status", encoding="ascii") as status:
+            return 1024 * int(re.search(r"(?m)^VmHWM:\s*(\d+) kB", status.read())[1])
+
+
+if __name__ == "__main__":
+    tool.main()
