@@ -11,17 +11,16 @@
 
 #include "support.h"
 
-struct MoveOptions {
-    std::string source;
-    std::string destination;
-    bool durable = false;
-    bool noReplace = false;
-};
-
-struct CopyOptions {
-    std::string source;
-    std::string destination;
+// Of move and copy.
+struct TransferOptions {
+    std::vector<std::string> operands;  // the sources and, unless hasDirectory, the destination
+    std::string directory;
+    bool hasDirectory = false;
+    bool durable = true;
     bool verify = true;
+    bool preserve = false;
+    bool noReplace = false;
+    bool plain = false;  // by RenameFileAcrossFs; without the four options above
 };
 
 struct MkdirOptions {
@@ -95,8 +94,8 @@ struct UnsetOptions {
 };
 
 ExitStatus Exists(const std::vector<std::string>& paths);
-ExitStatus Move(const MoveOptions& options);
-ExitStatus Copy(const CopyOptions& options);
+ExitStatus Move(const TransferOptions& options);
+ExitStatus Copy(const TransferOptions& options);
 ExitStatus MakeDirectories(const MkdirOptions& options);
 ExitStatus List(const ListOptions& options);
 ExitStatus Row(const RowOptions& options);

@@ -2,6 +2,7 @@
 
 #include "dlog.h"
 #include "dlog_text.h"
+#include "progress.h"
 
 #include <unistd.h>
 
@@ -32,7 +33,8 @@ std::vector<Report> TakeReports()
 
 void PrintLines(const std::string& lines)
 {
-    const ssize_t written = write(STDERR_FILENO, lines.data(), lines.size());
+    const std::string text = EraseProgress() + lines;
+    const ssize_t written = write(STDERR_FILENO, text.data(), text.size());
     (void)written;  // a failure cannot be reported anywhere
 }
 

@@ -5,8 +5,8 @@ _orvfile() {
     local word=${COMP_WORDS[COMP_CWORD]} commands='exists move copy mkdir list row page get set unset' command='' i
     local -A options=(
         [exists]=''
-        [move]='--durable -n --no-replace'
-        [copy]='--no-verify'
+        [move]='-t --target-directory -n --no-replace --preserve --durable --no-durable --verify --no-verify --plain'
+        [copy]='-t --target-directory -n --no-replace --preserve --durable --no-durable --verify --no-verify'
         [mkdir]='-m --mode --exact-mode'
         [list]='--include --exclude --older-than --larger-than --recursive --follow --sort --reverse --skip --limit
             --long --full-path -0 --null --json'

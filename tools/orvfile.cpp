@@ -5,6 +5,7 @@
 #include "dlog_text.h"
 #include "quantity.h"
 #include "quoting.h"
+#include "signals.h"
 
 #include <CLI/CLI.hpp>
 
@@ -73,28 +74,62 @@ void AddExists(CLI::App& app, Command& chosen)
     command->callback([&chosen] { chosen = [] { return Exists(paths); }; });
 }
 
+// Adds what move and copy have in common.
+void AddTransfer(CLI::App* command, TransferOptions& options)
+{
+    AddTexts(command, "SOURCE", options.operands, "The files; then, without -t, DESTINATION: a new path or a directory")
+        ->required();
+    AddText(command, "-t,--target-directory", options.directory, "The directory that the files go to")
+        ->type_name("DIRECTORY");
+    command->add_flag("-n,--no-replace", options.noReplace, "Fail for a destination that exists");
+    command->add_flag("--preserve", options.preserve,
+                      "Also keep owner, set-id and sticky bits, times, extended attributes and holes");
+    CLI::Option* const durable = command->add_flag("--durable", "Lose nothing in a power cut (the default)");
+    CLI::Option* const verify = command->add_flag("--verify", "Read each copy back and compare it (the default)");
+    command
+        ->add_flag_callback(
+            "--no-durable", [&options] { options.durable = false; }, "Do not wait for the disk")
+        ->excludes(durable);
+    command
+        ->add_flag_callback(
+            "--no-verify", [&options] { options.verify = false; }, "Do not read copies back")
+        ->excludes(verify);
+}
+
+// Checks the operands of move or copy.
+void ChooseTransfer(const CLI::App* command, TransferOptions& options)
+{
+    options.hasDirectory = command->count("--target-directory") != 0;
+    if (!options.hasDirectory && options.operands.size() < 2) {
+        throw CLI::RequiredError("DESTINATION");
+    }
+}
+
 void AddMove(CLI::App& app, Command& chosen)
 {
-    static MoveOptions options;
-    CLI::App* const command = app.add_subcommand("move", "Move a regular file, even to another file system");
-    AddText(command, "SOURCE", options.source, "The file to move")->required();
-    AddText(command, "DESTINATION", options.destination, "Its new path; an existing file is replaced")->required();
-    command->add_flag("--durable", options.durable,
-                      "Copy, compare and flush to the disk before removing SOURCE, so that a power cut loses nothing");
-    command->add_flag("-n,--no-replace", options.noReplace, "Fail if DESTINATION exists");
-    command->callback([&chosen] { chosen = [] { return Move(options); }; });
+    static TransferOptions options;
+    CLI::App* const command = app.add_subcommand("move", "Move regular files, even to another file system");
+    AddTransfer(command, options);
+    CLI::Option* const plain = command->add_flag(
+        "--plain", options.plain, "Use the plain function, RenameFileAcrossFs: flush and compare nothing");
+    for (const char* const other : {"--no-replace", "--preserve", "--durable", "--verify"}) {
+        plain->excludes(command->get_option(other));
+    }
+    command->callback([&chosen, command] {
+        ChooseTransfer(command, options);
+        chosen = [] { return Move(options); };
+    });
 }
 
 void AddCopy(CLI::App& app, Command& chosen)
 {
-    static CopyOptions options;
-    CLI::App* const command = app.add_subcommand("copy", "Copy the bytes of a regular file, and compare them");
-    AddText(command, "SOURCE", options.source, "The file to copy")->required();
-    AddText(command, "DESTINATION", options.destination, "The file to write; an existing one is overwritten in place")
-        ->required();
-    command->add_flag_callback(
-        "--no-verify", [] { options.verify = false; }, "Do not compare the bytes afterwards");
-    command->callback([&chosen] { chosen = [] { return Copy(options); }; });
+    static TransferOptions options;
+    CLI::App* const command = app.add_subcommand("copy", "Copy regular files");
+    AddTransfer(command, options);
+    command->callback([&chosen, command] {
+        ChooseTransfer(command, options);
+        chosen = [] { return Copy(options); };
+    });
 }
 
 void AddMkdir(CLI::App& app, Command& chosen)
@@ -378,6 +413,7 @@ ExitStatus Run(int argc, char** argv)
 
 int main(int argc, char** argv)
 {
+    IgnoreClosedPipes();
     try {
         return Run(argc, argv);
     } catch (const std::exception& error) {  // from the standard library: memory ran out

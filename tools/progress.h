@@ -1,35 +1,30 @@
-// Shows the progress of long operations on standard error, if that is a terminal.
+// Shows the progress of long work in a line on standard error, if that is a terminal.
 #ifndef ORV_TOOLS_PROGRESS_H
 #define ORV_TOOLS_PROGRESS_H
 
-#include <sys/types.h>
+#include <chrono>
+#include <cstdint>
 
-#include <condition_variable>
-#include <mutex>
-#include <string>
-#include <thread>
-
-// While it exists, shows how many of `total` bytes this process has written or read. The functions of the library do
-// not report their progress, but the kernel counts the bytes of each process.
+// One piece of work. The destructor removes the line. Nothing here can fail: what cannot be shown is not shown.
 class Progress {
 public:
-    enum class Counted { kRead, kWritten };
-
-    Progress(const std::string& what, off_t total, Counted counted);
+    // `what` is such as "copying", and is kept, not copied.
+    explicit Progress(const char* what) : what_(what)
+    {
+    }
     ~Progress();
     Progress(const Progress&) = delete;
     Progress& operator=(const Progress&) = delete;
 
-private:
-    void Run();
+    // Shows how much is done, unless it was shown just before, or the work is short.
+    void Show(std::uint64_t done, std::uint64_t total);
 
-    const std::string what_;
-    const off_t total_;
-    const char* const counter_;
-    std::mutex mutex_;
-    std::condition_variable ended_;
-    bool end_ = false;
-    std::thread thread_;  // last, because it uses the others
+private:
+    const char* const what_;
+    std::chrono::steady_clock::time_point shownAt_;
 };
+
+// What to write before another line, so that it does not share its line with the progress: nothing if none is shown.
+const char* EraseProgress();
 
 #endif  // ORV_TOOLS_PROGRESS_H

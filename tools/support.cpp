@@ -3,16 +3,25 @@
 #include "dlog_text.h"
 #include "explain.h"
 #include "log.h"
+#include "signals.h"
 
 #include <unistd.h>
 
 #include <cerrno>
 #include <cstring>
 #include <iostream>
+#include <string_view>
 
 namespace {
 
 bool quiet = false;
+
+// Whether a line is about something that a copy could not keep, which is no failure.
+bool IsNote(const std::string& text)
+{
+    constexpr std::string_view kEnd = " not kept.";
+    return text.size() >= kEnd.size() && text.compare(text.size() - kEnd.size(), kEnd.size(), kEnd) == 0;
+}
 
 std::string TypeName(mode_t mode)
 {
@@ -32,16 +41,18 @@ std::string TypeName(mode_t mode)
 
 void FailByReports(const std::string& problem)
 {
-    std::optional<Explanation> reason;
-    for (const Report& report : TakeReports()) {
-        if (std::optional<Explanation> explanation = Explain(report.text)) {
-            reason = explanation;
+    FailByReports(problem, TakeReports());
+}
+
+void FailByReports(const std::string& problem, const std::vector<Report>& reports)
+{
+    for (const Report& report : reports) {
+        const std::optional<Explanation> reason = IsNote(report.text) ? std::nullopt : Explain(report.text);
+        if (reason) {
+            throw Failure(problem + ": " + reason->meaning, reason->todo);
         }
     }
-    if (!reason) {
-        throw Failure(problem, "see the lines above");
-    }
-    throw Failure(problem + ": " + reason->meaning, reason->todo);
+    throw Failure(problem, "see the lines above");
 }
 
 void SetQuiet(bool wanted)
@@ -71,6 +82,9 @@ void PrintResult(const std::string& bytes)
     errno = 0;
     std::cout << bytes << std::flush;
     if (!std::cout) {
+        if (errno == EPIPE) {
+            EndByClosedPipe();
+        }
         throw Failure("cannot write to standard output: " + ErrorText(errno),
                       "redirect it to a file, pipe or terminal that accepts the result");
     }

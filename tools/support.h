@@ -8,6 +8,9 @@
 #include <optional>
 #include <stdexcept>
 #include <string>
+#include <vector>
+
+#include "log.h"
 
 enum ExitStatus { kDone = 0, kFailed = 1, kUsage = 2, kMissing = 3 };
 
@@ -27,9 +30,10 @@ private:
     std::string next_;
 };
 
-// Throws Failure: "PROBLEM: REASON", and what to do. Both come from the last line that a library reported since the
-// last command began and that can be explained.
-[[noreturn]] void FailByReports(const std::string& problem);
+// Throws Failure: "PROBLEM: REASON", and what to do. Both come from the first of the lines that reports a failure and
+// can be explained: later ones report what followed from it.
+[[noreturn]] void FailByReports(const std::string& problem, const std::vector<Report>& reports);
+[[noreturn]] void FailByReports(const std::string& problem);  // by all lines since TakeReports() was called
 
 // Whether to suppress notes, warnings and progress. Failures are always printed.
 void SetQuiet(bool quiet);

@@ -1,15 +1,76 @@
 #!/usr/bin/env python3
 """orvfile exists, move and copy."""
 
+import contextlib
 import errno
 import os
 import pty
 import re
+import signal
+import socket
+import subprocess
 
+import orv_test
 from oracle import LINES, logged
 from pages import without_capabilities
 import tool
-from tool import ToolTest, limited_to, problem
+from tool import PATIENCE_SECONDS, ToolTest, limited_to, problem
+
+NO_RANGES = f"copy_file_range:{errno.EXDEV}"  # then the copy is made by sendfile, which can be counted
+THROUGH_US = f"{NO_RANGES} sendfile:{errno.EINVAL}"  # then by read and write
+
+
+def safe(text):
+    return f"[3] orv_safe: {text}\n"
+
+
+def missing(path):
+    return problem(f"'{path}': No such file or directory",
+                   f"check the spelling of '{path}', and check that its directory exists")  # fmt: skip
+
+
+class TransferTest(ToolTest):
+    """Most tests run move and copy, each within one file system and to another one."""
+
+    def setUp(self):
+        super().setUp()
+        self.to = os.path.join(self.other, "b")
+
+    def trace(self):
+        with contextlib.suppress(FileNotFoundError):
+            return self.read(os.path.join(self.other, "trace")).decode().splitlines()
+        return []
+
+    def traced(self, **shim):
+        path = os.path.join(self.other, "trace")
+        with contextlib.suppress(FileNotFoundError):
+            os.unlink(path)
+        return {"TRACE": path, **shim}
+
+    def assert_steps(self, expected, *arguments, **shim):
+        self.assert_done(*arguments, shim=self.traced(**shim))
+        staged = re.sub(r"/(#\d+ \(deleted\)|\.orv_\w{16})", "/STAGED", "\n".join(self.trace()))
+        self.assertEqual(expected, [step for step in staged.split("\n") if re.match("fsync|unlinkat", step)])
+
+    def assert_fails_with(self, lines, message, *arguments, **options):
+        """Fails with these lines of the libraries, then with the message, a reason, and what to do."""
+        status, out, err = self.run_tool(*arguments, **options)
+
+        self.assertEqual((1, b""), (status, out))
+        self.assertRegex(err, "^" + re.escape(lines + "orvfile: " + message) + r"[^\n]*\n  Next: [^\n]+\n$")
+
+    def assert_nothing_changed(self, new=b"new", old=b"old", other=("b",)):
+        self.assertEqual((["a"], new), (self.names(), self.read("a")))
+        self.assertEqual(sorted(other), [name for name in self.names(self.other) if name != "trace"])
+        if other:
+            self.assertEqual(old, self.read(self.to))
+
+    def arrange(self, new=b"new", old=b"old"):
+        self.write("a", new)
+        if old is not None:
+            self.write(self.to, old)
+
+
 
 
 class ExistsTest(ToolTest):
@@ -34,19 +95,22 @@ class ExistsTest(ToolTest):
         self.assert_fails("", "exists", "-q", ".", "gone")
 
 
-class MoveTest(ToolTest):
-    def test_within_a_file_system_the_file_itself_moves(self):
-        self.write("a", b"data", 0o4750)
-        self.write("b", b"old")
-        inode = os.stat(self.path("a")).st_ino
 
-        self.assert_done("move", "a", "b")
+class MoveTest(TransferTest):
+    def test_within_a_file_system_the_file_itself_moves_with_all_that_it_has(self):
+        for options in ([], ["--plain"]):
+            self.write("a", b"data", 0o4750)
+            self.write("b", b"old")
+            inode = os.stat(self.path("a")).st_ino
 
-        self.assertEqual(["b"], self.names())
-        self.assertEqual((inode, 0o104750), (os.stat(self.path("b")).st_ino, os.stat(self.path("b")).st_mode))
+            self.assert_done("move", *options, "a", "b")
 
-    def test_to_another_file_system_bytes_and_permissions_arrive(self):
-        for options in ([], ["-n"], ["--durable"], ["--durable", "--no-replace"]):
+            self.assertEqual(["b"], self.names())
+            self.assertEqual((inode, 0o104750), (os.stat(self.path("b")).st_ino, os.stat(self.path("b")).st_mode))
+
+    def test_to_another_file_system_the_bytes_arrive_and_the_source_is_removed(self):
+        for options in ([], ["-n"], ["--no-replace", "--durable", "--verify", "--preserve"], ["--no-durable"],
+                        ["--no-verify"], ["--no-verify", "--no-durable"], ["--plain"]):  # fmt: skip
             with self.subTest(options=options):
                 data = os.urandom(70000)
                 self.write("a", data, 0o640)
@@ -57,237 +121,544 @@ class MoveTest(ToolTest):
                 self.assertEqual([], self.names())
                 self.assertEqual(data, self.read(to))
                 self.assertEqual(0o100640, os.stat(to).st_mode)
-        self.assertEqual(["b", "b---durable", "b---durable---no-replace", "b--n"], self.names(self.other))
 
-    def test_an_existing_destination_stays_when_it_may_not_be_replaced(self):
-        os.symlink("gone", self.path("link"))
-        for options in (["-n"], ["-n", "--durable"]):
-            for to in ("b", os.path.join(self.other, "b"), "link"):
-                with self.subTest(options=options, to=to):
-                    self.write("a", b"new")
-                    if to != "link":
-                        self.write(to, b"old")
+    def test_the_file_and_both_directories_are_flushed_before_the_source_is_removed(self):
+        self.arrange()
+        flushed = [f"fsync {self.other}/STAGED", f"fsync {self.other}"]
+        removed = ["unlinkat a", f"fsync {self.dir}"]
 
-                    self.assert_fails(
-                        problem(f"'{to}' exists",
-                                "omit --no-replace to replace it, or choose another destination"),
-                        *("move", *options, "a", to))  # fmt: skip
+        self.assert_steps(flushed + removed, "move", "--no-verify", "a", self.to)
+        self.arrange()
+        self.assert_steps(flushed[:1] + flushed + removed, "move", "--durable", "--verify", "a", self.to)
+        self.arrange(old=None)
+        os.unlink(self.to)
+        self.assert_steps(flushed[:1] + flushed + removed, "move", "--durable", "-n", "a", self.to)
 
-                    self.assertEqual(b"new", self.read("a"))
-                    self.assertEqual("gone" if to == "link" else b"old",
-                                     os.readlink(self.path(to)) if to == "link" else self.read(to))  # fmt: skip
-        self.assertEqual(["a", "b", "link"], self.names())
-        self.assertEqual(["b"], self.names(self.other))
+    def test_a_rename_is_flushed_before_and_after(self):
+        os.mkdir(self.path("d"))
+        for to, directories in (("b", [""]), ("d", ["/d", ""]), (self.path("c"), ["", ""])):
+            self.write("a")
+            steps = [f"fsync {self.dir}/a", *(f"fsync {self.dir}{directory}" for directory in directories)]
+
+            self.assert_steps(steps, "move", "a", to)
+
+    def test_each_of_several_files_is_flushed(self):
+        self.write("a")
+        self.write("c")
+        steps = [[f"fsync {self.other}/STAGED", f"fsync {self.other}", f"unlinkat {name}", f"fsync {self.dir}"]
+                 for name in ("a", "c")]  # fmt: skip
+
+        self.assert_steps(sum(steps, []), "move", "--no-verify", "a", "c", self.other)
+
+    def test_nothing_is_flushed_on_request(self):
+        self.arrange()
+
+        self.assert_steps(["unlinkat a"], "move", "--no-durable", "--no-verify", "a", self.to)
 
     def test_no_replace_works_without_the_newer_system_call(self):
         self.write("a", b"data")
 
-        self.assert_done("move", "-n", "a", "b", shim={"FAIL": f"renameat2:{errno.EINVAL}", "TRACE": self.path("t")})
+        self.assert_done("move", "-n", "a", "b", shim=self.traced(FAIL=f"renameat2:{errno.EINVAL}"))
 
         self.assertEqual(b"data", self.read("b"))
-        self.assertEqual(["renameat2 a b", "link a b", "unlink a"], self.read("t").decode().splitlines())
+        self.assertEqual([f"fsync {self.dir}/a", "failed renameat2", "linkat b", "unlinkat a", f"fsync {self.dir}"],
+                         self.trace())  # fmt: skip
 
-    def test_a_destination_that_appears_at_the_last_moment_stays(self):
-        for call in (["FAIL", f"renameat2:{errno.EEXIST}"],):
-            for to in ("b", os.path.join(self.other, "b")):
-                self.write("a", b"data")
-
-                self.assert_fails(
-                    problem(f"'{to}' exists", "omit --no-replace to replace it, or choose another destination"),
-                    *("move", "-n", "a", to), shim=dict([call]))  # fmt: skip
-
-                self.assertEqual(["a"], self.names())
-                self.assertEqual([], self.names(self.other))
-
-    def test_the_durable_move_flushes_before_it_removes(self):
-        self.write("a", b"data", 0o600)
-        self.write("b", b"old")
-
-        self.assert_done("move", "--durable", "a", self.path("b"), shim={"TRACE": os.path.join(self.other, "t")})
-
-        steps = re.sub(r"b_\w{6}", "STAGED", self.read(os.path.join(self.other, "t")).decode())
-        self.assertEqual(
-            [f"fsync {self.dir}/STAGED", f"rename {self.dir}/STAGED {self.dir}/b", f"fsync {self.dir}", "unlink a"],
-            steps.splitlines())  # fmt: skip
-        self.assertEqual(["b"], self.names())
-        self.assertEqual((b"data", 0o100600), (self.read("b"), os.stat(self.path("b")).st_mode))
-
-    def test_a_durable_move_that_fails_changes_nothing(self):
-        for call, message, remedy, library in (
-            ("fsync", "cannot flush 'b_??????' to the disk: Input/output error",
-             "see the lines above, and check the kernel's log (dmesg) for errors of the medium", ""),
-            ("chmod", "cannot set the mode of 'b_??????': Input/output error",
-             "see the lines above, and check the kernel's log (dmesg) for errors of the medium", ""),
-            ("rename", "cannot move 'a' to 'b': Input/output error",
-             "see the lines above, and check the kernel's log (dmesg) for errors of the medium; 'a' is unchanged",
-             logged(LINES.RenameRename("b_??????", "b", 5))),
-        ):  # fmt: skip
-            with self.subTest(call=call):
-                self.write("a", b"new")
-                self.write("b", b"old")
-
-                status, out, err = self.run_tool("move", "--durable", "a", "b", shim={"FAIL": f"{call}:{errno.EIO}"})
-
-                self.assertEqual((1, b""), (status, out))
-                self.assertEqual(library + problem(message, remedy), re.sub(r"b_\w{6}", "b_??????", err))
-                self.assertEqual((["a", "b"], b"new", b"old"), (self.names(), self.read("a"), self.read("b")))
-
-    def test_a_full_disk_loses_nothing(self):
-        for options, message in (
-            ([], logged(LINES.RenameWrite(4096, -1, 27))
-             + problem("cannot move 'a' to '{0}': File too large",
-                       "see the lines above, and check the kernel's log (dmesg) for errors of the medium; 'a' is unchanged")),
-            (["--durable"],
-             problem("'{0}_??????' differs from 'a' from byte 8192 on",
-                     "keep 'a'; check that nobody writes to it, and that the file system of '{0}_??????' has free space "
-                     "(df) and no errors (dmesg); then run this again")),
-        ):  # fmt: skip
-            with self.subTest(options=options):
-                self.write("a", b"x" * 20000)
-                to = self.write(os.path.join(self.other, "b"), b"old")
-
-                status, out, err = self.run_tool("move", *options, "a", to, preexec_fn=limited_to(8192))
-
-                self.assertEqual((1, b""), (status, out))
-                self.assertEqual(message.format(to), re.sub(r"b_\w{6}", "b_??????", err))
-                self.assertEqual((["a"], ["b"]), (self.names(), self.names(self.other)))
-                self.assertEqual((b"x" * 20000, b"old"), (self.read("a"), self.read(to)))
-
-    def test_one_file_under_two_names_is_refused_and_stays(self):
-        self.write("a", b"data")
-        os.link(self.path("a"), self.path("hard"))
-        for options in ([], ["-n"], ["--durable"]):
-            for to in ("a", "./a", self.path("a"), "hard"):
-                with self.subTest(options=options, to=to):
-                    self.assert_fails(
-                        problem(f"'a' and '{to}' are the same file", "nothing was changed; choose another destination"),
-                        *("move", *options, "a", to))  # fmt: skip
-        self.assertEqual((["a", "hard"], b"data"), (self.names(), self.read("a")))
-
-    def test_a_link_is_replaced_and_its_target_stays(self):
-        for options in ([], ["--durable"]):
-            self.write("a", b"new")
-            self.write("target", b"old")
-            os.symlink("target", self.path("link"))
-
-            self.assert_done("move", *options, "a", "link")
-
-            self.assertEqual((b"new", b"old"), (self.read("link"), self.read("target")))
-            os.unlink(self.path("link"))
-
-    def test_a_directory_as_destination_is_refused_with_the_path_to_name(self):
-        self.write("a", b"data")
-        os.mkdir(self.path("d"))
-        for options in ([], ["-n"], ["--durable"]):
-            self.assert_fails(
-                problem("'d' is a directory", "name the new file too, such as 'd/a'"),
-                *("move", *options, self.path("a"), "d"))  # fmt: skip
-        self.assertEqual([], self.names(self.path("d")))
-
-    def test_a_source_that_is_not_a_regular_file_is_reported(self):
-        os.mkdir(self.path("d"))
-        for options in ([], ["-n"], ["--durable"]):
-            self.assert_fails(
-                problem("'gone': No such file or directory",
-                        "check the spelling of 'gone', and check that its directory exists"),
-                *("move", *options, "gone", "b"))  # fmt: skip
-            self.assert_fails(
-                problem("'d' is a directory, not a regular file", "name a regular file"), "move", *options, "d", "b")
-        self.assertEqual(["d"], self.names())
-
-    def test_a_missing_directory_of_the_destination_is_reported(self):
-        self.write("a", b"data")
-        hint = "check the spelling of 'no/b', and check that its directory exists"
-
-        self.assert_fails(
-            logged(LINES.RenameRename("a", "no/b", 2))
-            + problem("cannot move 'a' to 'no/b': No such file or directory", hint + "; 'a' is unchanged"),
-            *("move", "a", "no/b"))  # fmt: skip
-        self.assert_fails(
-            problem("cannot move 'a' to 'no/b': No such file or directory", hint + "; 'a' is unchanged"),
-            *("move", "-n", "a", "no/b"))  # fmt: skip
-        self.assert_fails(
-            problem("cannot create a file beside 'no/b': No such file or directory", hint),
-            *("move", "--durable", "a", "no/b"))  # fmt: skip
-        self.assertEqual(["a"], self.names())
-
-    def test_a_source_that_cannot_be_removed_is_reported(self):
-        self.write("a", b"data")
-        to = os.path.join(self.other, "b")
-        line = logged(LINES.RenameUnlink("a", 30))
-        left = f"the content is at '{to}', but 'a' "
-        for options, err in (
-            ([], line + problem(left + "was not removed", "remove 'a' yourself")),
-            (["--durable"], problem(left + "cannot be removed: Read-only file system", "remove 'a' yourself")),
-        ):
-            self.assert_fails(err, "move", *options, "a", to, shim={"FAIL": f"unlink:{errno.EROFS}"})
-
-            self.assertEqual((b"data", b"data"), (self.read("a"), self.read(to)))
-
-
-class CopyTest(ToolTest):
-    def test_bytes_arrive_and_the_source_stays(self):
-        for data in (b"", b"\0\n\xff", os.urandom(200000)):
-            self.write("a", data, 0o600)
-            self.write("b", b"longer than some of them" * 10, 0o640)
-
-            self.assert_done("copy", "a", "b")
-
-            self.assertEqual((data, data), (self.read("a"), self.read("b")))
-            self.assertEqual(0o100640, os.stat(self.path("b")).st_mode)
-
-    def test_bytes_that_did_not_arrive_are_a_failure(self):
-        self.write("a", b"x" * 20000)
-
-        self.assert_fails(
-            problem("'b' differs from 'a' from byte 8192 on",
-                    "keep 'a'; check that nobody writes to it, and that the file system of 'b' has free space (df) and "
-                    "no errors (dmesg); then run this again"),
-            *("copy", "a", "b"), preexec_fn=limited_to(8192))  # fmt: skip
-        self.assertEqual(b"x" * 20000, self.read("a"))
-
-    def test_bytes_are_not_compared_on_request(self):
-        self.write("a", b"x" * 20000)
-
-        self.assert_done("copy", "--no-verify", "a", "b", preexec_fn=limited_to(8192))
-
-        self.assertEqual(b"x" * 8192, self.read("b"))
-
-    def test_one_file_under_two_names_is_refused_and_stays(self):
+    def test_names_of_one_file_are_refused_and_stay(self):
         self.write("a", b"data")
         os.link(self.path("a"), self.path("hard"))
         os.symlink("a", self.path("soft"))
-        for to in ("a", "./a", "hard", "soft"):
-            self.assert_fails(
-                problem(f"'a' and '{to}' are the same file", "nothing was changed; choose another destination"),
-                *("copy", "a", to))  # fmt: skip
-        self.assertEqual(b"data", self.read("a"))
+        for options in ([], ["--no-durable"], ["--plain"]):
+            for source, to in (("a", "a"), ("a", "./a"), ("a", self.path("a")), ("a", "hard"), ("soft", "a"),
+                               ("soft", "hard")):  # fmt: skip
+                with self.subTest(options=options, source=source, to=to):
+                    self.assert_fails(
+                        problem(f"'{source}' and '{to}' are the same file",
+                                "nothing was changed; choose another destination"),
+                        *("move", *options, source, to))  # fmt: skip
+        self.assertEqual((["a", "hard", "soft"], b"data"), (self.names(), self.read("a")))
 
-    def test_bad_paths_are_reported_and_nothing_is_written(self):
+    def test_a_link_to_the_source_is_replaced_by_it(self):
+        self.write("a", b"data")
+        os.symlink("a", self.path("soft"))
+
+        self.assert_done("move", "a", "soft")
+
+        self.assertEqual((["soft"], b"data"), (self.names(), self.read("soft")))
+
+    def test_the_content_that_a_link_leads_to_is_moved_and_the_link_removed(self):
+        self.write("a", b"data")
+        os.symlink("a", self.path("soft"))
+
+        self.assert_done("move", "soft", "b")
+
+        self.assertEqual((["a", "b"], b"data"), (self.names(), self.read("b")))
+
+    def test_a_source_that_cannot_be_removed_is_kept_and_the_message_says_where_the_content_is(self):
+        self.arrange()
+        line = safe(f"MoveFile: unlinkat(a) failed ({errno.EROFS}, Read-only file system): the content is in place, and "
+                    "the source is kept.")  # fmt: skip
+
+        self.assert_fails_with(line, f"cannot move 'a' to '{self.to}': ", "move", "a", self.to,
+                               shim={"FAIL": f"unlinkat:{errno.EROFS}:1"})  # fmt: skip
+
+        self.assertEqual((b"new", b"new"), (self.read("a"), self.read(self.to)))
+
+
+class PlainMoveTest(TransferTest):
+    def test_it_goes_through_the_function_of_the_library_and_flushes_nothing(self):
+        self.write("a", b"data")
+
+        self.assert_done("move", "--plain", "a", "b", shim=self.traced())
+        self.assert_done("move", "--plain", "b", self.to, shim={"TRACE": os.path.join(self.other, "trace")})
+
+        self.assertRegex("\n".join(self.trace()), rf"^rename a b\nrename b {self.to}\nrename {self.to}_\w{{6}} {self.to}\n"
+                                                  r"unlink b$")  # fmt: skip
+
+    def test_a_failure_leaves_both_files_and_says_why(self):
+        to = os.path.join(self.other, "b")
+        self.arrange(b"x" * 20000)
+        missing_directory = LINES.RenameRename("a", "no/b", errno.ENOENT)
+        for shim, options, destination, line in (
+            ({}, {}, "no/b", missing_directory),
+            ({"FAIL": f"write:{errno.ENOSPC}:2"}, {}, to, LINES.RenameWrite(4096, -1, errno.ENOSPC)),
+            ({"SHORT": "write:3:100"}, {}, to, None),  # with a number from before
+            ({}, {"preexec_fn": limited_to(8192)}, to, LINES.RenameWrite(4096, -1, errno.EFBIG)),
+        ):
+            with self.subTest(line=line and line.text):
+                status, out, err = self.run_tool("move", "--plain", "a", destination, shim=shim, **options)
+
+                self.assertEqual((1, b""), (status, out))
+                self.assertRegex(err, "^" + (re.escape(logged(line)) if line else
+                                             r"\[3\] \S+: RenameFileAcrossFs: write\(\) failed \(4096, 100, \d+\).\n")
+                                 + rf"orvfile: cannot move 'a' to '{destination}': [^\n]+\n  Next: [^\n]+\n$")  # fmt: skip
+                self.assert_nothing_changed(b"x" * 20000)
+
+    def test_a_source_that_cannot_be_read_is_named_though_the_library_reports_nothing(self):
+        self.arrange(b"x" * 20000)
+
+        self.assert_fails(
+            problem(f"cannot move 'a' to '{self.to}': cannot read 'a': Input/output error",
+                    "see the lines above, and check the kernel's log (dmesg) for errors of the medium"),
+            *("move", "--plain", "a", self.to), shim={"FAIL": f"read:{errno.EIO}:2"})  # fmt: skip
+
+        self.assert_nothing_changed(b"x" * 20000)
+
+    def test_a_name_of_more_than_248_bytes_is_too_long_across_file_systems_only(self):
+        self.write("a", b"data")
+        name = "n" * 249
+        to = os.path.join(self.other, name)
+        self.assert_done("move", "--plain", "a", name)
+        os.rename(self.path(name), self.path("a"))
+
+        status, out, err = self.run_tool("move", "--plain", "a", to)
+
+        self.assertEqual((1, b"", ["a"], []), (status, out, self.names(), self.names(self.other)))
+        self.assertRegex(err, rf"mkstemp\({to}_\w{{6}}\) failed \(36\).\norvfile: cannot move 'a' to '{to}': ")
+        self.assert_done("move", "a", to)  # orv_safe needs no longer name
+        self.assertEqual([name], self.names(self.other))
+
+    def test_a_source_that_cannot_be_removed_is_a_failure(self):
+        self.arrange()
+
+        self.assert_fails_with(
+            logged(LINES.RenameUnlink("a", errno.EROFS)), f"cannot move 'a' to '{self.to}': ",
+            *("move", "--plain", "a", self.to), shim={"FAIL": f"unlink:{errno.EROFS}"})  # fmt: skip
+
+        self.assertEqual((b"new", b"new"), (self.read("a"), self.read(self.to)))
+
+
+class CopyTest(TransferTest):
+    def test_bytes_and_permissions_arrive_and_the_source_stays(self):
+        for data in (b"", b"\0\n\xff", os.urandom(200000)):
+            for to in ("b", self.to):
+                self.write("a", data, 0o6640)
+                self.write(to, b"longer than some of them" * 10, 0o600)
+
+                self.assert_done("copy", "a", to)
+
+                self.assertEqual((data, data), (self.read("a"), self.read(to)))
+                self.assertEqual(0o100640, os.stat(os.path.join(self.dir, to)).st_mode)
+
+    def test_set_id_bits_times_and_holes_arrive_on_request(self):
+        for command in ("copy", "move"):
+            with open(self.path("a"), "wb") as file:
+                file.write(b"begin")
+                file.truncate(5 << 20)
+            os.chown(self.path("a"), -1, os.getegid())
+            os.chmod(self.path("a"), 0o6750)
+            os.utime(self.path("a"), ns=(10**18, 11 * 10**17 + 5))
+
+            self.assert_done(command, "--preserve", "a", self.to)
+
+            status = os.stat(self.to)
+            self.assertEqual((0o106750, 11 * 10**17 + 5, 5 << 20),
+                             (status.st_mode, status.st_mtime_ns, status.st_size))  # fmt: skip
+            self.assertLess(status.st_blocks, 1000)
+
+    def test_what_cannot_be_kept_is_reported_and_is_no_failure(self):
+        self.arrange()
+
+        self.assert_done(
+            "copy", "a", self.to, shim={"FAIL": f"fchmod:{errno.EPERM}"},
+            err=safe(f"CopyFile: fchmod({self.to}) failed ({errno.EPERM}, Operation not permitted): the mode is not kept."))
+
+        self.assertEqual(b"new", self.read(self.to))
+
+    def test_the_file_and_its_directory_are_flushed(self):
+        self.write("a")
+
+        self.assert_steps([f"fsync {self.dir}/STAGED", f"fsync {self.dir}"], "copy", "--no-verify", "a", "b")
+        self.assert_steps([f"fsync {self.dir}/STAGED"], "copy", "--no-durable", "-n", "a", "c")  # to read it back
+        self.assert_steps([], "copy", "--no-durable", "--no-verify", "a", "b")
+
+    def test_names_of_one_file_are_refused_and_stay(self):
+        self.write("a", b"data")
+        os.link(self.path("a"), self.path("hard"))
+        os.symlink("a", self.path("soft"))
+        for source, to in (("a", "a"), ("a", "./a"), ("a", "hard"), ("a", "soft"), ("soft", "a")):
+            self.assert_fails(
+                problem(f"'{source}' and '{to}' are the same file", "nothing was changed; choose another destination"),
+                *("copy", source, to))  # fmt: skip
+        self.assertEqual((["a", "hard", "soft"], b"data"), (self.names(), self.read("a")))
+        self.assertTrue(os.path.islink(self.path("soft")))
+
+
+class ComparisonTest(TransferTest):
+    """Both commands read a copy back."""
+
+    DATA = b"x" * 100000  # 13 blocks of 8 KiB, each of which is read twice
+
+    def test_a_byte_that_differs_is_noticed_wherever_it_is(self):
+        for command, function in (("copy", "CopyFile"), ("move", "MoveFile")):
+            for read, block in ((2, 0), (20, 9), (27, 12)):
+                with self.subTest(command=command, block=block):
+                    self.arrange(self.DATA)
+                    line = safe(f"{function}: what was written for {self.to} differs from a after byte {block * 8192}.")
+
+                    self.assert_fails_with(line, f"cannot {command} 'a' to '{self.to}'", command, "a", self.to,
+                                           shim={"FLIP": str(read)})  # fmt: skip
+
+                    self.assert_nothing_changed(self.DATA)
+
+    def test_a_failed_read_is_a_failure(self):
+        self.arrange(self.DATA)
+        for read, path in ((5, "a"), (6, self.to)):
+            line = safe(f"MoveFile: pread({path}) failed ({errno.EIO}, Input/output error).")
+
+            self.assert_fails_with(line, f"cannot move 'a' to '{self.to}': ", "move", "a", self.to,
+                                   shim={"FAIL": f"pread:{errno.EIO}:{read}"})  # fmt: skip
+
+            self.assert_nothing_changed(self.DATA)
+
+    def test_an_interrupted_read_is_repeated(self):
+        for read in (5, 6):
+            self.arrange(self.DATA)
+
+            self.assert_done("move", "a", self.to, shim=self.traced(FAIL=f"pread:{errno.EINTR}:{read}"))
+
+            self.assertIn("failed pread", self.trace())
+            self.assertEqual(self.DATA, self.read(self.to))
+
+    def test_nothing_is_read_back_on_request(self):
+        self.arrange(self.DATA)
+
+        self.assert_done("copy", "--no-verify", "a", self.to, shim=self.traced(FAIL=f"pread:{errno.EIO}"))
+
+        self.assertEqual(self.DATA, self.read(self.to))
+        self.assertNotIn("failed pread", self.trace())
+
+
+class RefusalTest(TransferTest):
+    """What is refused is refused by both commands, in all their forms, and changes nothing."""
+
+    FORMS = (["copy"], ["move"], ["move", "--plain"])
+
+    def test_an_existing_destination_stays_when_it_may_not_be_replaced(self):
+        os.symlink("gone", os.path.join(self.other, "link"))
+        for command in ("move", "copy"):
+            for to in (self.to, os.path.join(self.other, "link")):
+                with self.subTest(command=command, to=to):
+                    self.arrange()
+
+                    self.assert_fails(
+                        problem(f"'{to}' exists", "omit --no-replace to replace it, or choose another destination"),
+                        *(command, "-n", "a", to))  # fmt: skip
+
+                    self.assert_nothing_changed(other=("b", "link"))
+
+    def test_a_destination_that_appears_at_the_last_moment_stays(self):
+        for command, fault, call in (("move", "renameat2", "renameat"), ("copy", "linkat", "linkat")):
+            self.write("a", b"new")
+            line = safe(f"{'MoveFile' if command == 'move' else 'CopyFile'}: {call}(b) failed (17, File exists).")
+
+            self.assert_fails_with(line, f"cannot {command} 'a' to 'b': ", command, "-n", "a", "b",
+                                   shim={"FAIL": f"{fault}:{errno.EEXIST}"})  # fmt: skip
+
+            self.assertEqual(["a"], self.names())
+
+    def test_a_destination_that_is_not_a_regular_file_is_refused_and_does_not_hang(self):
+        os.mkfifo(self.path("fifo"))
+        os.symlink("/dev/null", self.path("device"))
+        with socket.socket(socket.AF_UNIX) as bound:
+            bound.bind(self.path("socket"))
+        os.makedirs(self.path("d/a"))
+        self.write("a", b"data")
+        for form in self.FORMS:
+            for to, path, kind in (("fifo", "fifo", "a FIFO"), ("device", "device", "a device"),
+                                   ("/dev/null", "/dev/null", "a device"), ("socket", "socket", "a socket"),
+                                   ("d", "d/a", "a directory")):  # fmt: skip
+                with self.subTest(form=form, to=to):
+                    self.assert_fails(
+                        problem(f"'{path}' is {kind}, not a regular file", "name a regular file"), *form, "a", to)
+        self.assertEqual((["a", "d", "device", "fifo", "socket"], b"data"), (self.names(), self.read("a")))
+        self.assertTrue(os.path.islink(self.path("device")))
+
+    def test_standard_output_is_no_destination(self):
+        self.write("a", b"data")
+        for form in self.FORMS:
+            self.assert_fails(problem("'/dev/stdout' is a FIFO, not a regular file", "name a regular file"),
+                              *form, "a", "/dev/stdout")  # fmt: skip
+        self.assertTrue(os.path.islink("/dev/stdout"))
+
+    def test_a_source_that_is_not_a_regular_file_is_reported(self):
+        os.mkdir(self.path("d"))
+        os.mkfifo(self.path("fifo"))
+        os.symlink("gone", self.path("dangling"))
+        for form in self.FORMS:
+            for source in ("gone", "dangling"):
+                self.assert_fails(missing(source), *form, source, "b")
+            for source, kind in (("d", "a directory"), ("d/", "a directory"), ("fifo", "a FIFO"), ("/dev/null", "a device")):
+                self.assert_fails(
+                    problem(f"'{source}' is {kind}, not a regular file", "name a regular file"), *form, source, "b")
+        self.assertEqual(["d", "dangling", "fifo"], self.names())
+
+    def test_paths_that_cannot_be_read_or_written_are_reported(self):
         self.write("a", b"data")
         self.write("secret", b"data", 0o000)
-        os.mkdir(self.path("d"))
         dropped = {"preexec_fn": without_capabilities(1, 2)}  # CAP_DAC_OVERRIDE, CAP_DAC_READ_SEARCH
-        access = "get access to '{0}' and the directories above it, or run as a user who has access"
-        spelling = "check the spelling of '{0}', and check that its directory exists"
-        for source, to, message, remedy, options in (
-            ("gone", "b", "'gone': No such file or directory", spelling.format("gone"), {}),
-            ("d", "b", "'d' is a directory, not a regular file", "name a regular file", {}),
-            ("a", "d", "'d' is a directory", "name the new file too, such as 'd/a'", {}),
-            ("a", "no/b", "cannot write 'no/b': No such file or directory", spelling.format("no/b"), {}),
-            ("secret", "b", "cannot read 'secret': Permission denied", access.format("secret"), dropped),
-            ("a", "secret", "cannot write 'secret': Permission denied", access.format("secret"), dropped),
+        for source, to, call, error, options in (
+            ("a", "no/b", "open(no/)", "2, No such file or directory", {}),
+            ("a", "a/b", "open(a/)", "20, Not a directory", {}),
+            ("secret", "b", "openat(secret)", "13, Permission denied", dropped),
         ):
             with self.subTest(source=source, to=to):
-                self.assert_fails(problem(message, remedy), "copy", source, to, **options)
-        os.chmod(self.path("secret"), 0o600)
-        self.assertEqual((["a", "d", "secret"], b"data"), (self.names(), self.read("secret")))
+                self.assert_fails_with(safe(f"CopyFile: {call} failed ({error})."), f"cannot copy '{source}' to '{to}': ",
+                                       *("copy", source, to), **options)  # fmt: skip
+        self.assertEqual(["a", "secret"], self.names())
 
-    def show(self, *options, size):
+    def test_a_failed_call_changes_nothing(self):
+        for command, function in (("copy", "CopyFile"), ("move", "MoveFile")):
+            for call, where in (("fsync", self.to), ("fchmod", self.to), ("write", self.to), ("linkat", self.to)):
+                with self.subTest(command=command, call=call):
+                    self.arrange(b"x" * 20000)
+                    line = safe(f"{function}: {call}({where}) failed ({errno.EIO}, Input/output error).")
+
+                    self.assert_fails_with(line, f"cannot {command} 'a' to '{self.to}': ", command, "a", self.to,
+                                           shim={"FAIL": f"{call}:{errno.EIO}:1 {THROUGH_US}"})  # fmt: skip
+
+                    self.assert_nothing_changed(b"x" * 20000)
+
+    def test_a_short_write_is_continued(self):
+        self.arrange(b"x" * 20000)
+
+        self.assert_done("copy", "a", self.to, shim=self.traced(FAIL=THROUGH_US, SHORT="write:2:10"))
+
+        self.assertIn("short write", self.trace())
+        self.assertEqual(b"x" * 20000, self.read(self.to))
+
+    def test_a_full_disk_loses_nothing(self):
+        for command, function in (("copy", "CopyFile"), ("move", "MoveFile")):
+            self.arrange(b"x" * 20000)
+            line = safe(f"{function}: write({self.to}) failed ({errno.EFBIG}, File too large).")
+
+            self.assert_fails_with(line, f"cannot {command} 'a' to '{self.to}': ", command, "a", self.to,
+                                   preexec_fn=limited_to(8192))  # fmt: skip
+
+            self.assert_nothing_changed(b"x" * 20000)
+
+    def test_a_directory_that_cannot_be_flushed_is_reported_after_the_content_is_in_place(self):
+        self.arrange()
+        line = safe(f"MoveFile: fsync({self.other}/) failed ({errno.EIO}, Input/output error): the file is in place, but a "
+                    "power cut can undo that.")  # fmt: skip
+
+        self.assert_fails_with(line, f"cannot move 'a' to '{self.to}': ", "move", "--no-verify", "a", self.to,
+                               shim={"FAIL": f"fsync:{errno.EIO}:2"})  # fmt: skip
+
+        self.assertEqual((b"new", b"new"), (self.read("a"), self.read(self.to)))
+
+
+class SeveralFilesTest(TransferTest):
+    def arrange_directory(self, *names):
+        os.makedirs(self.path("from"), exist_ok=True)
+        for name in names:
+            self.write(f"from/{name}", name.encode())
+        return [f"from/{name}" for name in names]
+
+    def test_the_last_operand_can_be_a_directory(self):
+        for command in ("copy", "move"):
+            sources = self.arrange_directory("a", "b", "c")
+
+            self.assert_done(command, *sources, self.other)
+
+            self.assertEqual(["a", "b", "c"], self.names(self.other))
+            self.assertEqual(["a", "b", "c"] if command == "copy" else [], self.names(self.path("from")))
+            self.assertEqual(b"b", self.read(os.path.join(self.other, "b")))
+
+    def test_one_file_goes_into_a_directory_too_and_into_one_that_a_link_leads_to(self):
+        os.makedirs(self.path("d"))
+        os.symlink("d", self.path("link"))
+        for to in ("d", "d/", "link", "link/", self.path("d")):
+            self.write("a", to.encode())
+
+            self.assert_done("move", "a", to)
+
+            self.assertEqual(to.encode(), self.read("d/a"))
+        self.assertEqual(["d", "link"], self.names())
+
+    def test_the_directory_can_be_named_first(self):
+        for option in (["-t", self.other], ["--target-directory", self.other], [f"--target-directory={self.other}/"]):
+            sources = self.arrange_directory("a", "b")
+
+            self.assert_done("copy", *option, *sources)
+            self.assert_done("move", *sources, *option)
+
+            self.assertEqual((["a", "b"], []), (self.names(self.other), self.names(self.path("from"))))
+
+    def test_each_failure_names_its_file_and_the_others_go_on(self):
+        self.arrange_directory("a", "b")
+        os.mkdir(self.path("from/d"))
+
+        self.assert_fails(
+            missing("from/gone") + problem("'from/d' is a directory, not a regular file", "name a regular file"),
+            *("move", "from/gone", "from/a", "from/d", "from/b", self.other))  # fmt: skip
+
+        self.assertEqual((["d"], ["a", "b"]), (self.names(self.path("from")), self.names(self.other)))
+
+    def test_a_file_that_was_written_just_before_is_not_replaced(self):
+        for command in (["copy"], ["move"], ["move", "--plain"]):
+            self.arrange_directory("a")
+            self.write("a", b"other")
+            self.write(os.path.join(self.other, "a"), b"old")
+            to = os.path.join(self.other, "a")
+
+            self.assert_fails(
+                problem(f"'a' would replace '{to}', which was written just before",
+                        "give the files different names, or move or copy them one by one"),
+                *(*command, "from/a", "a", self.other))  # fmt: skip
+
+            self.assertEqual((b"a", b"other"), (self.read(to), self.read("a")))
+
+    def test_a_target_that_is_not_a_directory_is_refused_and_nothing_is_done(self):
+        self.arrange_directory("a", "b")
+        self.write("file", b"data")
+        refused = problem("'file' is not a directory", "name the directory that the files go to")
+        for command in ("copy", "move"):
+            self.assert_fails(refused, command, "from/a", "from/b", "file")
+            self.assert_fails(refused, command, "from/a", "-t", "file")
+            self.assert_fails(missing("gone"), command, "from/a", "from/b", "gone")
+            self.assert_fails(missing(""), command, "from/a", "-t", "")
+        self.assertEqual((["a", "b"], b"data"), (self.names(self.path("from")), self.read("file")))
+
+
+class SignalTest(TransferTest):
+    SIZE = 5 << 20  # five steps
+
+    def setUp(self):
+        super().setUp()
+        self.data = os.urandom(self.SIZE)
+
+    def run_with_signal(self, number, at, *arguments, shim=None, **options):
+        """The signals have their default action at first, whatever started the tests."""
+
+        def reset():
+            for each in (signal.SIGHUP, signal.SIGINT, signal.SIGTERM):
+                signal.signal(each, signal.SIG_DFL)
+
+        options = {"preexec_fn": reset, **options}
+        return self.run_tool(*arguments, shim=self.traced(RAISE=f"{at}:{number}", **(shim or {"FAIL": NO_RANGES})),
+                             **options)  # fmt: skip
+
+    def test_a_copy_or_move_that_is_interrupted_changes_nothing_and_ends_by_the_signal(self):
+        for command, function in (("copy", "CopyFile"), ("move", "MoveFile")):
+            for number in (signal.SIGHUP, signal.SIGINT, signal.SIGTERM):
+                for at in ("sendfile:3", "pread:300", "fsync:2"):
+                    with self.subTest(command=command, number=number, at=at):
+                        self.arrange(self.data)
+
+                        status, out, err = self.run_with_signal(int(number), at, command, "a", self.to)
+
+                        self.assertEqual((-number, b""), (status, out))
+                        self.assertIn(safe(f"{function}: progress(a) failed ({errno.ECANCELED}, Operation canceled)."), err)
+                        self.assert_nothing_changed(self.data)
+
+    def test_a_file_that_is_in_place_is_moved_to_the_end(self):
+        self.arrange(self.data)
+
+        status, out, err = self.run_with_signal(15, "unlinkat:1", "move", "a", self.to)
+
+        self.assertEqual((-15, b"", ""), (status, out, err))
+        self.assertEqual(([], self.data), (self.names(), self.read(self.to)))
+
+    def test_the_files_that_follow_are_not_begun(self):
+        self.write("a", self.data)
+        self.write("c", b"later")
+
+        status, out, err = self.run_with_signal(15, "fsync:3", "copy", "a", "c", self.other)
+
+        self.assertEqual((-15, b"", ""), (status, out, err))
+        self.assertEqual(["a", "trace"], self.names(self.other))
+
+    def test_signals_that_were_ignored_at_the_start_stay_ignored(self):
+        self.arrange(self.data)
+        ignored = {"preexec_fn": lambda: signal.signal(signal.SIGHUP, signal.SIG_IGN)}
+
+        status, out, err = self.run_with_signal(1, "sendfile:3", "move", "a", self.to, **ignored)
+
+        self.assertEqual((0, b"", "", self.data), (status, out, err, self.read(self.to)))
+
+    def test_a_plain_move_is_finished_first(self):
+        self.arrange(self.data)
+
+        status, out, err = self.run_with_signal(15, "write:300", "move", "--plain", "a", self.to, shim={"FAIL": ""})
+
+        self.assertEqual((-15, b"", ""), (status, out, err))
+        self.assertEqual(([], self.data), (self.names(), self.read(self.to)))
+        self.assertEqual(["b", "trace"], self.names(self.other))
+
+    def closed_pipe(self):
+        ours, theirs = os.pipe()
+        os.close(ours)
+        self.addCleanup(os.close, theirs)
+        return theirs
+
+    def test_a_closed_standard_error_does_not_end_a_move_half_way(self):
+        default = {"preexec_fn": lambda: signal.signal(signal.SIGPIPE, signal.SIG_DFL)}
+        self.write("a", b"data")
+
+        self.assertEqual((1, b"", ""), self.run_tool("move", "gone", "a", self.other, stderr=self.closed_pipe(), **default))
+        self.assertEqual((1, b"", ""), self.run_tool("move", "no/such", self.to, stderr=self.closed_pipe(), **default))
+
+        self.assertEqual(([], ["a"]), (self.names(), self.names(self.other)))
+
+    def test_a_closed_standard_output_ends_the_tool_as_it_ends_others(self):
+        def act(action):
+            return {"preexec_fn": lambda: signal.signal(signal.SIGPIPE, action), "stdout": self.closed_pipe()}
+
+        self.assertEqual((-signal.SIGPIPE, None, ""), self.run_tool("row", "a", **act(signal.SIG_DFL)))
+        self.assertEqual(
+            (1, None, problem("cannot write to standard output: Broken pipe",
+                              "redirect it to a file, pipe or terminal that accepts the result")),
+            self.run_tool("row", "a", **act(signal.SIG_IGN)))  # fmt: skip
+
+
+class ProgressTest(TransferTest):
+    def show(self, *arguments, size=17 << 20, status=0, **options):
+        """What a terminal gets."""
         with open(self.path("a"), "wb") as file:
             file.truncate(size)
         ours, theirs = pty.openpty()
-        process = self.start("copy", *options, "a", "b", stderr=theirs)
+        process = self.start(*arguments, "a", self.to, stderr=theirs, **options)
         os.close(theirs)
         shown = b""
         try:
@@ -296,19 +667,39 @@ class CopyTest(ToolTest):
         except OSError:  # the other end of the terminal is closed
             pass
         os.close(ours)
-        self.assertEqual((0, b"", ""), self.finish(process))
+        self.assertEqual((status, b"", ""), self.finish(process))
         return shown.decode()
 
-    def test_progress_of_long_work_is_shown_on_a_terminal(self):
-        shown = self.show(size=17 << 20)
+    def test_progress_of_long_work_is_shown_on_a_terminal_and_removed(self):
+        for command, verb in (("copy", "copying"), ("move", "moving")):
+            shown = self.show(command)
 
-        self.assertRegex(shown, r"^\rcopying: \d+ of 17 MiB \(\d+ %\)")
-        self.assertRegex(shown, r"\rcomparing: \d+ of 34 MiB \(\d+ %\)")
-        self.assertTrue(shown.endswith("\r\x1b[K"), shown)
+            self.assertRegex(shown, rf"^\r\x1b\[K{verb}: \d+ %(\r\x1b\[K{verb}: \d+ %)*\r\x1b\[K$")
 
-    def test_progress_is_not_shown_for_short_work_or_with_quiet(self):
-        self.assertEqual("", self.show(size=1 << 20))
-        self.assertEqual("", self.show("--quiet", size=17 << 20))
+    def test_progress_is_not_shown_for_short_work_or_with_quiet_or_for_a_plain_move(self):
+        self.assertEqual("", self.show("copy", size=1 << 20))
+        self.assertEqual("", self.show("copy", "--quiet"))
+        self.assertEqual("", self.show("move", "--plain"))
+
+    def test_progress_never_shares_a_line_with_a_message(self):
+        shown = self.show("copy", status=1, shim={"FLIP": "2"})
+
+        lines = shown.replace("\r\n", "\n").split("\n")
+        self.assertEqual(4, len(lines), shown)
+        self.assertRegex(lines[0], r"^\r\x1b\[Kcopying: \d+ %.*\r\x1b\[K\[3\] orv_safe: CopyFile: what was written for ")
+        self.assertRegex(lines[1], r"^orvfile: cannot copy ")
+        self.assertEqual("", lines[3])
+
+    def test_a_terminal_that_is_gone_does_not_fail_the_work(self):
+        with open(self.path("a"), "wb") as file:
+            file.truncate(17 << 20)
+        ours, theirs = pty.openpty()
+        process = self.start("copy", "a", self.to, stderr=theirs)
+        os.close(theirs)
+        os.close(ours)
+
+        self.assertEqual((0, b"", ""), self.finish(process))
+        self.assertEqual(17 << 20, os.stat(self.to).st_size)
 
 
 if __name__ == "__main__":

@@ -24,7 +24,12 @@ class UsageTest(ToolTest):
             (["exists"], "PATH is required", "exists"),
             (["move"], "SOURCE is required", "move"),
             (["move", "a"], "DESTINATION is required", "move"),
-            (["move", "a", "b", "c"], "The following argument was not expected: c", "move"),
+            (["move", "-t", "b"], "SOURCE is required", "move"),
+            (["copy", "--durable", "--no-durable", "a", "b"], "--durable excludes --no-durable", "copy"),
+            (["copy", "--verify", "--no-verify", "a", "b"], "--verify excludes --no-verify", "copy"),
+            (["copy", "--plain", "a", "b"], "The following argument was not expected: --plain", "copy"),
+            *((["move", "--plain", option, "a", "b"], f"{option} excludes --plain", "move")
+              for option in ("--no-replace", "--preserve", "--durable", "--verify")),
             (["move", "--bogus", "a", "b"], "The following argument was not expected: --bogus", "move"),
             (["copy", "a"], "DESTINATION is required", "copy"),
             (["mkdir"], "PATH is required", "mkdir"),
