@@ -944,7 +944,7 @@ TEST_P(SafeProgressTest, EachStepIsHeardAndTheLastOneBeforeTheFileIsInPlace)
     }
 }
 
-TEST_P(SafeProgressTest, EachWayOfCopyingIsHeard)
+TEST_P(SafeProgressTest, EachWayOfCopyingIsHeardAndCanBeCancelled)
 {
     for (const bool sendfile : {false, true}) {
         Arrange();
@@ -954,10 +954,15 @@ TEST_P(SafeProgressTest, EachWayOfCopyingIsHeard)
             sent.emplace("sendfile", 1, FailWith(EINVAL), kAlways);
         }
         Heard heard;
+        heard.cancelsAt = 2;
 
-        EXPECT_TRUE(ActWith(heard, FileOptions()));
+        EXPECT_FALSE(ActWith(heard, FileOptions()));
 
-        EXPECT_EQ(sendfile ? kStepBytes : 8192U, heard.calls.front().first);
+        const uint64_t step = sendfile ? kStepBytes : 8192;
+        EXPECT_EQ((std::vector<std::pair<uint64_t, uint64_t>>{{step, bytes_.size()}, {2 * step, bytes_.size()}}),
+                  heard.calls);
+        ExpectSafeLines({Line("progress", source_, ECANCELED)});
+        ExpectUnchanged(bytes_);
     }
 }
 
