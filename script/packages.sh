@@ -16,6 +16,7 @@ target="$emulated g++-powerpc-linux-gnu"
 declare -rA packages=(
     [demo]="cmake make g++"
     [docs]="doxygen"
+    [generate]="$tests $tool"
 
     [shell]="shellcheck"
     [format]="clang-format"

@@ -93,6 +93,12 @@ struct UnsetOptions {
     SettingsFormat format;
 };
 
+struct ExplainOptions {
+    std::vector<std::string> lines;  // if empty, lines are read from standard input
+    bool json = false;
+    bool document = false;  // print the document that has the same knowledge
+};
+
 ExitStatus Exists(const std::vector<std::string>& paths);
 ExitStatus Move(const TransferOptions& options);
 ExitStatus Copy(const TransferOptions& options);
@@ -103,5 +109,6 @@ ExitStatus Page(const PageOptions& options);
 ExitStatus Get(const GetOptions& options);
 ExitStatus Set(const SetOptions& options);
 ExitStatus Unset(const UnsetOptions& options);
+ExitStatus ExplainLines(const ExplainOptions& options);
 
 #endif  // ORV_TOOLS_COMMANDS_H

@@ -2,7 +2,7 @@
 # shellcheck shell=bash
 
 _orvfile() {
-    local word=${COMP_WORDS[COMP_CWORD]} commands='exists move copy mkdir list row page get set unset' command='' i
+    local word=${COMP_WORDS[COMP_CWORD]} commands='exists move copy mkdir list row page get set unset explain' command='' i
     local -A options=(
         [exists]=''
         [move]='-t --target-directory -n --no-replace --preserve --durable --no-durable --verify --no-verify --plain'
@@ -15,6 +15,7 @@ _orvfile() {
         [get]='--delimiter --comment --default --shell --json --lint'
         [set]='--delimiter --comment'
         [unset]='--delimiter --comment'
+        [explain]='--json'
     )
     for ((i = 1; i < COMP_CWORD; i++)); do
         if [[ " $commands " == *" ${COMP_WORDS[i]} "* ]]; then
@@ -30,7 +31,7 @@ _orvfile() {
     elif [[ $command == mkdir || ($command == list && ${COMP_WORDS[COMP_CWORD - 1]} == list) ]]; then
         compopt -o filenames 2>/dev/null
         mapfile -t COMPREPLY < <(compgen -d -- "$word")
-    elif [[ $command != row ]]; then
+    elif [[ $command != row && $command != explain ]]; then
         compopt -o filenames 2>/dev/null
         mapfile -t COMPREPLY < <(compgen -f -- "$word")
     fi

@@ -1,5 +1,6 @@
 // orvfile offers the library's functions to shells and scripts. This file parses the command line; the commands are in
-// transfer.cpp (exists, move, copy), set.cpp (set, unset) and, for each other command, a file of its name.
+// transfer.cpp (exists, move, copy), set.cpp (set, unset), explain_lines.cpp (explain) and, for each other command, a
+// file of its name.
 
 #include "commands.h"
 #include "dlog_text.h"
@@ -347,6 +348,17 @@ void AddUnset(CLI::App& app, Command& chosen)
     command->callback([&chosen] { chosen = [] { return Unset(options); }; });
 }
 
+void AddExplain(CLI::App& app, Command& chosen)
+{
+    static ExplainOptions options;
+    CLI::App* const command = app.add_subcommand("explain", "Explain lines of the log");
+    AddTexts(command, "LINE", options.lines, "Lines of the log; without any, they are read from standard input")
+        ->required(false);
+    command->add_flag("--json", options.json, "Print a JSON object for each line");
+    command->add_flag("--document", options.document, "Print the part of docs/diagnostics.md about lines")->group("");
+    command->callback([&chosen] { chosen = [] { return ExplainLines(options); }; });
+}
+
 // Whether there are too many operands, perhaps because the pattern of an option was not quoted.
 bool IsExpandedPattern(const CLI::App& command, const std::vector<std::string>& rest)
 {
@@ -355,6 +367,15 @@ bool IsExpandedPattern(const CLI::App& command, const std::vector<std::string>& 
         return option != nullptr && option->count() != 0;
     };
     return !rest.empty() && rest.front()[0] != '-' && (isGiven("--include") || isGiven("--exclude"));
+}
+
+std::string CommandNames(const CLI::App& app)
+{
+    std::string names;
+    for (const CLI::App* const command : app.get_subcommands([](const CLI::App* /*command*/) { return true; })) {
+        names += (names.empty() ? "" : ", ") + command->get_name();
+    }
+    return names;
 }
 
 // Describes the error that CLI11 found, and says where to look for the correct use.
@@ -366,8 +387,7 @@ std::string UsageMessage(const CLI::App* app, const CLI::Error& error)
     std::string text = "orvfile: ";
     dlog_text::AppendEscaped(text, isUnknown ? "unknown command or option '" + rest.front() + "'" : error.what());
     if (commands.empty()) {
-        return text +
-               "\n  Next: use one of exists, move, copy, mkdir, list, row, page, get, set, unset; see orvfile --help\n";
+        return text + "\n  Next: use one of " + CommandNames(*app) + "; see orvfile --help\n";
     }
     text += "\n  Next: ";
     if (IsExpandedPattern(*commands.front(), rest)) {
@@ -386,7 +406,7 @@ void Describe(CLI::App& app, Command& chosen)
         "-q,--quiet", [] { SetQuiet(true); }, "Suppress notes, warnings and progress; still report failures");
     app.footer("Exit status: 0 success, 1 the operation failed, 2 wrong usage. \"--\" ends the options.");
     for (const auto& add :
-         {AddExists, AddMove, AddCopy, AddMkdir, AddList, AddRow, AddPage, AddGet, AddSet, AddUnset}) {
+         {AddExists, AddMove, AddCopy, AddMkdir, AddList, AddRow, AddPage, AddGet, AddSet, AddUnset, AddExplain}) {
         add(app, chosen);
     }
 }

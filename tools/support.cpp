@@ -49,7 +49,7 @@ void FailByReports(const std::string& problem, const std::vector<Report>& report
     for (const Report& report : reports) {
         const std::optional<Explanation> reason = IsNote(report.text) ? std::nullopt : Explain(report.text);
         if (reason) {
-            throw Failure(problem + ": " + reason->meaning, reason->todo);
+            throw Failure(problem + ": " + reason->reason, reason->todo);
         }
     }
     throw Failure(problem, "see the lines above");
@@ -104,28 +104,8 @@ std::string ErrorText(int error)
 
 std::string Remedy(int error, const std::string& path)
 {
-    switch (error) {
-        case ENOENT:
-            return "check the spelling of " + Quoted(path) + ", and check that its directory exists";
-        case EACCES:
-        case EPERM:
-            return "get access to " + Quoted(path) + " and the directories above it, or run as a user who has access";
-        case ENOTDIR:
-            return "a component of " + Quoted(path) + " is not a directory: correct the path";
-        case EISDIR:
-            return Quoted(path) + " is a directory: name a file in it";
-        case ENOSPC:
-        case EDQUOT:
-            return "free space on the file system of " + Quoted(path) + ", then run this again";
-        case EROFS:
-            return "choose a path on a file system that is mounted writable";
-        case ENAMETOOLONG:
-            return "choose a shorter path";
-        case ELOOP:
-            return "remove the symbolic links in " + Quoted(path) + " that form a loop";
-        default:
-            return "see the lines above, and check the kernel's log (dmesg) for errors of the medium";
-    }
+    const std::string remedy = RemedyOf(error, path);
+    return remedy.empty() ? "check the kernel's log (dmesg) for errors of the medium" : remedy;
 }
 
 std::optional<struct stat> StatusOf(const std::string& path)

@@ -22,7 +22,7 @@ from pages import text, without_capabilities
 SHIM = []
 PROGRAM = []
 PATIENCE_SECONDS = 60  # after this, a wait has failed
-COMMANDS = ["exists", "move", "copy", "mkdir", "list", "row", "page", "get", "set", "unset"]
+COMMANDS = ["exists", "move", "copy", "mkdir", "list", "row", "page", "get", "set", "unset", "explain"]
 
 
 def problem(message, remedy):

@@ -15,7 +15,7 @@ COMPLETION = os.path.join(orv_test.ROOT, "tools", "orvfile.bash")
 class UsageTest(ToolTest):
     def test_wrong_use_names_the_argument_writes_nothing_and_ends_with_2(self):
         self.write("a", b"data")
-        top = "use one of exists, move, copy, mkdir, list, row, page, get, set, unset; see orvfile --help"
+        top = f"use one of {', '.join(COMMANDS)}; see orvfile --help"
         cases = [
             ([], "A subcommand is required", top),
             (["bogus"], "unknown command or option 'bogus'", top),
