@@ -59,9 +59,9 @@ class MkdirTest(ToolTest):
     def test_an_exact_mode_goes_past_the_mask_and_to_existing_directories(self):
         os.mkdir(self.path("old"), 0o700)
 
-        self.assert_done("mkdir", "--exact-mode", "--mode", "1777", self.path("old"), self.path("a/b"), umask=0o022)
+        self.assert_done("mkdir", "--exact-mode", "--mode", "7777", self.path("old"), self.path("a/b"), umask=0o022)
 
-        self.assertEqual([0o1777, 0o1755, 0o1777], [self.mode(path) for path in ("old", "a", "a/b")])
+        self.assertEqual([0o7777, 0o1755, 0o7777], [self.mode(path) for path in ("old", "a", "a/b")])
 
     def test_an_existing_directory_keeps_its_mode_otherwise(self):
         os.mkdir(self.path("old"), 0o700)

@@ -297,6 +297,15 @@ class SetTest(ToolTest):
             self.assertEqual(2, len([call for call in flushed if call.startswith("fsync ")]), flushed)
             self.assertEqual(f"fsync {self.dir}", [call for call in flushed if call.startswith("fsync ")][-1])
 
+    def test_the_file_is_replaced_in_one_step(self):
+        path = self.write("f", b"a=1\n")
+        os.link(path, self.path("hard link"))
+        with open(path, "rb") as reader:
+            self.assert_done("set", "f", "a=2")
+            self.assert_done("unset", "f", "b")
+
+            self.assertEqual((b"a=1\n", b"a=1\n", b"a=2\n"), (reader.read(), self.read("hard link"), self.read("f")))
+
     def test_a_link_stays_and_its_target_changes(self):
         self.write("f", b"a=1\nb=2\n")
         os.symlink("f", self.path("link"))
