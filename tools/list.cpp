@@ -160,8 +160,8 @@ void Cut(const ListOptions& options, Files& files)
     const std::int64_t all = static_cast<std::int64_t>(files.size());
     const std::int64_t first = std::min(options.skip.value_or(0), all);
     const std::int64_t count = std::min(options.limit.value_or(all), all - first);
-    files.erase(files.begin() + first + count, files.end());
-    files.erase(files.begin(), files.begin() + first);
+    files.resize(static_cast<std::size_t>(first + count));
+    files.erase(files.begin(), files.begin() + static_cast<std::ptrdiff_t>(first));
 }
 
 // ---- Output
