@@ -1,7 +1,7 @@
 // set and unset.
 
 #include "commands.h"
-#include "log.h"
+#include "signals.h"
 
 #include <LxStringUtils.h>
 #include <orv/safe.h>
@@ -47,7 +47,7 @@ std::string WhyRefused(const std::string& name, const std::string& value, const 
             return std::string("the ") + part + " begins or ends with white space, which readers remove";
         }
     }
-    return "";
+    return std::string();
 }
 
 [[noreturn]] void Fail(const SetOptions& options, const Settings& settings)
@@ -62,21 +62,33 @@ std::string WhyRefused(const std::string& name, const std::string& value, const 
     FailByReports("cannot change " + Quoted(options.file));
 }
 
+// A signal ends the process only after the change, which is short.
+void EndByCaughtSignal()
+{
+    if (CaughtSignal() != 0) {
+        EndBySignal(CaughtSignal());
+    }
+}
+
 }  // namespace
 
 ExitStatus Set(const SetOptions& options)
 {
     const Settings settings = Split(options);
+    CatchSignals();
     if (!orv_safe::WriteSettings(options.file, settings, options.format.delimiter[0], options.format.comment)) {
         Fail(options, settings);
     }
+    EndByCaughtSignal();
     return kDone;
 }
 
 ExitStatus Unset(const UnsetOptions& options)
 {
+    CatchSignals();
     if (!orv_safe::RemoveSettings(options.file, options.names, options.format.delimiter[0], options.format.comment)) {
         FailByReports("cannot change " + Quoted(options.file));
     }
+    EndByCaughtSignal();
     return kDone;
 }

@@ -5,6 +5,7 @@ import errno
 import json
 import os
 import shutil
+import signal
 import stat
 import subprocess
 
@@ -305,6 +306,16 @@ class SetTest(ToolTest):
             self.assert_done("unset", "f", "b")
 
             self.assertEqual((b"a=1\n", b"a=1\n", b"a=2\n"), (reader.read(), self.read("hard link"), self.read("f")))
+
+    def test_a_signal_ends_it_only_after_the_change(self):
+        for command, argument, new in (("set", "a=2", b"a=2\nb=1\n"), ("unset", "a", b"b=1\n")):
+            for number in (signal.SIGHUP, signal.SIGINT, signal.SIGTERM):
+                with self.subTest(command=command, signal=number.name):
+                    self.write("f", b"a=1\nb=1\n")
+
+                    status, _, err = self.run_tool(command, "f", argument, shim={"RAISE": f"fsync:1:{number}"})
+
+                    self.assertEqual((-number, "", new, ["f"]), (status, err, self.read("f"), self.names()))
 
     def test_a_link_stays_and_its_target_changes(self):
         self.write("f", b"a=1\nb=2\n")
