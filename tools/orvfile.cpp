@@ -198,8 +198,8 @@ void AddList(CLI::App& app, Command& chosen)
     command->add_flag("--recursive", options.recursive,
                       "Also list files of subdirectories, with their path below DIRECTORY; do not enter links");
     command->add_flag("--follow", options.follow, "Also list links to regular files");
-    AddText(command, "--sort", sort, "Order: name; time, newest first; size, largest first (default name)")
-        ->type_name("KEY")
+    AddText(command, "--sort", sort, "The order; time: newest first; size: largest first (default name)")
+        ->type_name("name|time|size")  // the choices that completion offers
         ->check([sorts](const std::string& result) {
             const std::string key = Whole(result);
             return sorts.count(key) != 0 ? "" : "'" + key + "' is not name, time or size";
