@@ -37,6 +37,19 @@ class MemoryTest(ToolTest):
         self.assertEqual((1, b""), (status, out))
         self.assertEqual("orvfile: std::bad_alloc\n  Next: free memory, or use a smaller input\n", err)
 
+    def test_a_lack_of_memory_is_a_failure_of_settings_and_changes_nothing(self):
+        settings = b"a=" + b"x" * (60 * MEBIBYTE)
+        self.write("f", settings)
+        for function, arguments in (("ReadSettings", ["get", "f", "a"]), ("CheckSettings", ["get", "f", "--lint"]),
+                                    ("WriteSettings", ["set", "f", "b=1"]), ("RemoveSettings", ["unset", "f", "a"])):  # fmt: skip
+            with self.subTest(function=function):
+                status, out, err = self.run_tool(*arguments, preexec_fn=with_memory(100 * MEBIBYTE))
+
+                self.assertEqual((1, b""), (status, out))
+                self.assertRegex(err, rf"^\[3\] orv_safe: {function}: new\(f\) failed \(12, Cannot allocate memory\)\.\n"
+                                 r"orvfile: cannot \w+ 'f': .+\n  Next: .+\n$")  # fmt: skip
+                self.assertEqual((settings, ["f"]), (self.read("f"), self.names()))
+
     def peak_memory(self, process):
         with open(f"/proc/{process}/status", encoding="ascii") as status:
             return 1024 * int(re.search(r"(?m)^VmHWM:\s*(\d+) kB", status.read())[1])
