@@ -8,7 +8,8 @@
 namespace dlog_text {
 
 // Appends `text` to `line`, with control characters and backslashes escaped as in C, so that a path that contains a
-// line feed cannot forge a second line. Throws std::bad_alloc.
+// line feed cannot forge a second line. The control characters from U+0080 to U+009F, which terminals obey, are escaped
+// in UTF-8 and as single bytes; all other bytes stay. Throws std::bad_alloc.
 void AppendEscaped(std::string& line, const std::string& text);
 
 // Returns the message of printf's format and arguments, not escaped. Throws std::bad_alloc.

@@ -151,13 +151,74 @@ TEST(DlogStderrTest, EscapesControlCharactersInHexadecimalAndPassesEveryOtherByt
             expected = "\\n";
         } else if (value == '\\') {
             expected = "\\\\";
-        } else if (value < ' ' || value == 127) {
+        } else if (value < ' ' || (value >= 127 && value < 160)) {
             expected = std::string("\\x") + digits[value / 16] + digits[value % 16];
         }
 
         const auto writes = WritesOf([&byte] { __dlog_printf(3, "tag", "<%s>", byte.c_str()); });
 
         EXPECT_THAT(writes, ElementsAre("[3] tag: <" + expected + ">\n")) << "byte " << value;
+    }
+}
+
+TEST(DlogStderrTest, EscapesControlCharactersInUtf8AndPassesEveryOtherCharacter)
+{
+    const struct {
+        std::string text;
+        std::string written;
+    } cases[] = {
+        {"\xC2\x80", "\\xc2\\x80"},  // U+0080, the first one
+        {"\xC2\x9B"
+         "31m",
+         "\\xc2\\x9b31m"},           // CSI, as terminals obey it
+        {"\xC2\x9F", "\\xc2\\x9f"},  // U+009F, the last one
+        {"\xC2\xA0", "\xC2\xA0"},
+        {"\xDF\x80", "\xDF\x80"},
+        {"\xE0\xA0\x80", "\xE0\xA0\x80"},
+        {"\xE2\x82\x9B", "\xE2\x82\x9B"},
+        {"\xED\x9F\x80", "\xED\x9F\x80"},  // U+D7C0
+        {"\xEE\x80\x80", "\xEE\x80\x80"},
+        {"\xF0\x90\x80\x80", "\xF0\x90\x80\x80"},
+        {"\xF4\x8F\x80\x80", "\xF4\x8F\x80\x80"},
+    };
+    for (const auto& one : cases) {
+        const auto writes = WritesOf([&one] { __dlog_printf(3, "tag", "<%s>", one.text.c_str()); });
+
+        EXPECT_THAT(writes, ElementsAre("[3] tag: <" + one.written + ">\n"));
+    }
+}
+
+TEST(DlogStderrTest, EscapesBytesThatAreNotUtf8IfTheyAreControlCharactersOfOtherEncodings)
+{
+    const struct {
+        std::string text;
+        std::string written;
+    } cases[] = {
+        {"\xC0\x80", "\xC0\\x80"},  // longer than necessary
+        {"\xC1\xBF\x80", "\xC1\xBF\\x80"},
+        {"\xE0\x80\xBF", "\xE0\\x80\xBF"},
+        {"\xE0\x9F\xBF", "\xE0\\x9f\xBF"},
+        {"\xF0\x80\xBF\xBF", "\xF0\\x80\xBF\xBF"},
+        {"\xF0\x8F\xBF\xBF", "\xF0\\x8f\xBF\xBF"},
+        {"\xED\xA0\x80", "\xED\xA0\\x80"},  // the first surrogate
+        {"\xED\xBF\x9F", "\xED\xBF\\x9f"},
+        {"\xED\xBF\xBF\x80", "\xED\xBF\xBF\\x80"},
+        {"\xF4\x90\x80\x80", "\xF4\\x90\\x80\\x80"},  // U+110000
+        {"\xF5\x80\xBF\xBF", "\xF5\\x80\xBF\xBF"},
+        {"\xF8\x90\xBF\xBF", "\xF8\\x90\xBF\xBF"},
+        {"\xF9\x80\xBF\xBF", "\xF9\\x80\xBF\xBF"},
+        {"\xFF\x80\x80\x80", "\xFF\\x80\\x80\\x80"},
+        {"\x80\x9F\xA0", "\\x80\\x9f\xA0"},  // no beginning
+        {"\xC2", "\xC2"},                    // no end
+        {"\xE2\x82", "\xE2\\x82"},
+        {"\xF0\x90\x80", "\xF0\\x90\\x80"},
+        {"\xE2\x82\xC2\x80", "\xE2\\x82\\xc2\\x80"},
+        {"\xC2\n", "\xC2\\n"},
+    };
+    for (const auto& one : cases) {
+        const auto writes = WritesOf([&one] { __dlog_printf(3, "tag", "%s", one.text.c_str()); });
+
+        EXPECT_THAT(writes, ElementsAre("[3] tag: " + one.written + "\n"));
     }
 }
 

@@ -311,7 +311,7 @@ class PrefixTest(ExplainTest):
             self.assert_explained(line, What="'/a', the file to move, cannot be looked up")
 
     def test_escapes_of_the_log_are_shown_as_escapes_once(self):
-        for path in ("/a\\nb", "/a\\x1b[31mb", "/a\\\\b", "/a\\\\nb", "/a\\x7f", "caf\u00e9"):
+        for path in ("/a\\nb", "/a\\x1b[31mb", "/a\\\\b", "/a\\\\nb", "/a\\x7f", "/a\\x80", "/a\\xc2\\x9bm", "caf\u00e9"):
             self.assert_explained(f"[3] LxFileUtils.cpp: RenameFileAcrossFs: stat({path}) failed (2).",
                                   What=f"'{path}', the file to move, cannot be looked up")  # fmt: skip
         self.assert_explained("RenameFileAcrossFs: stat(/a\x07\\q\\x1) failed (2).",
