@@ -89,7 +89,8 @@ endfunction()
 
 # orv_add_dlog(NAME SOURCE): adds a substitute for the device's log.
 function(orv_add_dlog name source)
-  add_library(${name} STATIC ${source} ${PROJECT_SOURCE_DIR}/dlog/dlog_text.cpp)
+  add_library(${name} STATIC ${source} ${PROJECT_SOURCE_DIR}/dlog/dlog_pipe.cpp
+                             ${PROJECT_SOURCE_DIR}/dlog/dlog_text.cpp)
   add_library(OrvFileUtils::${name} ALIAS ${name})
   orv_product(${name} 11)
   orv_log_headers(${name})

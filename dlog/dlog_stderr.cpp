@@ -2,6 +2,7 @@
 // One write for each line, so that lines of several threads and processes do not mix.
 
 #include "dlog.h"
+#include "dlog_pipe.h"
 #include "dlog_text.h"
 
 #include <unistd.h>
@@ -16,6 +17,7 @@ namespace {
 
 void WriteLine(const char* line, std::size_t bytes)
 {
+    const dlog_pipe::ScopedNoSignal noSignal;
     const ssize_t written = write(STDERR_FILENO, line, bytes);
     (void)written;  // a failure cannot be reported anywhere
 }

@@ -2,6 +2,7 @@
 // chooses identity, facility and options with openlog(3); otherwise syslog uses the program's name and LOG_USER.
 
 #include "dlog.h"
+#include "dlog_pipe.h"
 #include "dlog_text.h"
 
 #include <syslog.h>
@@ -24,6 +25,7 @@ int Priority(int severity)
 void __dlog_printf(int severity, const char* sourceTag, const char* format, ...)
 {
     const int callersErrno = errno;
+    const dlog_pipe::ScopedNoSignal noSignal;  // with LOG_PERROR, syslog also writes to standard error
     std::va_list arguments;
     va_start(arguments, format);
     try {

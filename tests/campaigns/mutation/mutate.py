@@ -101,6 +101,7 @@ SUBJECTS = {
     "src/LxFileUtils.cpp": [Product("OrvFileUtils", LIBRARY_TESTS)],
     "strutils/LxStringUtils.cpp": [Product("OrvStrUtils", LIBRARY_TESTS)],
     "dlog/dlog_memory.cpp": [MEMORY],
+    "dlog/dlog_pipe.cpp": [STDERR, SYSLOG],
     "dlog/dlog_stderr.cpp": [STDERR],
     "dlog/dlog_syslog.cpp": [SYSLOG],
     "dlog/dlog_text.cpp": [STDERR, MEMORY, SYSLOG],

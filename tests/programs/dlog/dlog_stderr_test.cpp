@@ -9,6 +9,7 @@
 #include <unistd.h>
 
 #include <cerrno>
+#include <csignal>
 #include <cstddef>
 #include <cstring>
 #include <fstream>
@@ -267,6 +268,67 @@ TEST(DlogStderrTest, LosesTheLineButNotErrnoIfStandardErrorIsClosed)
 
     EXPECT_EQ(EXDEV, after);
     EXPECT_THAT(writes, ElementsAre());
+}
+
+// Writes a report to a pipe that nobody reads, and returns errno after it.
+int ReportIntoAClosedPipe()
+{
+    int ends[2];
+    EXPECT_EQ(0, pipe(ends)) << std::strerror(errno);
+    close(ends[0]);
+    int after = 0;
+    {
+        const ScopedStderr closed(ends[1]);
+        errno = EXDEV;
+        __dlog_printf(3, "tag", "nobody reads this");
+        after = errno;
+    }
+    close(ends[1]);
+    return after;
+}
+
+bool IsPending(int signal)
+{
+    sigset_t pending;
+    return sigpending(&pending) == 0 && sigismember(&pending, signal) == 1;
+}
+
+bool IsBlocked(int signal)
+{
+    sigset_t mask;
+    return pthread_sigmask(SIG_BLOCK, nullptr, &mask) == 0 && sigismember(&mask, signal) == 1;
+}
+
+TEST(DlogStderrTest, SurvivesAPipeThatNobodyReads)
+{
+    ASSERT_EQ(SIG_DFL, std::signal(SIGPIPE, SIG_DFL));
+
+    EXPECT_EQ(EXDEV, ReportIntoAClosedPipe());
+
+    EXPECT_FALSE(IsPending(SIGPIPE));
+    EXPECT_FALSE(IsBlocked(SIGPIPE));
+    EXPECT_EQ(SIG_DFL, std::signal(SIGPIPE, SIG_DFL)) << "the program gets its other signals";
+}
+
+TEST(DlogStderrTest, KeepsASignalThatTheProgramHasBlockedAndNotYetSeen)
+{
+    sigset_t pipeSignal;
+    sigemptyset(&pipeSignal);
+    sigaddset(&pipeSignal, SIGPIPE);
+    ASSERT_EQ(0, pthread_sigmask(SIG_BLOCK, &pipeSignal, nullptr));
+
+    EXPECT_EQ(EXDEV, ReportIntoAClosedPipe());
+    EXPECT_FALSE(IsPending(SIGPIPE)) << "the signal of the log is not the program's";
+    EXPECT_TRUE(IsBlocked(SIGPIPE));
+
+    std::raise(SIGPIPE);
+    EXPECT_EQ(EXDEV, ReportIntoAClosedPipe());
+    EXPECT_TRUE(IsPending(SIGPIPE));
+    EXPECT_TRUE(IsBlocked(SIGPIPE));
+
+    const struct timespec atOnce = {0, 0};
+    EXPECT_EQ(SIGPIPE, sigtimedwait(&pipeSignal, nullptr, &atOnce));
+    EXPECT_EQ(0, pthread_sigmask(SIG_UNBLOCK, &pipeSignal, nullptr));
 }
 
 TEST(DlogStderrTest, DoesNotMixTheLinesOfSeveralThreads)

@@ -15,6 +15,7 @@
 #include <unistd.h>
 
 #include <cerrno>
+#include <csignal>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
@@ -187,6 +188,24 @@ TEST(DlogSyslogTest, PreservesErrnoEvenIfNobodyListens)
         errno = EXDEV;
         __dlog_printf(3, "tag", "not heard");
         EXPECT_EQ(EXDEV, errno);
+    });
+}
+
+TEST(DlogSyslogTest, SurvivesStandardErrorThatNobodyReads)
+{
+    EXPECT_WITH_DEV_LOG([](int log) {
+        int ends[2];
+        ASSERT_EQ(0, pipe(ends)) << std::strerror(errno);
+        close(ends[0]);
+        ASSERT_EQ(STDERR_FILENO, dup2(ends[1], STDERR_FILENO));
+        ASSERT_NE(SIG_ERR, std::signal(SIGPIPE, SIG_DFL));
+        openlog("t", LOG_PERROR, LOG_USER);  // syslog writes to both
+
+        errno = EXDEV;
+        __dlog_printf(3, "tag", "message");
+
+        EXPECT_EQ(EXDEV, errno);
+        EXPECT_THAT(Packets(log), ElementsAre("<11>TIME t: tag: message"));
     });
 }
 

@@ -1,0 +1,31 @@
+#include "dlog_pipe.h"
+
+#include <cerrno>
+#include <ctime>
+
+namespace dlog_pipe {
+
+// On Linux, sigprocmask changes the mask of this thread alone. Unlike pthread_sigmask, it never needs libpthread.
+ScopedNoSignal::ScopedNoSignal()
+{
+    (void)sigemptyset(&pipe_);
+    (void)sigaddset(&pipe_, SIGPIPE);
+    sigset_t pending;
+    (void)sigpending(&pending);
+    wasPending_ = sigismember(&pending, SIGPIPE) == 1;
+    (void)sigprocmask(SIG_BLOCK, &pipe_, &callersMask_);
+}
+
+ScopedNoSignal::~ScopedNoSignal()
+{
+    const int callersErrno = errno;
+    if (!wasPending_) {
+        const struct timespec kAtOnce = {0, 0};
+        while (sigtimedwait(&pipe_, nullptr, &kAtOnce) == -1 && errno == EINTR) {
+        }
+    }
+    (void)sigprocmask(SIG_SETMASK, &callersMask_, nullptr);
+    errno = callersErrno;
+}
+
+}  // namespace dlog_pipe
