@@ -16,6 +16,7 @@ namespace {
 
 std::mutex mutex;  // guards the reports; the libraries may report on any thread
 std::vector<Report> reports;
+bool areHeld = false;
 
 void Keep(const Report& report)
 {
@@ -29,6 +30,11 @@ std::vector<Report> TakeReports()
 {
     const std::lock_guard<std::mutex> lock(mutex);
     return std::exchange(reports, {});
+}
+
+void HoldLines(bool hold)
+{
+    areHeld = hold;
 }
 
 void PrintLines(const std::string& lines)
@@ -47,7 +53,9 @@ void __dlog_printf(int severity, const char* sourceTag, const char* format, ...)
         const Report report = {sourceTag, dlog_text::Format(format, arguments)};
         std::string line = "[" + std::to_string(severity) + "] ";
         dlog_text::AppendEscaped(line, report.source + ": " + report.text);
-        PrintLines(line + "\n");
+        if (!areHeld) {
+            PrintLines(line + "\n");
+        }
         Keep(report);
     } catch (const std::bad_alloc&) {
         PrintLines("dlog: out of memory, a report was lost\n");

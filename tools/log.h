@@ -14,6 +14,9 @@ struct Report {
 // The lines that were reported since the last call.
 std::vector<Report> TakeReports();
 
+// Whether the lines of the libraries are only kept, not printed.
+void HoldLines(bool hold);
+
 // Writes whole lines, all in one write. They must be escaped.
 void PrintLines(const std::string& lines);
 

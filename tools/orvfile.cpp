@@ -265,11 +265,16 @@ void AddPage(CLI::App& app, Command& chosen)
 {
     static PageOptions options;
     CLI::App* const command = app.add_subcommand("page", "Publish a text table file as an HTML page");
-    AddText(command, "TABLE", options.table, "The text table file")->required();
+    AddText(command, "TABLE", options.table, "The text table file; - is standard input")->required();
     AddText(command, "PAGE", options.page, "The page to write; an existing one is replaced in one step")->required();
     command->add_flag("--allow-empty", options.allowEmpty, "Publish an empty page if TABLE cannot be read");
     command->add_flag("--watch", options.watch, "Publish again whenever TABLE changes, until SIGINT or SIGTERM");
-    command->callback([&chosen] { chosen = [] { return Page(options); }; });
+    command->callback([&chosen] {
+        if (options.watch && options.table == "-") {
+            throw CLI::ExcludesError("--watch", "-");
+        }
+        chosen = [] { return Page(options); };
+    });
 }
 
 void AddFormat(CLI::App* command, SettingsFormat& format)

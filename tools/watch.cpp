@@ -1,15 +1,23 @@
 #include "watch.h"
 
+#include <fcntl.h>
+#include <limits.h>
+#include <linux/magic.h>
 #include <poll.h>
-#include <signal.h>
+#include <stdlib.h>
 #include <sys/inotify.h>
-#include <sys/signalfd.h>
+#include <sys/vfs.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
-#include <cstring>
+#include <chrono>
 
 namespace {
+
+// A file can get a name by open, link, symlink and rename, and lose it by unlink and rename.
+const std::uint32_t kChangesOfNames =
+    IN_CREATE | IN_MOVED_TO | IN_MOVED_FROM | IN_DELETE | IN_DELETE_SELF | IN_MOVE_SELF | IN_ONLYDIR;
 
 std::string DirectoryOf(const std::string& path)
 {
@@ -17,52 +25,63 @@ std::string DirectoryOf(const std::string& path)
     return slash == std::string::npos ? "." : path.substr(0, slash + 1);
 }
 
-int BlockedSignals()
+// Whether the file is on another machine. There a lease can be refused although nobody has the file open for writing.
+bool IsRemote(int file)
 {
-    sigset_t stop;
-    (void)sigemptyset(&stop);
-    (void)sigaddset(&stop, SIGINT);
-    (void)sigaddset(&stop, SIGTERM);
-    (void)sigprocmask(SIG_BLOCK, &stop, nullptr);
-    return signalfd(-1, &stop, SFD_CLOEXEC);
+    const long kCifs = 0xFF534D42L;
+    const long kSmb2 = 0xFE534D42L;
+    struct statfs status;
+    if (fstatfs(file, &status) != 0) {
+        return true;
+    }
+    const long type = static_cast<long>(status.f_type) & 0xFFFFFFFFL;
+    return type == NFS_SUPER_MAGIC || type == kCifs || type == kSmb2;
 }
 
 }  // namespace
 
-FileWatch::FileWatch(const std::string& path)
-    : directory_(DirectoryOf(path)),
-      name_(path.substr(path.rfind('/') + 1)),
-      signals_(BlockedSignals()),
-      events_(inotify_init1(IN_CLOEXEC | IN_NONBLOCK))
+FileWatch::FileWatch(const std::string& path) : events_(inotify_init1(IN_CLOEXEC | IN_NONBLOCK))
 {
-    const std::uint32_t wanted = IN_CLOSE_WRITE | IN_MOVED_TO | IN_DELETE_SELF | IN_MOVE_SELF | IN_ONLYDIR;
-    if (signals_ == -1 || events_ == -1 || inotify_add_watch(events_, directory_.c_str(), wanted) == -1) {
-        const int error = errno;
-        throw Failure("cannot watch " + Quoted(directory_) + ": " + ErrorText(error),
-                      error == ENOSPC || error == EMFILE
-                          ? "raise the limits below /proc/sys/fs/inotify, or watch fewer files"
-                          : Remedy(error, directory_));
+    WatchName(path);
+    if (char* const target = realpath(path.c_str(), nullptr)) {  // differs if the path is a link
+        WatchName(target);
+        std::free(target);
     }
+    (void)inotify_add_watch(events_, path.c_str(), IN_CLOSE_WRITE);  // also by another name of the file
 }
 
-bool FileWatch::Wait()
+void FileWatch::WatchName(const std::string& path)
 {
+    names_.insert(path.substr(path.rfind('/') + 1));
+    (void)inotify_add_watch(events_, DirectoryOf(path).c_str(), kChangesOfNames);
+}
+
+FileWatch::Result FileWatch::Wait(int stop, int milliseconds) const
+{
+    typedef std::chrono::steady_clock Clock;
+    const Clock::time_point end = Clock::now() + std::chrono::milliseconds(milliseconds);
     for (;;) {
-        struct pollfd ready[] = {{signals_, POLLIN, 0}, {events_, POLLIN, 0}};
-        if (poll(ready, 2, -1) == -1 && errno != EINTR) {
+        const auto left = std::chrono::duration_cast<std::chrono::milliseconds>(end - Clock::now());
+        struct pollfd ready[] = {{stop, POLLIN, 0}, {events_, POLLIN, 0}};
+        const int count = poll(ready, 2, std::max(static_cast<int>(left.count()), 0));
+        if (count == -1 && errno != EINTR) {
             throw Failure("cannot wait for changes: " + ErrorText(errno), "start this again");
         }
         if (ready[0].revents != 0) {
-            return false;
+            return kStopped;
         }
-        if (ready[1].revents != 0 && ReadEvents()) {
-            return true;
+        if (ready[1].revents != 0 && HasChanged()) {
+            return kChanged;
+        }
+        if (count == 0) {
+            return kTimeOver;
         }
     }
 }
 
-// Reads all events that are there; returns true if one of them is about the file.
-bool FileWatch::ReadEvents()
+// Reads all events that are there; returns whether one of them matters. Events without a name are about the file itself
+// or its directory, or say that events were lost.
+bool FileWatch::HasChanged() const
 {
     bool changed = false;
     alignas(struct inotify_event) char block[16384];
@@ -70,12 +89,27 @@ bool FileWatch::ReadEvents()
         const struct inotify_event* event;
         for (const char* at = block; at < block + bytes; at += sizeof *event + event->len) {
             event = reinterpret_cast<const struct inotify_event*>(at);
-            if ((event->mask & (IN_DELETE_SELF | IN_MOVE_SELF | IN_IGNORED)) != 0) {
-                throw Failure("the directory " + Quoted(directory_) + " was removed or renamed",
-                              "make it again, then start this again");
-            }
-            changed |= (event->mask & IN_Q_OVERFLOW) != 0 || (event->len != 0 && name_ == event->name);
+            changed = changed || event->len == 0 || names_.count(event->name) != 0;
         }
     }
     return changed;
+}
+
+ReadLease::ReadLease(int file) : file_(file), state_(Take())
+{
+}
+
+ReadLease::~ReadLease()
+{
+    if (IsHeld()) {
+        (void)fcntl(file_, F_SETLEASE, F_UNLCK);
+    }
+}
+
+ReadLease::State ReadLease::Take() const
+{
+    if (fcntl(file_, F_SETLEASE, F_RDLCK) == 0) {
+        return kHeld;
+    }
+    return errno == EAGAIN && !IsRemote(file_) ? kOpenForWriting : kUnknown;
 }

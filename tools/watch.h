@@ -1,28 +1,59 @@
-// Waits for a file to be written or replaced.
+// Waits for changes of a file, and finds out whether it is whole.
 #ifndef ORV_TOOLS_WATCH_H
 #define ORV_TOOLS_WATCH_H
 
+#include <set>
 #include <string>
 
 #include "support.h"
 
-// Watches the directory of the file, so that it notices a file that replaces it too. From its construction on, SIGINT
-// and SIGTERM only end the next wait.
+// Watches a path, from the construction on, for one change.
 class FileWatch {
 public:
+    // The path need not exist. What the kernel does not report, or not now, is not noticed: changes of other machines,
+    // directories that were replaced by a link, or everything if there are too many watches.
     explicit FileWatch(const std::string& path);
 
-    // Returns true if the file was written and closed, or replaced; false after a signal. Throws Failure if the
-    // directory is gone.
-    bool Wait();
+    enum Result { kChanged, kTimeOver, kStopped };
+
+    // Waits until the path may lead to another file, or until the file was written and closed; but no longer than this
+    // time, and not after `stop` has become readable.
+    Result Wait(int stop, int milliseconds) const;
 
 private:
-    bool ReadEvents();
+    void WatchName(const std::string& path);
+    bool HasChanged() const;
 
-    const std::string directory_;
-    const std::string name_;
-    const Descriptor signals_;
     const Descriptor events_;
+    std::set<std::string> names_;
+};
+
+// Keeps others from writing to the file: who opens it for writing meanwhile has to wait.
+class ReadLease {
+public:
+    explicit ReadLease(int file);
+    ~ReadLease();
+    ReadLease(const ReadLease&) = delete;
+    ReadLease& operator=(const ReadLease&) = delete;
+
+    bool IsHeld() const
+    {
+        return state_ == kHeld;
+    }
+
+    // If neither is true, the kernel does not tell whether the file is open for writing: it belongs to another user, or
+    // is on another machine.
+    bool IsRefusedToWriter() const
+    {
+        return state_ == kOpenForWriting;
+    }
+
+private:
+    enum State { kHeld, kOpenForWriting, kUnknown };
+    State Take() const;
+
+    const int file_;
+    const State state_;
 };
 
 #endif  // ORV_TOOLS_WATCH_H

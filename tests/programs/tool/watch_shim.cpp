@@ -1,0 +1,123 @@
+// Is preloaded into a tested program, too, to take away what the system offers to programs that wait for changes:
+//   ORV_SHIM_PATIENT=1      polls have no time limit, so only events end them
+//   ORV_SHIM_BLIND=1        there are no events
+//   ORV_SHIM_LEASE=ERRNO    leases fail with this error
+//   ORV_SHIM_REMOTE=1       all files are on another machine
+//   ORV_SHIM_UNNAMED=ERRNO  files without a name cannot be made
+
+#include <dlfcn.h>
+#include <fcntl.h>
+#include <linux/magic.h>
+#include <poll.h>
+#include <sys/inotify.h>
+#include <sys/vfs.h>
+
+#include <cerrno>
+#include <cstdarg>
+#include <cstdlib>
+
+namespace {
+
+template <typename Function>
+Function* Next(Function* /*type*/, const char* name)
+{
+    return reinterpret_cast<Function*>(dlsym(RTLD_NEXT, name));
+}
+
+// Returns whether the setting is there; errno is then its value.
+bool IsSet(const char* setting)
+{
+    const char* const value = std::getenv(setting);
+    if (value == nullptr) {
+        return false;
+    }
+    errno = std::atoi(value);
+    return true;
+}
+
+typedef int Open(const char* path, int flags, ...);
+typedef int Fcntl(int descriptor, int command, ...);
+
+int OpenBy(Open* next, const char* path, int flags, mode_t mode)
+{
+    const bool isUnnamed = (flags & O_TMPFILE) == O_TMPFILE;
+    return isUnnamed && IsSet("ORV_SHIM_UNNAMED") ? -1 : next(path, flags, mode);
+}
+
+int FcntlBy(Fcntl* next, int descriptor, int command, void* argument)
+{
+    return command == F_SETLEASE && IsSet("ORV_SHIM_LEASE") ? -1 : next(descriptor, command, argument);
+}
+
+template <typename Status>
+int AsRemote(int result, Status* status)
+{
+    status->f_type = IsSet("ORV_SHIM_REMOTE") ? NFS_SUPER_MAGIC : status->f_type;
+    return result;
+}
+
+}  // namespace
+
+#define EXPORTED extern "C" __attribute__((visibility("default")))
+
+EXPORTED int poll(struct pollfd* descriptors, nfds_t count, int timeout)
+{
+    return Next(poll, "poll")(descriptors, count, IsSet("ORV_SHIM_PATIENT") ? -1 : timeout);
+}
+
+// With _FORTIFY_SOURCE
+EXPORTED int __poll_chk(struct pollfd* descriptors, nfds_t count, int timeout, size_t /*size*/)
+{
+    return poll(descriptors, count, timeout);
+}
+
+EXPORTED int inotify_init1(int flags) noexcept
+{
+    return IsSet("ORV_SHIM_BLIND") ? -1 : Next(inotify_init1, "inotify_init1")(flags);
+}
+
+EXPORTED int open(const char* path, int flags, ...)
+{
+    va_list arguments;
+    va_start(arguments, flags);
+    const mode_t mode = (flags & (O_CREAT | O_TMPFILE)) != 0 ? va_arg(arguments, mode_t) : 0;
+    va_end(arguments);
+    return OpenBy(Next(static_cast<Open*>(nullptr), "open"), path, flags, mode);
+}
+
+EXPORTED int open64(const char* path, int flags, ...)
+{
+    va_list arguments;
+    va_start(arguments, flags);
+    const mode_t mode = (flags & (O_CREAT | O_TMPFILE)) != 0 ? va_arg(arguments, mode_t) : 0;
+    va_end(arguments);
+    return OpenBy(Next(static_cast<Open*>(nullptr), "open64"), path, flags, mode);
+}
+
+EXPORTED int fcntl(int descriptor, int command, ...)
+{
+    va_list arguments;
+    va_start(arguments, command);
+    void* const argument = va_arg(arguments, void*);
+    va_end(arguments);
+    return FcntlBy(Next(static_cast<Fcntl*>(nullptr), "fcntl"), descriptor, command, argument);
+}
+
+EXPORTED int fcntl64(int descriptor, int command, ...)
+{
+    va_list arguments;
+    va_start(arguments, command);
+    void* const argument = va_arg(arguments, void*);
+    va_end(arguments);
+    return FcntlBy(Next(static_cast<Fcntl*>(nullptr), "fcntl64"), descriptor, command, argument);
+}
+
+EXPORTED int fstatfs(int descriptor, struct statfs* status) noexcept
+{
+    return AsRemote(Next(fstatfs, "fstatfs")(descriptor, status), status);
+}
+
+EXPORTED int fstatfs64(int descriptor, struct statfs64* status) noexcept
+{
+    return AsRemote(Next(fstatfs64, "fstatfs64")(descriptor, status), status);
+}
