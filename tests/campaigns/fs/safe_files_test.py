@@ -118,6 +118,25 @@ def stick(lab, path, disk, user):
     caller.end()
 
 
+def stick_by_the_library(lab, path, disk):
+    """Only the owner of a stick can set a mode there, so the library's move by a service fails and changes nothing."""
+    caller = lab.caller(user=NOBODY)
+    source, destination = write(os.path.join(disk, "f"), material(10000)), os.path.join(path, "f")
+    os.chown(source, NOBODY, NOBODY)
+
+    answer = caller.call(fslab.MOVE, source, destination)
+
+    lab.check(f"the library's move to the stick {path}", answer.result, "0")
+    lab.check(f"the library's move to the stick {path}: line {lines_of(answer)}",
+              [re.sub(r"_\w{6},", "_??????,", line) for line in lines_of(answer)],
+              [f"RenameFileAcrossFs: chmod({destination}_??????, 644) failed (1)."])
+    lab.check(f"the library's move to the stick {path}: files",
+              (read(source) == material(10000), os.listdir(path)), (True, []))
+    lab.counts["moves to a stick by the library"] += 1
+    fslab.clear(disk)
+    caller.end()
+
+
 def page_and_settings(lab, caller, path, disk):
     """A page is published on a stick, and settings are made, changed and removed."""
     page, settings = os.path.join(path, "page"), os.path.join(path, "settings")
@@ -142,6 +161,7 @@ def sticks(lab):
         try:
             path = lab.mount(f"stick{user}", "-o", "loop,umask=000", lab.image("vfat", f"stick{user}"))
             stick(lab, path, disk, user)
+            stick_by_the_library(lab, path, disk)
         except fslab.CannotMount as error:
             lab.skip("a stick with FAT", error)
     try:
@@ -149,6 +169,7 @@ def sticks(lab):
         os.mkdir(path)
         for user in (NOBODY, 0):
             stick(lab, path, disk, user)
+        stick_by_the_library(lab, path, disk)
     except fslab.CannotMount as error:
         lab.skip("a stick without modes", error)
 
