@@ -39,20 +39,22 @@ std::string TypeName(mode_t mode)
 
 }  // namespace
 
-void FailByReports(const std::string& problem)
-{
-    FailByReports(problem, TakeReports());
-}
-
-void FailByReports(const std::string& problem, const std::vector<Report>& reports)
+std::optional<Explanation> ExplainFailure(const std::vector<Report>& reports)
 {
     for (const Report& report : reports) {
-        const std::optional<Explanation> reason = IsNote(report.text) ? std::nullopt : Explain(report.text);
-        if (reason) {
-            throw Failure(problem + ": " + reason->reason, reason->todo);
+        std::optional<Explanation> explanation = IsNote(report.text) ? std::nullopt : Explain(report.text);
+        if (explanation) {
+            return explanation;
         }
     }
-    throw Failure(problem, "see the lines above");
+    return std::nullopt;
+}
+
+void FailByReports(const std::string& problem)
+{
+    const std::optional<Explanation> explanation = ExplainFailure(TakeReports());
+    throw explanation ? Failure(problem + ": " + explanation->reason, explanation->todo)
+                      : Failure(problem, "see the lines above");
 }
 
 void SetQuiet(bool wanted)

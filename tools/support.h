@@ -10,6 +10,7 @@
 #include <string>
 #include <vector>
 
+#include "explain.h"
 #include "log.h"
 
 enum ExitStatus { kDone = 0, kFailed = 1, kUsage = 2, kMissing = 3 };
@@ -30,10 +31,11 @@ private:
     std::string next_;
 };
 
-// Throws Failure: "PROBLEM: REASON", and what to do. Both come from the first of the lines that reports a failure and
-// can be explained: later ones report what followed from it.
-[[noreturn]] void FailByReports(const std::string& problem, const std::vector<Report>& reports);
-[[noreturn]] void FailByReports(const std::string& problem);  // by all lines since TakeReports() was called
+// Explains the first of the lines that reports a failure and can be explained: later ones report what followed from it.
+std::optional<Explanation> ExplainFailure(const std::vector<Report>& reports);
+
+// Throws Failure: "PROBLEM: REASON", and what to do. Both come from the lines since TakeReports() was called.
+[[noreturn]] void FailByReports(const std::string& problem);
 
 // Whether to suppress notes, warnings and progress. Failures are always printed.
 void SetQuiet(bool quiet);

@@ -83,6 +83,17 @@ std::string Problem(const Kind& kind, const Transfer& transfer)
     return std::string("cannot ") + kind.verb + " " + Quoted(transfer.source) + " to " + Quoted(transfer.destination);
 }
 
+// The problem is about two paths, so the reason must say which of them it is about.
+[[noreturn]] void Fail(const std::string& problem, const std::vector<Report>& reports)
+{
+    const std::optional<Explanation> why = ExplainFailure(reports);
+    if (!why) {
+        throw Failure(problem, "see the lines above");
+    }
+    const bool isNumberOnly = why->reason == why->errorText;
+    throw Failure(problem + ": " + (isNumberOnly ? why->meaning + ": " : "") + why->reason, why->todo);
+}
+
 // The content would not be lost, but one name of it would be, or two names of one file would become two files. Neither
 // is what anybody wants.
 void RefuseSameFile(const Transfer& transfer, const struct stat& source, bool isMove)
@@ -124,7 +135,7 @@ void RunSafely(const Kind& kind, const TransferOptions& options, const Transfer&
     how.progress = Hear;
     how.progressContext = &progress;
     if (!kind.function(transfer.source, transfer.destination, how)) {
-        FailByReports(Problem(kind, transfer), TakeReports());
+        Fail(Problem(kind, transfer), TakeReports());
     }
 }
 
@@ -139,7 +150,10 @@ void MovePlainly(const Transfer& transfer)
                       Remedy(error, transfer.source));
     }
     if (!reports.empty()) {
-        FailByReports(Problem(kMove, transfer), reports);
+        Fail(isMoved
+                 ? "the content is at " + Quoted(transfer.destination) + ", and " + Quoted(transfer.source) + " is kept"
+                 : Problem(kMove, transfer),
+             reports);
     }
 }
 
@@ -165,7 +179,8 @@ public:
     void Refuse(const Transfer& transfer) const
     {
         const std::optional<struct stat> status = LinkStatusOf(transfer.destination);
-        if (status && files_.count({status->st_dev, status->st_ino}) != 0) {
+        if (paths_.count(transfer.destination) != 0 ||
+            (status && files_.count({status->st_dev, status->st_ino}) != 0)) {
             throw Failure(Quoted(transfer.source) + " would replace " + Quoted(transfer.destination) +
                               ", which was written just before",
                           "give the files different names, or move or copy them one by one");
@@ -174,13 +189,15 @@ public:
 
     void Add(const std::string& path)
     {
+        paths_.insert(path);
         if (const std::optional<struct stat> status = LinkStatusOf(path)) {
             files_.insert({status->st_dev, status->st_ino});
         }
     }
 
 private:
-    std::set<std::pair<dev_t, ino_t>> files_;
+    std::set<std::string> paths_;
+    std::set<std::pair<dev_t, ino_t>> files_;  // some file systems do not distinguish capital letters in names
 };
 
 // A failure of one file does not keep others from being moved or copied.

@@ -3,6 +3,7 @@
 
 import contextlib
 import errno
+import functools
 import os
 import pty
 import re
@@ -262,7 +263,7 @@ class PlainMoveTest(TransferTest):
         self.arrange()
 
         self.assert_fails_with(
-            logged(LINES.RenameUnlink("a", errno.EROFS)), f"cannot move 'a' to '{self.to}': ",
+            logged(LINES.RenameUnlink("a", errno.EROFS)), f"the content is at '{self.to}', and 'a' is kept: ",
             *("move", "--plain", "a", self.to), shim={"FAIL": f"unlink:{errno.EROFS}"})  # fmt: skip
 
         self.assertEqual((b"new", b"new"), (self.read("a"), self.read(self.to)))
@@ -416,10 +417,11 @@ class RefusalTest(TransferTest):
 
     def test_standard_output_is_no_destination(self):
         self.write("a", b"data")
+        os.symlink("/proc/self/fd/1", self.path("stdout"))  # as /dev/stdout, which a broken tool would replace
         for form in self.FORMS:
-            self.assert_fails(problem("'/dev/stdout' is a FIFO, not a regular file", "name a regular file"),
-                              *form, "a", "/dev/stdout")  # fmt: skip
-        self.assertTrue(os.path.islink("/dev/stdout"))
+            self.assert_fails(problem("'stdout' is a FIFO, not a regular file", "name a regular file"),
+                              *form, "a", "stdout")  # fmt: skip
+        self.assertEqual(("/proc/self/fd/1", b"data"), (os.readlink(self.path("stdout")), self.read("a")))
 
     def test_a_source_that_is_not_a_regular_file_is_reported(self):
         os.mkdir(self.path("d"))
@@ -486,6 +488,80 @@ class RefusalTest(TransferTest):
                                shim={"FAIL": f"fsync:{errno.EIO}:2"})  # fmt: skip
 
         self.assertEqual((b"new", b"new"), (self.read("a"), self.read(self.to)))
+
+
+class RemedyTest(TransferTest):
+    """What each failure is called, and what to do: the path that it is about, and its true reason."""
+
+    MEDIUM = "check the kernel's log (dmesg) for errors of the medium"
+    LONG = "n" * 249
+    CASES = (
+        # options, faults, source, destination; then the reason (in place of the common begin: the whole problem) and
+        # the remedy. {to} is the destination, {dir} its directory.
+        ("copy", {"FAIL": f"write:{errno.ENOSPC} {THROUGH_US}"}, "a", "{to}",
+         "the new file for '{to}' cannot be written: No space left on device",
+         "free space on the file system of '{to}', then run this again"),
+        ("copy", {"FAIL": f"fsync:{errno.EDQUOT}"}, "a", "{to}", "'{to}' cannot be flushed to the disk: Disk quota exceeded",
+         "free space on the file system of '{to}', then run this again"),
+        ("copy", {"FAIL": f"write:{errno.EFBIG} {THROUGH_US}"}, "a", "{to}",
+         "the new file for '{to}' cannot be written: File too large", "raise the limit (`ulimit -f`), or split the file"),
+        ("move", {"FAIL": f"read:{errno.EIO} {THROUGH_US}"}, "a", "{to}", "'a' cannot be read: Input/output error", MEDIUM),
+        ("move", {"FAIL": f"pread:{errno.EIO}:1"}, "a", "{to}", "'a' cannot be read: Input/output error", MEDIUM),
+        ("move", {"FAIL": f"fchmod:{errno.EIO}"}, "a", "{to}", "the mode of '{to}' cannot be set: Input/output error", MEDIUM),
+        ("copy", {"FLIP": "2"}, "a", "{to}",
+         "the copy for '{to}' was read back, and differs from 'a' after byte 0: the medium is faulty, or 'a' was written "
+         "meanwhile", "run this again. If it fails again, check the medium, and replace it"),
+        ("copy -n", {"FAIL": f"linkat:{errno.EEXIST}"}, "a", "c", "'c' exists, and was not to be replaced",
+         "choose another destination, or allow that 'c' is replaced"),
+        ("move", {"FAIL": f"renameat:{errno.EROFS}"}, "a", "c", "the file cannot be put at 'c': Read-only file system",
+         "choose a path on a file system that is mounted writable"),
+        ("copy", {}, "a", "no/b", "'no/' cannot be opened: No such file or directory",
+         "check the spelling of 'no/', and check that its directory exists"),
+        ("move", {}, "a", "a/b", "'a/' cannot be opened: Not a directory",
+         "a component of 'a/' is not a directory: correct the path"),
+        ("copy", {}, "a", "loop/b", "'loop/' cannot be opened: Too many levels of symbolic links",
+         "remove the symbolic links in 'loop/' that form a loop"),
+        ("copy", {}, "a", "n" * 256, "'" + "n" * 256 + "' cannot be looked up: File name too long", "choose a shorter path"),
+        ("move", {"FAIL": f"unlinkat:{errno.EROFS}:1"}, "a", "{to}",
+         "the content was copied to the destination, but the source could not be removed ('a'): Read-only file system",
+         "remove the source by hand, and let the program write to its directory"),
+        ("move", {"FAIL": f"fsync:{errno.EIO}:3"}, "a", "{to}",
+         "the file is in place, but its directory '{dir}/' could not be flushed to the disk: Input/output error",
+         "run `sync`, and " + MEDIUM),
+        ("copy", {"RAISE": "sendfile:1:15", "FAIL": NO_RANGES}, "a", "{to}", "the program cancelled the copy of 'a'",
+         "run this again, if the copy is wanted"),
+        ("move --plain", {"FAIL": f"write:{errno.ENOSPC}"}, "a", "{to}",
+         "the copy on the destination's file system could not be written: No space left on device",
+         "free space on the file system of the destination, then run this again"),
+        ("move --plain", {"SHORT": "write:2:100"}, "a", "{to}",
+         "only 100 of 4096 bytes could be written to the destination's file system. It is full, or a limit was reached",
+         "free space on the destination's file system, and move again"),
+        ("move --plain", {}, "a", "{dir}/" + LONG,
+         "the temporary file '{dir}/" + LONG + "_XXXXXX' could not be made beside the destination, because its name is too "
+         "long", "choose a name of at most 248 bytes for the destination, because the temporary file has 7 bytes more"),
+        ("move --plain", {"FAIL": f"unlink:{errno.EROFS}"}, "a", "{to}",
+         "the content was copied to the destination, but 'a' could not be removed: Read-only file system",
+         "remove 'a', and let the program write to its directory"),
+        ("move --plain", {}, "a", "no/b", "'a' cannot be moved to 'no/b': No such file or directory",
+         "check the spelling of 'no/b', and check that its directory exists"),
+        ("move --plain", {"FAIL": f"read:{errno.EIO}"}, "a", "{to}", "cannot read 'a': Input/output error", MEDIUM),
+    )  # fmt: skip
+
+    def test_each_failure_has_its_reason_and_its_remedy(self):
+        os.symlink("loop", self.path("loop"))
+        for options, shim, source, to, reason, remedy in self.CASES:
+            with self.subTest(options=options, reason=reason):
+                self.write("a", b"x" * 20000)
+                self.write(self.to, b"old")
+                fill = functools.partial(str.format, to=self.to, dir=self.other)
+                begin = f"cannot {options.split()[0]} '{source}' to '{fill(to)}'"
+                if "unlink:" in shim.get("FAIL", ""):
+                    begin = f"the content is at '{fill(to)}', and '{source}' is kept"
+
+                _, out, err = self.run_tool(*options.split(), source, fill(to), shim=shim)
+
+                said = re.sub(r"_\w{6}' could", "_XXXXXX' could", re.sub(r"(?m)^\[3\] .*\n", "", err))
+                self.assertEqual((b"", problem(f"{begin}: {fill(reason)}", fill(remedy))), (out, said))
 
 
 class SeveralFilesTest(TransferTest):
