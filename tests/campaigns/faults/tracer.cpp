@@ -1,4 +1,5 @@
 #include "campaigns/faults/tracer.h"
+#include "campaigns/faults/begin_mark.h"
 #include "support/oracle.h"
 
 #include <fcntl.h>
@@ -30,8 +31,6 @@ namespace {
 
 using SyscallInfo = __ptrace_syscall_info;
 
-// Calls that change nothing and that are not made otherwise.
-constexpr int kBeginMark = -1000;
 constexpr int kEndMark = -1001;
 
 constexpr std::size_t kHeapBytes = 8U << 20;      // more than any scenario allocates
@@ -90,6 +89,13 @@ constexpr CallForm kForms[] = {
     {SYS_flistxattr, "flistxattr", -1, -1, 0, -1},
     {SYS_fgetxattr, "fgetxattr", -1, -1, 0, -1},
     {SYS_fsetxattr, "fsetxattr", -1, -1, 0, -1},
+    {SYS_brk, "brk", -1, -1, -1, -1},
+    {SYS_mmap, "mmap", -1, -1, -1, -1},
+    {SYS_munmap, "munmap", -1, -1, -1, -1},
+    {SYS_ioctl, "ioctl", -1, -1, 0, -1},
+    {SYS_rt_sigaction, "sigaction", -1, -1, -1, -1},
+    {SYS_exit_group, "exit", -1, -1, -1, -1},
+    {SYS_futex, "futex", -1, -1, -1, -1},
 };
 
 const CallForm* FormOf(std::uint64_t number)
@@ -210,6 +216,23 @@ void ReadReport(TracedRun& run)
     report.copy(Shared().text, report.size());
     Shared().bytes = report.size();
     _exit(0);
+}
+
+[[noreturn]] void BeProgram(const TracedProgram& program)
+{
+    std::vector<char*> arguments;
+    for (const std::string& argument : program.command) {
+        arguments.push_back(const_cast<char*>(argument.c_str()));
+    }
+    arguments.push_back(nullptr);
+    const int output = open(program.output.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0600);
+    if (chdir(program.directory.c_str()) != 0 || dup2(output, STDOUT_FILENO) == -1 ||
+        dup2(output, STDERR_FILENO) == -1 || setenv("LD_PRELOAD", program.mark.c_str(), 1) != 0 ||
+        setenv("LC_ALL", "C", 1) != 0 || ptrace(PTRACE_TRACEME, 0, nullptr, nullptr) != 0 || raise(SIGSTOP) != 0) {
+        _exit(2);
+    }
+    (void)execv(arguments[0], arguments.data());
+    _exit(3);
 }
 
 // Runs once, before the first child, because the C and C++ libraries make some system calls only once. The heap gets
@@ -501,11 +524,12 @@ TracedRun Tracer::Run()
         run_.problem = "cannot be traced";
         return run_;
     }
-    (void)ptrace(PTRACE_SETOPTIONS, child_, nullptr, PTRACE_O_TRACESYSGOOD | PTRACE_O_EXITKILL);
+    (void)ptrace(PTRACE_SETOPTIONS, child_, nullptr, PTRACE_O_TRACESYSGOOD | PTRACE_O_EXITKILL | PTRACE_O_TRACEEXEC);
     int signal = 0;  // the first stop is not passed to the child
     while (ptrace(PTRACE_SYSCALL, child_, nullptr, signal) == 0 && WaitForStop()) {
         const bool isCall = WSTOPSIG(status_) == kSyscallStop;
-        signal = isCall ? 0 : WSTOPSIG(status_);
+        const bool isEvent = static_cast<unsigned int>(status_) >> 16U != 0;  // such as the start of a program
+        signal = isCall || isEvent ? 0 : WSTOPSIG(status_);
         if (isCall) {
             OnStop();
         }
@@ -513,9 +537,10 @@ TracedRun Tracer::Run()
     if (WIFSTOPPED(status_)) {  // killed while it was stopped: wait for its end
         (void)waitpid(child_, &status_, __WALL);
     }
-    if (run_.problem.empty() && !run_.killed && !(WIFEXITED(status_) && WEXITSTATUS(status_) == 0)) {
+    if (run_.problem.empty() && !run_.killed && !WIFEXITED(status_)) {
         run_.problem = "the child ended with status " + std::to_string(status_);
     }
+    run_.status = WEXITSTATUS(status_);
     if (run_.killed && !(WIFSIGNALED(status_) && WTERMSIG(status_) == SIGKILL)) {
         run_.problem = "the child outlived SIGKILL, status " + std::to_string(status_);
     }
@@ -535,10 +560,22 @@ TracedRun RunTraced(const std::function<Answer()>& body, const std::vector<Fault
         BeTraced(body);
     }
     TracedRun run = Tracer(child, faults).Run();
+    if (run.problem.empty() && !run.killed && run.status != 0) {
+        run.problem = "the child ended with exit status " + std::to_string(run.status);
+    }
     if (run.problem.empty() && !run.killed) {
         ReadReport(run);
     }
     return run;
+}
+
+TracedRun RunTraced(const TracedProgram& program, const std::vector<Fault>& faults)
+{
+    const pid_t child = fork();
+    if (child == 0) {
+        BeProgram(program);
+    }
+    return Tracer(child, faults).Run();
 }
 
 bool CanTrace()

@@ -75,11 +75,23 @@ struct TracedRun {
     std::vector<DlogCall> lines;
     std::vector<std::string> descriptorsBefore;
     std::vector<std::string> descriptorsAfter;
+    int status = 0;  // for a program: its exit status
 };
 
 // Calls `body` in a child and traces it. Removes a temporary page that an earlier process with the same id has left.
 // `body` may use the heap, which is large enough to need no system call.
 TracedRun RunTraced(const std::function<Answer()>& body, const std::vector<Fault>& faults);
+
+// Runs a program in the directory, with its output in a file, and traces it from the constructor of `mark` on: a
+// library that is preloaded and closes kBeginMark (begin_mark.h). So the calls of the loader are not affected. Of
+// TracedRun, it fills in `calls`, `killed`, `problem` and `status`.
+struct TracedProgram {
+    std::vector<std::string> command;
+    std::string mark;
+    std::string directory;
+    std::string output;
+};
+TracedRun RunTraced(const TracedProgram& program, const std::vector<Fault>& faults);
 
 // Returns true if a process may trace its children.
 bool CanTrace();

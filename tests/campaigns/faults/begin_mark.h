@@ -1,0 +1,8 @@
+// Marks the window in which the tracer makes calls fail.
+#ifndef ORV_TESTS_BEGIN_MARK_H
+#define ORV_TESTS_BEGIN_MARK_H
+
+// The window begins when this file descriptor, which does not exist, is closed. No program does that otherwise.
+constexpr int kBeginMark = -1000;
+
+#endif  // ORV_TESTS_BEGIN_MARK_H
