@@ -79,11 +79,12 @@ SAFE_TESTS = {
 STATUSBOARD = Product("statusboard", (), "tests/programs/statusboard/statusboard_test.py", "statusboard_machine")
 ORVFILE = {
     family: Product("orvfile", (), f"tests/programs/tool/{family}_test.py", "orvfile_shim")
-    for family in ("usage", "transfer", "directories", "row", "page", "settings")
+    for family in ("usage", "transfer", "directories", "row", "page", "watch", "settings")
 }
 # The sources of which one family of tests is meant; all families are meant for the others.
 ORVFILE_TESTS = {
     "csv_reader.cpp": ["row"],
+    "follow.cpp": ["watch"],
     "get.cpp": ["settings"],
     "json.cpp": ["directories", "settings"],
     "list.cpp": ["directories"],
@@ -94,8 +95,10 @@ ORVFILE_TESTS = {
     "quoting.cpp": ["directories", "settings"],
     "row.cpp": ["row"],
     "set.cpp": ["settings"],
+    "streams.cpp": ["row", "page"],
     "transfer.cpp": ["transfer"],
-    "watch.cpp": ["page"],
+    "utf8_input.cpp": ["row"],
+    "watch.cpp": ["watch"],
 }
 SUBJECTS = {
     "src/LxFileUtils.cpp": [Product("OrvFileUtils", LIBRARY_TESTS)],

@@ -16,7 +16,7 @@ import time
 import unittest
 
 import orv_test
-from oracle import temporary_page
+from oracle import PAGE_FOOTER, PAGE_HEADER, temporary_page
 from pages import text, without_capabilities
 
 SHIM = []
@@ -75,6 +75,12 @@ class ToolTest(unittest.TestCase):
 
     def names(self, directory=None):
         return sorted(os.listdir(directory or self.dir))
+
+    def page_body(self, page="page.html"):
+        """What the library has made of the table. The page must be whole."""
+        whole = self.read(page)
+        self.assertEqual((PAGE_HEADER, PAGE_FOOTER), (whole[: len(PAGE_HEADER)], whole[-len(PAGE_FOOTER) :]))
+        return whole[len(PAGE_HEADER) : -len(PAGE_FOOTER)]
 
     def command(self, arguments, shim):
         """The command line and environment."""

@@ -1,0 +1,284 @@
+#!/usr/bin/env python3
+"""orvfile page --watch."""
+
+import os
+import shutil
+import signal
+import time
+
+import tool
+from tool import ToolTest, problem
+
+
+class WatchTest(ToolTest):
+    """PATIENT in the shim: the program sees what the kernel reports, and nothing else. BLIND: the opposite."""
+
+    def setUp(self):
+        super().setUp()
+        self.page = os.path.join(self.other, "page.html")
+        self.warnings = self.path("warnings")
+        self.replace(b"first")
+
+    def replace(self, cell, path="table"):
+        os.rename(self.write("new", cell + b":;\n"), self.path(path))
+
+    def shows(self, cell):
+        return lambda: os.path.exists(self.page) and b"<td>%s</td>" % cell in self.page_body(self.page)
+
+    def warned(self, text):
+        return lambda: text in self.read(self.warnings).decode()
+
+    def start_watch(self, *arguments, table="table", page=None, **options):
+        errors = open(self.warnings, "wb")
+        self.addCleanup(errors.close)
+        process = self.start("page", "--watch", *arguments, table, page or self.page, stderr=errors, **options)
+        self.addCleanup(process.kill)
+        return process
+
+    def watch(self, *arguments, **options):
+        process = self.start_watch(*arguments, **options)
+        self.wait_for(self.shows(b"first"), process)
+        return process
+
+    def wait_to_show(self, cell, process):
+        self.wait_for(self.shows(cell), process)
+
+    def stop(self, process, number=signal.SIGTERM):
+        """Returns how often the page was published, and what was printed to standard error."""
+        process.send_signal(number)
+        status, out, _ = self.finish(process)
+        self.assertEqual(0, status)
+        return out.count(b"published"), self.read(self.warnings).decode()
+
+    def assert_stops_without_warnings(self, process):
+        self.assertEqual("", self.stop(process)[1])
+
+    def test_the_page_follows_a_table_that_is_replaced_or_written(self):
+        process = self.watch(shim={"PATIENT": "1"})
+
+        self.replace(b"second")
+        self.wait_to_show(b"second", process)
+        self.write("table", b"third:;\n")
+        self.wait_to_show(b"third", process)
+
+        published, err = self.stop(process)
+        self.assertEqual("", err)
+        self.assertGreaterEqual(published, 3)
+
+    def test_the_page_follows_a_table_that_gets_a_new_file_in_any_way(self):
+        process = self.watch(shim={"PATIENT": "1"})
+        for number, make in enumerate((os.link, os.symlink, os.rename, shutil.copyfile)):
+            with self.subTest(make=make):
+                cell = b"%d" % number
+                other = self.write(f"other{number}", cell + b":;\n")
+                os.remove(self.path("table"))
+                self.wait_for(self.warned("'table': No such file or directory"), process)
+                make(other, self.path("table"))
+                self.wait_to_show(cell, process)
+        self.stop(process)
+
+    def test_the_page_follows_a_table_that_is_written_by_another_name(self):
+        directory = self.make_dir("/var/tmp")
+        os.link(self.path("table"), os.path.join(directory, "hard"))
+        process = self.watch(shim={"PATIENT": "1"})
+
+        self.write(os.path.join(directory, "hard"), b"second:;\n")
+        self.wait_to_show(b"second", process)
+
+        self.assert_stops_without_warnings(process)
+
+    def test_the_page_follows_the_target_of_a_link(self):
+        target = os.path.join(self.make_dir("/var/tmp"), "target")
+        os.rename(self.path("table"), target)
+        os.symlink(target, self.path("table"))
+        process = self.watch(shim={"PATIENT": "1"})
+
+        self.write(target, b"second:;\n")
+        self.wait_to_show(b"second", process)
+        self.replace(b"third", target)
+        self.wait_to_show(b"third", process)
+        self.replace(b"fourth")
+        self.wait_to_show(b"fourth", process)
+
+        self.assert_stops_without_warnings(process)
+
+    def test_other_files_of_the_directory_do_not_publish(self):
+        process = self.watch()
+
+        self.write("other", b"data")
+        self.write("table2", b"data")
+        self.replace(b"second")
+        self.wait_to_show(b"second", process)
+
+        self.assertEqual((2, ""), self.stop(process, signal.SIGINT))
+
+    def test_changes_are_noticed_when_events_were_lost(self):
+        with open("/proc/sys/fs/inotify/max_queued_events", encoding="ascii") as limit:
+            events = int(limit.read())
+        process = self.watch(shim={"PATIENT": "1"})
+
+        process.send_signal(signal.SIGSTOP)
+        for _ in range(events // 2 + 1):
+            os.close(os.open(self.path("other"), os.O_CREAT | os.O_WRONLY))
+            os.remove(self.path("other"))
+        self.replace(b"second")
+        process.send_signal(signal.SIGCONT)
+        self.wait_to_show(b"second", process)
+
+        self.assert_stops_without_warnings(process)
+
+    def test_changes_are_noticed_where_the_kernel_reports_none(self):
+        process = self.watch(shim={"BLIND": "1"})
+
+        self.replace(b"second")
+        self.wait_to_show(b"second", process)
+        self.write("table", b"third:;\n")
+        self.wait_to_show(b"third", process)
+
+        self.assertEqual((3, ""), self.stop(process))
+
+    def test_a_directory_may_be_missing_removed_and_made_again(self):
+        directory = os.path.join(self.make_dir("/var/tmp"), "d")
+        process = self.start_watch(table=os.path.join(directory, "table"))
+        self.wait_for(self.warned("No such file or directory; trying again"), process)
+
+        os.mkdir(directory)
+        self.replace(b"first", os.path.join(directory, "table"))
+        self.wait_to_show(b"first", process)
+        os.rename(directory, directory + ".moved")
+        os.mkdir(directory)
+        self.replace(b"second", os.path.join(directory, "table"))
+        self.wait_to_show(b"second", process)
+
+        self.stop(process)
+
+    def assert_only_whole_tables_are_published(self, *shims, pauses):
+        """To several watchers at the same time."""
+        processes = {}
+        for number, shim in enumerate(shims):
+            page = os.path.join(self.other, str(number))
+            processes[page] = self.start_watch(page=page, shim=shim)
+        for self.page, process in processes.items():
+            self.wait_to_show(b"first", process)
+
+        with open(self.path("table"), "wb", buffering=0) as table:
+            for _ in range(pauses):
+                table.write(b"half:;")
+                time.sleep(0.1)
+            table.write(b"whole:;")
+        for self.page, process in processes.items():
+            self.wait_to_show(b"whole", process)
+
+        for process in processes.values():
+            self.assertEqual((2, ""), self.stop(process))
+
+    def test_a_half_written_table_is_not_published(self):
+        self.assert_only_whole_tables_are_published({"PATIENT": "1"}, {"BLIND": "1"}, pauses=1)
+
+    def test_a_table_that_is_half_written_at_the_start_is_not_published(self):
+        with open(self.path("table"), "wb", buffering=0) as table:
+            table.write(b"half:;")
+            process = self.start_watch()
+            self.wait_for(self.warned("warning: 'table' is open for writing; the page waits until it is closed\n"
+                                      "  Next: close it after each change, or replace it by a rename\n"), process)
+            self.assertFalse(os.path.exists(self.page))
+            table.write(b"whole:;")
+        self.wait_to_show(b"whole", process)
+
+        published, err = self.stop(process)
+        self.assertEqual((1, 1), (published, err.count("warning")))
+
+    def test_where_writers_are_unknown_the_page_waits_for_a_quiet_table(self):
+        self.assert_only_whole_tables_are_published({"LEASE": "13"}, {"LEASE": "11", "REMOTE": "1"}, pauses=5)
+
+    def test_the_page_stays_while_the_table_cannot_be_read(self):
+        process = self.watch()
+
+        os.symlink("gone", self.path("link"))
+        os.rename(self.path("link"), self.path("table"))
+        self.wait_for(lambda: self.read(self.warnings).count(b"\n") == 2, process)
+        self.assertTrue(self.shows(b"first")())
+        self.replace(b"second")
+        self.wait_to_show(b"second", process)
+
+        self.assertEqual(
+            (2, problem("warning: 'table': No such file or directory; trying again",
+                        "check the spelling of 'table', and check that its directory exists")),
+            self.stop(process))  # fmt: skip
+
+    def test_a_page_that_cannot_be_published_is_tried_again(self):
+        os.rename(self.other, self.other + ".away")
+        self.addCleanup(shutil.rmtree, self.other + ".away", True)
+        process = self.start_watch()
+        self.wait_for(self.warned("; trying again\n  Next: "), process)
+        self.replace(b"second")
+        time.sleep(1.1)  # so that it is tried several times
+        os.rename(self.other + ".away", self.other)
+        self.wait_to_show(b"second", process)
+
+        published, err = self.stop(process)
+        self.assertEqual((1, 1, 1), (published, err.count("[3] orv_safe: PublishPage: open("), err.count("warning: ")))
+
+    def test_each_new_failure_is_reported(self):
+        process = self.watch()
+
+        for _ in range(2):
+            os.remove(self.path("table"))
+            self.wait_for(self.warned("No such file or directory; trying again"), process)
+            os.mkdir(self.path("table"))
+            self.wait_for(self.warned("is a directory, not a regular file; trying again"), process)
+            os.rmdir(self.path("table"))
+            self.replace(b"second")
+            self.wait_to_show(b"second", process)
+            open(self.warnings, "wb").close()
+            self.replace(b"third")
+            self.wait_to_show(b"third", process)
+
+        self.stop(process)
+
+    def test_an_empty_page_is_published_once_while_there_is_no_table(self):
+        os.remove(self.path("table"))
+        process = self.start_watch("--allow-empty", shim={"BLIND": "1"})
+        self.wait_for(lambda: os.path.exists(self.page) and self.page_body(self.page) == b"", process)
+        time.sleep(1.1)
+        self.replace(b"first")
+        self.wait_to_show(b"first", process)
+
+        self.assertEqual((2, ""), self.stop(process))
+
+    def test_only_sigint_sigterm_and_sighup_end_it(self):
+        process = self.watch()
+        for number in (signal.SIGIO, signal.SIGPIPE):
+            process.send_signal(number)
+        process.stdout.close()
+        self.replace(b"second")
+        self.wait_to_show(b"second", process)
+        self.wait_for(self.warned("warning: cannot write to standard output: Broken pipe"), process)
+        self.replace(b"third")
+        self.wait_to_show(b"third", process)
+        self.wait_for(lambda: self.read(self.warnings).count(b"Broken pipe") == 2, process)
+
+        process.send_signal(signal.SIGHUP)
+        self.assertEqual(-signal.SIGHUP, process.wait(tool.PATIENCE_SECONDS))
+
+    def test_a_hangup_is_ignored_under_nohup(self):
+        process = self.watch(preexec_fn=lambda: signal.signal(signal.SIGHUP, signal.SIG_IGN))
+
+        process.send_signal(signal.SIGHUP)
+        self.replace(b"second")
+        self.wait_to_show(b"second", process)
+
+        self.assert_stops_without_warnings(process)
+
+    def test_quiet_prints_nothing(self):
+        process = self.watch("-q")
+
+        os.remove(self.path("table"))
+        self.replace(b"second")
+        self.wait_to_show(b"second", process)
+
+        self.assertEqual((0, ""), self.stop(process))
+
+
+if __name__ == "__main__":
+    tool.main()
