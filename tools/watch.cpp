@@ -12,6 +12,7 @@
 #include <algorithm>
 #include <cerrno>
 #include <chrono>
+#include <cstdint>
 
 namespace {
 
@@ -28,13 +29,13 @@ std::string DirectoryOf(const std::string& path)
 // Whether the file is on another machine. There a lease can be refused although nobody has the file open for writing.
 bool IsRemote(int file)
 {
-    const long kCifs = 0xFF534D42L;
-    const long kSmb2 = 0xFE534D42L;
+    const std::uint32_t kCifs = 0xFF534D42;
+    const std::uint32_t kSmb2 = 0xFE534D42;
     struct statfs status;
     if (fstatfs(file, &status) != 0) {
         return true;
     }
-    const long type = static_cast<long>(status.f_type) & 0xFFFFFFFFL;
+    const std::uint32_t type = static_cast<std::uint32_t>(status.f_type);  // signed on some machines
     return type == NFS_SUPER_MAGIC || type == kCifs || type == kSmb2;
 }
 
