@@ -15,28 +15,81 @@
 #include <exception>
 #include <functional>
 #include <iterator>
+#include <sstream>
 
 namespace {
 
-// CLI11 splits an argument "[a,b]" into two, and refuses an empty value in "--include=". A NUL at the end, which an
-// argument of a program cannot contain, prevents that. Whole() removes the NUL again.
-std::vector<std::string> ReversedArguments(int argc, char** argv)
+// ---- Arguments that CLI11 would misunderstand
+
+const char kOperand = '\x01';  // at the beginning: what follows is an operand or a value, whatever it looks like
+const char kEnd = '\0';        // at the end of "--include=": the value is empty, not missing
+
+bool IsCommand(const CLI::App* /*command*/)
 {
+    return true;
+}
+
+std::vector<const CLI::App*> Commands(const CLI::App& app)
+{
+    return app.get_subcommands(IsCommand);
+}
+
+const CLI::App* FindCommand(const CLI::App& app, int argc, char** argv)
+{
+    const std::vector<const CLI::App*> commands = Commands(app);
+    for (int i = 1; i < argc; ++i) {
+        const auto isNamed = [=](const CLI::App* command) { return command->get_name() == argv[i]; };
+        const auto found = std::find_if(commands.begin(), commands.end(), isNamed);
+        if (found != commands.end()) {
+            return *found;
+        }
+    }
+    return nullptr;
+}
+
+// Returns the index of the "--" that ends the options. It can also be the value of an option.
+int EndOfOptions(const CLI::App& app, int argc, char** argv)
+{
+    const CLI::App* const command = FindCommand(app, argc, argv);
+    for (int i = 1; i < argc; ++i) {
+        const std::string before = argv[i - 1];
+        const CLI::Option* const option =
+            command == nullptr || before[0] != '-' ? nullptr : command->get_option_no_throw(before);
+        if (argv[i] == std::string("--") && (option == nullptr || option->get_items_expected_min() == 0)) {
+            return i;
+        }
+    }
+    return argc;
+}
+
+// CLI11 forgets a "--" after the first operands, splits "[a,b]" into two, ends the operands at "++", and refuses an
+// empty value in "--include=".
+std::vector<std::string> ReversedArguments(const CLI::App& app, int argc, char** argv)
+{
+    const int end = EndOfOptions(app, argc, argv);
     std::vector<std::string> arguments;
     for (int i = argc - 1; i > 0; --i) {
-        arguments.emplace_back(argv[i]);
-        const std::string& argument = arguments.back();
-        if (argument[0] == '[' || (argument.compare(0, 2, "--") == 0 && argument.back() == '=')) {
-            arguments.back() += '\0';
+        const std::string argument = argv[i];
+        const char first = argument.c_str()[0];
+        if (i > end || first == '[' || first == kOperand || argument == "++") {
+            arguments.push_back(kOperand + argument);
+        } else if (argument.compare(0, 2, "--") == 0 && argument.back() == '=') {
+            arguments.push_back(argument + kEnd);
+        } else if (i != end) {
+            arguments.push_back(argument);
         }
     }
     return arguments;
 }
 
+// Returns the argument as it was given.
 std::string Whole(const std::string& result)
 {
-    return result.substr(0, result.find('\0'));
+    const std::string text = result.substr(0, result.find(kEnd));
+    return text.substr(!text.empty() && text[0] == kOperand ? 1 : 0);
 }
+
+// ---- The commands
 
 CLI::Option* AddText(CLI::App* command, const std::string& name, std::string& value, const std::string& description)
 {
@@ -377,7 +430,7 @@ bool IsExpandedPattern(const CLI::App& command, const std::vector<std::string>& 
 std::string CommandNames(const CLI::App& app)
 {
     std::string names;
-    for (const CLI::App* const command : app.get_subcommands([](const CLI::App* /*command*/) { return true; })) {
+    for (const CLI::App* const command : Commands(app)) {
         names += (names.empty() ? "" : ", ") + command->get_name();
     }
     return names;
@@ -390,7 +443,9 @@ std::string UsageMessage(const CLI::App* app, const CLI::Error& error)
     const std::vector<std::string> rest = app->remaining();
     const bool isUnknown = commands.empty() && !rest.empty();
     std::string text = "orvfile: ";
-    dlog_text::AppendEscaped(text, isUnknown ? "unknown command or option '" + rest.front() + "'" : error.what());
+    std::string what = isUnknown ? "unknown command or option '" + rest.front() + "'" : error.what();
+    what.erase(std::remove(what.begin(), what.end(), kOperand), what.end());
+    dlog_text::AppendEscaped(text, what);
     if (commands.empty()) {
         return text + "\n  Next: use one of " + CommandNames(*app) + "; see orvfile --help\n";
     }
@@ -401,19 +456,39 @@ std::string UsageMessage(const CLI::App* app, const CLI::Error& error)
     return text + "see orvfile " + commands.front()->get_name() + " --help\n";
 }
 
+// Adds the options of every command, which may also be in front of it.
+void AddCommonOptions(CLI::App& app)
+{
+    app.add_flag_callback(
+        "-q,--quiet", [] { SetQuiet(true); }, "Suppress notes, warnings and progress; still report failures");
+}
+
 void Describe(CLI::App& app, Command& chosen)
 {
     app.require_subcommand(1);
     app.fallthrough();
     app.failure_message(UsageMessage);
     app.set_version_flag("--version", "orvfile " ORV_VERSION, "Print the version and exit");
-    app.add_flag_callback(
-        "-q,--quiet", [] { SetQuiet(true); }, "Suppress notes, warnings and progress; still report failures");
     app.footer("Exit status: 0 success, 1 the operation failed, 2 wrong usage. \"--\" ends the options.");
     for (const auto& add :
          {AddExists, AddMove, AddCopy, AddMkdir, AddList, AddRow, AddPage, AddGet, AddSet, AddUnset, AddExplain}) {
         add(app, chosen);
     }
+    AddCommonOptions(app);
+    for (CLI::App* const command : app.get_subcommands(IsCommand)) {
+        AddCommonOptions(*command);
+    }
+}
+
+// Prints the help, the version or what is wrong with the command line.
+ExitStatus PrintUsage(const CLI::App& app, const CLI::ParseError& error)
+{
+    std::ostringstream out;
+    std::ostringstream messages;
+    const bool isWrong = app.exit(error, out, messages) != 0;
+    (void)std::fputs(messages.str().c_str(), stderr);
+    PrintResult(out.str());
+    return isWrong ? kUsage : kDone;
 }
 
 ExitStatus Run(int argc, char** argv)
@@ -422,11 +497,11 @@ ExitStatus Run(int argc, char** argv)
     CLI::App app("Move, copy, list and publish files with the functions of libOrvFileUtils.", "orvfile");
     Describe(app, command);
     try {
-        app.parse(ReversedArguments(argc, argv));
-    } catch (const CLI::ParseError& error) {
-        return app.exit(error) == 0 ? kDone : kUsage;
-    }
-    try {
+        try {
+            app.parse(ReversedArguments(app, argc, argv));
+        } catch (const CLI::ParseError& error) {
+            return PrintUsage(app, error);
+        }
         return command();
     } catch (const Failure& failure) {
         PrintProblem(failure.what(), failure.Next());

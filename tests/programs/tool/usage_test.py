@@ -3,6 +3,7 @@
 
 import os
 import re
+import signal
 import subprocess
 
 import orv_test
@@ -91,13 +92,78 @@ class UsageTest(ToolTest):
         self.assert_done("mkdir", "--", *(f"{self.dir}/d/[{i},x]" for i in range(3)))
         self.assertEqual(["[0,x]", "[1,x]", "[2,x]"], self.names(self.path("d")))
 
+    def test_double_dash_ends_the_options_after_operands_too(self):
+        for name in ("-b", "--bogus", "-q", "[a,b]", "++", "\x01", "\x01\x01x", "exists", "--", "--include="):
+            self.write(name)
+        self.assert_done("exists", "--", "-b")
+        self.assert_done("exists", "++", "--", "-b", "--bogus", "[a,b]", "++", "\x01\x01x", "exists")
+        self.assert_done("exists", "-q", "\x01", "\x01\x01x", "[a,b]", "--", "--", "--include=", "-q")
+        self.assert_done("exists", "++", "exists")
+        self.assert_fails(
+            problem("'no': No such file or directory", "check the spelling of 'no', and check that its directory exists"),
+            *("exists", "++", "--", "-b", "no"))  # fmt: skip
+        self.assertEqual((2, b"", problem("The following argument was not expected: -c", "see orvfile page --help")),
+                         self.run_tool("page", "a", "b", "--", "-c"))  # fmt: skip
+        self.assertEqual((2, b"", problem("unknown command or option 'exists'",
+                                          f"use one of {', '.join(COMMANDS)}; see orvfile --help")),
+                         self.run_tool("--", "exists", "++"))  # fmt: skip
+
+    def test_double_dash_can_be_the_value_of_an_option(self):
+        self.write("f", b"-- a comment\nname=value\n")
+
+        self.assert_done("get", "f", "--comment", "--", out=b"name=value\n")
+        self.assert_done("get", "--comment", "--", "--", "f", "name", out=b"value\n")
+        self.assert_done("get", "--comment", "--", "f", "--", "name", out=b"value\n")
+
+    def test_version_and_help_fail_if_they_cannot_be_written(self):
+        for arguments in (["--version"], ["--help"], ["exists", "--help"]):
+            with self.subTest(arguments=arguments), open("/dev/full", "wb") as full:
+                self.assertEqual(
+                    (1, None, problem("cannot write to standard output: No space left on device",
+                                      "redirect it to a file, pipe or terminal that accepts the result")),
+                    self.run_tool(*arguments, stdout=full))  # fmt: skip
+
+    def test_output_that_nobody_reads_ends_the_program_as_others(self):
+        self.write("f", b"name=value\n")
+        for arguments in (["--version"], ["--help"], ["get", "f"], ["explain", "a line"]):
+            with self.subTest(arguments=arguments):
+                reader, writer = os.pipe()
+                os.close(reader)
+                try:
+                    self.assertEqual((-signal.SIGPIPE, None, ""),
+                                     self.run_tool(*arguments, stdout=writer, preexec_fn=default_sigpipe))  # fmt: skip
+                finally:
+                    os.close(writer)
+
+    def test_messages_that_nobody_reads_change_nothing(self):
+        self.write("a")
+        reader, writer = os.pipe()
+        os.close(reader)
+        try:
+            self.assertEqual((1, b"", ""), self.run_tool("exists", "gone", stderr=writer, preexec_fn=default_sigpipe))
+            self.assertEqual((1, b"", ""), self.run_tool("copy", "gone", "a", "b", stderr=writer,
+                                                         preexec_fn=default_sigpipe))  # fmt: skip
+            self.assertEqual(2, self.run_tool("bogus", stderr=writer, preexec_fn=default_sigpipe)[0])
+        finally:
+            os.close(writer)
+
+    def test_every_help_names_the_options_of_every_command(self):
+        for command in ["", *COMMANDS]:
+            _, out, _ = self.run_tool(*filter(None, [command]), "--help")
+            for option in ("-h,--help", "-q,--quiet"):
+                self.assertRegex(out.decode(), rf"(?m)^  {option} ")
+
+    def test_quiet_may_be_before_and_after_the_command(self):
+        for arguments in (["-q", "exists", "gone"], ["exists", "-q", "gone"], ["exists", "gone", "--quiet"]):
+            self.assert_fails("", *arguments)
+
     def test_completion_offers_what_help_names(self):
         for command in ["", *COMMANDS]:
             with self.subTest(command=command):
                 _, out, _ = self.run_tool(*filter(None, [command]), "--help")
                 options = re.search(r"\nOptions:\n((?:  .*\n)+)", out.decode())[1]
                 named = {name for line in re.findall(r"(?m)^  (-\S+)", options) for name in line.split(",")}
-                named |= {"-h", "--help", "--version", "-q", "--quiet"}
+                named |= {"--version"}
 
                 self.assertEqual(named, set(self.complete(*filter(None, [command]), "-")))
         self.assertEqual(COMMANDS, self.complete(""))
@@ -117,6 +183,10 @@ class UsageTest(ToolTest):
         run = subprocess.run(["bash", "-c", script, "bash", COMPLETION, *words], cwd=self.dir, stdout=subprocess.PIPE,
                              check=True, text=True)  # fmt: skip
         return [line for line in run.stdout.splitlines() if line]
+
+
+def default_sigpipe():
+    signal.signal(signal.SIGPIPE, signal.SIG_DFL)
 
 
 if __name__ == "__main__":
