@@ -4,15 +4,39 @@
 #include "dlog_text.h"
 #include "progress.h"
 
+#include <syslog.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <cstdarg>
+#include <cstdio>
 #include <mutex>
 #include <new>
+#include <sstream>
 #include <utility>
 
 namespace {
+
+const char kName[] = "orvfile";
+const char kWarning[] = "warning: ";
+
+bool usesSyslog = false;
+
+// The identity of the messages is the name of the program already.
+void SendLines(const std::string& lines)
+{
+    static const std::string kPrefix = std::string(kName) + ": ";
+    std::istringstream stream(lines);
+    int priority = LOG_ERR;
+    for (std::string line; std::getline(stream, line);) {
+        if (line.compare(0, kPrefix.size(), kPrefix) == 0) {
+            line.erase(0, kPrefix.size());
+            priority = line.compare(0, sizeof kWarning - 1, kWarning) == 0 ? LOG_WARNING : LOG_ERR;
+        }
+        syslog(priority, "%s", line.c_str() + std::min(line.size(), line.find_first_not_of(' ')));
+    }
+}
 
 std::mutex mutex;  // guards the reports; the libraries may report on any thread
 std::vector<Report> reports;
@@ -37,11 +61,37 @@ void HoldLines(bool hold)
     areHeld = hold;
 }
 
+void UseSyslog()
+{
+    openlog(kName, LOG_PID, LOG_USER);
+    usesSyslog = true;
+}
+
+bool UsesSyslog()
+{
+    return usesSyslog;
+}
+
 void PrintLines(const std::string& lines)
 {
+    if (usesSyslog) {
+        SendLines(lines);
+        return;
+    }
     const std::string text = EraseProgress() + lines;
     const ssize_t written = write(STDERR_FILENO, text.data(), text.size());
     (void)written;  // a failure cannot be reported anywhere
+}
+
+void PrintLastWords(const char* problem)
+{
+    static const char kRemedy[] = "free memory, or use a smaller input";
+    if (usesSyslog) {
+        syslog(LOG_ERR, "%s", problem);
+        syslog(LOG_ERR, "Next: %s", kRemedy);
+    } else {
+        (void)std::fprintf(stderr, "%s: %s\n  Next: %s\n", kName, problem, kRemedy);
+    }
 }
 
 void __dlog_printf(int severity, const char* sourceTag, const char* format, ...)
@@ -51,10 +101,10 @@ void __dlog_printf(int severity, const char* sourceTag, const char* format, ...)
     va_start(arguments, format);
     try {
         const Report report = {sourceTag, dlog_text::Format(format, arguments)};
-        std::string line = "[" + std::to_string(severity) + "] ";
+        std::string line;
         dlog_text::AppendEscaped(line, report.source + ": " + report.text);
         if (!areHeld) {
-            PrintLines(line + "\n");
+            PrintLines((usesSyslog ? "" : "[" + std::to_string(severity) + "] ") + line + "\n");
         }
         Keep(report);
     } catch (const std::bad_alloc&) {

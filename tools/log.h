@@ -1,4 +1,5 @@
-// All that orvfile writes to standard error: its own messages, and the lines that the libraries report.
+// All that orvfile writes to standard error or to the system's log: its own messages, and the lines that the libraries
+// report.
 #ifndef ORV_TOOLS_LOG_H
 #define ORV_TOOLS_LOG_H
 
@@ -17,7 +18,14 @@ std::vector<Report> TakeReports();
 // Whether the lines of the libraries are only kept, not printed.
 void HoldLines(bool hold);
 
+// From now on, everything goes to syslog(3), each line as a message of its own.
+void UseSyslog();
+bool UsesSyslog();
+
 // Writes whole lines, all in one write. They must be escaped.
 void PrintLines(const std::string& lines);
+
+// Reports the end of the program, without any memory.
+void PrintLastWords(const char* problem);
 
 #endif  // ORV_TOOLS_LOG_H

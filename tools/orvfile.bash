@@ -25,7 +25,7 @@ _orvfile() {
     done
     COMPREPLY=()
     if [[ $word == -* ]]; then
-        mapfile -t COMPREPLY < <(compgen -W "${options[${command:-exists}]} -q --quiet -h --help --version" -- "$word")
+        mapfile -t COMPREPLY < <(compgen -W "${options[${command:-exists}]} -q --quiet --syslog -h --help --version" -- "$word")
     elif [[ -z $command ]]; then
         mapfile -t COMPREPLY < <(compgen -W "$commands" -- "$word")
     elif [[ $command == mkdir || ($command == list && ${COMP_WORDS[COMP_CWORD - 1]} == list) ]]; then

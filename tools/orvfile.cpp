@@ -4,6 +4,7 @@
 
 #include "commands.h"
 #include "dlog_text.h"
+#include "log.h"
 #include "quantity.h"
 #include "quoting.h"
 #include "signals.h"
@@ -461,6 +462,7 @@ void AddCommonOptions(CLI::App& app)
 {
     app.add_flag_callback(
         "-q,--quiet", [] { SetQuiet(true); }, "Suppress notes, warnings and progress; still report failures");
+    app.add_flag_callback("--syslog", UseSyslog, "Write all messages but those of wrong usage to the system's log");
 }
 
 void Describe(CLI::App& app, Command& chosen)
@@ -517,7 +519,7 @@ int main(int argc, char** argv)
     try {
         return Run(argc, argv);
     } catch (const std::exception& error) {  // from the standard library: memory ran out
-        (void)std::fprintf(stderr, "orvfile: %s\n  Next: free memory, or use a smaller input\n", error.what());
+        PrintLastWords(error.what());
         return kFailed;
     }
 }

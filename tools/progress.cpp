@@ -1,5 +1,6 @@
 #include "progress.h"
 
+#include "log.h"
 #include "support.h"
 
 #include <unistd.h>
@@ -37,7 +38,7 @@ Progress::~Progress()
 
 void Progress::Show(std::uint64_t done, std::uint64_t total)
 {
-    if (total < kLongBytes || IsQuiet() || isatty(STDERR_FILENO) != 1 ||
+    if (total < kLongBytes || IsQuiet() || UsesSyslog() || isatty(STDERR_FILENO) != 1 ||
         (isShown && Clock::now() - shownAt_ < kPeriod)) {
         return;
     }

@@ -237,7 +237,7 @@ def tool_options(options):
             item = re.sub(r" Ar \w+", "", item).replace("Fl Fl ", "--").replace("Fl ", "-").replace(" , ", ",")
             named.add(item)
         if command:
-            helped -= {"-h,--help", "-q,--quiet"}  # described once, for all commands
+            helped -= {"-h,--help", "-q,--quiet", "--syslog"}  # described once, for all commands
         problems += [f"orvfile.1 and orvfile {command} --help differ about {name}" for name in sorted(helped ^ named)]
     return problems
 

@@ -1,15 +1,20 @@
 #!/usr/bin/env python3
 """Options, commands, usage and completion of orvfile."""
 
+import ctypes
 import os
 import re
 import signal
+import socket
 import subprocess
+import unittest
 
 import orv_test
 import tool
 from tool import COMMANDS, ToolTest, problem
 
+CLONE_NEWNS, CLONE_NEWUSER = 0x20000, 0x10000000  # <sched.h>
+MS_BIND, MS_REC, MS_PRIVATE = 0x1000, 0x4000, 0x40000  # <sys/mount.h>
 COMPLETION = os.path.join(orv_test.ROOT, "tools", "orvfile.bash")
 
 
@@ -150,7 +155,7 @@ class UsageTest(ToolTest):
     def test_every_help_names_the_options_of_every_command(self):
         for command in ["", *COMMANDS]:
             _, out, _ = self.run_tool(*filter(None, [command]), "--help")
-            for option in ("-h,--help", "-q,--quiet"):
+            for option in ("-h,--help", "-q,--quiet", "--syslog"):
                 self.assertRegex(out.decode(), rf"(?m)^  {option} ")
 
     def test_quiet_may_be_before_and_after_the_command(self):
@@ -187,6 +192,91 @@ class UsageTest(ToolTest):
 
 def default_sigpipe():
     signal.signal(signal.SIGPIPE, signal.SIG_DFL)
+
+
+def hide_dev(directory):
+    """For a child: puts `directory` in place of /dev, for it alone."""
+
+    def mount():
+        libc = ctypes.CDLL(None, use_errno=True)
+        user, group = os.geteuid(), os.getegid()
+        if libc.unshare(CLONE_NEWNS if user == 0 else CLONE_NEWNS | CLONE_NEWUSER) != 0:
+            raise OSError(ctypes.get_errno(), "unshare")
+        if user != 0:
+            for name, text in (("setgroups", "deny"), ("uid_map", f"0 {user} 1"), ("gid_map", f"0 {group} 1")):
+                with open(f"/proc/self/{name}", "w", encoding="ascii") as file:
+                    file.write(text)
+        if (libc.mount(b"none", b"/", None, MS_REC | MS_PRIVATE, None) != 0
+                or libc.mount(os.fsencode(directory), b"/dev", None, MS_BIND, None) != 0):  # fmt: skip
+            raise OSError(ctypes.get_errno(), "mount")
+
+    return mount
+
+
+class SyslogTest(ToolTest):
+    """Messages to the system's log, as a socket at /dev/log gets them."""
+
+    def setUp(self):
+        super().setUp()
+        self.dev = self.make_dir("/var/tmp")
+        self.log = socket.socket(socket.AF_UNIX, socket.SOCK_DGRAM)
+        self.addCleanup(self.log.close)
+        self.log.bind(os.path.join(self.dev, "log"))
+        os.chmod(os.path.join(self.dev, "log"), 0o666)
+
+    def run_logged(self, *arguments):
+        """Returns the status, standard output and standard error of the tool, and the messages that arrived."""
+        try:
+            process = self.start(*arguments, preexec_fn=hide_dev(self.dev))
+        except unittest.SkipTest:
+            self.skipTest("cannot make private mounts")
+        result = self.finish(process)
+        messages = []
+        while True:
+            try:
+                packet = self.log.recv(65536, socket.MSG_DONTWAIT).decode()
+            except BlockingIOError:
+                return (*result, messages)
+            self.assertRegex(packet, rf"^<\d+>\w{{3}} [ \d]\d \d\d:\d\d:\d\d orvfile\[{process.pid}\]: ")
+            messages.append(re.sub(r"^(<\d+>).{15} orvfile\[\d+\]: ", r"\1", packet))
+
+    def test_messages_of_the_tool_and_lines_of_the_libraries_go_to_the_log(self):
+        self.assertEqual(
+            (1, b"", "", ["<11>orv_safe: ReadSettings: open(a\\nb) failed (2, No such file or directory).",
+                          "<11>cannot read 'a\\nb': No such file or directory",
+                          "<11>Next: check the spelling of 'a\\nb', and check that its directory exists"]),
+            self.run_logged("get", "--syslog", "a\nb"))  # fmt: skip
+
+    def test_warnings_have_their_priority(self):
+        self.write("f", b"a=\xff\n")
+
+        status, out, err, messages = self.run_logged("--syslog", "get", "--json", "f")
+
+        self.assertEqual((0, ""), (status, err))
+        self.assertEqual(b'{"a":"\xef\xbf\xbd"}\n', out)
+        self.assertEqual(2, len(messages), messages)
+        self.assertRegex(messages[0], "^<12>warning: ")
+        self.assertRegex(messages[1], "^<12>Next: ")
+
+    def test_quiet_suppresses_warnings_in_the_log_too(self):
+        self.write("f", b"a=\xff\n")
+
+        self.assertEqual((0, b'{"a":"\xef\xbf\xbd"}\n', "", []), self.run_logged("--syslog", "-q", "get", "--json", "f"))
+
+    def test_wrong_usage_is_reported_on_standard_error(self):
+        self.assertEqual((2, b"", problem("PATH is required", "see orvfile exists --help"), []),
+                         self.run_logged("exists", "--syslog"))  # fmt: skip
+
+    def test_without_a_log_the_work_goes_on(self):
+        self.log.close()
+        os.unlink(os.path.join(self.dev, "log"))
+
+        self.assertEqual((1, b"", "", []), self.run_logged_nowhere("exists", "--syslog", "gone"))
+
+    def run_logged_nowhere(self, *arguments):
+        self.log = socket.socket(socket.AF_UNIX, socket.SOCK_DGRAM)
+        self.addCleanup(self.log.close)
+        return self.run_logged(*arguments)
 
 
 if __name__ == "__main__":
