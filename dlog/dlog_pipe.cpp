@@ -21,8 +21,7 @@ ScopedNoSignal::~ScopedNoSignal()
     const int callersErrno = errno;
     if (!wasPending_) {
         const struct timespec kAtOnce = {0, 0};
-        while (sigtimedwait(&pipe_, nullptr, &kAtOnce) == -1 && errno == EINTR) {
-        }
+        (void)sigtimedwait(&pipe_, nullptr, &kAtOnce);
     }
     (void)sigprocmask(SIG_SETMASK, &callersMask_, nullptr);
     errno = callersErrno;

@@ -178,9 +178,12 @@ TEST(DlogStderrTest, EscapesControlCharactersInUtf8AndPassesEveryOtherCharacter)
         {"\xE0\xA0\x80", "\xE0\xA0\x80"},
         {"\xE2\x82\x9B", "\xE2\x82\x9B"},
         {"\xED\x9F\x80", "\xED\x9F\x80"},  // U+D7C0
+        {"\xED\x9F\xBF", "\xED\x9F\xBF"},  // U+D7FF
         {"\xEE\x80\x80", "\xEE\x80\x80"},
+        {"\xEF\x80\x80", "\xEF\x80\x80"},
         {"\xF0\x90\x80\x80", "\xF0\x90\x80\x80"},
         {"\xF4\x8F\x80\x80", "\xF4\x8F\x80\x80"},
+        {"\xF4\x8F\xBF\xBF", "\xF4\x8F\xBF\xBF"},  // U+10FFFF
     };
     for (const auto& one : cases) {
         const auto writes = WritesOf([&one] { __dlog_printf(3, "tag", "<%s>", one.text.c_str()); });
@@ -329,6 +332,35 @@ TEST(DlogStderrTest, KeepsASignalThatTheProgramHasBlockedAndNotYetSeen)
     const struct timespec atOnce = {0, 0};
     EXPECT_EQ(SIGPIPE, sigtimedwait(&pipeSignal, nullptr, &atOnce));
     EXPECT_EQ(0, pthread_sigmask(SIG_UNBLOCK, &pipeSignal, nullptr));
+}
+
+// Leaves ones where the next function has its variables.
+void DirtyTheStack()
+{
+    volatile char ones[4096];
+    for (volatile char& one : ones) {
+        one = '\xFF';
+    }
+}
+
+TEST(DlogStderrTest, KeepsOtherSignalsThatTheProgramHasBlocked)
+{
+    sigset_t other;
+    sigemptyset(&other);
+    sigaddset(&other, SIGHUP);
+    ASSERT_EQ(0, pthread_sigmask(SIG_BLOCK, &other, nullptr));
+    std::raise(SIGHUP);
+
+    const auto writes = WritesOf([] {
+        DirtyTheStack();
+        __dlog_printf(3, "tag", "message");
+    });
+
+    EXPECT_THAT(writes, ElementsAre("[3] tag: message\n"));
+    EXPECT_TRUE(IsPending(SIGHUP));
+    const struct timespec atOnce = {0, 0};
+    EXPECT_EQ(SIGHUP, sigtimedwait(&other, nullptr, &atOnce));
+    EXPECT_EQ(0, pthread_sigmask(SIG_UNBLOCK, &other, nullptr));
 }
 
 TEST(DlogStderrTest, DoesNotMixTheLinesOfSeveralThreads)
