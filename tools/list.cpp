@@ -113,18 +113,18 @@ private:
 
 // ---- Selection and order
 
-bool IsOlder(const orv_safe::ListedFile& file, const struct timespec& time)
+bool IsOlder(const orv_safe::ListedFile& file, std::int64_t seconds, const struct timespec& now)
 {
-    return std::tie(file.modifiedSeconds, file.modifiedNanoseconds) < std::tie(time.tv_sec, time.tv_nsec);
+    const std::int64_t limit = now.tv_sec - seconds;
+    return std::tie(file.modifiedSeconds, file.modifiedNanoseconds) < std::tie(limit, now.tv_nsec);
 }
 
 void Select(const ListOptions& options, Files& files)
 {
-    struct timespec limit;
-    (void)clock_gettime(CLOCK_REALTIME, &limit);
-    limit.tv_sec -= options.olderThanSeconds.value_or(0);
+    struct timespec now;
+    (void)clock_gettime(CLOCK_REALTIME, &now);
     const auto isUnwanted = [&](const orv_safe::ListedFile& file) {
-        return (options.olderThanSeconds && !IsOlder(file, limit)) ||
+        return (options.olderThanSeconds && !IsOlder(file, *options.olderThanSeconds, now)) ||
                (options.largerThanBytes && file.bytes <= *options.largerThanBytes);
     };
     files.erase(std::remove_if(files.begin(), files.end(), isUnwanted), files.end());

@@ -5,6 +5,7 @@ import errno
 import json
 import os
 import pty
+import re
 import stat
 import subprocess
 import time
@@ -369,6 +370,24 @@ class ListTest(ToolTest):
                       "get access to 'directory/a' and the directories above it, or run as a user who has access"),
             *("list", "directory", "--recursive"), out=b"6.log\na-b/4.log\nz/5.log\n",
             preexec_fn=without_capabilities(1, 2))  # fmt: skip
+
+    def test_failures_are_reported_in_the_order_of_the_subdirectories(self):
+        paths = [f"directory/{number}" for number in range(9)]
+        for path in paths:
+            os.mkdir(self.path(path), 0)
+
+        status, out, err = self.run_tool("list", "directory", "--recursive", preexec_fn=without_capabilities(1, 2))
+
+        self.assertEqual((1, b""), (status, out))
+        self.assertEqual(paths, re.findall("cannot list '(.*)'", err))
+
+    def test_subdirectories_that_cannot_be_found_are_reported(self):
+        # The library has read ".", ".." and the end.
+        self.assert_fails(
+            problem("cannot list 'directory': Input/output error",
+                    "check the kernel's log (dmesg) for errors of the medium"),
+            *("list", "directory", "--recursive"), shim={"FAIL": f"readdir:{errno.EIO}:4"})  # fmt: skip
+        self.assert_done("list", "directory", "--recursive", shim={"FAIL": f"readdir:{errno.EIO}:7"})
 
     def test_a_subdirectory_whose_path_is_too_long_is_reported(self):
         descriptor = os.open(self.path("directory"), os.O_RDONLY)

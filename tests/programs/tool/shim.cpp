@@ -246,12 +246,12 @@ EXPORTED long syscall(long number, ...) noexcept
 
 EXPORTED struct dirent* readdir(DIR* directory)
 {
-    return WithoutType(Next(readdir, "readdir")(directory));
+    return Fails("readdir") ? nullptr : WithoutType(Next(readdir, "readdir")(directory));
 }
 
 EXPORTED struct dirent64* readdir64(DIR* directory)
 {
-    return WithoutType(Next(readdir64, "readdir64")(directory));
+    return Fails("readdir") ? nullptr : WithoutType(Next(readdir64, "readdir64")(directory));
 }
 
 #pragma GCC diagnostic ignored "-Wdeprecated-declarations"
