@@ -40,7 +40,7 @@ Utf8Input::Utf8Input(const std::string& encoding)
 {
     if (converter_ == reinterpret_cast<iconv_t>(-1)) {  // NOLINT(performance-no-int-to-ptr): as iconv_open(3) says
         throw Failure("this system cannot convert from the encoding " + Quoted(encoding_) + ": " + ErrorText(errno),
-                      "check its name; iconv -l prints the names that are known");
+                      "check its name; iconv -l prints the names that are known, on a device often only a few");
     }
 }
 

@@ -79,7 +79,7 @@ SAFE_TESTS = {
 STATUSBOARD = Product("statusboard", (), "tests/programs/statusboard/statusboard_test.py", "statusboard_machine")
 ORVFILE = {
     family: Product("orvfile", (), f"tests/programs/tool/{family}_test.py", "orvfile_shim")
-    for family in ("usage", "transfer", "directories", "row", "page", "watch", "settings")
+    for family in ("usage", "transfer", "directories", "row", "encoding", "page", "watch", "settings")
 }
 # The sources of which one family of tests is meant; all families are meant for the others.
 ORVFILE_TESTS = {
@@ -97,7 +97,7 @@ ORVFILE_TESTS = {
     "set.cpp": ["settings"],
     "streams.cpp": ["row", "page"],
     "transfer.cpp": ["transfer"],
-    "utf8_input.cpp": ["row"],
+    "utf8_input.cpp": ["row", "encoding"],
     "watch.cpp": ["watch"],
 }
 SUBJECTS = {

@@ -164,9 +164,10 @@ class PageTest(PageToolTest):
     def test_two_publishers_of_one_page_both_succeed(self):
         page = os.path.join(self.other, "page.html")
         bodies, wrong = [], []
+        calls = 50 if len(tool.PROGRAM) == 1 else 10  # of each; under an emulator they take long
 
         def publish(cell):
-            for _ in range(50):
+            for _ in range(calls):
                 result = self.run_tool("page", cell, page)
                 bodies.append(self.page_body(page))
                 if result != (0, f"published '{page}': 1 table\n".encode(), ""):
@@ -181,7 +182,7 @@ class PageTest(PageToolTest):
             publisher.join()
 
         self.assertEqual([], wrong)
-        self.assertEqual(100, len(bodies))
+        self.assertEqual(2 * calls, len(bodies))
         expected = {f"<table  BORDER=2><tr><td>{cell}</td><td>{cell}</td></tr></table>".encode() for cell in "xy"}
         self.assertLessEqual(set(bodies), expected)
         self.assertEqual(["page.html"], self.names(self.other))

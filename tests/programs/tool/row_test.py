@@ -176,45 +176,34 @@ class EncodingTest(RowToolTest):
     def test_input_in_utf_16_is_recognised(self):
         for encoding, mark in (("UTF-16", "utf-16-le"), ("UTF-16", "utf-16-be"), ("UTF-32", "utf-32-le")):
             with self.subTest(mark=mark):
-                data = "\ufeffa,b\n".encode(mark)
                 self.assert_refused(f", row 1: the input is {encoding}, not UTF-8", f"add --encoding {encoding}", "--csv",
-                                    data=data)  # fmt: skip
-                self.assert_row(["--csv", "--encoding", encoding], b"a:b;", data=data)
-        for encoding in ("UTF-16LE", "UTF-16BE"):
-            data = "a,b\n".encode(encoding)
+                                    data="\ufeffa,b\n".encode(mark))  # fmt: skip
+        for encoding in ("utf-16-le", "utf-16-be"):
             self.assert_refused(
                 ", row 1: a NUL, which UTF-16 contains and text does not",
                 "if the input is UTF-16, add --encoding UTF-16LE or --encoding UTF-16BE; otherwise remove it", "--csv",
-                data=data)  # fmt: skip
-            self.assert_row(["--csv", "--encoding", encoding], b"a:b;", data=data)
+                data="a,b\n".encode(encoding))  # fmt: skip
 
     def test_input_is_converted_on_request(self):
-        for encoding, data, out in (
-            ("ISO-8859-1", b"a,\xe9\n", "a:é;"),
-            ("WINDOWS-1252", b"a,\x80\n", "a:€;"),
-            ("UTF-8", "\ufeffa,€\n".encode(), "a:€;"),
-            ("UTF-16", "\ufeffa,é€😀\n".encode("utf-16-le"), "a:é€😀;"),
-            ("CP1258", b"a,e", "a:e;"),  # the last character could still get an accent
-        ):
-            with self.subTest(encoding=encoding):
-                self.assert_row(["--csv", "--encoding", encoding], out.encode(), data=data)
+        self.assert_row(["--csv", "--encoding", "UTF-8"], "a:€;".encode(), data="\ufeffa,€\n".encode())
+        self.assert_row(["--csv", "--encoding", "UCS-4LE"], "a:€;".encode(), data="\ufeffa,€\n".encode("utf-32-le"))
 
     def test_characters_across_blocks_are_converted(self):
         cell = "aé€😀" * 20000
 
-        for encoding in ("UTF-8", "UTF-16LE"):
-            data = f"a,{cell}\n".encode(encoding)
+        for encoding, codec in (("UTF-8", "utf-8"), ("UCS-4BE", "utf-32-be")):
+            data = f"a,{cell}\n".encode(codec)
             self.assert_long_row(["--csv", "--encoding", encoding], f"a:{cell};".encode(), data=data)
 
     def test_input_that_is_not_in_its_encoding_is_reported(self):
-        self.assert_refused(", row 2: byte 9 of the input (0x00) is not 'UTF-16LE'",
+        self.assert_refused(", row 2: byte 13 of the input (0xFF) is not 'UCS-4BE'",
                             "name the encoding of the input; iconv -l prints names",
-                            *("--csv", "--encoding", "UTF-16LE"), data="a,\nb".encode("utf-16-le") + b"\x00\xdc")  # fmt: skip
+                            *("--csv", "--encoding", "UCS-4BE"), data="a,\n".encode("utf-32-be") + b"\xff" * 4)  # fmt: skip
 
     def test_an_unknown_encoding_is_reported(self):
         self.assert_fails(
             problem("this system cannot convert from the encoding 'klingon': Invalid argument",
-                    "check its name; iconv -l prints the names that are known"),
+                    "check its name; iconv -l prints the names that are known, on a device often only a few"),
             *("row", "--csv", "--encoding", "klingon"), data=b"a,b\n")  # fmt: skip
 
 
