@@ -11,6 +11,8 @@
 #include <algorithm>
 #include <ctime>
 #include <filesystem>
+#include <iomanip>
+#include <sstream>
 #include <system_error>
 #include <tuple>
 
@@ -174,9 +176,9 @@ std::string Date(std::int64_t seconds, bool utc)
     if ((utc ? gmtime_r(&time, &parts) : localtime_r(&time, &parts)) == nullptr) {
         return "@" + std::to_string(seconds);
     }
-    char text[64];
-    return std::string(text, utc ? std::strftime(text, sizeof text, "%Y-%m-%dT%H:%M:%SZ", &parts)
-                                 : std::strftime(text, sizeof text, "%Y-%m-%dT%H:%M:%S%z", &parts));
+    std::ostringstream text;
+    text << std::put_time(&parts, utc ? "%Y-%m-%dT%H:%M:%SZ" : "%Y-%m-%dT%H:%M:%S%z");
+    return text.str();
 }
 
 std::string Json(const ListOptions& options, const Files& files)
