@@ -248,4 +248,54 @@ TEST_F(ToolCampaignTest, KilledAtEveryCallNothingIsLost)
     std::printf("campaign: tool, kills: %d runs\n", runs_);
 }
 
+// The output is whole, or the program fails with a message.
+void CheckReader(const TracedRun& run, const std::string& output, const std::string& whole)
+{
+    EXPECT_EQ("", run.problem);
+    EXPECT_TRUE(std::any_of(run.calls.begin(), run.calls.end(), [](const TracedCall& call) { return call.faults > 0; }))
+        << "the fault did not occur";
+    if (run.status == 0) {
+        EXPECT_EQ(whole, output);
+    } else {
+        EXPECT_EQ(1, run.status);
+        EXPECT_TRUE(!CouldPrint(run) || output.find("\n  Next: ") != std::string::npos) << output;
+    }
+}
+
+TEST_F(ToolCampaignTest, EveryCallFailsAndNoOutputIsIncomplete)
+{
+    const std::map<std::string, std::string> files = {{"f", "a=1\nb=3\nb=4\n"}, {"g", "1"}};
+    const std::vector<ToolScenario> scenarios = {
+        {"list", {"list", ".", "--recursive", "--sort", "size"}, files, "", ""},
+        {"list as JSON", {"list", ".", "--larger-than", "1", "--json"}, files, "", ""},
+        {"get", {"get", "f"}, files, "", ""},
+        {"get for a shell", {"get", "f", "--shell", "b", "a"}, files, "", ""},
+        {"get as JSON", {"get", "f", "--json"}, files, "", ""},
+    };
+    for (const ToolScenario& scenario : scenarios) {
+        const TracedRun undisturbed = Run(scenario, {});
+        const std::string whole = ReadFile(other_ / kOutput_);
+        ASSERT_EQ(0, undisturbed.status) << whole;
+        ASSERT_NE("", whole);
+        for (const TracedCall& call : undisturbed.calls) {
+            if (CannotFail(call)) {
+                continue;
+            }
+            for (const auto& [error, times] : Failures()) {
+                SCOPED_TRACE(scenario.name + ", " + call.name + " #" + std::to_string(call.occurrence) + ", errno " +
+                             std::to_string(error) + (times > 1 ? " from here on" : ""));
+                const TracedRun run = Run(scenario, {{call.name, call.occurrence, Fault::Kind::kError, error, times}});
+                CheckReader(run, ReadFile(other_ / kOutput_), whole);
+                ASSERT_FALSE(HasFailure());
+                ++runs_;
+                failed_ += run.status;
+            }
+        }
+    }
+
+    EXPECT_LE(50, runs_);
+    EXPECT_LE(10, failed_);
+    std::printf("campaign: tool, every call of a reader: %d runs, %d failed\n", runs_, failed_);
+}
+
 }  // namespace
