@@ -375,6 +375,7 @@ class ListTest(ToolTest):
         paths = [f"directory/{number}" for number in range(9)]
         for path in paths:
             os.mkdir(self.path(path), 0)
+            self.addCleanup(os.chmod, self.path(path), 0o700)
 
         status, out, err = self.run_tool("list", "directory", "--recursive", preexec_fn=without_capabilities(1, 2))
 
