@@ -6,7 +6,7 @@
 namespace dlog_pipe {
 
 // On Linux, sigprocmask changes the mask of this thread alone. Unlike pthread_sigmask, it never needs libpthread.
-ScopedNoSignal::ScopedNoSignal()
+ScopedNoSignal::ScopedNoSignal() : pipe_(), callersMask_(), wasPending_(false)
 {
     (void)sigemptyset(&pipe_);
     (void)sigaddset(&pipe_, SIGPIPE);
