@@ -5,7 +5,7 @@ build="cmake ninja-build g++ python3"
 tests="$build libgtest-dev libgmock-dev"
 tool="libcli11-dev nlohmann-json3-dev libcsv-dev"
 # For the tests of what the project delivers, which compile, install and read it.
-artifacts="binutils make pkg-config g++-11 clang mandoc doxygen systemd"
+artifacts="binutils make pkg-config g++-11 clang mandoc doxygen systemd zsh fish"
 # The campaigns read error numbers from manual pages, and pages with a parser of HTML.
 campaigns="manpages-dev e2fsprogs dosfstools xfsprogs btrfs-progs squashfs-tools erofs-utils libfuse3-dev pkg-config"
 campaigns="$campaigns python3-html5lib"

@@ -3,6 +3,7 @@
 // file of its name.
 
 #include "commands.h"
+#include "completion.h"
 #include "dlog_text.h"
 #include "log.h"
 #include "quantity.h"
@@ -16,6 +17,7 @@
 #include <exception>
 #include <functional>
 #include <iterator>
+#include <map>
 #include <sstream>
 
 namespace {
@@ -418,6 +420,63 @@ void AddExplain(CLI::App& app, Command& chosen)
     command->callback([&chosen] { chosen = [] { return ExplainLines(options); }; });
 }
 
+// ---- Completion
+
+std::vector<completion::Option> OptionsOf(const CLI::App& app)
+{
+    std::vector<completion::Option> options;
+    for (const CLI::Option* const option : app.get_options()) {
+        if (option->get_positional() || option->get_group().empty()) {
+            continue;
+        }
+        std::vector<std::string> names;
+        for (const std::string& name : option->get_snames()) {
+            names.push_back("-" + name);
+        }
+        for (const std::string& name : option->get_lnames()) {
+            names.push_back("--" + name);
+        }
+        options.push_back(
+            {names, option->get_description(), option->get_items_expected_min() > 0 ? option->get_type_name() : ""});
+    }
+    return options;
+}
+
+completion::Program Description(const CLI::App& app)
+{
+    completion::Program program = {OptionsOf(app), {}};
+    for (const CLI::App* const command : Commands(app)) {
+        std::vector<std::string> operands;
+        for (const CLI::Option* const option : command->get_options()) {
+            if (option->get_positional()) {
+                operands.push_back(option->get_name(true));
+            }
+        }
+        program.commands.push_back({command->get_name(), command->get_description(), OptionsOf(*command), operands});
+    }
+    return program;
+}
+
+void AddCompletion(CLI::App& app, Command& chosen)
+{
+    typedef std::string (*Script)(const completion::Program& program);
+    static const std::map<std::string, Script> scripts = {
+        {"bash", completion::BashScript}, {"fish", completion::FishScript}, {"zsh", completion::ZshScript}};
+    static std::string shell;
+    CLI::App* const command = app.add_subcommand("completion", "Print the script that completes command lines");
+    AddText(command, "SHELL", shell, "The shell: bash, zsh or fish")->required()->check([](const std::string& text) {
+        return scripts.count(Whole(text)) != 0 ? "" : "'" + Whole(text) + "' is not bash, zsh or fish";
+    });
+    command->callback([&app, &chosen] {
+        chosen = [&app] {
+            PrintResult(scripts.at(shell)(Description(app)));
+            return kDone;
+        };
+    });
+}
+
+// ---- Usage
+
 // Whether there are too many operands, perhaps because the pattern of an option was not quoted.
 bool IsExpandedPattern(const CLI::App& command, const std::vector<std::string>& rest)
 {
@@ -472,8 +531,8 @@ void Describe(CLI::App& app, Command& chosen)
     app.failure_message(UsageMessage);
     app.set_version_flag("--version", "orvfile " ORV_VERSION, "Print the version and exit");
     app.footer("Exit status: 0 success, 1 the operation failed, 2 wrong usage. \"--\" ends the options.");
-    for (const auto& add :
-         {AddExists, AddMove, AddCopy, AddMkdir, AddList, AddRow, AddPage, AddGet, AddSet, AddUnset, AddExplain}) {
+    for (const auto& add : {AddExists, AddMove, AddCopy, AddMkdir, AddList, AddRow, AddPage, AddGet, AddSet, AddUnset,
+                            AddExplain, AddCompletion}) {
         add(app, chosen);
     }
     AddCommonOptions(app);

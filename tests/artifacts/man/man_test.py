@@ -28,7 +28,8 @@ HEADERS = {  # as programs include them: the file, and its namespace
     "LxStringUtils.h": ("strutils/LxStringUtils.h", "LxStringUtils"),
     "orv/safe.h": ("safe/safe.h", "orv_safe"),
 }
-COMMANDS = ["exists", "move", "copy", "mkdir", "list", "row", "page", "get", "set", "unset", "explain"]
+COMMANDS = ["exists", "move", "copy", "mkdir", "list", "row", "page", "get", "set", "unset", "explain",
+            "completion"]
 
 
 def pages(pattern):

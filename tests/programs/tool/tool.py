@@ -22,7 +22,8 @@ from pages import text, without_capabilities
 SHIM = []
 PROGRAM = []
 PATIENCE_SECONDS = 60  # after this, a wait has failed
-COMMANDS = ["exists", "move", "copy", "mkdir", "list", "row", "page", "get", "set", "unset", "explain"]
+COMMANDS = ["exists", "move", "copy", "mkdir", "list", "row", "page", "get", "set", "unset", "explain",
+            "completion"]
 
 
 def problem(message, remedy):

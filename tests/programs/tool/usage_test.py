@@ -1,12 +1,11 @@
 #!/usr/bin/env python3
-"""Options, commands, usage and completion of orvfile."""
+"""Options, commands and usage of orvfile."""
 
 import ctypes
 import os
 import re
 import signal
 import socket
-import subprocess
 import unittest
 
 import orv_test
@@ -15,7 +14,6 @@ from tool import COMMANDS, ToolTest, problem
 
 CLONE_NEWNS, CLONE_NEWUSER = 0x20000, 0x10000000  # <sched.h>
 MS_BIND, MS_REC, MS_PRIVATE = 0x1000, 0x4000, 0x40000  # <sys/mount.h>
-COMPLETION = os.path.join(orv_test.ROOT, "tools", "orvfile.bash")
 
 
 class UsageTest(ToolTest):
@@ -50,6 +48,9 @@ class UsageTest(ToolTest):
             (["row", "--csv", "a"], "CELL excludes --csv", "row"),
             (["page", "a"], "PAGE is required", "page"),
             (["get"], "FILE is required", "get"),
+            (["completion"], "SHELL is required", "completion"),
+            (["completion", "ksh"], "SHELL: 'ksh' is not bash, zsh or fish", "completion"),
+            (["completion", "[a]"], "SHELL: '[a]' is not bash, zsh or fish", "completion"),
             (["get", "a", "--lint", "name"], "NAME excludes --lint", "get"),
             (["get", "a", "--lint", "--json"], "--json excludes --lint", "get"),
             *((["get", "a", "--delimiter", delimiter],
@@ -162,32 +163,13 @@ class UsageTest(ToolTest):
         for arguments in (["-q", "exists", "gone"], ["exists", "-q", "gone"], ["exists", "gone", "--quiet"]):
             self.assert_fails("", *arguments)
 
-    def test_completion_offers_what_help_names(self):
-        for command in ["", *COMMANDS]:
-            with self.subTest(command=command):
-                _, out, _ = self.run_tool(*filter(None, [command]), "--help")
-                options = re.search(r"\nOptions:\n((?:  .*\n)+)", out.decode())[1]
-                named = {name for line in re.findall(r"(?m)^  (-\S+)", options) for name in line.split(",")}
-                named |= {"--version"}
+    def test_completion_is_written_from_the_description_of_the_commands(self):
+        for shell, name in (("bash", "orvfile.bash"), ("fish", "orvfile.fish"), ("zsh", "_orvfile")):
+            with self.subTest(shell=shell):
+                status, out, err = self.run_tool("completion", shell)
 
-                self.assertEqual(named, set(self.complete(*filter(None, [command]), "-")))
-        self.assertEqual(COMMANDS, self.complete(""))
-        self.assertEqual(["move", "mkdir"], self.complete("m"))
-
-    def test_completion_offers_files_and_directories(self):
-        self.write("a file")
-        os.mkdir(self.path("a directory"))
-
-        self.assertEqual(["a directory", "a file"], sorted(self.complete("-q", "move", "a")))
-        self.assertEqual(["a directory"], self.complete("mkdir", "a"))
-        self.assertEqual(["a directory"], self.complete("list", "a"))
-        self.assertEqual([], self.complete("row", "a"))
-
-    def complete(self, *words):
-        script = 'source "$1"; shift; COMP_WORDS=(orvfile "$@"); COMP_CWORD=$#; _orvfile; printf "%s\\n" "${COMPREPLY[@]}"'
-        run = subprocess.run(["bash", "-c", script, "bash", COMPLETION, *words], cwd=self.dir, stdout=subprocess.PIPE,
-                             check=True, text=True)  # fmt: skip
-        return [line for line in run.stdout.splitlines() if line]
+                self.assertEqual((0, ""), (status, err))
+                self.assertEqual(orv_test.read("tools", name), out.decode(), "script/generate writes it anew")
 
 
 def default_sigpipe():
