@@ -1,5 +1,5 @@
 // Is preloaded into a tested program, too, to take away what the system offers to programs that wait for changes:
-//   ORV_SHIM_PATIENT=1      polls have no time limit, so only events end them
+//   ORV_SHIM_PATIENT=1      polls of a second have no time limit, so only events end them
 //   ORV_SHIM_BLIND=1        there are no events
 //   ORV_SHIM_LEASE=ERRNO    leases fail with this error
 //   ORV_SHIM_REMOTE=1       all files are on another machine
@@ -62,7 +62,7 @@ int AsRemote(int result, Status* status)
 
 EXPORTED int poll(struct pollfd* descriptors, nfds_t count, int timeout)
 {
-    return Next(poll, "poll")(descriptors, count, IsSet("ORV_SHIM_PATIENT") ? -1 : timeout);
+    return Next(poll, "poll")(descriptors, count, timeout > 900 && IsSet("ORV_SHIM_PATIENT") ? -1 : timeout);
 }
 
 // With _FORTIFY_SOURCE
