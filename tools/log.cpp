@@ -42,10 +42,27 @@ std::mutex mutex;  // guards the reports; the libraries may report on any thread
 std::vector<Report> reports;
 bool areHeld = false;
 
+bool isLost = false;  // a report, because memory ran out
+
 void Keep(const Report& report)
 {
     const std::lock_guard<std::mutex> lock(mutex);
     reports.push_back(report);
+}
+
+void WriteAll(const char* bytes, std::size_t count)
+{
+    const ssize_t written = write(STDERR_FILENO, bytes, count);
+    (void)written;  // a failure cannot be reported anywhere
+}
+
+// Without memory. TakeReports() tells the command.
+void Lose()
+{
+    static const char kLine[] = "dlog: out of memory, a report was lost\n";
+    WriteAll(kLine, sizeof kLine - 1);
+    const std::lock_guard<std::mutex> lock(mutex);
+    isLost = true;
 }
 
 }  // namespace
@@ -53,6 +70,9 @@ void Keep(const Report& report)
 std::vector<Report> TakeReports()
 {
     const std::lock_guard<std::mutex> lock(mutex);
+    if (std::exchange(isLost, false)) {
+        throw std::bad_alloc();
+    }
     return std::exchange(reports, {});
 }
 
@@ -79,8 +99,7 @@ void PrintLines(const std::string& lines)
         return;
     }
     const std::string text = EraseProgress() + lines;
-    const ssize_t written = write(STDERR_FILENO, text.data(), text.size());
-    (void)written;  // a failure cannot be reported anywhere
+    WriteAll(text.data(), text.size());
 }
 
 void PrintLastWords(const char* problem)
@@ -108,7 +127,7 @@ void __dlog_printf(int severity, const char* sourceTag, const char* format, ...)
         }
         Keep(report);
     } catch (const std::bad_alloc&) {
-        PrintLines("dlog: out of memory, a report was lost\n");
+        Lose();
     }
     va_end(arguments);
     errno = callersErrno;

@@ -12,7 +12,8 @@ struct Report {
     std::string text;    // such as "CopyFile: open(a) failed (2, No such file or directory)."
 };
 
-// The lines that were reported since the last call.
+// The lines that were reported since the last call. Throws std::bad_alloc if memory ran out for one of them: then
+// nobody knows what it said.
 std::vector<Report> TakeReports();
 
 // Whether the lines of the libraries are only kept, not printed.

@@ -131,18 +131,28 @@ void AddExists(CLI::App& app, Command& chosen)
     command->callback([&chosen] { chosen = [] { return Exists(paths); }; });
 }
 
+// Options of move and copy. They are not looked up by name, because CLI11 ends the program if memory runs out then.
+struct TransferFlags {
+    const CLI::Option* directory = nullptr;
+    std::vector<CLI::Option*> notPlain;
+};
+
 // Adds what move and copy have in common.
-void AddTransfer(CLI::App* command, TransferOptions& options)
+TransferFlags AddTransfer(CLI::App* command, TransferOptions& options)
 {
+    TransferFlags flags;
     AddTexts(command, "SOURCE", options.operands, "The files; then, without -t, DESTINATION: a new path or a directory")
         ->required();
-    AddText(command, "-t,--target-directory", options.directory, "The directory that the files go to")
-        ->type_name("DIRECTORY");
-    command->add_flag("-n,--no-replace", options.noReplace, "Fail for a destination that exists");
-    command->add_flag("--preserve", options.preserve,
-                      "Also keep owner, set-id and sticky bits, times, extended attributes and holes");
+    flags.directory = AddText(command, "-t,--target-directory", options.directory, "The directory that the files go to")
+                          ->type_name("DIRECTORY");
+    CLI::Option* const noReplace =
+        command->add_flag("-n,--no-replace", options.noReplace, "Fail for a destination that exists");
+    CLI::Option* const preserve =
+        command->add_flag("--preserve", options.preserve,
+                          "Also keep owner, set-id and sticky bits, times, extended attributes and holes");
     CLI::Option* const durable = command->add_flag("--durable", "Lose nothing in a power cut (the default)");
     CLI::Option* const verify = command->add_flag("--verify", "Read each copy back and compare it (the default)");
+    flags.notPlain = {noReplace, preserve, durable, verify};
     command
         ->add_flag_callback(
             "--no-durable", [&options] { options.durable = false; }, "Do not wait for the disk")
@@ -151,12 +161,13 @@ void AddTransfer(CLI::App* command, TransferOptions& options)
         ->add_flag_callback(
             "--no-verify", [&options] { options.verify = false; }, "Do not read copies back")
         ->excludes(verify);
+    return flags;
 }
 
 // Checks the operands of move or copy.
-void ChooseTransfer(const CLI::App* command, TransferOptions& options)
+void CheckOperands(const TransferFlags& flags, TransferOptions& options)
 {
-    options.hasDirectory = command->count("--target-directory") != 0;
+    options.hasDirectory = flags.directory->count() != 0;
     if (!options.hasDirectory && options.operands.size() < 2) {
         throw CLI::RequiredError("DESTINATION");
     }
@@ -166,14 +177,14 @@ void AddMove(CLI::App& app, Command& chosen)
 {
     static TransferOptions options;
     CLI::App* const command = app.add_subcommand("move", "Move regular files, even to another file system");
-    AddTransfer(command, options);
+    const TransferFlags flags = AddTransfer(command, options);
     CLI::Option* const plain = command->add_flag(
         "--plain", options.plain, "Use the plain function, RenameFileAcrossFs: flush and compare nothing");
-    for (const char* const other : {"--no-replace", "--preserve", "--durable", "--verify"}) {
-        plain->excludes(command->get_option(other));
+    for (CLI::Option* const other : flags.notPlain) {
+        plain->excludes(other);
     }
-    command->callback([&chosen, command] {
-        ChooseTransfer(command, options);
+    command->callback([&chosen, flags] {
+        CheckOperands(flags, options);
         chosen = [] { return Move(options); };
     });
 }
@@ -182,9 +193,9 @@ void AddCopy(CLI::App& app, Command& chosen)
 {
     static TransferOptions options;
     CLI::App* const command = app.add_subcommand("copy", "Copy regular files");
-    AddTransfer(command, options);
-    command->callback([&chosen, command] {
-        ChooseTransfer(command, options);
+    const TransferFlags flags = AddTransfer(command, options);
+    command->callback([&chosen, flags] {
+        CheckOperands(flags, options);
         chosen = [] { return Copy(options); };
     });
 }

@@ -9,8 +9,6 @@
 #include <orv/safe.h>
 
 #include <cerrno>
-#include <set>
-#include <utility>
 
 namespace {
 
@@ -173,40 +171,49 @@ void RunOne(const Kind& kind, const TransferOptions& options, const Transfer& tr
 // ---- All files
 
 // The files that this call has written. A later source of the same name must not replace one of them, because a move
-// would lose it.
+// would lose it. Two paths can be one file: some file systems do not distinguish capital letters.
 class Written {
 public:
+    explicit Written(std::size_t most)
+    {
+        files_.reserve(most);
+    }
+
     void Refuse(const Transfer& transfer) const
     {
-        const std::optional<struct stat> status = LinkStatusOf(transfer.destination);
-        if (paths_.count(transfer.destination) != 0 ||
-            (status && files_.count({status->st_dev, status->st_ino}) != 0)) {
-            throw Failure(Quoted(transfer.source) + " would replace " + Quoted(transfer.destination) +
-                              ", which was written just before",
-                          "give the files different names, or move or copy them one by one");
+        const std::optional<struct stat> there = LinkStatusOf(transfer.destination);
+        for (const File& file : files_) {
+            if (file.path == transfer.destination || (file.status && there && IsSameFile(*file.status, *there))) {
+                throw Failure(Quoted(transfer.source) + " would replace " + Quoted(transfer.destination) +
+                                  ", which was written just before",
+                              "give the files different names, or move or copy them one by one");
+            }
         }
     }
 
+    // Needs no memory, because a failure would say that the file was not written. Keeps a reference to the path.
     void Add(const std::string& path)
     {
-        paths_.insert(path);
-        if (const std::optional<struct stat> status = LinkStatusOf(path)) {
-            files_.insert({status->st_dev, status->st_ino});
-        }
+        files_.push_back({path, LinkStatusOf(path)});
     }
 
 private:
-    std::set<std::string> paths_;
-    std::set<std::pair<dev_t, ino_t>> files_;  // some file systems do not distinguish capital letters in names
+    struct File {
+        const std::string& path;
+        std::optional<struct stat> status;
+    };
+
+    std::vector<File> files_;
 };
 
 // A failure of one file does not keep others from being moved or copied.
 ExitStatus RunAll(const Kind& kind, const TransferOptions& options)
 {
     ExitStatus result = kDone;
-    Written written;
+    const std::vector<Transfer> transfers = TransfersOf(options);
+    Written written(transfers.size());
     CatchSignals();
-    for (const Transfer& transfer : TransfersOf(options)) {
+    for (const Transfer& transfer : transfers) {
         try {
             written.Refuse(transfer);
             RunOne(kind, options, transfer);

@@ -8,7 +8,9 @@
 
 #include <algorithm>
 #include <cerrno>
+#include <csignal>
 #include <cstdio>
+#include <cstdlib>
 #include <map>
 #include <set>
 #include <string>
@@ -82,7 +84,9 @@ protected:
         return files;
     }
 
-    TracedRun Run(const ToolScenario& scenario, const std::vector<Fault>& faults);
+    TracedRun Run(const ToolScenario& scenario, const std::vector<Fault>& faults, const std::string& memory = "");
+    long CountAllocations(const ToolScenario& scenario, const std::vector<Fault>& faults);
+    void TakeMemoryAway(const ToolScenario& scenario, const std::vector<Fault>& faults);
     std::vector<TracedCall> Undisturbed(const ToolScenario& scenario);
     void RunAndCheck(const ToolScenario& scenario, const Fault& fault);
     void Check(const ToolScenario& scenario, const TracedRun& run);
@@ -95,7 +99,8 @@ protected:
     int failed_ = 0;
 };
 
-TracedRun ToolCampaignTest::Run(const ToolScenario& scenario, const std::vector<Fault>& faults)
+TracedRun ToolCampaignTest::Run(const ToolScenario& scenario, const std::vector<Fault>& faults,
+                                const std::string& memory)
 {
     dir_.Clear();
     other_.Clear();
@@ -106,7 +111,7 @@ TracedRun ToolCampaignTest::Run(const ToolScenario& scenario, const std::vector<
     for (const std::string& argument : scenario.arguments) {
         command.push_back(argument[0] == '@' ? PathOf(argument) : argument);
     }
-    return RunTraced({command, ORV_BEGIN_MARK, dir_ / "", other_ / kOutput_}, faults);
+    return RunTraced({command, ORV_BEGIN_MARK, dir_ / "", other_ / kOutput_, memory}, faults);
 }
 
 std::vector<TracedCall> ToolCampaignTest::Undisturbed(const ToolScenario& scenario)
@@ -176,7 +181,9 @@ void ToolCampaignTest::CheckEnd(const ToolScenario& scenario, const TracedRun& r
         EXPECT_EQ(1, run.status);
         if (CouldPrint(run)) {
             EXPECT_TRUE(says("orvfile: ") && says("\n  Next: ")) << "failed without a message: " << output;
-            EXPECT_TRUE(!isNew || undisturbedStatus_ == 1 || says("in place") || says("the content is at ")) << output;
+            EXPECT_TRUE(!isNew || undisturbedStatus_ == 1 || says("in place") || says("the content is at ") ||
+                        says("std::bad_alloc"))
+                << output;
         }
     }
     for (const auto& [path, content] : Files()) {
@@ -187,10 +194,11 @@ void ToolCampaignTest::CheckEnd(const ToolScenario& scenario, const TracedRun& r
     }
 }
 
-// If brk fails, it returns the old limit, and no error number. A failed mmap is the lack of memory.
+// If brk fails, it returns the old limit, and no error number. A failed mmap is the lack of memory. The C library calls
+// getrandom for a temporary name in some runs only.
 bool CannotFail(const TracedCall& call)
 {
-    static const std::set<std::string> names = {"brk", "exit", "futex", "getpid", "geteuid"};
+    static const std::set<std::string> names = {"brk", "exit", "futex", "getpid", "geteuid", "getrandom"};
     return names.count(call.name) != 0;
 }
 
@@ -296,6 +304,58 @@ TEST_F(ToolCampaignTest, EveryCallFailsAndNoOutputIsIncomplete)
     EXPECT_LE(50, runs_);
     EXPECT_LE(10, failed_);
     std::printf("campaign: tool, every call of a reader: %d runs, %d failed\n", runs_, failed_);
+}
+
+// The number of allocations of a run.
+long ToolCampaignTest::CountAllocations(const ToolScenario& scenario, const std::vector<Fault>& faults)
+{
+    (void)Run(scenario, faults, "count");
+    const std::string output = ReadFile(other_ / kOutput_);
+    const std::size_t line = output.rfind('\n', output.size() - 2);
+    return std::stol(output.substr(line == std::string::npos ? 0 : line + 1));
+}
+
+// The memory ends at each of the allocations with which the work is done, which an undisturbed run makes last, and at
+// some of the others: those of the command line, and of a message.
+void ToolCampaignTest::TakeMemoryAway(const ToolScenario& scenario, const std::vector<Fault>& faults)
+{
+    constexpr long kFirst = 100;  // before main, only the runtime system can end the program
+    constexpr long kAround = 100;
+    constexpr long kStep = 50;
+    (void)Undisturbed(scenario);
+    const long end = CountAllocations(scenario, {});
+    const long count = CountAllocations(scenario, faults);
+    ASSERT_LT(kFirst + kAround, end);
+    for (long nth = kFirst; nth <= count; nth += std::abs(nth - end) > kAround ? kStep : 1) {
+        SCOPED_TRACE(scenario.name + ", new #" + std::to_string(nth) + " of " + std::to_string(count));
+        const TracedRun run = Run(scenario, faults, std::to_string(nth));
+        EXPECT_TRUE(std::any_of(run.calls.begin(), run.calls.end(), [](const TracedCall& call) {
+            return call.name == "close" && call.Error() == EBADF;
+        })) << "the memory was not taken away";
+        if (run.problem.empty()) {
+            Check(scenario, run);
+        } else {  // the parser of the command line ends the program
+            EXPECT_EQ("the child ended with status " + std::to_string(SIGABRT), run.problem);
+            EXPECT_EQ(scenario.before, Files());
+        }
+        ASSERT_FALSE(HasFailure());
+        ++runs_;
+    }
+}
+
+TEST_F(ToolCampaignTest, WithoutMemoryNothingIsLostAndTheExitStatusSaysSo)
+{
+    for (const ToolScenario& scenario : Scenarios()) {
+        TakeMemoryAway(scenario, {});
+        ASSERT_FALSE(HasFailure());
+        if (scenario.name == "plain move") {  // whose function is true, though the source is kept
+            TakeMemoryAway(scenario, {{"unlink", 1, Fault::Kind::kError, EIO, 1}});
+            ASSERT_FALSE(HasFailure());
+        }
+    }
+
+    EXPECT_LE(1000, runs_);
+    std::printf("campaign: tool, memory: %d runs\n", runs_);
 }
 
 }  // namespace

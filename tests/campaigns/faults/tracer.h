@@ -90,6 +90,7 @@ struct TracedProgram {
     std::string mark;
     std::string directory;
     std::string output;
+    std::string memory;  // ORV_NEW_FAILS of begin_mark.cpp
 };
 TracedRun RunTraced(const TracedProgram& program, const std::vector<Fault>& faults);
 
