@@ -102,18 +102,25 @@ std::string ZshAction(const std::string& kind)
     return kind == kFile ? "_files" : kind == kDirectory ? "_files -/" : kind == kNothing ? "()" : "(" + kind + ")";
 }
 
-// An argument of _arguments for each name of the option, which excludes the others.
+// The arguments of _arguments for the option: one for each name, which excludes the others.
+std::string ZshOption(const Option& option, const std::string& indent)
+{
+    const std::string others = "(" + Joined(option.names, " ") + ")";
+    const std::string description = "[" + Replaced(option.description, {{'[', "\\["}, {']', "\\]"}}) + "]";
+    const std::string value = option.value.empty() ? "" : ":" + option.value + ":" + ZshAction(KindOf(option.value));
+    std::string text;
+    for (const std::string& name : option.names) {
+        const std::string argument = Quoted(std::string(others).append(name).append(description).append(value));
+        text.append(indent).append(argument).append(" \\\n");
+    }
+    return text;
+}
+
 std::string ZshOptions(const std::vector<Option>& options, const std::string& indent)
 {
     std::string text;
     for (const Option& option : options) {
-        const std::string description = Replaced(option.description, {{'[', "\\["}, {']', "\\]"}});
-        for (const std::string& name : option.names) {
-            text += indent +
-                    Quoted("(" + Joined(option.names, " ") + ")" + name + "[" + description + "]" +
-                           (option.value.empty() ? "" : ":" + option.value + ":" + ZshAction(KindOf(option.value)))) +
-                    " \\\n";
-        }
+        text += ZshOption(option, indent);
     }
     return text;
 }
