@@ -5,14 +5,22 @@
 
 namespace dlog_pipe {
 
+namespace {
+
+bool IsPending(int signal)
+{
+    sigset_t pending;
+    (void)sigpending(&pending);
+    return sigismember(&pending, signal) == 1;
+}
+
+}  // namespace
+
 // On Linux, sigprocmask changes the mask of this thread alone. Unlike pthread_sigmask, it never needs libpthread.
-ScopedNoSignal::ScopedNoSignal() : pipe_(), callersMask_(), wasPending_(false)
+ScopedNoSignal::ScopedNoSignal() : pipe_(), callersMask_(), wasPending_(IsPending(SIGPIPE))
 {
     (void)sigemptyset(&pipe_);
     (void)sigaddset(&pipe_, SIGPIPE);
-    sigset_t pending;
-    (void)sigpending(&pending);
-    wasPending_ = sigismember(&pending, SIGPIPE) == 1;
     (void)sigprocmask(SIG_BLOCK, &pipe_, &callersMask_);
 }
 
