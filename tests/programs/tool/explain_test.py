@@ -402,6 +402,11 @@ class StreamTest(ExplainTest):
 
 
 class DocumentTest(ToolTest):
+    def test_the_example_of_the_readme_is_what_the_tool_prints(self):
+        example = re.search(r"(?ms)^\$ journalctl [^\n]*\n(.*?)^```$", orv_test.read("README.md"))[1]
+
+        self.assert_done("explain", data=example.splitlines(True)[0].encode(), out=example.encode())
+
     def test_the_document_has_the_same_explanations(self):
         document = orv_test.read("docs", "diagnostics.md")
         start = document.index("## RenameFileAcrossFs\n")
