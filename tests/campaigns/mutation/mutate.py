@@ -79,15 +79,23 @@ SAFE_TESTS = {
 STATUSBOARD = Product("statusboard", (), "tests/programs/statusboard/statusboard_test.py", "statusboard_machine")
 ORVFILE = {
     family: Product("orvfile", (), f"tests/programs/tool/{family}_test.py", "orvfile_shim")
-    for family in ("usage", "transfer", "directories", "row", "encoding", "page", "watch", "settings")
+    for family in ("usage", "transfer", "directories", "row", "encoding", "page", "watch", "settings",
+                   "explain")
 }
 # The sources of which one family of tests is meant; all families are meant for the others.
 ORVFILE_TESTS = {
+    "completion.cpp": ["usage"],
     "csv_reader.cpp": ["row"],
+    "explain.cpp": ["explain"],
+    "explain_document.cpp": ["explain"],
+    "explain_lines.cpp": ["explain"],
+    "explain_table.cpp": ["explain"],
     "follow.cpp": ["watch"],
     "get.cpp": ["settings"],
     "json.cpp": ["directories", "settings"],
+    "line_pattern.cpp": ["explain"],
     "list.cpp": ["directories"],
+    "log.cpp": ["usage", "transfer"],
     "mkdir.cpp": ["directories"],
     "page.cpp": ["page"],
     "progress.cpp": ["transfer"],
