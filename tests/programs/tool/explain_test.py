@@ -2,6 +2,7 @@
 """orvfile explain: what it says about every line that the libraries can write, in every form of log."""
 
 import errno
+import functools
 import itertools
 import json
 import os
@@ -50,13 +51,29 @@ def filled_in(text):
 
 
 class ExplainTest(ToolTest):
-    def explained(self, line, **options):
+    END = b"the end of an explanation\n"
+
+    @functools.cached_property
+    def reader(self):
+        """A tool that explains each line as soon as it gets it."""
+        process = self.start("explain", stdin=-1)
+        self.addCleanup(self.end_reader, process)
+        return process
+
+    def end_reader(self, process):
+        self.assertEqual((0, b"", ""), self.finish(process))
+
+    def explained(self, line):
         """Returns what the tool says about a line, as a dictionary."""
-        status, out, err = self.run_tool("explain", "--", line, **options)
-        self.assertEqual((0, ""), (status, err))
-        lines = out.decode(errors="surrogateescape").split("\n")
-        self.assertEqual(["", *line.split("\n")], [lines[-1], *lines[: line.count("\n") + 1]])
-        said = dict(part.strip().split(": ", 1) for part in lines[line.count("\n") + 1 : -1])
+        line = line.encode(errors="surrogateescape") + b"\n"
+        self.reader.stdin.write(line + self.END)
+        self.reader.stdin.flush()
+        answer = []
+        while answer[-1:] != [self.END]:
+            answer.append(self.reader.stdout.readline())
+            self.assertTrue(answer[-1], "the tool ended")
+        self.assertEqual(line, answer[0])
+        said = dict(part.decode(errors="surrogateescape").strip().split(": ", 1) for part in answer[1:-1])
         if said:
             self.assertEqual(["What", *(["Error"] if "Error" in said else []), "Disk", "Next"], list(said), line)
             self.assertTrue(all(said.values()), said)
