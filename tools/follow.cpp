@@ -2,6 +2,7 @@
 
 #include "log.h"
 #include "publish.h"
+#include "signals.h"
 #include "watch.h"
 
 #include <signal.h>
@@ -52,7 +53,7 @@ public:
     explicit Follower(const PageOptions& options) : options_(options), stop_(StopSignals())
     {
         (void)signal(SIGIO, SIG_IGN);  // says that somebody waits for a lease, which soon ends anyway
-        (void)signal(SIGPIPE, SIG_IGN);
+        IgnoreClosedPipes();           // they are ignored already; the second call says that they never end the process
     }
 
     // Until SIGINT or SIGTERM.

@@ -14,6 +14,7 @@
 namespace {
 
 const char kStandardInput[] = "-";
+const std::size_t kBlockBytes = 65536;
 
 // ---- Checks
 
@@ -55,7 +56,7 @@ void RefuseLink(const std::string& page)
 int OpenTable(const std::string& path)
 {
     (void)RequireRegularFile(path);
-    const int file = open(path.c_str(), O_RDONLY | O_NONBLOCK | O_NOCTTY | O_CLOEXEC);
+    const int file = open(path.c_str(), O_RDONLY);
     if (file == -1) {
         const int error = errno;
         throw Failure("cannot read " + Quoted(path) + ": " + ErrorText(error), Remedy(error, path));
@@ -69,12 +70,12 @@ int CopyOfStandardInput(bool mayBeEmpty)
         throw Failure("standard input is a terminal", "connect it to a command that writes the table");
     }
     const int file = CreatePrivateFile();
-    char block[65536];
-    std::size_t total = 0;
-    for (std::size_t got; (got = ReadInput(block, sizeof block)) != 0; total += got) {
+    bool isEmpty = true;
+    char block[kBlockBytes];
+    for (std::size_t got; (got = ReadInput(block, sizeof block)) != 0; isEmpty = false) {
         WritePrivateFile(file, block, got);
     }
-    if (total == 0 && !mayBeEmpty) {
+    if (isEmpty && !mayBeEmpty) {
         throw Failure("standard input is empty",
                       "check the command that writes it, or add --allow-empty to publish an empty page");
     }
@@ -108,7 +109,7 @@ std::size_t PageText::Tables() const
 {
     std::size_t tables = 0;
     bool isLineEmpty = true;
-    char block[65536];
+    char block[kBlockBytes];
     off_t at = 0;
     for (ssize_t got; (got = pread(file_, block, sizeof block, at)) > 0; at += got) {
         for (const char* byte = block; byte < block + got; ++byte) {
@@ -143,9 +144,14 @@ void Publish(const PageText& text, const PageOptions& options)
 
 void Announce(std::size_t tables, const PageOptions& options)
 {
-    if (!IsQuiet()) {
+    if (IsQuiet()) {
+        return;
+    }
+    try {
         PrintResult("published " + Quoted(options.page) + ": " + std::to_string(tables) +
                     (tables == 1 ? " table\n" : " tables\n"));
+    } catch (const Failure& failure) {
+        throw Failure(Quoted(options.page) + " is in place, but " + failure.what(), failure.Next());
     }
 }
 

@@ -50,6 +50,8 @@ class PageTest(PageToolTest):
         status, out, _ = self.run_tool("page", "table", "page.html")
 
         self.assertEqual((0, b"published 'page.html': 4 tables\n"), (status, out))
+        self.write("table", b"a")
+        self.assertEqual(b"published 'page.html': 1 table\n", self.run_tool("page", "table", "page.html")[1])
 
     def test_quiet_publishes_and_prints_nothing(self):
         self.write("table", b"a:b;\n")
@@ -107,6 +109,13 @@ class PageTest(PageToolTest):
                 self.assert_fails(refusal, "page", "--watch", table, page)
         self.assertEqual((b"a:b;\n", ["hard", "here", "soft", "table"]), (self.read("table"), self.names()))
 
+        top = "/gone.orv_test"
+        self.assert_fails(problem(f"'{top}' and '/{top}' are the same file", TWO_FILES), "page", top, "/" + top)
+
+    def test_names_that_differ_in_one_byte_are_two_files(self):
+        self.assert_published("--allow-empty", "1page", "2page", page="2page", tables=0, body=b"")
+        self.assert_published("--allow-empty", "page1", "page2", page="page2", tables=0, body=b"")
+
     def test_equal_names_in_two_directories_are_two_files(self):
         os.mkdir(self.path("d"))
         self.write("same", b"a:b;\n")
@@ -160,6 +169,15 @@ class PageTest(PageToolTest):
             line=r"PublishPage: the page in /var/tmp/TextToHtml_\d+\.tmp is torn \(512 of \d+ bytes\)\.")  # fmt: skip
 
         self.assertEqual((b"old", ["page.html", "table"]), (self.read("page.html"), self.names()))
+
+    def test_a_full_standard_output_is_a_failure_that_says_where_the_page_is(self):
+        self.write("table", b"a:b;\n")
+        with open("/dev/full", "wb") as full:
+            self.assertEqual(
+                (1, None, problem("'page.html' is in place, but cannot write to standard output: No space left on device",
+                                  "redirect it to a file, pipe or terminal that accepts the result")),
+                self.run_tool("page", "table", "page.html", stdout=full))  # fmt: skip
+        self.assertEqual(ONE_TABLE, self.page_body())
 
     def test_two_publishers_of_one_page_both_succeed(self):
         page = os.path.join(self.other, "page.html")

@@ -247,13 +247,13 @@ class WatchTest(ToolTest):
         self.assertEqual((2, ""), self.stop(process))
 
     def test_only_sigint_sigterm_and_sighup_end_it(self):
-        process = self.watch()
+        process = self.watch(preexec_fn=lambda: signal.signal(signal.SIGPIPE, signal.SIG_DFL))
         for number in (signal.SIGIO, signal.SIGPIPE):
             process.send_signal(number)
         process.stdout.close()
         self.replace(b"second")
         self.wait_to_show(b"second", process)
-        self.wait_for(self.warned("warning: cannot write to standard output: Broken pipe"), process)
+        self.wait_for(self.warned("is in place, but cannot write to standard output: Broken pipe"), process)
         self.replace(b"third")
         self.wait_to_show(b"third", process)
         self.wait_for(lambda: self.read(self.warnings).count(b"Broken pipe") >= 2, process)
