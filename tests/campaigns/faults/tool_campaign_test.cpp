@@ -18,6 +18,7 @@
 #include <vector>
 
 #include "support/cases.h"
+#include "support/oracle.h"
 
 namespace {
 
@@ -49,6 +50,8 @@ const std::vector<ToolScenario>& Scenarios()
         {"move over a file", {"move", "a", "@b"}, {{"a", Bytes()}, {"@b", "old"}}, "@b", "a"},
         {"move, the second of two", {"move", "-t", "@", "gone", "a"}, {{"a", Bytes()}}, "@a", "a"},
         {"plain move", {"move", "--plain", "a", "@b"}, {{"a", Bytes()}, {"@b", "old"}}, "@b", "a"},
+        {"page", {"page", "t", "b"}, {{"t", "a:b;\n"}, {"b", "old"}}, "b", ""},
+        {"page on another file system", {"page", "t", "@b"}, {{"t", "a:b;\n"}, {"@b", "old"}}, "@b", ""},
         {"set", {"set", "f", "a=2"}, {{"f", "a=1\nb=3\n"}}, "f", ""},
         {"unset", {"unset", "f", "a"}, {{"f", "a=1\nb=3\n"}}, "f", ""},
     };
@@ -90,6 +93,7 @@ protected:
     std::vector<TracedCall> Undisturbed(const ToolScenario& scenario);
     void RunAndCheck(const ToolScenario& scenario, const Fault& fault);
     void Check(const ToolScenario& scenario, const TracedRun& run);
+    void CheckTemporaryPage(const TracedRun& run);
     void CheckEnd(const ToolScenario& scenario, const TracedRun& run, bool isNew, bool isSourceThere);
 
     const std::string kOutput_ = "output";
@@ -155,6 +159,7 @@ void ToolCampaignTest::Check(const ToolScenario& scenario, const TracedRun& run)
         EXPECT_TRUE(path == scenario.target || (path == scenario.source && !isSourceThere) || files[path] == content)
             << path << " was changed";
     }
+    CheckTemporaryPage(run);
     if (!run.killed) {
         CheckEnd(scenario, run, isNew, isSourceThere);
     }
@@ -166,6 +171,15 @@ bool CouldPrint(const TracedRun& run)
     return std::none_of(run.calls.begin(), run.calls.end(), [](const TracedCall& call) {
         return call.name == "write" && call.faults > 0 && call.paths == std::vector<std::string>{""};
     });
+}
+
+// Only a kill leaves it silently.
+void ToolCampaignTest::CheckTemporaryPage(const TracedRun& run)
+{
+    const std::string page = oracle::TemporaryPage(run.child);
+    if (unlink(page.c_str()) == 0 && !run.killed) {
+        EXPECT_NE(std::string::npos, ReadFile(other_ / kOutput_).find("unlink(" + page)) << page << " was left";
+    }
 }
 
 // The exit status and the messages tell the truth.
@@ -276,6 +290,7 @@ TEST_F(ToolCampaignTest, EveryCallFailsAndNoOutputIsIncomplete)
     const std::vector<ToolScenario> scenarios = {
         {"list", {"list", ".", "--recursive", "--sort", "size"}, files, "", ""},
         {"list as JSON", {"list", ".", "--larger-than", "1", "--json"}, files, "", ""},
+        {"row", {"row", "--table-end", "a", "b", "<c>"}, files, "", ""},
         {"get", {"get", "f"}, files, "", ""},
         {"get for a shell", {"get", "f", "--shell", "b", "a"}, files, "", ""},
         {"get as JSON", {"get", "f", "--json"}, files, "", ""},

@@ -97,7 +97,7 @@ ORVFILE_TESTS = {
     "list.cpp": ["directories"],
     "log.cpp": ["usage", "transfer"],
     "mkdir.cpp": ["directories"],
-    "page.cpp": ["page"],
+    "page.cpp": ["page", "watch"],
     "progress.cpp": ["transfer"],
     "quantity.cpp": ["directories"],
     "quoting.cpp": ["directories", "settings"],
