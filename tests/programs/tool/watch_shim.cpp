@@ -1,6 +1,7 @@
 // Is preloaded into a tested program, too, to take away what the system offers to programs that wait for changes:
 //   ORV_SHIM_PATIENT=1      polls of a second have no time limit, so only events end them
 //   ORV_SHIM_BLIND=1        there are no events
+//   ORV_SHIM_DEAF=ERRNO     signals cannot be read
 //   ORV_SHIM_LEASE=ERRNO    leases fail with this error
 //   ORV_SHIM_REMOTE=1       all files are on another machine
 //   ORV_SHIM_UNNAMED=ERRNO  files without a name cannot be made
@@ -10,6 +11,7 @@
 #include <linux/magic.h>
 #include <poll.h>
 #include <sys/inotify.h>
+#include <sys/signalfd.h>
 #include <sys/vfs.h>
 
 #include <cerrno>
@@ -74,6 +76,11 @@ EXPORTED int __poll_chk(struct pollfd* descriptors, nfds_t count, int timeout, s
 EXPORTED int inotify_init1(int flags) noexcept
 {
     return IsSet("ORV_SHIM_BLIND") ? -1 : Next(inotify_init1, "inotify_init1")(flags);
+}
+
+EXPORTED int signalfd(int descriptor, const sigset_t* signals, int flags) noexcept
+{
+    return IsSet("ORV_SHIM_DEAF") ? -1 : Next(signalfd, "signalfd")(descriptor, signals, flags);
 }
 
 EXPORTED int open(const char* path, int flags, ...)

@@ -137,6 +137,24 @@ class WatchTest(ToolTest):
 
         self.assertEqual((3, ""), self.stop(process))
 
+    def test_a_change_of_the_same_size_is_noticed_where_the_kernel_reports_none(self):
+        process = self.watch(shim={"BLIND": "1"})
+
+        for cell in (b"fifth", b"sixth"):
+            self.write("table", cell + b":;\n")
+            self.wait_to_show(cell, process)
+        times = os.stat(self.path("table"))
+        self.write("table", b"ninth:;\n")
+        os.utime(self.path("table"), ns=(times.st_atime_ns, times.st_mtime_ns))
+        self.wait_to_show(b"ninth", process)
+
+        self.assert_stops_without_warnings(process)
+
+    def test_signals_that_cannot_be_read_are_reported(self):
+        self.assert_fails(
+            problem("cannot wait for signals: Too many open files", "free memory, then start this again"),
+            *("page", "--watch", "table", self.page), shim={"DEAF": "24"})  # fmt: skip
+
     def test_a_directory_may_be_missing_removed_and_made_again(self):
         directory = os.path.join(self.make_dir("/var/tmp"), "d")
         process = self.start_watch(table=os.path.join(directory, "table"))
