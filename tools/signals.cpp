@@ -23,11 +23,11 @@ extern "C" void Remember(int number)
 void CatchSignals()
 {
     for (const int number : {SIGHUP, SIGINT, SIGTERM}) {
-        struct sigaction action = {};
-        if (sigaction(number, nullptr, &action) == 0 && action.sa_handler == SIG_IGN) {
+        struct sigaction before = {};
+        if (sigaction(number, nullptr, &before) == 0 && before.sa_handler == SIG_IGN) {
             continue;
         }
-        action = {};
+        struct sigaction action = {};
         action.sa_handler = Remember;
         action.sa_flags = SA_RESTART;
         (void)sigaction(number, &action, nullptr);

@@ -692,6 +692,9 @@ class SignalTest(TransferTest):
         status, out, err = self.run_with_signal(1, "sendfile:3", "move", "a", self.to, **ignored)
 
         self.assertEqual((0, b"", "", self.data), (status, out, err, self.read(self.to)))
+        self.arrange(self.data)
+        self.assertEqual(-15, self.run_with_signal(15, "sendfile:3", "move", "a", self.to, **ignored)[0])
+        self.assert_nothing_changed(self.data)
 
     def test_a_plain_move_is_finished_first(self):
         self.arrange(self.data)
@@ -726,6 +729,14 @@ class SignalTest(TransferTest):
             (1, None, problem("cannot write to standard output: Broken pipe",
                               "redirect it to a file, pipe or terminal that accepts the result")),
             self.run_tool("row", "a", **act(signal.SIG_IGN)))  # fmt: skip
+
+    def test_a_signal_that_is_blocked_gives_the_status_of_shells(self):
+        def block():
+            signal.signal(signal.SIGPIPE, signal.SIG_DFL)
+            signal.pthread_sigmask(signal.SIG_BLOCK, [signal.SIGPIPE])
+
+        self.assertEqual((128 + signal.SIGPIPE, None, ""),
+                         self.run_tool("row", "a", stdout=self.closed_pipe(), preexec_fn=block))  # fmt: skip
 
 
 class ProgressTest(TransferTest):
