@@ -29,17 +29,15 @@ std::string Wrapped(const std::string& paragraph)
     const std::size_t kWidth = 120;
     std::istringstream words(paragraph);
     std::string wrapped;
-    std::size_t width = 0;
-    for (std::string word; words >> word; width += word.size()) {
-        if (width + 1 + word.size() > kWidth) {
-            wrapped += "\n ";
-            width = 1;
+    std::string line;
+    for (std::string word; words >> word;) {
+        if (line.size() + 1 + word.size() > kWidth) {
+            wrapped += line + "\n";
+            line = " ";
         }
-        const bool isFirst = wrapped.empty();
-        wrapped += (isFirst ? "" : " ") + word;
-        width += isFirst ? 0 : 1;
+        line += (line.empty() ? "" : " ") + word;
     }
-    return wrapped + "\n";
+    return wrapped + line + "\n";
 }
 
 std::string Section(const Form& form)

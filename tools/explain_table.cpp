@@ -21,11 +21,6 @@ const Error* FindErrorIf(Matches matches)
 const std::size_t kSuffixBytes = 7;   // "_" and six letters or digits, chosen by mkstemp
 const std::size_t kStagedBytes = 21;  // ".orv_" and 16 hexadecimal digits
 
-bool IsAll(const std::string& text, int (*isClass)(int))
-{
-    return std::all_of(text.begin(), text.end(), [=](char c) { return isClass(static_cast<unsigned char>(c)) != 0; });
-}
-
 // Whether the name ends as mkstemp ends it. A date such as _202611 and a word such as _report do not count: mkstemp
 // chooses digits alone in one of 50,000 names, and small letters alone in one of 180.
 bool IsTemporary(const Values& values)

@@ -1,13 +1,13 @@
 #include "line_pattern.h"
 
 #include <algorithm>
+#include <cctype>
 #include <cstddef>
 
 namespace explain {
 
 namespace {
 
-const char kDigits[] = "0123456789";
 const std::size_t kMostSplits = 100;
 
 struct Token {
@@ -17,16 +17,16 @@ struct Token {
 
 bool IsCapital(char c)
 {
-    return c >= 'A' && c <= 'Z';
+    return std::isupper(static_cast<unsigned char>(c)) != 0;
 }
 
 std::vector<Token> Tokens(const std::string& pattern)
 {
     std::vector<Token> tokens;
-    for (std::size_t begin = 0; begin < pattern.size();) {
-        const auto isCapital = [](char c) { return IsCapital(c); };
+    std::size_t begin = 0;
+    while (begin != pattern.size()) {
         const auto end =
-            std::find_if_not(pattern.begin() + static_cast<std::ptrdiff_t>(begin), pattern.end(), isCapital);
+            std::find_if_not(pattern.begin() + static_cast<std::ptrdiff_t>(begin), pattern.end(), IsCapital);
         const std::size_t length = static_cast<std::size_t>(end - pattern.begin()) - begin;
         if (length >= 2) {
             tokens.push_back({true, pattern.substr(begin, length)});
@@ -41,26 +41,33 @@ std::vector<Token> Tokens(const std::string& pattern)
     return tokens;
 }
 
-bool Consists(const std::string& text, const std::string& of)
-{
-    return !text.empty() && text.find_first_not_of(of) == std::string::npos;
-}
-
 bool IsInteger(const std::string& text)
 {
-    return Consists(text[0] == '-' ? text.substr(1) : text, kDigits);
+    return !text.empty() && IsAll(text, std::isdigit);
 }
 
 // "ERRNO, TEXT"
 bool IsError(const std::string& text)
 {
     const std::size_t comma = text.find(", ");
-    return comma != std::string::npos && Consists(text.substr(0, comma), kDigits) && comma + 2 < text.size();
+    return comma != std::string::npos && IsInteger(text.substr(0, comma)) && comma + 2 < text.size();
 }
 
 bool IsWord(const std::string& text)
 {
-    return Consists(text, "ABCDEFGHIJKLMNOPQRSTUVWXYZabcdefghijklmnopqrstuvwxyz_0123456789");
+    return !text.empty() && std::all_of(text.begin(), text.end(), [](char c) {
+        return c == '_' || std::isalnum(static_cast<unsigned char>(c)) != 0;
+    });
+}
+
+bool IsOctal(const std::string& text)
+{
+    return IsInteger(text) && text.find_first_of("89") == std::string::npos;
+}
+
+bool IsHexadecimal(const std::string& text)
+{
+    return !text.empty() && IsAll(text, std::isxdigit);
 }
 
 // Returns the check for what is not a path; nullptr for a path.
@@ -75,12 +82,12 @@ bool (*CheckOf(const std::string& placeholder))(const std::string&)
         {"FUNCTION", IsWord},
         {"HAVE", IsInteger},
         {"LENGTH", IsInteger},
-        {"MODE", [](const std::string& text) { return Consists(text, "01234567"); }},
+        {"MODE", IsOctal},
         {"NUMBER", IsInteger},
         {"OFFSET", IsInteger},
         {"PID", IsInteger},
         {"TEXT", [](const std::string& text) { return !text.empty(); }},
-        {"TYPE", [](const std::string& text) { return Consists(text, "0123456789abcdef"); }},
+        {"TYPE", IsHexadecimal},
         {"WANT", IsInteger},
         {"WRITTEN", IsInteger},
     };
@@ -194,6 +201,11 @@ std::vector<Values> Split(const std::string& paths, const Token& first, const st
 }
 
 }  // namespace
+
+bool IsAll(const std::string& text, int (*isClass)(int))
+{
+    return std::all_of(text.begin(), text.end(), [=](char c) { return isClass(static_cast<unsigned char>(c)) != 0; });
+}
 
 bool IsPath(const std::string& placeholder)
 {

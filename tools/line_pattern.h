@@ -20,6 +20,9 @@ std::vector<Values> Match(const std::string& pattern, const std::string& text);
 // Whether a placeholder of this name is a path.
 bool IsPath(const std::string& placeholder);
 
+// Whether all bytes of the text are of a class of <cctype>.
+bool IsAll(const std::string& text, int (*isClass)(int));
+
 // Returns the text with `replacement` of each placeholder.
 std::string ReplacePlaceholders(const std::string& text,
                                 const std::function<std::string(const std::string& placeholder)>& replacement);

@@ -214,6 +214,13 @@ class LineTest(ExplainTest):
             self.assert_explained(rename.format(source, destination), What=what.format(source, destination),
                                   Next=f"'{destination}' is a directory: name a file in it")  # fmt: skip
 
+    def test_the_names_are_told_apart_in_a_hundred_ways(self):
+        copied, moved = "the content was copied to", "cannot be moved to"
+        for separators, expected in ((99, copied), (100, moved)):
+            path = "/usb/" + ", " * separators
+            what = self.explained(f"RenameFileAcrossFs: rename({path}_a1B2c3, {path}) failed (21).")["What"]
+            self.assertIn(expected, what)
+
     def test_a_guess_where_a_path_ends_is_called_a_guess(self):
         guess = " (where the first path ends is a guess, because the paths contain what is between them)"
         self.assert_explained("MoveFile: this and that and more are the same file.",
@@ -350,7 +357,11 @@ class StreamTest(ExplainTest):
                          b"RenameFileAcrossFs: stat(/a) failed (x).\n", b"RenameFileAcrossFs: stat(/a) failed (2)\n",
                          b"RenameFileAcrossFs: stat(/a) failed ().\n", b"CopyFile: open(/a) failed (2).\n",
                          b"CopyFile: open(/a) failed (2, ).\n", b"CopyFile: o pen(/a) failed (2, x).\n",
-                         b"RenameFileAcrossFs: chmod(/a, 9) failed (2).\n", b"MakeDirPath: ", b"\n",
+                         b"RenameFileAcrossFs: chmod(/a, 9) failed (2).\n",
+                         b"RenameFileAcrossFs: chmod(/a, ) failed (2).\n", b"CopyFile: open(/a) failed (x, y).\n",
+                         b"CopyFile: /a is not a regular file (0xg).\n", b"CopyFile: /a is not a regular file (0x).\n",
+                         b"CopyFile: (/a) failed (2, No such file or directory).\n",
+                         b"MakeDirPath: can't make path of unusual size: \n", b"MakeDirPath: ", b"\n",
                          b"RenameFileAcrossFs: write() failed (1, -1, 28). \xff\n", b"orvfile: no line feed"])  # fmt: skip
         self.assert_done("explain", data=data, out=data)
 
