@@ -85,7 +85,6 @@ private:
         if (!isDue_ && IsUnchanged(published_, now)) {
             return;
         }
-        isDue_ = true;
         try {
             PublishIfWhole(now);
         } catch (const Failure& failure) {

@@ -207,7 +207,7 @@ class WatchTest(ToolTest):
         self.assertEqual((1, 1), (published, err.count("warning")))
 
     def test_where_writers_are_unknown_the_page_waits_for_a_quiet_table(self):
-        self.assert_only_whole_tables_are_published({"LEASE": "13"}, {"LEASE": "11", "REMOTE": "1"}, pauses=5)
+        self.assert_only_whole_tables_are_published({"LEASE": "13"}, {"LEASE": "11", "REMOTE": "1"}, pauses=12)
 
     def test_the_page_stays_while_the_table_cannot_be_read(self):
         process = self.watch()
