@@ -768,6 +768,14 @@ class ProgressTest(TransferTest):
         self.assertEqual("", self.show("copy", "--quiet"))
         self.assertEqual("", self.show("move", "--plain"))
 
+    def test_progress_begins_at_16_mebibytes_and_counts_percent(self):
+        mebibyte = 1 << 20  # the first step
+        for size, first in ((16 * mebibyte - 1, None), (16 * mebibyte, 6), (int(16.6 * mebibyte), 6),
+                            (int(16.7 * mebibyte), 5)):  # fmt: skip
+            shown = self.show("copy", "--no-verify", size=size, shim={"FAIL": NO_RANGES})
+
+            self.assertEqual(f"\r\x1b[Kcopying: {first} %" if first else "", shown[: len("\r\x1b[Kcopying: 6 %")])
+
     def test_progress_never_shares_a_line_with_a_message(self):
         shown = self.show("copy", status=1, shim={"FLIP": "2"})
 
