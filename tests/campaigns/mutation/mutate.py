@@ -220,6 +220,8 @@ class Build:
         with open(os.path.join(folder, "compile_commands.json"), encoding="utf-8") as file:
             entries = [(os.path.relpath(entry["file"], ROOT), shlex.split(entry["command"])) for entry in json.load(file)]
         self.commands = {name: command for name, command in entries if name in SUBJECTS}
+        with open(os.path.join(folder, "CMakeCache.txt"), encoding="utf-8") as file:
+            self.version = re.search(r"(?m)^CMAKE_PROJECT_VERSION:STATIC=(.*)", file.read())[1]
         self.objects = {name: [c[c.index("-o") + 1] for n, c in entries if n == name] for name in self.commands}
         self.links = self.built()
         # Sanitizers reserve terabytes.
@@ -303,6 +305,7 @@ class Build:
         environment = dict(os.environ, LD_LIBRARY_PATH=f"{directory}:{self.folder}/lib", **selection)
         environment.pop("ORV_NO_SKIP", None)
         environment["PYTHONPATH"] = os.path.join(ROOT, "tests", "support")
+        environment["ORV_VERSION"] = self.version
         environment["ORV_ORACLE"] = os.path.join(self.folder, "tests", "oracle.json")
         environment["ORV_VERSION"] = self.version
         command = ["unshare", "--mount", "--pid", "--fork", "--kill-child", "--mount-proc", "bash", "-c", SANDBOX,
