@@ -21,7 +21,7 @@ STANDARDS = ["c++98", "c++03", "c++11", "c++14", "c++17", "c++20"]
 HEADERS = ["include/LxFileUtils.h", "strutils/LxStringUtils.h", "dlog/dlog.h", "dlog/dlog_memory.h",
            "safe/safe.h"]  # fmt: skip
 SOURCES = ["src/LxFileUtils.cpp", "strutils/LxStringUtils.cpp"] + [
-    f"dlog/dlog_{name}.cpp" for name in ("text", "stderr", "syslog", "memory")
+    f"dlog/dlog_{name}.cpp" for name in ("text", "pipe", "stderr", "syslog", "memory")
 ] + sorted(os.path.relpath(path, orv_test.ROOT) for path in glob.glob(os.path.join(orv_test.ROOT, "safe", "*.cpp")))
 WITH_EXAMPLES = {"include/LxFileUtils.h": "LxFileUtils.h", "safe/safe.h": "safe.h"}
 INCLUDES = [f"-I{os.path.join(orv_test.ROOT, folder)}" for folder in ("include", "strutils", "dlog", "safe")]
