@@ -227,8 +227,6 @@ class Build:
         # Sanitizers reserve terabytes.
         sanitized = any("-fsanitize" in word for command in self.commands.values() for word in command)
         self.memory = resource.RLIM_INFINITY if sanitized else MEMORY_BYTES
-        with open(os.path.join(self.folder, "CMakeCache.txt"), encoding="utf-8") as cache:
-            self.version = re.search(r"(?m)^CMAKE_PROJECT_VERSION:\w+=(.*)$", cache.read())[1]
         self.originals = originals
         self.histories = collections.defaultdict(History)
 
@@ -307,7 +305,6 @@ class Build:
         environment["PYTHONPATH"] = os.path.join(ROOT, "tests", "support")
         environment["ORV_VERSION"] = self.version
         environment["ORV_ORACLE"] = os.path.join(self.folder, "tests", "oracle.json")
-        environment["ORV_VERSION"] = self.version
         command = ["unshare", "--mount", "--pid", "--fork", "--kill-child", "--mount-proc", "bash", "-c", SANDBOX,
                    "sandbox", *suite.command]  # fmt: skip
 
