@@ -169,6 +169,7 @@ class LineTest(ExplainTest):
                               Next="check the kernel's log (dmesg) for errors of the medium")  # fmt: skip
         self.assert_explained("ReadSettings: open(/a) failed (999, Unknown error 999).",
                               Error="error 999, Unknown error 999")  # fmt: skip
+        self.assert_explained("ReadSettings: open(/a) failed (999, ?).", Error="error 999, ?")
         self.assert_explained("DoMakeDirPath: could not create subdirectory /a due to error: Kein Platz",
                               Error="Kein Platz")  # fmt: skip
 
