@@ -94,12 +94,14 @@ int CountCall(const std::string& call)
 bool Fails(const std::string& call)
 {
     const int nth = CountCall(call);
-    for (const Rule& rule : Rules("ORV_SHIM_RAISE")) {
+    static const std::vector<Rule> raised = Rules("ORV_SHIM_RAISE");
+    static const std::vector<Rule> failing = Rules("ORV_SHIM_FAIL");
+    for (const Rule& rule : raised) {
         if (rule.call == call && rule.first == nth) {
             (void)raise(rule.second);
         }
     }
-    for (const Rule& rule : Rules("ORV_SHIM_FAIL")) {
+    for (const Rule& rule : failing) {
         if (rule.call == call && (rule.second == 0 || rule.second == nth)) {
             Trace("failed " + call);
             errno = rule.first;
@@ -193,7 +195,8 @@ EXPORTED ssize_t write(int descriptor, const void* bytes, size_t count)
     }
     static std::atomic<int> writes(0);
     const int nth = ++writes;
-    for (const Rule& rule : Rules("ORV_SHIM_SHORT")) {
+    static const std::vector<Rule> shortened = Rules("ORV_SHIM_SHORT");
+    for (const Rule& rule : shortened) {
         if (rule.call == "write" && rule.first == nth) {
             Trace("short write");
             count = static_cast<size_t>(rule.second);
