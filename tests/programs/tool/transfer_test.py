@@ -601,6 +601,14 @@ class SeveralFilesTest(TransferTest):
 
             self.assertEqual((["a", "b"], []), (self.names(self.other), self.names(self.path("from"))))
 
+    def test_the_path_in_a_message_has_one_slash(self):
+        sources = self.arrange_directory("a")
+        os.mkdir(self.path("d"))
+        self.write("d/a", b"old")
+
+        self.assert_fails(problem("'d/a' exists", "omit --no-replace to replace it, or choose another destination"),
+                          *("copy", "-n", *sources, "d/"))  # fmt: skip
+
     def test_each_failure_names_its_file_and_the_others_go_on(self):
         self.arrange_directory("a", "b")
         os.mkdir(self.path("from/d"))
