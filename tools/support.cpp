@@ -7,20 +7,24 @@
 
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <cstring>
 #include <iostream>
+#include <iterator>
 #include <string_view>
 
 namespace {
 
 bool quiet = false;
 
-// Whether a line is about something that a copy could not keep, which is no failure.
+// Whether a line is about something that a new file could not keep, which is no failure.
 bool IsNote(const std::string& text)
 {
-    constexpr std::string_view kEnd = " not kept.";
-    return text.size() >= kEnd.size() && text.compare(text.size() - kEnd.size(), kEnd.size(), kEnd) == 0;
+    constexpr std::string_view kEnds[] = {" not kept.", ": the new file has another owner or group."};
+    return std::any_of(std::begin(kEnds), std::end(kEnds), [&text](std::string_view end) {
+        return text.size() >= end.size() && text.compare(text.size() - end.size(), end.size(), end) == 0;
+    });
 }
 
 std::string TypeName(mode_t mode)

@@ -338,6 +338,20 @@ class SetTest(ToolTest):
         self.assertEqual("[3] orv_safe: WriteSettings: fchown(f) failed (1, Operation not permitted): the new file has "
                          "another owner or group.\n", err)  # fmt: skip
 
+    def test_a_failure_is_not_explained_by_the_note_before_it(self):
+        if os.geteuid() != 0:
+            self.skipTest("needs root, to give the file to another user")
+        path = self.write("f", b"a=1\n")
+        os.chown(path, 54321, 54321)
+
+        status, out, err = self.run_tool("set", "f", "a=2", shim={"FAIL": f"fsync:{errno.EIO}"},
+                                         preexec_fn=without_capabilities(0))  # fmt: skip
+
+        self.assertEqual((1, b"", b"a=1\n"), (status, out, self.read("f")))
+        self.assertIn("the new file has another owner or group.\n", err)
+        self.assertIn(problem("cannot change 'f': Input/output error",
+                              "check the kernel's log (dmesg) for errors of the medium"), err)  # fmt: skip
+
     def test_all_lines_of_a_name_are_removed_and_a_missing_one_is_no_failure(self):
         self.write("f", b"# b=0\nb=1\n a = 2\r\n\nb\nc=3")
 
