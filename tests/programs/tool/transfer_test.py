@@ -777,6 +777,15 @@ class ProgressTest(TransferTest):
         self.assertEqual("", self.show("copy", "--quiet"))
         self.assertEqual("", self.show("move", "--plain"))
 
+    def test_progress_is_shown_on_a_terminal_only(self):
+        with open(self.path("a"), "wb") as file:
+            file.truncate(17 << 20)
+
+        self.assert_done("copy", "a", self.to)
+
+    def test_progress_is_not_shown_at_each_step(self):
+        self.assertLess(self.show("copy").count("copying"), 1000)  # of more than 4000 blocks that are compared
+
     def test_progress_begins_at_16_mebibytes_and_counts_percent(self):
         mebibyte = 1 << 20  # the first step
         for size, first in ((16 * mebibyte - 1, None), (16 * mebibyte, 6), (int(16.6 * mebibyte), 6),
