@@ -350,6 +350,26 @@ class PrefixTest(ExplainTest):
                               What="'/a' cannot be opened")  # fmt: skip
 
 
+class KindTest(ExplainTest):
+    """What is not a path must be what it says: a number, a type, a mode."""
+
+    def test_other_words_are_not_lines_of_ours(self):
+        processing = 'ReadNameValueFromFile: Error processing line {} in file "/a".  No delimiter \'{}\' found.'
+        for line in (
+            processing.format("x", "="), processing.format("7", ""), processing.format("7", "=====x"),
+            "RenameFileAcrossFs: chmod(/a_a1B2c3, 8) failed (5).", "RenameFileAcrossFs: chmod(/a_a1B2c3, 9) failed (5).",
+            "RenameFileAcrossFs: write() failed (x, -1, 28).", "RenameFileAcrossFs: write() failed (1, x, 28).",
+            f"PublishPage: the page in {PAGE} is torn (x of 7 bytes).",
+            f"PublishPage: the page in {PAGE} is torn (7 of x bytes).",
+            "PublishPage: the page in /var/tmp/TextToHtml_x.tmp is torn (7 of 8 bytes).",
+            "CopyFile: what was written for /b differs from /a after byte x.",
+            "GetDirFileList: Error opening directory folder '/a', errno: x",
+        ):  # fmt: skip
+            self.assertEqual({}, self.explained(line), line)
+        for delimiter in ("=", "\u20ac", "\\xff", "\U0001f600"):
+            self.assertIn("What", self.explained(processing.format("7", delimiter)))
+
+
 class StreamTest(ExplainTest):
     """Standard input, output and options."""
 
