@@ -508,6 +508,8 @@ class RemedyTest(TransferTest):
         ("move", {"FAIL": f"read:{errno.EIO} {THROUGH_US}"}, "a", "{to}", "'a' cannot be read: Input/output error", MEDIUM),
         ("move", {"FAIL": f"pread:{errno.EIO}:1"}, "a", "{to}", "'a' cannot be read: Input/output error", MEDIUM),
         ("move", {"FAIL": f"fchmod:{errno.EIO}"}, "a", "{to}", "the mode of '{to}' cannot be set: Input/output error", MEDIUM),
+        ("copy", {"FAIL": f"fchmod:{errno.EPERM} fsync:{errno.EIO}:2"}, "a", "{to}",  # a note comes before the failure
+         "'{to}' cannot be flushed to the disk: Input/output error", MEDIUM),
         ("copy", {"FLIP": "2"}, "a", "{to}",
          "the copy for '{to}' was read back, and differs from 'a' after byte 0: the medium is faulty, or 'a' was written "
          "meanwhile", "run this again. If it fails again, check the medium, and replace it"),
