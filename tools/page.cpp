@@ -41,16 +41,6 @@ bool IsSamePath(const std::string& one, const std::string& other)
            (LastPart(one) == LastPart(other) && IsSameFile(StatusOf(DirectoryOf(one)), StatusOf(DirectoryOf(other))));
 }
 
-// The companion replaces links. So it would replace /dev/stdout.
-void RefuseLink(const std::string& page)
-{
-    const std::optional<struct stat> status = LinkStatusOf(page);
-    if (status && S_ISLNK(status->st_mode)) {
-        throw Failure(Quoted(page) + " is a symbolic link, not a regular file",
-                      "name the file that it leads to, or remove the link");
-    }
-}
-
 // ---- The text
 
 int OpenTable(const std::string& path)
@@ -131,7 +121,7 @@ void RequireTwoFiles(const PageOptions& options)
 void Publish(const PageText& text, const PageOptions& options)
 {
     RequireTwoFiles(options);
-    RefuseLink(options.page);
+    RequireReplaceable(options.page);
     bool isPublished;
     {
         const BlockedSignals blocked;  // nothing is left in /var/tmp

@@ -10,6 +10,7 @@
 #include <algorithm>
 #include <cerrno>
 #include <cstring>
+#include <filesystem>
 #include <iostream>
 #include <iterator>
 #include <string_view>
@@ -149,6 +150,18 @@ struct stat RequireRegularFile(const std::string& path)
                       "name a regular file");
     }
     return *status;
+}
+
+void RequireReplaceable(const std::string& path)
+{
+    static const std::string kOpenFiles = "/proc/";
+    std::error_code isNoLink;
+    if (std::filesystem::read_symlink(path, isNoLink).string().compare(0, kOpenFiles.size(), kOpenFiles) == 0) {
+        throw Failure(Quoted(path) + " is a link to an open file", "name the file that is to be made or replaced");
+    }
+    if (StatusOf(path)) {
+        (void)RequireRegularFile(path);
+    }
 }
 
 Descriptor::~Descriptor()

@@ -64,6 +64,11 @@ bool IsSameFile(const struct stat& one, const struct stat& other);
 // Throws Failure with the reason unless `path` is a regular file.
 struct stat RequireRegularFile(const std::string& path);
 
+// Throws Failure with the reason unless a new file may replace what is at `path`: nothing, a regular file, or a link to
+// either. A link to an open file, such as /dev/stdout, is refused: it is the system's, and whoever names it wants to
+// write to the open file.
+void RequireReplaceable(const std::string& path);
+
 // Closes the descriptor in its destructor.
 class Descriptor {
 public:

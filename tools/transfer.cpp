@@ -103,15 +103,11 @@ void RefuseSameFile(const Transfer& transfer, const struct stat& source, bool is
     }
 }
 
-// Also refuses a link to something else, such as /dev/stdout: whoever names it does not want to lose it.
-void RequireReplaceable(const TransferOptions& options, const std::string& destination)
+void RefuseExisting(const std::string& destination)
 {
-    if (options.noReplace && LinkStatusOf(destination)) {
+    if (LinkStatusOf(destination)) {
         throw Failure(Quoted(destination) + " exists",
                       "omit --no-replace to replace it, or choose another destination");
-    }
-    if (StatusOf(destination)) {
-        (void)RequireRegularFile(destination);
     }
 }
 
@@ -158,7 +154,10 @@ void MovePlainly(const Transfer& transfer)
 void RunOne(const Kind& kind, const TransferOptions& options, const Transfer& transfer)
 {
     const struct stat source = RequireRegularFile(transfer.source);
-    RequireReplaceable(options, transfer.destination);
+    if (options.noReplace) {
+        RefuseExisting(transfer.destination);
+    }
+    RequireReplaceable(transfer.destination);
     RefuseSameFile(transfer, source, &kind == &kMove);
     (void)TakeReports();
     if (options.plain) {

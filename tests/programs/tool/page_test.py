@@ -128,28 +128,45 @@ class PageTest(PageToolTest):
         os.mkfifo(self.path("fifo"))
         with contextlib.closing(socket.socket(socket.AF_UNIX)) as server:
             server.bind(self.path("socket"))
-        kinds = {"d": "0x4000", "fifo": "0x1000", "socket": "0xc000"}
+        kinds = {"d": "a directory", "fifo": "a FIFO", "socket": "a socket"}
         if os.geteuid() == 0:
             os.mknod(self.path("node"), 0o666 | stat.S_IFCHR, os.makedev(1, 3))
-            kinds["node"] = "0x2000"
+            kinds["node"] = "a device"
         before = {kind: os.lstat(self.path(kind)).st_ino for kind in kinds}
 
         for name, kind in kinds.items():
             with self.subTest(name=name):
-                self.assert_not_published(
-                    name, "table", line=rf"PublishPage: {name} is not a regular file \({kind}\)\.")
+                self.assert_fails(
+                    problem(f"'{name}' is {kind}, not a regular file", "name a regular file"), "page", "table", name)
 
         self.assertEqual(before, {kind: os.lstat(self.path(kind)).st_ino for kind in kinds})
 
-    def test_a_link_is_not_replaced(self):
+    def test_a_link_to_a_file_or_to_nothing_is_replaced(self):
         self.write("table", b"a:b;\n")
-        for name, target in (("link", "other"), ("dangling", "gone"), ("stdout", "/proc/self/fd/1")):
+        self.write("other", b"other")
+        for target in ("other", "gone"):
+            with self.subTest(target=target):
+                os.symlink(target, self.path("link"))
+
+                self.assert_published("table", "link", page="link", tables=1, body=ONE_TABLE)
+
+                self.assertFalse(os.path.islink(self.path("link")))
+                os.unlink(self.path("link"))
+        self.assertEqual((b"other", ["other", "table"]), (self.read("other"), self.names()))
+
+    def test_a_link_to_anything_else_is_refused(self):
+        self.write("table", b"a:b;\n")
+        self.write("out")
+        for name, target, message, remedy in (
+            ("device", "/dev/null", "'device' is a device, not a regular file", "name a regular file"),
+            ("here", ".", "'here' is a directory, not a regular file", "name a regular file"),
+            ("stdout", "/proc/self/fd/1", "'stdout' is a link to an open file",
+             "name the file that is to be made or replaced"),
+        ):  # fmt: skip
             os.symlink(target, self.path(name))
-            with self.subTest(name=name):
-                self.assert_fails(
-                    problem(f"'{name}' is a symbolic link, not a regular file",
-                            "name the file that it leads to, or remove the link"),
-                    *("page", "table", name))  # fmt: skip
+            with self.subTest(name=name), open(self.path("out"), "wb") as out:
+                self.assertEqual(
+                    (1, None, problem(message, remedy)), self.run_tool("page", "table", name, stdout=out))
                 self.assertEqual(target, os.readlink(self.path(name)))
 
     def test_a_page_that_cannot_be_put_in_place_is_a_failure(self):

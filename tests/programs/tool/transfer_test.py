@@ -415,13 +415,18 @@ class RefusalTest(TransferTest):
         self.assertEqual((["a", "d", "device", "fifo", "socket"], b"data"), (self.names(), self.read("a")))
         self.assertTrue(os.path.islink(self.path("device")))
 
-    def test_standard_output_is_no_destination(self):
+    def test_a_link_to_an_open_file_is_refused(self):
         self.write("a", b"data")
-        os.symlink("/proc/self/fd/1", self.path("stdout"))  # as /dev/stdout, which a broken tool would replace
+        self.write("out")
+        os.symlink("/proc/self/fd/1", self.path("stdout"))
         for form in self.FORMS:
-            self.assert_fails(problem("'stdout' is a FIFO, not a regular file", "name a regular file"),
-                              *form, "a", "stdout")  # fmt: skip
-        self.assertEqual(("/proc/self/fd/1", b"data"), (os.readlink(self.path("stdout")), self.read("a")))
+            with self.subTest(form=form), open(self.path("out"), "wb") as out:
+                self.assertEqual(
+                    (1, None, problem("'stdout' is a link to an open file",
+                                      "name the file that is to be made or replaced")),
+                    self.run_tool(*form, "a", "stdout", stdout=out))  # fmt: skip
+        self.assertEqual((b"data", b""), (self.read("a"), self.read("out")))
+        self.assertEqual("/proc/self/fd/1", os.readlink(self.path("stdout")))
 
     def test_a_source_that_is_not_a_regular_file_is_reported(self):
         os.mkdir(self.path("d"))
