@@ -50,10 +50,10 @@ bool FileExists(const char* path) __attribute__((nonnull));
 /// named `destination` + "_" and six characters, gives that file the nine permission bits of `source`, renames it to
 /// `destination` and removes `source`. A reader of `destination` sees either the old content or all of the new content.
 ///
-/// A copy does not preserve set-id and sticky bits, owner, group, times, extended attributes and holes. Where the program
-/// may not set modes, as on a USB stick that root has mounted for all users, the move fails. A read or write that a
-/// signal interrupts is a failure and is not repeated. If the process is killed or the power fails during a copy, the
-/// file "destination_??????" may be left; `source` stays complete until `destination` is in place.
+/// A copy does not preserve set-id and sticky bits, owner, group, times, extended attributes and holes. Where the
+/// program may not set modes, as on a USB stick that root has mounted for all users, the move fails. A read or write
+/// that a signal interrupts is a failure and is not repeated. If the process is killed or the power fails during a
+/// copy, the file "destination_??????" may be left; `source` stays complete until `destination` is in place.
 ///
 /// Links: on one file system a symbolic link at `source` is itself moved; across file systems the data of the file that
 /// it leads to is copied, and the link is removed, never that file. A symbolic link at `destination` is replaced, not
