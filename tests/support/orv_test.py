@@ -77,7 +77,7 @@ def run_unittests():
 def preloaded(program, library, **settings):
     """The command and the environment that load a library into the program, not into its emulator."""
     if re.search("[ :]", library):  # the loader splits its list there
-        folder = tempfile.mkdtemp(prefix="orv_test.")
+        folder = tempfile.mkdtemp(prefix="orv_test.", dir="/var/tmp")  # not in TMPDIR, where a test may look
         atexit.register(shutil.rmtree, folder)
         os.chmod(folder, 0o755)
         os.symlink(library, os.path.join(folder, "preloaded.so"))

@@ -108,7 +108,6 @@ test("tables, rows and cells are shown as written, in UTF-8, with a spacer betwe
     [["Ort", "Straße"], ["Zürich", "Übergasse 5 € – 日本語 – 😀"]],
   ];
   publish("written.html", tableText(tables));
-  tables[0].at(-1).pop(); // an empty cell at the end is not shown
   for (const address of addresses("written.html")) {
     await visit(address, async (page) => {
       const found = await page.evaluate(shown);
