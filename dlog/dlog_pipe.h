@@ -6,8 +6,8 @@
 
 namespace dlog_pipe {
 
-// While it exists, a write of this thread to a pipe that nobody reads fails, and does not end the process: a log that
-// nobody reads is no reason to stop half-way. The program's own handler of SIGPIPE and its mask stay as they are.
+// While it exists, a write of this thread to a pipe that nobody reads fails, and does not end the process, which could
+// be half-way through its work. The program's own handler of SIGPIPE and its mask stay as they are.
 class ScopedNoSignal {
 public:
     ScopedNoSignal();

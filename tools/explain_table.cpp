@@ -157,8 +157,8 @@ const std::vector<Form>& LibraryForms()
          "DIRECTORY", "5"},
 
         {"GenHtmlPagefromTextFile: RenameFileAcrossFs(/var/tmp/TextToHtml_PID.tmp, PAGE) failed.",
-         "the finished page could not be moved to PAGE; the line of RenameFileAcrossFs before this one says why. If "
-         "there is none, the temporary page could not be read",
+         "the finished page could not be moved to PAGE; the line of RenameFileAcrossFs before this one says why. "
+         "Without such a line, the temporary page could not be read",
          "PAGE is unchanged, and the temporary page /var/tmp/TextToHtml_PID.tmp may be left",
          "see the line before this one. The next call of the same process uses the temporary page again; remove it "
          "after "

@@ -1,6 +1,6 @@
-// orvfile offers the library's functions to shells and scripts. This file parses the command line; the commands are in
-// transfer.cpp (exists, move, copy), set.cpp (set, unset), explain_lines.cpp (explain) and, for each other command, a
-// file of its name.
+// orvfile offers the library and its safe companion to shells and scripts. This file parses the command line; the
+// commands are in transfer.cpp (exists, move, copy), set.cpp (set, unset), explain_lines.cpp (explain) and, for each
+// other command, a file of its name.
 
 #include "commands.h"
 #include "completion.h"

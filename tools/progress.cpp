@@ -22,7 +22,7 @@ const char kErase[] = "\r\033[K";  // leaves an empty line
 
 bool isShown = false;
 
-// In one write. A terminal that is gone is no failure of the work.
+// In one write. The work goes on if the terminal is gone.
 void WriteAll(const char* text)
 {
     const ssize_t written = write(STDERR_FILENO, text, std::strlen(text));

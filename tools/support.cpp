@@ -19,7 +19,7 @@ namespace {
 
 bool quiet = false;
 
-// Whether a line is about something that a new file could not keep, which is no failure.
+// Whether a line says only that a new file could not keep something. The call succeeded then.
 bool IsNote(const std::string& text)
 {
     constexpr std::string_view kEnds[] = {" not kept.", ": the new file has another owner or group."};

@@ -15,7 +15,7 @@ bool BeginsWith(const std::string& bytes, const std::string& mark)
     return bytes.compare(0, mark.size(), mark) == 0;
 }
 
-// The encoding whose byte-order mark this is; empty if it is none of these.
+// The encoding whose byte-order mark this is; empty for all other marks.
 std::string EncodingByMark(const std::string& bytes)
 {
     using namespace std::string_literals;

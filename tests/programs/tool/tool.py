@@ -48,7 +48,7 @@ class ToolTest(unittest.TestCase):
 
     @functools.cached_property
     def other(self):
-        """A directory on another file system; skips the test where there is none."""
+        """A directory on another file system; skips the test where no other one is writable."""
         base = orv_test.other_file_system()
         if not base:
             self.skipTest("no file system besides that of /var/tmp is writable")

@@ -177,7 +177,7 @@ def default_sigpipe():
 
 
 def hide_dev(directory):
-    """For a child: puts `directory` in place of /dev, for it alone."""
+    """For a child: lets only the child see `directory` in place of /dev."""
 
     def mount():
         libc = ctypes.CDLL(None, use_errno=True)
