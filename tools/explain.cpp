@@ -169,8 +169,10 @@ std::string ReasonOf(const Form& form, const Explanation& explanation)
 
 Explanation Explained(const Form& form, const Values& values)
 {
-    Explanation explanation = {
-        FilledIn(form.meaning, values), FilledIn(form.disk, values), FilledIn(form.todo, values), "", "", "", ""};
+    Explanation explanation;
+    explanation.meaning = FilledIn(form.meaning, values);
+    explanation.disk = FilledIn(form.disk, values);
+    explanation.todo = FilledIn(form.todo, values);
     AddError(form, values, explanation);
     if (explanation.meaning.empty()) {  // the general form
         const explain::Call* const call = Find(explain::SafeCalls(), ValueOf(values, "CALL"));
@@ -277,8 +279,10 @@ std::size_t FindText(const std::string& line)
 
 std::optional<Explanation> Explain(const std::string& text)
 {
-    for (const auto* const forms : {&explain::LibraryForms(), &explain::SafeForms(), &explain::LogForms()}) {
+    for (const auto* const forms :
+         {&explain::LibraryForms(), &explain::NoteForms(), &explain::SafeForms(), &explain::LogForms()}) {
         if (std::optional<Explanation> explanation = ExplainBy(*forms, text)) {
+            explanation->isNote = forms == &explain::NoteForms();
             return explanation;
         }
     }

@@ -14,6 +14,7 @@ struct Explanation {
     std::string errorText;     // such as "No such file or directory"; empty if that is not known
     std::string errorMeaning;  // what the number means for files; empty if `meaning` says it, or it is not known
     std::string reason;        // for a message that says what was tried: "No such file or directory"
+    bool isNote = false;       // the line says only that a new file could not keep something: the call goes on
 };
 
 // Explains the text of a line, not escaped, which begins with the name of a function.

@@ -96,6 +96,17 @@ std::string GeneralSection()
     return document + "\nERROR says what to do: see the [error number](#error-numbers).\n";
 }
 
+std::string NoteSections()
+{
+    std::string document =
+        "\n## Lines of `orv_safe` about what a new file could not keep\n\n"
+        "The call goes on after such a line, and can succeed.\n";
+    for (const Form& form : explain::NoteForms()) {
+        document += Section(form);
+    }
+    return document;
+}
+
 std::string LogSections()
 {
     std::string document = "\n## Lines of the substitutes for the log\n";
@@ -122,5 +133,5 @@ std::string ErrorNumbers()
 
 std::string DiagnosticsDocument()
 {
-    return LibrarySections() + SafeSections() + GeneralSection() + LogSections() + ErrorNumbers();
+    return LibrarySections() + SafeSections() + GeneralSection() + NoteSections() + LogSections() + ErrorNumbers();
 }

@@ -187,28 +187,9 @@ const std::vector<std::string>& LibraryFunctions()
 
 // ---- The safe companion
 
-// Of a failed call of orv_safe only the last form is general: what it means is in SafeCalls, what is on the disk in
-// SafeFunctions.
-const std::vector<Form>& SafeForms()
+const std::vector<Form>& NoteForms()
 {
     static const std::vector<Form> forms = {
-        {"FUNCTION: fsync(DIRECTORY) failed (ERROR): the file is in place, but a power cut can undo that.",
-         "the file is in place, but its directory DIRECTORY could not be flushed to the disk",
-         "the new file is in place; a power cut can still undo that. After MoveFile to another file system, the source "
-         "may also be there",
-         "run `sync`, and check the kernel's log (dmesg) for errors of the medium", "DIRECTORY", "5"},
-        {"MoveFile: unlinkat(SOURCE) failed (116, TEXT): the content is in place, and the source is kept.",
-         "SOURCE was changed or replaced while it was moved, so it was not removed",
-         "the content that SOURCE had is at the destination; SOURCE is still there",
-         "look at both files, then remove the one that is not needed"},
-        {"MoveFile: CALL(PATH) failed (ERROR): the content is in place, and the source is kept.",
-         "the content was copied to the destination, but the source could not be removed (PATH)",
-         "the content is at the destination; the source is still there",
-         "remove the source by hand, and let the program write to its directory", "PATH", "1, 13, 30"},
-        {"MoveFile: fstatat(DESTINATION) failed (116, TEXT): another file is there, and the source is kept.",
-         "another program replaced DESTINATION just after the content was put there, so the source was not removed",
-         "DESTINATION is the file of the other program; the source is still there",
-         "look at both files, then move the source again"},
         {"FUNCTION: fchmod(DESTINATION) failed (ERROR): the mode is not kept.",
          "the file system of DESTINATION cannot record the mode, or the program may not set it",
          "DESTINATION has the content of the source, but another mode, unless a later line reports a failure",
@@ -236,7 +217,32 @@ const std::vector<Form>& SafeForms()
          "the program may not give the new file the owner and the group of the old one",
          "PATH has the new content, and belongs to the user of the program",
          "do nothing, unless the owner matters; then run the program as the owner of the file, or as root", "PATH",
-         "1"},
+         "1"}};
+    return forms;
+}
+
+// Of a failed call of orv_safe only the last form is general: what it means is in SafeCalls, what is on the disk in
+// SafeFunctions.
+const std::vector<Form>& SafeForms()
+{
+    static const std::vector<Form> forms = {
+        {"FUNCTION: fsync(DIRECTORY) failed (ERROR): the file is in place, but a power cut can undo that.",
+         "the file is in place, but its directory DIRECTORY could not be flushed to the disk",
+         "the new file is in place; a power cut can still undo that. After MoveFile to another file system, the source "
+         "may also be there",
+         "run `sync`, and check the kernel's log (dmesg) for errors of the medium", "DIRECTORY", "5"},
+        {"MoveFile: unlinkat(SOURCE) failed (116, TEXT): the content is in place, and the source is kept.",
+         "SOURCE was changed or replaced while it was moved, so it was not removed",
+         "the content that SOURCE had is at the destination; SOURCE is still there",
+         "look at both files, then remove the one that is not needed"},
+        {"MoveFile: CALL(PATH) failed (ERROR): the content is in place, and the source is kept.",
+         "the content was copied to the destination, but the source could not be removed (PATH)",
+         "the content is at the destination; the source is still there",
+         "remove the source by hand, and let the program write to its directory", "PATH", "1, 13, 30"},
+        {"MoveFile: fstatat(DESTINATION) failed (116, TEXT): another file is there, and the source is kept.",
+         "another program replaced DESTINATION just after the content was put there, so the source was not removed",
+         "DESTINATION is the file of the other program; the source is still there",
+         "look at both files, then move the source again"},
         {"FUNCTION: PATH is not a regular file (0xTYPE).", "PATH is TYPE, not a regular file", "nothing was changed",
          "name a regular file"},
         {"FUNCTION: what was written for DESTINATION differs from SOURCE after byte OFFSET.",

@@ -17,10 +17,10 @@ const char kCheckTheMedium[] = "check the kernel's log (dmesg) for errors of the
 struct Form {
     const char* pattern;
     const char* meaning;
-    const char* disk;                                   // what is on the disk now
-    const char* todo;                                   // empty: what the error number asks for
-    const char* subject = "";                           // the placeholder of the path to which the error number applies
-    const char* numbers = "";                           // error numbers that are frequent here, for the document
+    const char* disk;          // what is on the disk now
+    const char* todo;          // empty: what the error number asks for
+    const char* subject = "";  // the placeholder of the path to which the error number applies
+    const char* numbers = "";  // the frequent error numbers, such as "2, 13"; only the document names them
     bool (*condition)(const Values& values) = nullptr;  // what the paths must be like; nullptr: anything
     bool errorIsStale = false;                          // the number is that of an earlier call
 };
@@ -47,8 +47,9 @@ struct Call {
 };
 
 const std::vector<Form>& LibraryForms();
-const std::vector<Form>& SafeForms();
-const std::vector<Form>& LogForms();  // of the substitutes for the log
+const std::vector<Form>& NoteForms();  // of orv_safe: a new file could not keep something, and the call goes on
+const std::vector<Form>& SafeForms();  // all others of orv_safe
+const std::vector<Form>& LogForms();   // of the substitutes for the log
 const std::vector<Error>& Errors();
 const std::vector<Function>& SafeFunctions();
 const std::vector<Call>& SafeCalls();

@@ -7,26 +7,14 @@
 
 #include <unistd.h>
 
-#include <algorithm>
 #include <cerrno>
 #include <cstring>
 #include <filesystem>
 #include <iostream>
-#include <iterator>
-#include <string_view>
 
 namespace {
 
 bool quiet = false;
-
-// Whether a line says only that a new file could not keep something. The call succeeded then.
-bool IsNote(const std::string& text)
-{
-    constexpr std::string_view kEnds[] = {" not kept.", ": the new file has another owner or group."};
-    return std::any_of(std::begin(kEnds), std::end(kEnds), [&text](std::string_view end) {
-        return text.size() >= end.size() && text.compare(text.size() - end.size(), end.size(), end) == 0;
-    });
-}
 
 std::string TypeName(mode_t mode)
 {
@@ -47,8 +35,8 @@ std::string TypeName(mode_t mode)
 std::optional<Explanation> ExplainFailure(const std::vector<Report>& reports)
 {
     for (const Report& report : reports) {
-        std::optional<Explanation> explanation = IsNote(report.text) ? std::nullopt : Explain(report.text);
-        if (explanation) {
+        std::optional<Explanation> explanation = Explain(report.text);
+        if (explanation && !explanation->isNote) {
             return explanation;
         }
     }
