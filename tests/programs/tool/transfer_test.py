@@ -709,7 +709,9 @@ class SignalTest(TransferTest):
 
         self.assertEqual((0, b"", "", self.data), (status, out, err, self.read(self.to)))
         self.arrange(self.data)
-        self.assertEqual(-15, self.run_with_signal(15, "sendfile:3", "move", "a", self.to, **ignored)[0])
+        status, _, err = self.run_with_signal(15, "sendfile:3", "move", "a", self.to, **ignored)
+        self.assertEqual(-15, status)
+        self.assertIn("progress(a)", err)  # the others are caught
         self.assert_nothing_changed(self.data)
 
     def test_a_plain_move_is_finished_first(self):
