@@ -10,6 +10,7 @@ import re
 import signal
 import socket
 import subprocess
+import time
 
 import orv_test
 from oracle import LINES, logged
@@ -758,13 +759,17 @@ class SignalTest(TransferTest):
 
 
 class ProgressTest(TransferTest):
-    def show(self, *arguments, size=17 << 20, status=0, **options):
-        """What a terminal gets."""
+    def show(self, *arguments, size=17 << 20, status=0, rests=False, **options):
+        """What a terminal gets. A program that `rests` stops itself once, and goes on after a while."""
         with open(self.path("a"), "wb") as file:
             file.truncate(size)
         ours, theirs = pty.openpty()
         process = self.start(*arguments, "a", self.to, stderr=theirs, **options)
         os.close(theirs)
+        if rests:
+            self.assertEqual(os.CLD_STOPPED, os.waitid(os.P_PID, process.pid, os.WSTOPPED).si_code)
+            time.sleep(0.25)
+            process.send_signal(signal.SIGCONT)
         shown = b""
         try:
             while block := os.read(ours, 4096):
@@ -794,6 +799,12 @@ class ProgressTest(TransferTest):
 
     def test_progress_is_not_shown_at_each_step(self):
         self.assertLess(self.show("copy").count("copying"), 1000)  # of more than 4000 blocks that are compared
+
+    def test_progress_is_shown_again_after_a_fifth_of_a_second(self):
+        shim = {"FAIL": NO_RANGES, "RAISE": f"sendfile:10:{int(signal.SIGSTOP)}"}
+        shown = self.show("copy", "--no-verify", rests=True, shim=shim)
+
+        self.assertIn("\r\x1b[Kcopying: 58 %", shown)  # 10 of 17 MiB
 
     def test_progress_begins_at_16_mebibytes_and_counts_percent(self):
         mebibyte = 1 << 20  # the first step
