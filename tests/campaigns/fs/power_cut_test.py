@@ -121,6 +121,11 @@ def both_committed(devices):
     devices.commit("source")
 
 
+def directory_synced(devices):
+    fsync(os.path.dirname(devices.destination))
+    devices.commit("source")
+
+
 def synced(devices):
     fsync(devices.destination)
     fsync(os.path.dirname(devices.destination))
@@ -135,6 +140,7 @@ MOMENTS = [
     ("nothing synced, at once", at_once),
     ("nothing synced, the source's log written", source_committed),
     ("nothing synced, both logs written", both_committed),
+    ("directory alone synced, the source's log written", directory_synced),
     ("file and directory synced, the source's log written", synced),
 ]
 if fslab.FULL:
