@@ -1,5 +1,6 @@
 #include "campaigns/faults/tracer.h"
 #include "campaigns/faults/begin_mark.h"
+#include "campaigns/faults/machine.h"
 #include "support/oracle.h"
 
 #include <fcntl.h>
@@ -8,7 +9,6 @@
 #include <sys/ptrace.h>
 #include <sys/syscall.h>
 #include <sys/uio.h>
-#include <sys/user.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -23,13 +23,23 @@
 #include <sstream>
 #include <utility>
 
-#ifndef __x86_64__
-#error "the registers are those of x86-64"
-#endif
-
 namespace {
 
 using SyscallInfo = __ptrace_syscall_info;
+
+using Word = std::uintptr_t;  // the size of a register, which SyscallInfo shows as 64 bits on all machines
+
+// A call that the child is about to make.
+struct Entry {
+    explicit Entry(const SyscallInfo& info) : number(info.entry.nr)
+    {
+        std::transform(std::begin(info.entry.args), std::end(info.entry.args), arguments,
+                       [](std::uint64_t argument) { return static_cast<Word>(argument); });
+    }
+
+    std::uint64_t number;
+    Word arguments[std::size(SyscallInfo{}.entry.args)];
+};
 
 constexpr int kEndMark = -1001;
 
@@ -40,21 +50,9 @@ constexpr std::size_t kMostPathBytes = 4096 + 1;  // the longest that the kernel
 
 // ---- The arguments of the calls
 
-struct CallForm {
-    long number;
-    const char* name;
-    int firstPath;  // index of the argument; -1: there is none
-    int secondPath;
-    int descriptor;  // -1: none
-    int mode;        // -1: none
-};
-
+// The calls that all machines have. machine::OwnCalls() has the others.
 constexpr CallForm kForms[] = {
-    {SYS_newfstatat, "stat", 1, -1, -1, -1},
-    {SYS_stat, "stat", 0, -1, -1, -1},
-    {SYS_lstat, "lstat", 0, -1, -1, -1},
-    {SYS_fstat, "fstat", -1, -1, 0, -1},
-    {SYS_openat, "open", 1, -1, -1, -1},
+    {SYS_openat, "open", 1, -1, -1, -1, 2},
     {SYS_read, "read", -1, -1, 0, -1},
     {SYS_write, "write", -1, -1, 0, -1},
     {SYS_writev, "writev", -1, -1, 0, -1},
@@ -68,7 +66,6 @@ constexpr CallForm kForms[] = {
     {SYS_getpid, "getpid", -1, -1, -1, -1},
     {SYS_geteuid, "geteuid", -1, -1, -1, -1},
     {SYS_access, "access", 0, -1, -1, -1},
-    {SYS_fcntl, "fcntl", -1, -1, 0, -1},
     {SYS_linkat, "linkat", 1, 3, -1, -1},
     {SYS_renameat, "renameat", 1, 3, -1, -1},
     {SYS_renameat2, "renameat2", 1, 3, -1, -1},
@@ -76,21 +73,15 @@ constexpr CallForm kForms[] = {
     {SYS_mkdirat, "mkdirat", 1, -1, -1, 2},
     {SYS_readlinkat, "readlinkat", 1, -1, -1, -1},
     {SYS_copy_file_range, "copy_file_range", -1, -1, 0, -1},
-    {SYS_sendfile, "sendfile", -1, -1, 1, -1},
     {SYS_pread64, "pread", -1, -1, 0, -1},
-    {SYS_lseek, "lseek", -1, -1, 0, -1},
-    {SYS_ftruncate, "ftruncate", -1, -1, 0, -1},
     {SYS_fsync, "fsync", -1, -1, 0, -1},
     {SYS_fdatasync, "fdatasync", -1, -1, 0, -1},
-    {SYS_fadvise64, "posix_fadvise", -1, -1, 0, -1},
     {SYS_fchmod, "fchmod", -1, -1, 0, 1},
     {SYS_fchown, "fchown", -1, -1, 0, -1},
-    {SYS_utimensat, "utimensat", -1, -1, 0, -1},
     {SYS_flistxattr, "flistxattr", -1, -1, 0, -1},
     {SYS_fgetxattr, "fgetxattr", -1, -1, 0, -1},
     {SYS_fsetxattr, "fsetxattr", -1, -1, 0, -1},
     {SYS_brk, "brk", -1, -1, -1, -1},
-    {SYS_mmap, "mmap", -1, -1, -1, -1},
     {SYS_munmap, "munmap", -1, -1, -1, -1},
     {SYS_ioctl, "ioctl", -1, -1, 0, -1},
     {SYS_rt_sigaction, "sigaction", -1, -1, -1, -1},
@@ -98,12 +89,21 @@ constexpr CallForm kForms[] = {
     {SYS_futex, "futex", -1, -1, -1, -1},
 };
 
-const CallForm* FormOf(std::uint64_t number)
+using Forms = std::map<std::uint64_t, CallForm>;
+
+const Forms& AllForms()
 {
-    const auto* const form = std::find_if(std::begin(kForms), std::end(kForms), [number](const CallForm& candidate) {
-        return static_cast<std::uint64_t>(candidate.number) == number;
-    });
-    return form == std::end(kForms) ? nullptr : form;
+    static const Forms forms = [] {
+        Forms all;
+        for (const CallForm& form : kForms) {
+            all.emplace(form.number, form);
+        }
+        for (const CallForm& form : machine::OwnCalls()) {
+            all.emplace(form.number, form);
+        }
+        return all;
+    }();
+    return forms;
 }
 
 // ---- The child's report: strings, each after its length
@@ -267,22 +267,18 @@ public:
 private:
     bool WaitForStop();
     void OnStop();
-    void OnEntry(const SyscallInfo& info);
-    void OnExit(const SyscallInfo& info);
-    TracedCall Describe(const SyscallInfo& info);
-    void Inject(TracedCall& call, const Fault& fault, const SyscallInfo& info);
-    void Shorten(const TracedCall& call, std::size_t bytes, const SyscallInfo& info);
+    void OnEntry(const Entry& entry);
+    void OnExit(long result);
+    TracedCall Describe(const Entry& entry);
+    void Inject(TracedCall& call, const Fault& fault, const Entry& entry);
+    void Shorten(const TracedCall& call, std::size_t bytes, const Entry& entry);
     void FollowDescriptors(const TracedCall& call);
     void Kill();
 
-    std::string TextAt(std::uint64_t address) const;
+    std::string TextAt(Word address) const;
     template <typename Item>
-    std::vector<Item> ItemsAt(std::uint64_t address, std::size_t count) const;
-    void PutBytes(std::uint64_t address, const std::vector<char>& bytes) const;
-    void SetRegister(std::size_t offset, std::uint64_t value) const
-    {
-        (void)ptrace(PTRACE_POKEUSER, child_, offset, value);
-    }
+    std::vector<Item> ItemsAt(Word address, std::size_t count) const;
+    void PutBytes(Word address, const std::vector<char>& bytes) const;
 
     pid_t child_;
     const std::vector<Fault>& faults_;
@@ -295,15 +291,15 @@ private:
 
     // For the current call:
     const Fault* killAfter_ = nullptr;
-    long forcedResult_ = 0;             // 0: none
-    std::uint64_t countToRestore_ = 0;  // the register of the caller, for a shortened read or write
+    int forcedError_ = 0;             // 0: none
+    std::size_t countToRestore_ = 0;  // the argument of the caller, for a shortened read or write
     bool restoreCount_ = false;
-    std::uint64_t vectorAddress_ = 0;  // the memory of the caller, for a shortened writev
+    Word vectorAddress_ = 0;  // the memory of the caller, for a shortened writev
     std::vector<char> vectorToRestore_;
 };
 
 template <typename Item>
-std::vector<Item> Tracer::ItemsAt(std::uint64_t address, std::size_t count) const
+std::vector<Item> Tracer::ItemsAt(Word address, std::size_t count) const
 {
     std::vector<Item> items(count);
     iovec local{items.data(), count * sizeof(Item)};
@@ -313,13 +309,13 @@ std::vector<Item> Tracer::ItemsAt(std::uint64_t address, std::size_t count) cons
     return items;
 }
 
-std::string Tracer::TextAt(std::uint64_t address) const
+std::string Tracer::TextAt(Word address) const
 {
     // Reads page by page, because the memory after the text may not exist.
-    constexpr std::uint64_t kPageBytes = 4096;
+    constexpr Word kPageBytes = 4096;
     std::string text;
     while (text.size() < kMostPathBytes) {
-        const std::uint64_t at = address + text.size();
+        const Word at = address + text.size();
         const std::vector<char> bytes = ItemsAt<char>(at, kPageBytes - at % kPageBytes);
         const auto end = std::find(bytes.begin(), bytes.end(), '\0');
         text.append(bytes.begin(), end);
@@ -330,7 +326,7 @@ std::string Tracer::TextAt(std::uint64_t address) const
     return text;
 }
 
-void Tracer::PutBytes(std::uint64_t address, const std::vector<char>& bytes) const
+void Tracer::PutBytes(Word address, const std::vector<char>& bytes) const
 {
     std::vector<char> copy = bytes;
     iovec local{copy.data(), copy.size()};
@@ -338,42 +334,44 @@ void Tracer::PutBytes(std::uint64_t address, const std::vector<char>& bytes) con
     (void)process_vm_writev(child_, &local, 1, &remote, 1, 0);
 }
 
-TracedCall Tracer::Describe(const SyscallInfo& info)
+TracedCall Tracer::Describe(const Entry& entry)
 {
-    const auto& args = info.entry.args;
+    const auto& args = entry.arguments;
     TracedCall call;
-    const CallForm* const form = FormOf(info.entry.nr);
-    if (form == nullptr) {
-        call.name = "system call " + std::to_string(info.entry.nr);
+    const auto found = AllForms().find(entry.number);
+    if (found == AllForms().end()) {
+        call.name = "system call " + std::to_string(entry.number);
         return call;
     }
-    call.name = form->name;
-    int descriptor = form->descriptor == -1 ? -1 : static_cast<int>(args[form->descriptor]);
-    if (form->number == SYS_newfstatat && (args[3] & AT_EMPTY_PATH) != 0) {
+    const CallForm& form = found->second;
+    call.name = form.name;
+    int descriptor = form.descriptor == -1 ? -1 : static_cast<int>(args[form.descriptor]);
+    const Word flags = form.flags == -1 ? 0 : args[form.flags];
+    if (call.name == "stat" && (flags & AT_EMPTY_PATH) != 0) {
         call.name = "fstat";
         descriptor = static_cast<int>(args[0]);
-    } else if (form->number == SYS_newfstatat && (args[3] & AT_SYMLINK_NOFOLLOW) != 0) {
+    } else if (call.name == "stat" && (flags & AT_SYMLINK_NOFOLLOW) != 0) {
         call.name = "lstat";
-    } else if (form->number == SYS_openat && (args[2] & O_TMPFILE) == O_TMPFILE) {
+    } else if (call.name == "open" && (flags & O_TMPFILE) == O_TMPFILE) {
         call.name = "tmpfile";
-    } else if (form->number == SYS_openat && (args[2] & O_CREAT) != 0) {
+    } else if (call.name == "open" && (flags & O_CREAT) != 0) {
         call.name = "create";
     }
     if (descriptor != -1) {
         call.paths.push_back(descriptorPaths_[descriptor]);
     } else {
-        for (const int path : {form->firstPath, form->secondPath}) {
+        for (const int path : {form.firstPath, form.secondPath}) {
             if (path != -1) {
                 call.paths.push_back(TextAt(args[path]));
             }
         }
     }
-    if (form->mode != -1) {
-        call.mode = static_cast<unsigned int>(args[form->mode]);
+    if (form.mode != -1) {
+        call.mode = static_cast<unsigned int>(args[form.mode]);
     }
-    if (form->number == SYS_read || form->number == SYS_write || form->number == SYS_pread64) {
+    if (form.number == SYS_read || form.number == SYS_write || form.number == SYS_pread64) {
         call.asked = args[2];
-    } else if (form->number == SYS_writev) {
+    } else if (form.number == SYS_writev) {
         for (const iovec& part : ItemsAt<iovec>(args[1], args[2])) {
             call.asked += part.iov_len;
         }
@@ -387,13 +385,13 @@ void Tracer::Kill()
     (void)kill(child_, SIGKILL);
 }
 
-void Tracer::Shorten(const TracedCall& call, std::size_t bytes, const SyscallInfo& info)
+void Tracer::Shorten(const TracedCall& call, std::size_t bytes, const Entry& entry)
 {
-    const auto& args = info.entry.args;
+    const auto& args = entry.arguments;
     if (call.name != "writev") {
         countToRestore_ = args[2];
         restoreCount_ = true;
-        SetRegister(offsetof(user, regs.rdx), bytes);
+        machine::SetThirdArgument(child_, bytes);
         return;
     }
     vectorAddress_ = args[1];
@@ -407,21 +405,21 @@ void Tracer::Shorten(const TracedCall& call, std::size_t bytes, const SyscallInf
     PutBytes(vectorAddress_, std::vector<char>(shortened, shortened + vectorToRestore_.size()));
 }
 
-void Tracer::Inject(TracedCall& call, const Fault& fault, const SyscallInfo& info)
+void Tracer::Inject(TracedCall& call, const Fault& fault, const Entry& entry)
 {
     ++call.faults;
     switch (fault.kind) {
         case Fault::Kind::kError:
-            forcedResult_ = -fault.value;
+            forcedError_ = static_cast<int>(fault.value);
             if (call.name != "close") {
-                SetRegister(offsetof(user, regs.orig_rax), static_cast<std::uint64_t>(-1));
+                machine::SkipCall(child_);
             }
             break;
         case Fault::Kind::kShort:
-            Shorten(call, static_cast<std::size_t>(fault.value), info);
+            Shorten(call, static_cast<std::size_t>(fault.value), entry);
             break;
         case Fault::Kind::kKillBefore:
-            SetRegister(offsetof(user, regs.orig_rax), static_cast<std::uint64_t>(-1));
+            machine::SkipCall(child_);
             Kill();
             break;
         case Fault::Kind::kKillAfter:
@@ -430,10 +428,10 @@ void Tracer::Inject(TracedCall& call, const Fault& fault, const SyscallInfo& inf
     }
 }
 
-void Tracer::OnEntry(const SyscallInfo& info)
+void Tracer::OnEntry(const Entry& entry)
 {
-    const bool isClose = info.entry.nr == SYS_close;
-    if (isClose && static_cast<int>(info.entry.args[0]) == kBeginMark) {
+    const bool isClose = entry.number == SYS_close;
+    if (isClose && static_cast<int>(entry.arguments[0]) == kBeginMark) {
         inWindow_ = true;
         leaving_ = true;  // the exit of the mark itself does not count
         return;
@@ -441,16 +439,16 @@ void Tracer::OnEntry(const SyscallInfo& info)
     if (!inWindow_) {
         return;
     }
-    if (isClose && static_cast<int>(info.entry.args[0]) == kEndMark) {
+    if (isClose && static_cast<int>(entry.arguments[0]) == kEndMark) {
         inWindow_ = false;
         return;
     }
-    TracedCall call = Describe(info);
+    TracedCall call = Describe(entry);
     call.occurrence = ++occurrences_[call.name];
     for (const Fault& fault : faults_) {
         const int after = call.occurrence - fault.occurrence;
         if (call.name == fault.call && after >= 0 && after < fault.times) {
-            Inject(call, fault, info);
+            Inject(call, fault, entry);
         }
     }
     run_.calls.push_back(std::move(call));
@@ -463,7 +461,7 @@ void Tracer::FollowDescriptors(const TracedCall& call)
     }
 }
 
-void Tracer::OnExit(const SyscallInfo& info)
+void Tracer::OnExit(long result)
 {
     if (leaving_) {
         leaving_ = false;
@@ -473,17 +471,17 @@ void Tracer::OnExit(const SyscallInfo& info)
         return;
     }
     TracedCall& call = run_.calls.back();
-    call.result = info.exit.rval;
+    call.result = result;
     if (killAfter_ != nullptr) {
         Kill();
         return;
     }
-    if (forcedResult_ != 0) {
-        call.result = std::exchange(forcedResult_, 0);
-        SetRegister(offsetof(user, regs.rax), static_cast<std::uint64_t>(call.result));
+    if (forcedError_ != 0) {
+        machine::SetError(child_, forcedError_);
+        call.result = -std::exchange(forcedError_, 0);
     }
     if (std::exchange(restoreCount_, false)) {
-        SetRegister(offsetof(user, regs.rdx), countToRestore_);
+        machine::SetThirdArgument(child_, countToRestore_);
     }
     if (!vectorToRestore_.empty()) {
         PutBytes(vectorAddress_, std::exchange(vectorToRestore_, {}));
@@ -508,9 +506,9 @@ void Tracer::OnStop()
         run_.problem = std::string("PTRACE_GET_SYSCALL_INFO: ") + std::strerror(errno);
         Kill();
     } else if (info.op == PTRACE_SYSCALL_INFO_ENTRY) {
-        OnEntry(info);
+        OnEntry(Entry(info));
     } else if (info.op == PTRACE_SYSCALL_INFO_EXIT) {
-        OnExit(info);
+        OnExit(static_cast<long>(info.exit.rval));
     }
     if (run_.calls.size() > kMostCalls) {
         run_.problem = "does not end";
