@@ -20,12 +20,6 @@ namespace {
 const std::uint32_t kChangesOfNames =
     IN_CREATE | IN_MOVED_TO | IN_MOVED_FROM | IN_DELETE | IN_DELETE_SELF | IN_MOVE_SELF | IN_ONLYDIR;
 
-std::string DirectoryOf(const std::string& path)
-{
-    const std::size_t slash = path.rfind('/');
-    return slash == std::string::npos ? "." : path.substr(0, slash + 1);
-}
-
 // Whether the file is on another machine. There a lease can be refused although nobody has the file open for writing.
 bool IsRemote(int file)
 {
@@ -51,10 +45,11 @@ FileWatch::FileWatch(const std::string& path) : events_(inotify_init1(IN_CLOEXEC
     (void)inotify_add_watch(events_, path.c_str(), IN_CLOSE_WRITE);  // also by another name of the file
 }
 
-void FileWatch::WatchName(const std::string& path)
+void FileWatch::WatchName(const std::filesystem::path& path)
 {
-    names_.insert(path.substr(path.rfind('/') + 1));
-    (void)inotify_add_watch(events_, DirectoryOf(path).c_str(), kChangesOfNames);
+    names_.insert(path.filename());
+    const std::filesystem::path directory = path.parent_path();
+    (void)inotify_add_watch(events_, directory.empty() ? "." : directory.c_str(), kChangesOfNames);
 }
 
 FileWatch::Result FileWatch::Wait(int stop, int milliseconds) const

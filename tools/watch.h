@@ -2,6 +2,7 @@
 #ifndef ORV_TOOLS_WATCH_H
 #define ORV_TOOLS_WATCH_H
 
+#include <filesystem>
 #include <set>
 #include <string>
 
@@ -21,7 +22,7 @@ public:
     Result Wait(int stop, int milliseconds) const;
 
 private:
-    void WatchName(const std::string& path);
+    void WatchName(const std::filesystem::path& path);
     bool HasChanged() const;
 
     const Descriptor events_;

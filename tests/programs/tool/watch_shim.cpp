@@ -3,12 +3,11 @@
 //   ORV_SHIM_BLIND=1        there are no events
 //   ORV_SHIM_DEAF=ERRNO     signals cannot be read
 //   ORV_SHIM_LEASE=ERRNO    leases fail with this error
-//   ORV_SHIM_REMOTE=1       all files are on another machine
+//   ORV_SHIM_FS=TYPE        all files are on a file system of this type; 0: the system does not tell the type
 //   ORV_SHIM_UNNAMED=ERRNO  files without a name cannot be made
 
 #include <dlfcn.h>
 #include <fcntl.h>
-#include <linux/magic.h>
 #include <poll.h>
 #include <sys/inotify.h>
 #include <sys/signalfd.h>
@@ -52,9 +51,13 @@ int FcntlBy(Fcntl* next, int descriptor, int command, void* argument)
 }
 
 template <typename Status>
-int AsRemote(int result, Status* status)
+int WithType(int result, Status* status)
 {
-    status->f_type = IsSet("ORV_SHIM_REMOTE") ? NFS_SUPER_MAGIC : status->f_type;
+    if (const char* const type = std::getenv("ORV_SHIM_FS")) {
+        const unsigned long number = std::strtoul(type, nullptr, 16);
+        status->f_type = static_cast<decltype(status->f_type)>(number);
+        return number == 0 ? -1 : result;
+    }
     return result;
 }
 
@@ -121,10 +124,10 @@ EXPORTED int fcntl64(int descriptor, int command, ...)
 
 EXPORTED int fstatfs(int descriptor, struct statfs* status) noexcept
 {
-    return AsRemote(Next(fstatfs, "fstatfs")(descriptor, status), status);
+    return WithType(Next(fstatfs, "fstatfs")(descriptor, status), status);
 }
 
 EXPORTED int fstatfs64(int descriptor, struct statfs64* status) noexcept
 {
-    return AsRemote(Next(fstatfs64, "fstatfs64")(descriptor, status), status);
+    return WithType(Next(fstatfs64, "fstatfs64")(descriptor, status), status);
 }

@@ -77,6 +77,16 @@ class WatchTest(ToolTest):
                 self.wait_to_show(cell, process)
         self.stop(process)
 
+    def test_the_page_follows_a_table_of_another_directory(self):
+        os.mkdir(self.path("d"))
+        self.replace(b"first", "d/table")
+        for directory in ("d", self.path("d")):
+            process = self.watch(table=os.path.join(directory, "table"), shim={"PATIENT": "1"})
+            self.replace(b"second", "d/table")
+            self.wait_to_show(b"second", process)
+            self.assert_stops_without_warnings(process)
+            self.replace(b"first", "d/table")
+
     def test_the_page_follows_a_table_that_is_written_by_another_name(self):
         directory = self.make_dir("/var/tmp")
         os.link(self.path("table"), os.path.join(directory, "hard"))
@@ -207,7 +217,9 @@ class WatchTest(ToolTest):
         self.assertEqual((1, 1), (published, err.count("warning")))
 
     def test_where_writers_are_unknown_the_page_waits_for_a_quiet_table(self):
-        self.assert_only_whole_tables_are_published({"LEASE": "13"}, {"LEASE": "11", "REMOTE": "1"}, pauses=12)
+        nfs, cifs, smb2, unknown = "6969", "ff534d42", "fe534d42", "0"
+        remote = [{"LEASE": "11", "FS": type} for type in (nfs, cifs, smb2, unknown)]
+        self.assert_only_whole_tables_are_published({"LEASE": "13"}, *remote, pauses=12)
 
     def test_the_page_stays_while_the_table_cannot_be_read(self):
         process = self.watch()
