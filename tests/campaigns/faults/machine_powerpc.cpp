@@ -31,6 +31,7 @@ const std::vector<CallForm>& OwnCalls()
         {SYS__llseek, "lseek", -1, -1, 0, -1},
         {SYS_ftruncate64, "ftruncate", -1, -1, 0, -1},
         {SYS_fadvise64_64, "posix_fadvise", -1, -1, 0, -1},
+        {SYS_utimensat, "utimensat", -1, -1, 0, -1},  // for times that fit into 32 bits
         {SYS_utimensat_time64, "utimensat", -1, -1, 0, -1},
         {SYS_mmap2, "mmap", -1, -1, -1, -1},
     };
