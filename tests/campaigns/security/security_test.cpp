@@ -1,5 +1,5 @@
 // Tests the claims of docs/security.md: what other users achieve by exchanging files between two system calls, by text
-// and by signals. security_test.py tests the claims about the name of the temporary page.
+// and by signals. planted_page_test.cpp tests the claims about the name of the temporary page.
 #include "LxFileUtils.h"
 #include "support/faults.h"
 #include "support/messages.h"
