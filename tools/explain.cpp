@@ -303,5 +303,5 @@ std::optional<Explanation> ExplainLine(const std::string& line)
 std::string RemedyOf(int error, const std::string& path)
 {
     const Error* const found = explain::FindError(error);
-    return found == nullptr ? "" : Remedy(*found, Quoted(path));
+    return found == nullptr ? explain::kCheckTheMedium : Remedy(*found, Quoted(path));
 }

@@ -23,7 +23,7 @@ std::optional<Explanation> Explain(const std::string& text);
 // Explains a line of a log, as log services print it: with any prefix, with colours, and escaped.
 std::optional<Explanation> ExplainLine(const std::string& line);
 
-// Says what to do about an error number of a path; empty if it is not known.
+// Says what to do about an error number of a path.
 std::string RemedyOf(int error, const std::string& path);
 
 // The part of docs/diagnostics.md about lines and error numbers, in Markdown.

@@ -1,6 +1,7 @@
 // list.
 
 #include "commands.h"
+#include "explain.h"
 #include "json.h"
 #include "quoting.h"
 
@@ -29,7 +30,7 @@ std::string Joined(const std::string& directory, const std::string& name)
 
 [[noreturn]] void FailToList(const std::string& path, const std::error_code& error)
 {
-    throw Failure("cannot list " + Quoted(path) + ": " + error.message(), Remedy(error.value(), path));
+    throw Failure("cannot list " + Quoted(path) + ": " + error.message(), RemedyOf(error.value(), path));
 }
 
 // Asks the file system only for entries of which it does not record the type. An entry may be gone meanwhile.

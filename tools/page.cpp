@@ -1,6 +1,7 @@
 // page.
 
 #include "blocked_signals.h"
+#include "explain.h"
 #include "publish.h"
 #include "streams.h"
 
@@ -49,7 +50,7 @@ int OpenTable(const std::string& path)
     const int file = open(path.c_str(), O_RDONLY);
     if (file == -1) {
         const int error = errno;
-        throw Failure("cannot read " + Quoted(path) + ": " + ErrorText(error), Remedy(error, path));
+        throw Failure("cannot read " + Quoted(path) + ": " + ErrorText(error), RemedyOf(error, path));
     }
     return file;
 }

@@ -74,7 +74,6 @@ void Warn(const std::string& problem, const std::string& next)
 
 void PrintResult(const std::string& bytes)
 {
-    errno = 0;
     std::cout << bytes << std::flush;
     if (!std::cout) {
         if (errno == EPIPE) {
@@ -95,12 +94,6 @@ std::string Quoted(const std::string& text)
 std::string ErrorText(int error)
 {
     return std::strerror(error);
-}
-
-std::string Remedy(int error, const std::string& path)
-{
-    const std::string remedy = RemedyOf(error, path);
-    return remedy.empty() ? "check the kernel's log (dmesg) for errors of the medium" : remedy;
 }
 
 std::optional<struct stat> StatusOf(const std::string& path)
@@ -131,7 +124,7 @@ struct stat RequireRegularFile(const std::string& path)
     const std::optional<struct stat> status = StatusOf(path);
     if (!status) {
         const int error = errno;
-        throw Failure(Quoted(path) + ": " + ErrorText(error), Remedy(error, path));
+        throw Failure(Quoted(path) + ": " + ErrorText(error), RemedyOf(error, path));
     }
     if (!S_ISREG(status->st_mode)) {
         throw Failure(Quoted(path) + " is " + TypeName(status->st_mode) + ", not a regular file",

@@ -54,9 +54,6 @@ std::string Quoted(const std::string& text);
 // The system's text for an error number.
 std::string ErrorText(int error);
 
-// Says what to do about an error number for `path`.
-std::string Remedy(int error, const std::string& path);
-
 std::optional<struct stat> StatusOf(const std::string& path);      // follows links
 std::optional<struct stat> LinkStatusOf(const std::string& path);  // does not follow links
 bool IsSameFile(const struct stat& one, const struct stat& other);

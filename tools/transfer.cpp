@@ -1,6 +1,7 @@
 // exists, move and copy.
 
 #include "commands.h"
+#include "explain.h"
 #include "log.h"
 #include "progress.h"
 #include "signals.h"
@@ -24,7 +25,7 @@ void RequireDirectory(const std::string& path)
     const std::optional<struct stat> status = StatusOf(path);
     if (!status) {
         const int error = errno;
-        throw Failure(Quoted(path) + ": " + ErrorText(error), Remedy(error, path));
+        throw Failure(Quoted(path) + ": " + ErrorText(error), RemedyOf(error, path));
     }
     if (!S_ISDIR(status->st_mode)) {
         throw Failure(Quoted(path) + " is not a directory", "name the directory that the files go to");
@@ -141,7 +142,7 @@ void MovePlainly(const Transfer& transfer)
     const std::vector<Report> reports = TakeReports();
     if (!isMoved && reports.empty()) {
         throw Failure(Problem(kMove, transfer) + ": cannot read " + Quoted(transfer.source) + ": " + ErrorText(error),
-                      Remedy(error, transfer.source));
+                      RemedyOf(error, transfer.source));
     }
     if (!reports.empty()) {
         Fail(isMoved
