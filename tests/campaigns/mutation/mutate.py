@@ -105,7 +105,7 @@ ORVFILE_TESTS = {
     "set.cpp": ["settings"],
     "signals.cpp": ["transfer"],
     "streams.cpp": ["row", "page"],
-    "support.cpp": ["transfer", "directories", "usage"],
+    "support.cpp": ["transfer", "directories", "usage", "watch"],
     "transfer.cpp": ["transfer"],
     "utf8_input.cpp": ["row", "encoding"],
     "watch.cpp": ["watch"],

@@ -1,5 +1,5 @@
 #!/usr/bin/env python3
-"""Memory and descriptors of orvfile. Emulators and sanitizers have their own."""
+"""Memory of orvfile. Emulators and sanitizers have their own."""
 
 import os
 import re
@@ -54,23 +54,6 @@ class MemoryTest(ToolTest):
     def peak_memory(self, process):
         with open(f"/proc/{process}/status", encoding="ascii") as status:
             return 1024 * int(re.search(r"(?m)^VmHWM:\s*(\d+) kB", status.read())[1])
-
-
-class DescriptorTest(ToolTest):
-    def test_watching_a_table_keeps_no_descriptor_open(self):
-        page = os.path.join(self.other, "page.html")
-        self.write("table")
-        process = self.start("page", "--watch", "table", page)
-        self.addCleanup(process.kill)
-        for number in range(20):
-            os.rename(self.write("new", b"%d:;\n" % number), self.path("table"))
-            self.wait_for(lambda: os.path.exists(page) and b"<td>%d</td>" % number in self.page_body(page), process)
-            self.assertTrue(process.stdout.readline())
-
-        # The standard ones, signals, and events. Others are open only during a publication.
-        self.wait_for(lambda: len(os.listdir(f"/proc/{process.pid}/fd")) == 5, process)
-        process.terminate()
-        self.assertEqual(0, self.finish(process)[0])
 
 
 if __name__ == "__main__":

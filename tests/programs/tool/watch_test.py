@@ -1,6 +1,7 @@
 #!/usr/bin/env python3
 """orvfile page --watch."""
 
+import contextlib
 import os
 import shutil
 import signal
@@ -275,6 +276,24 @@ class WatchTest(ToolTest):
         self.wait_to_show(b"first", process)
 
         self.assertEqual((2, ""), self.stop(process))
+
+    def test_the_table_is_not_kept_open(self):
+        process = self.watch()
+        for number in range(20):
+            self.replace(b"%d" % number)
+            self.wait_to_show(b"%d" % number, process)
+
+        self.wait_for(lambda: self.open_tables(process) == [], process)
+
+        self.assert_stops_without_warnings(process)
+
+    def open_tables(self, process):
+        directory = f"/proc/{process.pid}/fd"
+        files = []
+        for name in os.listdir(directory):
+            with contextlib.suppress(FileNotFoundError):  # closed meanwhile
+                files.append(os.readlink(os.path.join(directory, name)))
+        return [file for file in files if file.startswith(self.path("table"))]
 
     def test_only_sigint_sigterm_and_sighup_end_it(self):
         process = self.watch(preexec_fn=lambda: signal.signal(signal.SIGPIPE, signal.SIG_DFL))
