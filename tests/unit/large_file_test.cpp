@@ -138,10 +138,11 @@ TEST_P(FarDateTest, IsKeptByAMoveOnOneFileSystem)
 {
     const std::string file = other_.Write("file", "abc");
     SetDate(file, GetParam());
+    const time_t kept = StatusOf(file).st_mtim.tv_sec;  // some file systems have no dates before 1901
 
     EXPECT_TRUE(orv_fileutils::RenameFileAcrossFs(file, other_ / "moved"));
 
-    EXPECT_EQ(GetParam(), StatusOf(other_ / "moved").st_mtim.tv_sec);
+    EXPECT_EQ(kept, StatusOf(other_ / "moved").st_mtim.tv_sec);
 }
 
 TEST_P(FarDateTest, DoesNotHinderAMoveAcrossFileSystems)
