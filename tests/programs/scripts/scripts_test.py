@@ -90,6 +90,7 @@ class ScriptsTest(unittest.TestCase):
             ("fuzz", ["30", "--executions", "30"], "give SECONDS or --executions N"),
             ("package", ["mips"], "cannot build for mips, only for amd64 and powerpc"),
             ("fetch-libcsv", [], "a directory is missing"),
+            ("fetch-source", ["busybox"], "a package or a directory is missing"),
         ):
             with self.subTest(script=script, arguments=arguments):
                 run = self.call(script, *arguments)
