@@ -38,6 +38,8 @@ declare -rA packages=(
     [bench]="$build libbenchmark-dev pkg-config libabsl-dev libboost-filesystem-dev libglib2.0-dev libinih-dev valgrind"
     [browser]="$tests $tool $campaigns chromium nodejs npm fonts-dejavu-core"
     [powerpc]="$target $tool $artifacts python3-kconfiglib"
+    [board]="$target $artifacts linux-source-6.1 flex bison bc libelf-dev libssl-dev cpio kmod qemu-system-ppc
+        qemu-system-data e2fsprogs xfsprogs btrfs-progs dosfstools"
     [powerpc-oldabi]="$target $artifacts"
     [armhf]="$emulated g++-arm-linux-gnueabihf"
     [riscv64]="$emulated g++-riscv64-linux-gnu"

@@ -91,6 +91,8 @@ class ScriptsTest(unittest.TestCase):
             ("package", ["mips"], "cannot build for mips, only for amd64 and powerpc"),
             ("fetch-libcsv", [], "a directory is missing"),
             ("fetch-source", ["busybox"], "a package or a directory is missing"),
+            ("board", ["run"], "a command is missing"),
+            ("board", ["bogus"], "unknown action: bogus"),
         ):
             with self.subTest(script=script, arguments=arguments):
                 run = self.call(script, *arguments)
