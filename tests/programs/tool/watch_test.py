@@ -106,6 +106,7 @@ class WatchTest(ToolTest):
 
         self.write(target, b"second:;\n")
         self.wait_to_show(b"second", process)
+        os.link(target, target + ".kept")  # so that the target only loses a name
         self.replace(b"third", target)
         self.wait_to_show(b"third", process)
         self.replace(b"fourth")
