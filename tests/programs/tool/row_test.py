@@ -167,6 +167,7 @@ class EncodingTest(RowToolTest):
             (b"a,b\n\xc3", 2, 5, "C3"),
             (b"a,\xed\xa0\x80\n", 1, 3, "ED"),
             (b"a,b\n" * SPOOLED_ROWS + b"\xff", SPOOLED_ROWS + 1, 4 * SPOOLED_ROWS + 1, "FF"),
+            (b"a" * 16383 + "\u00e9\n".encode() + b"\xff", 2, 16387, "FF"),  # two reads get a part of one character each
         ):
             with self.subTest(data=data[-20:]):
                 self.assert_refused(
