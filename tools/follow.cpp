@@ -15,8 +15,8 @@
 
 namespace {
 
-const int kInterval = 1000;  // between two looks at a table that has not changed, in milliseconds
-const int kShortest = 10;    // after a change
+constexpr std::chrono::milliseconds kInterval(1000);  // between two looks at a table that has not changed
+constexpr std::chrono::milliseconds kShortest(10);    // after a change
 
 typedef std::optional<struct stat> Status;
 
@@ -119,7 +119,7 @@ private:
     // Whether the table has not changed for some time.
     bool IsSettled() const
     {
-        return Clock::now() - seenSince_ >= std::chrono::milliseconds(kInterval);
+        return Clock::now() - seenSince_ >= kInterval;
     }
 
     void AnnounceIfPossible(std::size_t tables)
@@ -143,7 +143,7 @@ private:
     const PageOptions& options_;
     const Descriptor stop_;
     bool isDue_ = true;  // the page must be published
-    int pause_ = kShortest;
+    std::chrono::milliseconds pause_ = kShortest;
     Status published_;
     Status seen_;
     Clock::time_point seenSince_;

@@ -52,14 +52,15 @@ void FileWatch::WatchName(const std::filesystem::path& path)
     (void)inotify_add_watch(events_, directory.empty() ? "." : directory.c_str(), kChangesOfNames);
 }
 
-FileWatch::Result FileWatch::Wait(int stop, int milliseconds) const
+FileWatch::Result FileWatch::Wait(int stop, std::chrono::milliseconds most) const
 {
     typedef std::chrono::steady_clock Clock;
-    const Clock::time_point end = Clock::now() + std::chrono::milliseconds(milliseconds);
+    using std::chrono::milliseconds;
+    const Clock::time_point end = Clock::now() + most;
     for (;;) {
-        const auto left = std::chrono::duration_cast<std::chrono::milliseconds>(end - Clock::now());
+        const auto left = std::chrono::duration_cast<milliseconds>(end - Clock::now());
         struct pollfd ready[] = {{stop, POLLIN, 0}, {events_, POLLIN, 0}};
-        const int count = poll(ready, 2, std::max(static_cast<int>(left.count()), 0));
+        const int count = poll(ready, 2, static_cast<int>(std::max(left, milliseconds::zero()).count()));
         if (count == -1 && errno != EINTR) {
             throw Failure("cannot wait for changes: " + ErrorText(errno), "start this again");
         }

@@ -2,6 +2,7 @@
 #ifndef ORV_TOOLS_WATCH_H
 #define ORV_TOOLS_WATCH_H
 
+#include <chrono>
 #include <filesystem>
 #include <set>
 #include <string>
@@ -19,7 +20,7 @@ public:
 
     // Waits until the path may lead to another file, or until the file was written and closed; but no longer than this
     // time, and not after `stop` has become readable.
-    Result Wait(int stop, int milliseconds) const;
+    Result Wait(int stop, std::chrono::milliseconds most) const;
 
 private:
     void WatchName(const std::filesystem::path& path);

@@ -1,5 +1,6 @@
 // Is preloaded into a tested program, too, to take away what the system offers to programs that wait for changes:
 //   ORV_SHIM_PATIENT=1      polls of a second have no time limit, so only events end them
+//   ORV_SHIM_POLL=ERRNO     the first poll fails with this error
 //   ORV_SHIM_BLIND=1        there are no events
 //   ORV_SHIM_DEAF=ERRNO     signals cannot be read
 //   ORV_SHIM_LEASE=ERRNO    leases fail with this error
@@ -67,6 +68,11 @@ int WithType(int result, Status* status)
 
 EXPORTED int poll(struct pollfd* descriptors, nfds_t count, int timeout)
 {
+    static bool isFirst = true;
+    if (isFirst && IsSet("ORV_SHIM_POLL")) {
+        isFirst = false;
+        return -1;
+    }
     return Next(poll, "poll")(descriptors, count, timeout > 900 && IsSet("ORV_SHIM_PATIENT") ? -1 : timeout);
 }
 

@@ -119,6 +119,7 @@ class WatchTest(ToolTest):
 
         self.write("other", b"data")
         self.write("table2", b"data")
+        time.sleep(0.3)  # otherwise they could be noticed together with the table
         self.replace(b"second")
         self.wait_to_show(b"second", process)
 
@@ -166,6 +167,19 @@ class WatchTest(ToolTest):
         self.assert_fails(
             problem("cannot wait for signals: Too many open files", "free memory, then start this again"),
             *("page", "--watch", "table", self.page), shim={"DEAF": "24"})  # fmt: skip
+
+    def test_an_interrupted_wait_goes_on(self):
+        process = self.watch(shim={"POLL": "4", "PATIENT": "1"})
+        self.replace(b"second")
+        self.wait_to_show(b"second", process)
+        self.assertEqual((2, ""), self.stop(process))
+
+    def test_a_wait_that_fails_is_reported(self):
+        status, out, err = self.run_tool("page", "--watch", "table", self.page, shim={"POLL": "12"})
+
+        self.assertEqual((1, problem("cannot wait for changes: Cannot allocate memory", "start this again")),
+                         (status, err))  # fmt: skip
+        self.assertIn(b"published", out)
 
     def test_a_directory_may_be_missing_removed_and_made_again(self):
         directory = os.path.join(self.make_dir("/var/tmp"), "d")
