@@ -92,21 +92,11 @@ bool FileWatch::HasChanged() const
     return changed;
 }
 
-ReadLease::ReadLease(int file) : file_(file), state_(Take())
+ReadLease::ReadLease(int file)
 {
-}
-
-ReadLease::~ReadLease()
-{
-    if (IsHeld()) {
-        (void)fcntl(file_, F_SETLEASE, F_UNLCK);
+    if (fcntl(file, F_SETLEASE, F_RDLCK) == 0) {
+        state_ = kHeld;
+    } else if (errno == EAGAIN && !IsRemote(file)) {
+        state_ = kOpenForWriting;
     }
-}
-
-ReadLease::State ReadLease::Take() const
-{
-    if (fcntl(file_, F_SETLEASE, F_RDLCK) == 0) {
-        return kHeld;
-    }
-    return errno == EAGAIN && !IsRemote(file_) ? kOpenForWriting : kUnknown;
 }

@@ -30,13 +30,10 @@ private:
     std::set<std::string> names_;
 };
 
-// Keeps others from writing to the file: who opens it for writing meanwhile has to wait.
+// Keeps others from writing to the file: who opens it for writing has to wait until it is closed here.
 class ReadLease {
 public:
     explicit ReadLease(int file);
-    ~ReadLease();
-    ReadLease(const ReadLease&) = delete;
-    ReadLease& operator=(const ReadLease&) = delete;
 
     bool IsHeld() const
     {
@@ -52,10 +49,7 @@ public:
 
 private:
     enum State { kHeld, kOpenForWriting, kUnknown };
-    State Take() const;
-
-    const int file_;
-    const State state_;
+    State state_ = kUnknown;
 };
 
 #endif  // ORV_TOOLS_WATCH_H
