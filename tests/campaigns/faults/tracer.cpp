@@ -85,6 +85,7 @@ constexpr CallForm kForms[] = {
     {SYS_munmap, "munmap", -1, -1, -1, -1},
     {SYS_ioctl, "ioctl", -1, -1, 0, -1},
     {SYS_rt_sigaction, "sigaction", -1, -1, -1, -1},
+    {SYS_rt_sigprocmask, "sigprocmask", -1, -1, -1, -1},
     {SYS_exit_group, "exit", -1, -1, -1, -1},
     {SYS_futex, "futex", -1, -1, -1, -1},
 };
