@@ -11,6 +11,8 @@ campaigns="manpages-dev e2fsprogs dosfstools xfsprogs btrfs-progs squashfs-tools
 campaigns="$campaigns python3-html5lib"
 emulated="$tests googletest qemu-user"
 target="$emulated g++-powerpc-linux-gnu"
+board="$target $tool $artifacts manpages-dev linux-source-6.1 flex bison bc libelf-dev libssl-dev cpio kmod"
+board="$board qemu-system-ppc qemu-system-data e2fsprogs xfsprogs btrfs-progs dosfstools"
 
 # shellcheck disable=SC2034  # need_packages reads it
 declare -rA packages=(
@@ -38,8 +40,8 @@ declare -rA packages=(
     [bench]="$build libbenchmark-dev pkg-config libabsl-dev libboost-filesystem-dev libglib2.0-dev libinih-dev valgrind"
     [browser]="$tests $tool $campaigns chromium nodejs npm fonts-dejavu-core"
     [powerpc]="$target $tool $artifacts python3-kconfiglib"
-    [board]="$target $artifacts linux-source-6.1 flex bison bc libelf-dev libssl-dev cpio kmod qemu-system-ppc
-        qemu-system-data e2fsprogs xfsprogs btrfs-progs dosfstools"
+    [board]="$board"
+    [board-faults]="$board"
     [powerpc-oldabi]="$target $artifacts"
     [armhf]="$emulated g++-arm-linux-gnueabihf"
     [riscv64]="$emulated g++-riscv64-linux-gnu"
@@ -48,4 +50,4 @@ declare -rA packages=(
     [size]="cmake ninja-build g++-powerpc-linux-gnu"
     [package]="$build git dpkg-dev fakeroot lintian $tool g++-powerpc-linux-gnu"
 )
-unset build tests tool artifacts campaigns emulated target
+unset build tests tool artifacts campaigns emulated target board

@@ -93,6 +93,7 @@ class ScriptsTest(unittest.TestCase):
             ("fetch-source", ["busybox"], "a package or a directory is missing"),
             ("board", ["run"], "a command is missing"),
             ("board", ["bogus"], "unknown action: bogus"),
+            ("board", ["campaigns", "more"], "unexpected argument: more"),
         ):
             with self.subTest(script=script, arguments=arguments):
                 run = self.call(script, *arguments)
