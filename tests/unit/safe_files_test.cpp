@@ -94,7 +94,21 @@ protected:
 };
 
 class SafeCopyTest : public SafeFilesTest {};
-class SafeMoveTest : public SafeFilesTest {};
+class SafeMoveTest : public SafeFilesTest {
+protected:
+    // File systems count time in steps of milliseconds or seconds. After this, a change of the source has another time.
+    void WaitForAnotherTime() const
+    {
+        const timespec before = StatusOf(source_).st_ctim;
+        timespec now = before;
+        for (int i = 0; i < 3000 && now.tv_sec == before.tv_sec && now.tv_nsec == before.tv_nsec; ++i) {
+            usleep(1000);
+            now = StatusOf(dir_.Write("probe", "")).st_ctim;
+        }
+        ASSERT_TRUE(now.tv_sec != before.tv_sec || now.tv_nsec != before.tv_nsec);
+        ASSERT_EQ(0, unlink((dir_ / "probe").c_str()));
+    }
+};
 
 class SafeBothTest : public SafeFilesTest, public ::testing::WithParamInterface<Named> {
 protected:
@@ -1424,7 +1438,7 @@ TEST_F(SafeMoveTest, ASourceThatChangesMeanwhileIsKept)
     };
     for (const auto& change : changes) {
         WriteFile(source_, "abc");
-        usleep(20000);  // file systems count time in steps of milliseconds
+        WaitForAnotherTime();
         {
             const ScopedCall meanwhile("fchmod", 1, [&]() -> std::optional<long> {
                 change();
