@@ -272,6 +272,13 @@ class LineTest(ExplainTest):
             self.assert_explained(safe("CopyFile", "openat", other, 2), What=f"'{other}' cannot be opened")
         self.assertIn("temporary", self.explained(safe("CopyFile", "openat", ".orv_00c0ffee12345678", 28))["What"])
 
+    def test_a_kernel_that_cannot_read_a_copy_back_is_named(self):
+        self.assert_explained(
+            safe("CopyFile", "posix_fadvise", "/b", 22), Error="EINVAL, Invalid argument",
+            What="this kernel cannot forget what it keeps of a file, so the copy for '/b' could not be read back from the disk",
+            Disk="the destination is as it was",
+            Next="use a kernel with CONFIG_ADVISE_SYSCALLS, or copy without the comparison (verify, --no-verify)")  # fmt: skip
+
     def test_a_file_that_was_not_to_be_replaced_is_no_lack_of_anything(self):
         for call in ("linkat", "renameat"):
             self.assert_explained(safe("MoveFile", call, "/b", 17), What="'/b' exists, and was not to be replaced",
