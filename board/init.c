@@ -118,7 +118,8 @@ static void MountFiles(const char* type, const char* target)
         Run("ubiattach -m 0 /dev/ubi_ctrl >/dev/null && ubimkvol /dev/ubi0 -N files -m >/dev/null");
         Mount("ubi0:files", target, type, 0, "");
     } else if (strcmp(type, "vfat") == 0) {
-        Mount("/dev/vdc", target, type, 0, Format("umask=0,uid=%s", ReadText("/host/owner")));
+        const char* const owner = ReadText("/host/owner");
+        Mount("/dev/vdc", target, type, 0, Format("umask=0,uid=%s,gid=%s", owner, owner));
     } else if (strcmp(type, "tmpfs") == 0) {
         Mount("none", target, type, 0, "size=512m");
     } else {

@@ -38,7 +38,7 @@ check() {
 # keep_figures LOG: keeps the lines of figures, which are printed again at the end.
 keep_figures() {
     local found
-    mapfile -t found < <(sed -nE 's/^(# )?((browser|campaign|coverage|mutation|fuzz|valgrind|realfs|security): )/\2/p' "$1")
+    mapfile -t found < <(sed -nE 's/^(# )?((board|browser|campaign|coverage|mutation|fuzz|valgrind|realfs|security): )/\2/p' "$1")
     figures+=("${found[@]}")
 }
 

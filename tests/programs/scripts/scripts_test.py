@@ -10,12 +10,15 @@ import pathlib
 import re
 import shutil
 import subprocess
+import sys
 import tempfile
 import unittest
 
 import orv_test
 
 TOP = pathlib.Path(orv_test.ROOT)
+sys.path.append(str(TOP / "board"))
+import suite  # noqa: E402
 ESSENTIAL = ["awk", "bash", "cat", "cp", "dirname", "env", "grep", "mkdir", "mktemp", "nproc", "realpath", "rm", "sed",
              "sort", "tail", "tr"]  # fmt: skip
 APT_GET = """#!/bin/sh
@@ -92,6 +95,7 @@ class ScriptsTest(unittest.TestCase):
             ("fetch-libcsv", [], "a directory is missing"),
             ("fetch-source", ["busybox"], "a package or a directory is missing"),
             ("board", ["run"], "a command is missing"),
+            ("board", ["test", "ntfs"], "unknown file system: ntfs"),
             ("board", ["bogus"], "unknown action: bogus"),
             ("board", ["campaigns", "more"], "unexpected argument: more"),
         ):
@@ -277,6 +281,61 @@ class CountingTest(unittest.TestCase):
 
         self.assertEqual(1, self.count(*cases, user=0)[0])
         self.assertEqual(0, self.count(*cases, user=1000)[0])
+
+
+BOARD_OUTPUT = """[ RUN      ] MoveTest.Moves
+[       OK ] MoveTest.Moves (3 ms)
+[ RUN      ] MoveTest.Fails/one
+move_test.cpp:7: Failure
+[  FAILED  ] MoveTest.Fails/one, where GetParam() = 1 (3 ms)
+[ RUN      ] MoveTest.Skips
+move_test.cpp:9: Skipped
+only root
+[  SKIPPED ] MoveTest.Skips (0 ms)
+[ RUN      ] MoveTest.Crashes
+"""
+BOARD_EXCEPTIONS = """# Comment
+ext4 vfat, root, fails: no links
+    MoveTest.Fails/one
+    MoveTest.Moves
+
+vfat, root nobody, not run: slow
+    MoveTest.Slow
+"""
+
+
+class BoardTest(unittest.TestCase):
+    """What script/board makes of the output of test programs."""
+
+    def setUp(self):
+        folder = tempfile.TemporaryDirectory(prefix="orv_test.")
+        self.addCleanup(folder.cleanup)
+        self.addCleanup(setattr, suite, "EXCEPTIONS", suite.EXCEPTIONS)
+        suite.EXCEPTIONS = pathlib.Path(folder.name) / "exceptions.txt"
+        suite.EXCEPTIONS.write_text(BOARD_EXCEPTIONS, encoding="utf-8")
+        self.results = suite.results_in(BOARD_OUTPUT)
+
+    def test_a_test_that_does_not_end_has_failed(self):
+        states = {name: result.state for name, result in self.results.items()}
+
+        self.assertEqual({"MoveTest.Moves": "OK", "MoveTest.Fails/one": "FAILED", "MoveTest.Skips": "SKIPPED",
+                          "MoveTest.Crashes": "FAILED"}, states)  # fmt: skip
+
+    def test_exceptions_belong_to_file_systems_and_users(self):
+        listed = ["MoveTest.Fails/one", "MoveTest.Moves"]
+        self.assertEqual((listed, []), suite.exceptions_for("ext4", "root"))
+        self.assertEqual((listed, ["MoveTest.Slow"]), suite.exceptions_for("vfat", "root"))
+        self.assertEqual(([], ["MoveTest.Slow"]), suite.exceptions_for("vfat", "nobody"))
+        self.assertIn("MoveTest.Slow", suite.filter_for("vfat", "nobody"))
+
+    def test_a_listed_test_must_fail_and_no_other_may(self):
+        wrong, skipped = suite.judge("ext4", "root", self.results)
+        self.assertEqual({"MoveTest.Moves", "MoveTest.Skips", "MoveTest.Crashes"}, set(wrong))
+        self.assertEqual([], skipped)
+
+        wrong, skipped = suite.judge("ext4", "nobody", self.results)
+        self.assertEqual({"MoveTest.Fails/one", "MoveTest.Crashes"}, set(wrong))
+        self.assertEqual(["MoveTest.Skips"], skipped)
 
 
 if __name__ == "__main__":
