@@ -3,10 +3,10 @@
 
 Usage: suite.py FOLDER FILE-SYSTEM...    with /var/tmp on each of these file systems, as root and as an ordinary user
 
-With ORV_FULL=1 in the environment, files of 3 GiB are copied, too.
-exceptions.txt lists the tests that must fail or skip, and those that are not run, with the reasons: any other failure is
-an error, and so is a listed test that passes. An ordinary user may skip tests. Prints the output of each test with a wrong result, the figures of
-each run, and "N passed, M failed".
+With ORV_FULL=1 in the environment, files of 3 GiB are copied, too. exceptions.txt lists the tests that must fail or
+skip, and those that are not run, with the reasons: any other failure is an error, and so is a listed test that passes.
+An ordinary user may skip tests. Prints the output of each test with a wrong result, the figures of each run, and
+"N passed, M failed".
 """
 
 import collections
