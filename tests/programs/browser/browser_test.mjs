@@ -222,6 +222,13 @@ async function replaceUntil(isDone, name) {
   return times;
 }
 
+// Of a file, Chromium asks for the size by its name before it opens it. If the page is replaced in between, it shows the
+// beginning of the new page, as long as the old one. Returns the rows of it.
+function cutByBrowser(small, large, largeRows) {
+  const beginning = fs.readFileSync(large).subarray(0, fs.statSync(small).size).toString();
+  return largeRows.slice(0, beginning.split("<tr>").length - 1);
+}
+
 for (const name of ["replaced.html", "elsewhere/replaced.html"]) {
   test(`a page that is replaced in a loop is never seen in part: ${name}`, async () => {
     const contents = [3, 400].map((rows) => [
@@ -232,7 +239,12 @@ for (const name of ["replaced.html", "elsewhere/replaced.html"]) {
       fs.writeFileSync(path.join(folder, `${name}.${i}.txt`),
         execFileSync(ORVFILE, ["row", "--csv", "--table-end"], { input: csv }));
     });
-    execFileSync(ORVFILE, ["--quiet", "page", path.join(folder, `${name}.0.txt`), path.join(folder, name)]);
+    for (const [content, page] of [[0, `${name}.0`], [1, `${name}.1`], [0, name]]) {
+      const table = path.join(folder, `${name}.${content}.txt`);
+      execFileSync(ORVFILE, ["--quiet", "page", table, path.join(folder, page)]);
+    }
+    const cut = cutByBrowser(path.join(folder, `${name}.0`), path.join(folder, `${name}.1`), contents[1]);
+    let cuts = 0;
     const loads = [0, 0];
     let isDone = false;
     const replacing = replaceUntil(() => isDone, name);
@@ -242,6 +254,11 @@ for (const name of ["replaced.html", "elsewhere/replaced.html"]) {
           for (let i = 0; i < 50; ++i) {
             await page.reload();
             const [rows] = (await page.evaluate(shown)).tables;
+            if (address.startsWith("file:") && rows.length === cut.length) {
+              assert.deepEqual(rows, cut);
+              ++cuts;
+              continue;
+            }
             const which = contents.findIndex((each) => each.length === rows.length);
             assert.deepEqual(rows, contents[which]);
             ++loads[which];
@@ -253,7 +270,8 @@ for (const name of ["replaced.html", "elsewhere/replaced.html"]) {
     }
     const times = await replacing;
     assert.ok(loads[0] > 0 && loads[1] > 0, `only one content was seen: ${loads}`);
-    console.log(`browser: ${loads[0] + loads[1]} loads of ${name}, replaced ${times} times, all whole`);
+    const whole = loads[0] + loads[1];
+    console.log(`browser: ${name}, replaced ${times} times: ${whole} loads whole, ${cuts} cut by the browser`);
   });
 }
 
