@@ -238,8 +238,8 @@ std::string AddTextFileFormattedRow(std::vector<std::string>& cells);
 /// The page is written to "/var/tmp/TextToHtml_PID.tmp", where PID is the process id, and moved to `pagePath` by
 /// `RenameFileAcrossFs`. A reader of `pagePath` sees either the old page or all of the new page. A browser that opens
 /// the page as a file, without a server, can cut the new page to the size of the old one, until it reloads. A new page
-/// has mode 0666 less the process's file-creation mask. Other users can predict the name in /var/tmp, and symbolic links
-/// are followed there: give services a private /var/tmp.
+/// has mode 0666 less the process's file-creation mask. Other users can predict the name in /var/tmp, and symbolic
+/// links are followed there: give services a private /var/tmp.
 ///
 /// @param textFilePath  NUL-terminated path of the text table file; not null. If it cannot be read, the page has no
 ///                      tables, and nothing is reported

@@ -198,8 +198,9 @@ bool CopyFile(const std::string& source, const std::string& destination, const F
 /// the rename and both directories after it. To another file system, the file is copied as by `CopyFile`, with all its
 /// options. Then `source` is removed, but only if it is still the file that was copied: device, inode, number of links,
 /// size, times of its content and of its status; and only if the copy is still at `destination`. With `durable`, the
-/// copy and its name are on the medium before that. Some file systems count whole seconds (UBIFS) or steps of two (FAT):
-/// there a change within the same step that keeps the size is not noticed, so stop the writers of `source` before.
+/// copy and its name are on the medium before that. Some file systems count whole seconds (UBIFS) or steps of two
+/// (FAT): there a change within the same step that keeps the size is not noticed, so stop the writers of `source`
+/// before.
 ///
 /// Two names of one file (hard links, two spellings of a path, and two mounts of a directory) are refused, and nothing
 /// is changed. The function does not only compare device numbers, which differ between the layers of an overlay: it
