@@ -57,7 +57,7 @@ def wait_for_page(board, job, address):
                 return
         except (urllib.error.URLError, ConnectionError):
             time.sleep(0.2)
-    board.fail(f"there is no page: {(job / 'errors').read_text(encoding='utf-8')}")
+    board.fail(f"the page cannot be read: {(job / 'errors').read_text(encoding='utf-8')}")
 
 
 def main(folder, *command):

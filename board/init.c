@@ -1,9 +1,13 @@
 // The first process of the emulated board. It mounts what programs expect, and then runs the jobs that the host names on
 // the serial line, one after the other, until the host writes "stop". README.md describes the jobs.
 //
-// The shared folder /host holds the settings: epoch, the time, because the board has no clock; tree, where the host has its
-// source tree; files, the file system for /var/tmp; owner, the user who owns it if it has no owners of its own; address, if
-// the board has a network; shell, for a console.
+// The shared folder /host holds the settings, each in a file:
+//   epoch    the time, because the board has no clock
+//   tree     the path of the source tree, which is the same as on the host
+//   files    the file system for /var/tmp
+//   owner    the user who owns it if it has no owners of its own
+//   address  the address in the network, if the board is to have one
+//   shell    makes it open a console; empty
 
 #define _GNU_SOURCE
 #include <errno.h>

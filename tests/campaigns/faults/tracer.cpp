@@ -293,9 +293,9 @@ private:
     // For the current call:
     const Fault* killAfter_ = nullptr;
     int forcedError_ = 0;             // 0: none
-    std::size_t countToRestore_ = 0;  // the argument of the caller, for a shortened read or write
+    std::size_t countToRestore_ = 0;  // what the program passed, if a read or write was shortened
     bool restoreCount_ = false;
-    Word vectorAddress_ = 0;  // the memory of the caller, for a shortened writev
+    Word vectorAddress_ = 0;  // where the program has it, if a writev was shortened
     std::vector<char> vectorToRestore_;
 };
 
