@@ -380,14 +380,14 @@ bool GiveMetadata(const SourceFile& source, const StagedFile& copy, bool preserv
 }
 
 // Makes `copy` ready to be put in place. The last chance to cancel comes after the flush, which can take long.
-bool Fill(const StagedFile& copy, const SourceFile& source, const FileOptions& options)
+bool Fill(StagedFile& copy, const SourceFile& source, const FileOptions& options)
 {
     Progress progress(options, source);
     const bool copied = options.preserve && HasHoles(source.Status()) ? CopyWithHoles(source, copy, progress)
                                                                       : CopyBytes(source, copy, progress);
     return copied && (!options.verify || IsOnMedium(source, copy, progress)) &&
-           GiveMetadata(source, copy, options.preserve) && (options.durable ? copy.Flush() : copy.CompleteWrites()) &&
-           progress.Add(0);
+           GiveMetadata(source, copy, options.preserve) &&
+           (options.durable ? copy.FlushNamed() : copy.CompleteWrites()) && progress.Add(0);
 }
 
 // ---- Moving

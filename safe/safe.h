@@ -162,8 +162,9 @@ struct FileOptions {
 ///
 /// After a kill or, with `durable`, a power cut, `destination` is the old or the whole new file. On file systems that
 /// support files without a name (ext4, xfs, btrfs, tmpfs and others, where /proc is mounted), such a file vanishes with
-/// the process; only an existing destination can leave a file during the last step. Elsewhere, a file named ".orv_" and
-/// 16 hexadecimal digits can be left in the directory of `destination`; it may be removed.
+/// the process. It gets a name only for the last steps, and only with `durable` or if it replaces a file. Then, and
+/// always elsewhere, a file named ".orv_" and 16 hexadecimal digits can be left in the directory of `destination`; it
+/// may be removed.
 ///
 /// @param source       path of a regular file, or of a link to one; not changed
 /// @param destination  path of the new file. An existing regular file or a symbolic link is replaced, everything else
@@ -484,8 +485,8 @@ struct SettingsOptions {
 /// @param comment    as for `ReadSettings`
 /// @param options    see `SettingsOptions`
 /// @return true if a reader gets all changes; if `durable`, also after a power cut. False: the file is as it was,
-///         unless the line is that of the directory's fsync. A kill or a power cut leaves the old or the new file and,
-///         where the file system cannot make files without a name, perhaps a file ".orv_" with 16 hexadecimal digits
+///         unless the line is that of the directory's fsync. A kill or a power cut leaves the old or the new file and
+///         perhaps a file ".orv_" with 16 hexadecimal digits
 /// Diagnostics, one line for each false; FILE is `path` or the file that it leads to, STAGED the file beside it:
 ///   "WriteSettings: set(PATH, NAME) failed (ERROR)."   22 (EINVAL): this name or its value is refused
 ///   "WriteSettings: open(PATH) failed (ERROR)."        116 (ESTALE): somebody replaced the file during the call

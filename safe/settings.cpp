@@ -463,8 +463,8 @@ private:
     {
         StagedFile staged(*place_, Exists() ? kUntilTakeOver : kNewFile);
         return staged.IsOpen() && staged.Write(text.data(), text.size()) && (!Exists() || TakeOver(staged.File())) &&
-               (durable_ ? staged.Flush() : staged.CompleteWrites()) && staged.PutInPlace(/*noReplace=*/!Exists()) &&
-               (!durable_ || place_->FlushDirectory());
+               (durable_ ? staged.FlushNamed() : staged.CompleteWrites()) &&
+               staged.PutInPlace(/*noReplace=*/!Exists()) && (!durable_ || place_->FlushDirectory());
     }
 
     // Whether the open file is the one that will be replaced. Its path may lead elsewhere meanwhile.

@@ -207,6 +207,11 @@ bool StagedFile::Flush() const
     return place_.Check(Uninterrupted([this] { return fsync(file_); }) == 0, "fsync");
 }
 
+bool StagedFile::FlushNamed()
+{
+    return GiveName() && Flush();
+}
+
 bool StagedFile::CompleteWrites() const
 {
     const int result = Uninterrupted([this] {

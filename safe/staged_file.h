@@ -115,6 +115,10 @@ public:
     // Writes the content to the medium.
     bool Flush() const;
 
+    // Writes the content to the medium, so that a power cut after PutInPlace cannot lose it. Until a file has a name,
+    // btrfs of Linux 6.1 does not record its flush: then the flush of the directory records an empty file.
+    bool FlushNamed();
+
     // Finds out whether all writes succeeded. Some file systems report that only when a file is closed.
     bool CompleteWrites() const;
 

@@ -519,19 +519,17 @@ TEST_P(SafeBothTest, WithNoReplaceWhateverExistsStays)
 
 TEST_P(SafeBothTest, WithNoReplaceAFileThatAppearsMeanwhileStays)
 {
-    for (const bool nameless : {true, false}) {
+    for (const bool nameless : {true, false}) {  // only a file that is not flushed stays without a name
         WriteFile(source_, "abc");
-        std::list<ScopedCall> unsupported;
-        if (!nameless) {
-            unsupported.emplace_back("tmpfile", 1, FailWith(EOPNOTSUPP));
-        }
+        FileOptions options = With(&FileOptions::noReplace);
+        options.durable = !nameless;
         {
             const ScopedCall appears("fchmod", 1, [&]() -> std::optional<long> {
                 WriteFile(destination_, "old");
                 return std::nullopt;
             });
 
-            EXPECT_FALSE(Act(With(&FileOptions::noReplace)));
+            EXPECT_FALSE(Act(options));
         }
 
         ExpectSafeLines({Line(nameless ? "linkat" : "renameat", destination_, EEXIST)});
@@ -696,11 +694,30 @@ INSTANTIATE_TEST_SUITE_P(
                       FaultCase{"flushAfterVerify", 'v', "", "fsync", 2, EIO, "fsync", 'd'},
                       FaultCase{"duplicate", '-', "", "dup", 1, EMFILE, "close", 'd'},
                       FaultCase{"close", '-', "", "close", 1, ENOSPC, "close", 'd'},
-                      FaultCase{"link", 'd', "", "linkat", 1, EIO, "linkat", 'd'},
-                      FaultCase{"stagedName", 'd', "", "linkat", 2, ENOSPC, "linkat", 't'},
+                      FaultCase{"nameToFlush", 'd', "", "linkat", 1, ENOSPC, "linkat", 't'},
+                      FaultCase{"link", '-', "", "linkat", 1, EIO, "linkat", 'd'},
+                      FaultCase{"stagedName", '-', "", "linkat", 2, ENOSPC, "linkat", 't'},
                       FaultCase{"rename", 'd', "tmpfile", "renameat", 1, EIO, "renameat", 'd'},
                       FaultCase{"linkToNewName", 'n', "tmpfile renameat2", "linkat", 1, EIO, "renameat", 'd'}),
     CaseName<FaultCase>);
+
+// Otherwise btrfs of Linux 6.1 loses the content in a power cut, which script/board power-cuts shows.
+TEST_P(SafeBothTest, ADurableFileHasANameOfItsOwnWhenItIsFlushed)
+{
+    for (const bool isReplaced : {false, true}) {
+        WriteFile(source_, "abc");
+        std::vector<std::string> names;
+        {
+            const ScopedAction flushed(Call::kFsync, /*nth=*/1, [&] { names = other_.Names(); });
+
+            EXPECT_TRUE(Act());
+        }
+
+        ASSERT_EQ(isReplaced ? 2U : 1U, names.size());
+        EXPECT_THAT(names[0], ::testing::MatchesRegex("\\.orv_[0-9a-f]{16}"));
+        EXPECT_THAT(other_.Names(), ElementsAre("destination"));
+    }
+}
 
 // ---- What a copy cannot keep, or leaves
 
@@ -1597,7 +1614,7 @@ TEST_F(SafeMoveTest, AFileThatReplacesNothingGetsNoStagedName)
     WriteFile(source_, "abc");
     const ScopedCall renamed("renameat", 1, FailWith(EIO));
 
-    EXPECT_TRUE(Move());
+    EXPECT_TRUE(Move(Plain()));
 
     EXPECT_EQ("abc", ReadFile(destination_));
     EXPECT_EQ(-1, renameat(-1, "", -1, ""));  // the first call is this one
@@ -1639,7 +1656,7 @@ TEST_F(SafeMoveTest, StagedNamesThatAreTakenAreNotTouchedAndOthersAreTried)
 {
     WriteFile(source_, "abc");
     WriteFile(destination_, "old");
-    const ScopedCall taken("linkat", 2, FailWith(EEXIST), 99);
+    const ScopedCall taken("linkat", 1, FailWith(EEXIST), 99);
 
     EXPECT_TRUE(Move());
 

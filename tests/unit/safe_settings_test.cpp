@@ -750,6 +750,23 @@ TEST_F(WriteSettingsTest, RefusesAFileWhosePathLeadsToAnotherFileSystemMeanwhile
     EXPECT_EQ("a=1\n", dir_.Read("b/file"));
 }
 
+// Otherwise btrfs of Linux 6.1 loses the content in a power cut, which script/board power-cuts shows.
+TEST_F(WriteSettingsTest, FlushesAFileThatHasANameOfItsOwn)
+{
+    for (const std::string value : {"1", "2"}) {  // into a new file, and into an existing one
+        std::vector<std::string> names;
+        {
+            const ScopedAction flushed(Call::kFsync, /*nth=*/1, [&] { names = dir_.Names(); });
+
+            EXPECT_TRUE(WriteSettings(dir_ / "file", {{"a", value}}));
+        }
+
+        ASSERT_EQ(value == "1" ? 1u : 2u, names.size());
+        EXPECT_THAT(names[0], ::testing::MatchesRegex("\\.orv_[0-9a-f]{16}"));
+        EXPECT_EQ(std::vector<std::string>{"file"}, dir_.Names());
+    }
+}
+
 TEST_F(WriteSettingsTest, LetsNobodyElseReadAStagedFileWhosePermissionsAreNotSet)
 {
     const ScopedMask mask(0);

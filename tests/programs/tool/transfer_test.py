@@ -390,11 +390,13 @@ class RefusalTest(TransferTest):
                     self.assert_nothing_changed(other=("b", "link"))
 
     def test_a_destination_that_appears_at_the_last_moment_stays(self):
-        for command, fault, call in (("move", "renameat2", "renameat"), ("copy", "linkat", "linkat")):
+        for command, fault, call in (("move", "renameat2", "renameat"), ("copy", "renameat2", "renameat"),
+                                     ("copy --no-durable", "linkat", "linkat")):  # fmt: skip
             self.write("a", b"new")
+            command, *options = command.split()
             line = safe(f"{'MoveFile' if command == 'move' else 'CopyFile'}: {call}(b) failed (17, File exists).")
 
-            self.assert_fails_with(line, f"cannot {command} 'a' to 'b': ", command, "-n", "a", "b",
+            self.assert_fails_with(line, f"cannot {command} 'a' to 'b': ", command, *options, "-n", "a", "b",
                                    shim={"FAIL": f"{fault}:{errno.EEXIST}"})  # fmt: skip
 
             self.assertEqual(["a"], self.names())
@@ -457,7 +459,7 @@ class RefusalTest(TransferTest):
 
     def test_a_failed_call_changes_nothing(self):
         for command, function in (("copy", "CopyFile"), ("move", "MoveFile")):
-            for call, where in (("fsync", self.to), ("fchmod", self.to), ("write", self.to), ("linkat", self.to)):
+            for call, where in (("fsync", self.to), ("fchmod", self.to), ("write", self.to), ("renameat", self.to)):
                 with self.subTest(command=command, call=call):
                     self.arrange(b"x" * 20000)
                     line = safe(f"{function}: {call}({where}) failed ({errno.EIO}, Input/output error).")
@@ -519,7 +521,7 @@ class RemedyTest(TransferTest):
         ("copy", {"FLIP": "2"}, "a", "{to}",
          "the copy for '{to}' was read back, and differs from 'a' after byte 0: the medium is faulty, or 'a' was written "
          "meanwhile", "run this again. If it fails again, check the medium, and replace it"),
-        ("copy -n", {"FAIL": f"linkat:{errno.EEXIST}"}, "a", "c", "'c' exists, and was not to be replaced",
+        ("copy -n --no-durable", {"FAIL": f"linkat:{errno.EEXIST}"}, "a", "c", "'c' exists, and was not to be replaced",
          "choose another destination, or allow that 'c' is replaced"),
         ("move", {"FAIL": f"renameat:{errno.EROFS}"}, "a", "c", "the file cannot be put at 'c': Read-only file system",
          "choose a path on a file system that is mounted writable"),
