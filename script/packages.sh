@@ -42,6 +42,7 @@ declare -rA packages=(
     [powerpc]="$target $tool $artifacts python3-kconfiglib"
     [board]="$board"
     [board-faults]="$board"
+    [board-power]="$board"
     [board-costs]="$board"
     [powerpc-oldabi]="$target $artifacts"
     [armhf]="$emulated g++-arm-linux-gnueabihf"

@@ -1,0 +1,449 @@
+#!/usr/bin/env python3
+"""Cuts the power of the emulated board at every write, and judges what is left; script/board calls this.
+
+Usage: power_cuts.py FOLDER PROGRAM [COUNT]
+
+PROGRAM is orv_device_work, which does what programs of the device do: with the library, with the durable companion, and
+as a control with the companion without its flushes. It runs on a disk with two file systems, whose writes QEMU logs.
+The log is replayed up to each write (COUNT: up to that many, evenly chosen), in two models of the disk:
+
+  ordered    all writes before the cut are on the disk
+  volatile   all writes before the last flush are, and a random half of those that came after it
+
+Each state is mounted, which needs root, and judged: a durable call that has returned is on the disk; of one that is
+under way, the old or the new file, whole; and the content of a file that is moved is somewhere. A loss is a failure; so
+it is if the control loses nothing. Besides, the board itself is killed at random times.
+"""
+
+import collections
+import contextlib
+import ctypes
+import fcntl
+import functools
+import itertools
+import os
+import pathlib
+import random
+import re
+import shutil
+import struct
+import subprocess
+import sys
+import tempfile
+import time
+
+from machine import Failure, Machine, quoted
+from write_log import BadLog, Part, Replay, entries, inside
+
+MIB = 1 << 20
+SECTOR = 512
+MARKS_AT = 4096
+PARTS = {"source": Part(MIB, 128 * MIB), "destination": Part(129 * MIB, 128 * MIB)}
+DISK_BYTES = 257 * MIB
+FORMAT = {
+    "ext4": ["mke2fs", "-q", "-F", "-t", "ext4", "-b", "4096", "-J", "size=4", "-E", "lazy_itable_init=0"],
+    "btrfs": ["mkfs.btrfs", "-q"],
+}
+WAYS = {"library": "the library", "control": "the companion without flushes", "durable": "the durable companion"}
+DEVICE = "/dev/vdc"
+TABLE_AT, LINUX = 446, 0x83  # of the partitions
+SEED = 22
+ROUNDS, ROUNDS_SHORT = 30, 4
+CUTS, KILLS, KILLS_SHORT = 2600, 25, 1  # for each file system
+KILL_SECONDS = 6.0  # after the first call, at the latest
+PROGRAM_SECONDS = 1200
+MEMORY = "/dev/shm"
+BLKFLSBUF = 0x1261
+KEPT_CALLS = 3  # of which the program leaves the new files
+MINIMUM = pathlib.Path(__file__).resolve().parent.parent / "script" / "minimum-tests.txt"
+
+
+# ---- What the program does
+
+class Job(collections.namedtuple("Job", "index kind replaced way page")):
+    """`page` is a page of which "@" is the content."""
+
+    @property
+    def directory(self):
+        return "source" if self.kind == "page" else "destination"
+
+    @functools.lru_cache(200)
+    def whole(self, call):
+        """Returns what this call of the job writes."""
+        content = b"%02d-%06d/" % (self.index, call) * (1500 + call % 10 * 100)
+        if self.kind.startswith("page"):
+            return self.page.replace(b"@", content)
+        return b"mode=" + content + b"\n" if self.kind == "settings" else content
+
+
+def read_jobs(output):
+    """Reads what the program has written."""
+    *lines, page = output.split(b"\n")
+    if not lines or page.count(b"@") != 1:
+        raise Failure(f"the program has not described its jobs: {output!r}")
+    jobs = []
+    for index, line in enumerate(lines):
+        kind, destination, way = line.decode().split("\t")
+        jobs.append(Job(index, kind, destination == "replaced", way, page))
+    return jobs
+
+
+def read_marks(disk, jobs):
+    """Returns for each job the numbers of the last call that has begun, and of the last one that has ended."""
+    marks = {}
+    for job in jobs:
+        found = re.match(rb"orv (\d+) (\d+)\n", os.pread(disk.fileno(), SECTOR, MARKS_AT + SECTOR * job.index))
+        marks[job] = (int(found[1]), int(found[2])) if found else (0, 0)
+    return marks
+
+
+# ---- What is left of it
+
+def identify(job, content, latest):
+    """Returns the number of the call that has written this content, 0 if there is no file, or what is wrong with it."""
+    if content is None:
+        return 0
+    for call in range(latest, 0, -1):
+        if content == job.whole(call):
+            return call
+    if isinstance(content, OSError):
+        return "unreadable"
+    if not content:
+        return "empty"
+    if not any(content):
+        return "zeros"
+    is_prefix = any(job.whole(call).startswith(content) for call in range(latest, 0, -1))
+    return "prefix" if is_prefix else "mixed"
+
+
+def expectations(job, begun, ended):
+    """Returns names of files, and of which calls each may be; 0 if it may be missing."""
+    under_way = {begun} if begun > ended else set()
+    if job.replaced:
+        return [(f"{job.index}", {ended} | under_way)] if begun else []
+    calls = [(f"{job.index}.{call}", {call}) for call in range(max(1, ended - KEPT_CALLS + 1), ended + 1)]
+    return calls + [(f"{job.index}.{call}", {0, call}) for call in under_way]
+
+
+def loss(job, marks, seen):
+    """Returns what the job has lost, or None. `marks` are those of the job, `seen` the files on each part. A move that
+    is not durable loses nothing as long as the content is somewhere."""
+    for name, calls in expectations(job, *marks):
+        latest = max(calls)
+        found = identify(job, seen[job.directory].get(name), latest)
+        source = identify(job, seen["source"].get(f"{job.index}.{latest}"), latest)
+        is_somewhere = job.kind != "move" or latest in (found, source)
+        is_expected = found in calls or (job.kind == "move" and job.way != "durable")
+        if not (is_somewhere and is_expected):
+            return found if isinstance(found, str) else "old" if found else "missing"
+    return None
+
+
+class Tally:
+    """Counts the states, and the losses of each job by cause."""
+
+    def __init__(self):
+        self.states = 0
+        self.losses = collections.Counter()
+        self.unforgivable = []
+
+    def judge(self, name, jobs, mounts, replay, dropped=()):
+        """Judges a state of the disk. Its name is for messages."""
+        try:
+            self.add(name, read_marks(replay.disk, jobs), mounts.seen(replay, dropped))
+        except Failure as failure:
+            raise Failure(f"{name}: {failure}") from failure
+
+    def add(self, name, marks, seen):
+        self.states += 1
+        for job in marks:
+            cause = loss(job, marks[job], seen)
+            if cause:
+                self.losses[job, cause] += 1
+            if cause and job.way == "durable":
+                self.unforgivable.append(f"{name}: {job.kind}, {'replaced' if job.replaced else 'new'}: {cause}")
+
+    def lost(self, way):
+        return sum(count for (job, _), count in self.losses.items() if job.way == way)
+
+    def details(self, job):
+        causes = {cause: count for (other, cause), count in sorted(self.losses.items()) if other == job}
+        return f"{sum(causes.values()):,}" + "".join(f"; {count:,} {cause}" for cause, count in causes.items())
+
+    def table(self, jobs):
+        lines = ["| Call | Destination | Library | Companion, durable | Companion without flushes |",
+                 "|---|---|---|---|---|"]  # fmt: skip
+        for first in range(0, len(jobs), 3):
+            three = {job.way: job for job in jobs[first : first + 3]}
+            columns = [self.details(three[way]) for way in ("library", "durable", "control")]
+            destination = "replaced" if jobs[first].replaced else "new"
+            lines.append(f"| {jobs[first].kind} | {destination} | {' | '.join(columns)} |")
+        return "\n".join(lines)
+
+
+# ---- Mounting it
+
+class Mounts:
+    """Shows the files of states. The images are in memory."""
+
+    def __init__(self, kind):
+        self.kind = kind
+        self.stack = contextlib.ExitStack()
+        self.libc = ctypes.CDLL(None, use_errno=True)
+
+    def __enter__(self):
+        folder = tempfile.TemporaryDirectory(prefix="orv_cuts.", dir=MEMORY)  # pylint: disable=consider-using-with
+        self.folder = pathlib.Path(self.stack.enter_context(folder))
+        self.point = self.folder / "mounted"
+        self.point.mkdir()
+        self.devices = {}
+        for part in PARTS:
+            image = self.folder / part
+            image.write_bytes(b"\0" * SECTOR)
+            os.truncate(image, PARTS[part].size)
+            made = subprocess.run(["losetup", "--show", "-f", image], check=True, stdout=subprocess.PIPE, text=True)
+            self.devices[part] = made.stdout.strip()
+            self.stack.callback(subprocess.run, ["losetup", "-d", self.devices[part]], check=True)
+        return self
+
+    def __exit__(self, kind, error, trace):
+        self.stack.close()
+
+    def seen(self, replay, dropped=()):
+        """Returns the files on each part."""
+        files = {}
+        for part in PARTS:
+            here = tuple(write.number for write in replay.pending if write.part == part and write.number in dropped)
+            files[part] = self.mounted(replay, part, replay.latest[part], here)
+        return files
+
+    @functools.lru_cache(maxsize=6)  # most cuts change one part only
+    def mounted(self, replay, part, _latest, dropped):
+        replay.make_image(part, dropped, self.folder / part)
+        device, point = self.devices[part], os.fsencode(self.point)
+        with open(device, "rb") as block:
+            fcntl.ioctl(block, BLKFLSBUF)
+        if self.libc.mount(device.encode(), point, self.kind.encode(), 0, None) != 0:
+            raise Failure(f"the {part} cannot be mounted: {os.strerror(ctypes.get_errno())}")
+        try:
+            return {name: content_of(self.point / name) for name in os.listdir(self.point) if name[0].isdigit()}
+        finally:
+            if self.libc.umount2(point, 0) != 0:
+                raise Failure(f"the {part} cannot be unmounted: {os.strerror(ctypes.get_errno())}")
+
+
+def content_of(path):
+    try:
+        return path.read_bytes()
+    except OSError as error:
+        return error
+
+
+# ---- The board
+
+def make_disk(kind, disk):
+    """Makes a disk with two empty file systems, and a table of partitions in front of them."""
+    rows = [struct.pack("<B3xB3xLL", 0, LINUX, part.offset // SECTOR, part.size // SECTOR) for part in PARTS.values()]
+    with disk.open("wb") as file:
+        file.write((bytes(TABLE_AT) + b"".join(rows)).ljust(SECTOR - 2, b"\0") + b"\x55\xaa")
+        for part in PARTS.values():
+            image = disk.with_suffix(".part")
+            image.touch()
+            os.truncate(image, part.size)
+            subprocess.run([*FORMAT[kind], image], check=True, stdout=subprocess.DEVNULL)
+            file.seek(part.offset)
+            file.write(image.read_bytes())
+            image.unlink()
+
+
+def disk_is_marked(disk):
+    with disk.open("rb") as file:
+        file.seek(MARKS_AT)
+        return any(file.read(MIB - MARKS_AT))
+
+
+class Killed(Exception):
+    pass
+
+
+class Trial:
+    """One kind of file system. `empty` is a disk with two of them; `kept` is the folder of everything."""
+
+    def __init__(self, folder, program, kind, count):
+        self.folder, self.program, self.kind = folder, program, kind
+        self.is_short = count < CUTS
+        self.count = count
+        self.rounds = ROUNDS_SHORT if self.is_short else ROUNDS
+        self.kept = pathlib.Path(tempfile.mkdtemp(prefix=f"power-cuts.{kind}.", dir=folder))
+        self.empty, self.log = self.kept / "empty", self.kept / "log"
+        make_disk(kind, self.empty)
+
+    def new_disk(self):
+        disk = self.kept / "disk"
+        subprocess.run(["cp", "--sparse=always", self.empty, disk], check=True)
+        return disk
+
+    def board(self, disk, log=None):
+        """Returns a board with one more disk, whose writes are logged."""
+        file = "driver=file,cache.no-flush=on"
+        options = ["-blockdev", f"{file},node-name={'disk' if log else 'cut'},filename={quoted(disk)}"]
+        if log:
+            log.touch()
+            options += ["-blockdev", f"{file},node-name=log,filename={quoted(log)}", "-blockdev",
+                        f"driver=blklogwrites,node-name=cut,file=disk,log=log,log-sector-size={SECTOR}"]  # fmt: skip
+        options += ["-device", "virtio-blk-pci,drive=cut,discard=off,write-zeroes=off"]
+        return Machine(self.folder, files="tmpfs", options=options)
+
+    def work(self):
+        """Runs the program to its end, and logs the writes. Returns the jobs."""
+        with self.board(self.new_disk(), self.log) as board, tempfile.TemporaryFile() as output:
+            command = [self.program, self.kind, DEVICE, self.rounds]
+            status = board.run(command, seconds=PROGRAM_SECONDS, output=output, errors=output)
+            output.seek(0)
+            text = output.read()
+        if status != 0:
+            raise Failure(f"the program ended with {status}:\n{text.decode()}")
+        return read_jobs(text)
+
+    def kill(self, seconds):
+        """Runs the program, and kills the board some time after the first call has begun. Returns disk and jobs."""
+        disk = self.new_disk()
+        with contextlib.suppress(Killed), self.board(disk) as board:
+            job = board.begin([self.program, self.kind, DEVICE, ROUNDS])
+            deadline = time.monotonic() + PROGRAM_SECONDS
+            while not disk_is_marked(disk):
+                if time.monotonic() > deadline or board.process.poll() is not None:
+                    board.fail("no call has marked the disk")
+                time.sleep(0.1)
+            time.sleep(seconds)
+            output = (job / "output").read_bytes()
+            board.process.kill()
+            board.process.wait()
+            raise Killed
+        return disk, read_jobs(output)
+
+    # ---- What is judged
+
+    def cut_log(self, jobs):
+        """Judges the states of the disk at the chosen points of the log."""
+        points = choose(cut_points(self.log), self.count)
+        tally = Tally()
+        with Mounts(self.kind) as mounts, Replay(self.new_disk(), PARTS) as replay:
+            for entry in itertools.chain(entries(self.log, DISK_BYTES), [None]):
+                if replay.number in points:
+                    for model, dropped in models(replay).items():
+                        tally.judge(f"{model}, cut before write {replay.number}", jobs, mounts, replay, dropped)
+                if entry:
+                    replay.add(entry)
+        return tally
+
+    def check_sight(self, jobs):
+        """Replays the log without the writes of one file of a durable call. The judge must see this loss."""
+        job = next(job for job in jobs if (job.kind, job.replaced, job.way) == ("copy", True, "durable"))
+        beginning = job.whole(self.rounds)[:SECTOR]
+        found = 0
+        with Mounts(self.kind) as mounts, Replay(self.new_disk(), PARTS) as replay:
+            for entry in entries(self.log, DISK_BYTES):
+                is_lost = beginning in entry.data and inside(PARTS[job.directory], entry.offset)
+                replay.add(entry._replace(data=b"") if is_lost else entry)
+                found += is_lost
+            marks, seen = read_marks(replay.disk, jobs)[job], mounts.seen(replay)
+        if not found or marks != (self.rounds, self.rounds) or loss(job, marks, seen) is None:
+            raise Failure(f"a lost write was not seen: {found} writes, marks {marks}")
+
+    def kill_boards(self):
+        """Judges what boards leave that are killed at random times."""
+        tally, chance = Tally(), random.Random(f"{SEED} {self.kind}")
+        for number in range(KILLS_SHORT if self.is_short else KILLS):
+            disk, jobs = self.kill(chance.random() * KILL_SECONDS)
+            with Mounts(self.kind) as mounts, Replay(disk, PARTS) as replay:
+                tally.judge(f"kill {number}", jobs, mounts, replay)
+        return tally
+
+    def can_mount(self):
+        try:
+            with Mounts(self.kind) as mounts, Replay(self.new_disk(), PARTS) as replay:
+                mounts.seen(replay)
+        except Failure as failure:
+            print(f"SKIPPED: power cuts on {self.kind}: {failure}")
+            return False
+        return True
+
+    def run(self):
+        """Returns how many cuts and kills were judged, and what is wrong."""
+        jobs = self.work()
+        self.check_sight(jobs)
+        cuts = self.cut_log(jobs)
+        kills = self.kill_boards()
+        print(cuts.table(jobs))
+        for name, tally in (("cuts", cuts), ("kills", kills)):
+            counts = [f"{tally.lost(way):,} by {who}" for way, who in WAYS.items()]
+            print(f"board: power cuts on {self.kind}: {tally.states:,} {name}; losses: {', '.join(counts)}", flush=True)
+        return cuts.states, kills.states, problems(cuts, kills)
+
+
+def problems(cuts, kills):
+    """Returns what durable calls have lost. If the calls without flushes have lost nothing, no loss can be seen."""
+    blind = [] if cuts.lost("control") else ["the calls without flushes have lost nothing"]
+    return cuts.unforgivable + kills.unforgivable + blind
+
+
+def cut_points(log):
+    """Returns the numbers of the writes to the parts after the first mark, and that of the end."""
+    points, marked, number = [], False, 0
+    for number, entry in enumerate(entries(log, DISK_BYTES)):
+        marked = marked or MARKS_AT <= entry.offset < MIB
+        if marked and entry.data and entry.offset >= MIB:
+            points.append(number)
+    if not marked:
+        raise Failure("no call has marked the log")
+    return points + [number + 1]
+
+
+def choose(points, count):
+    """Returns up to `count` of the points, evenly."""
+    return {points[i * len(points) // count] for i in range(count)} if count < len(points) else set(points)
+
+
+def models(replay):
+    """Returns the models of the disk, with the numbers of the writes that a power cut loses now."""
+    chance = random.Random(f"{SEED} {replay.number}")
+    half = {write.number for write in replay.pending if chance.random() < 0.5 and not write.forced}
+    return {"ordered": frozenset(), "volatile": frozenset(half)}
+
+
+def test(folder, program, kind, count):
+    """Returns how many cuts and kills were judged, and whether all is well."""
+    start = time.monotonic()
+    trial = Trial(folder, program, kind, count)
+    wrong = []
+    cuts = kills = 0
+    try:
+        if trial.can_mount():
+            cuts, kills, wrong = trial.run()
+        elif os.environ.get("ORV_NO_SKIP"):
+            wrong = ["skipped"]
+    except (Failure, BadLog, subprocess.SubprocessError) as failure:
+        wrong = [str(failure)]
+    for what in wrong:
+        print(f"FAILED: power cuts on {kind}: {what}")
+    print(f"{kind}: {time.monotonic() - start:.0f} s", flush=True)
+    if wrong:
+        print(f"kept: {trial.kept}, with the empty disk and the log; the seed is {SEED}", flush=True)
+    else:
+        shutil.rmtree(trial.kept)
+    return cuts, kills, not wrong
+
+
+def main(folder, program, count=CUTS):
+    results = [test(folder, program, kind, int(count)) for kind in FORMAT]
+    cuts, kills, well = map(list, zip(*results))
+    print(f"board: power cuts: {sum(cuts):,} cuts and {sum(kills)} kills judged")
+    minimum = int(re.search(r"(?m)^board-power (\d+)$", MINIMUM.read_text(encoding="utf-8"))[1])
+    if int(count) >= CUTS and sum(cuts) + sum(kills) < minimum:
+        sys.exit(f"FAILED: script/minimum-tests.txt demands {minimum}")
+    return int(not all(well))
+
+
+if __name__ == "__main__":
+    sys.exit(main(*sys.argv[1:]))

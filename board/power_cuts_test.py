@@ -1,0 +1,202 @@
+#!/usr/bin/env python3
+"""What a replayed log leaves on the disk, and what the judge sees. Needs no board and no root."""
+
+import pathlib
+import tempfile
+import unittest
+
+import power_cuts
+from machine import Failure
+from power_cuts import DISK_BYTES, MARKS_AT, PARTS, SECTOR, Job, Tally, choose, cut_points, loss, models, read_jobs
+from write_log import ENTRY, FLUSH, FUA, HEADER, MAGIC, VERSION, BadLog, Replay, entries
+
+SOURCE, DESTINATION = (part.offset for part in PARTS.values())
+PAGE = b"<html>@</html>"
+MOVE = Job(0, "move", False, "durable", PAGE)
+REPLACING_MOVE = Job(1, "move", True, "durable", PAGE)
+COPY = Job(2, "copy", True, "durable", PAGE)
+SETTINGS = Job(3, "settings", True, "durable", PAGE)
+NEAR_PAGE = Job(4, "page", False, "durable", PAGE)
+JOBS = [MOVE, REPLACING_MOVE, COPY, SETTINGS, NEAR_PAGE]
+
+
+def sectors(data):
+    return data.ljust(-(-len(data) // SECTOR) * SECTOR, b"\0")
+
+
+def log_of(*writes, count=None):
+    """Returns a log. Each write is a place, its data, and flags."""
+    header = HEADER.pack(MAGIC, VERSION, len(writes) if count is None else count, SECTOR)
+    parts = [sectors(header)]
+    for offset, data, flags in writes:
+        parts += [sectors(ENTRY.pack(offset // SECTOR, len(sectors(data)) // SECTOR, flags, 0)), sectors(data)]
+    return b"".join(parts)
+
+
+def mark(job, begun, ended):
+    return (MARKS_AT + SECTOR * job.index, b"orv %d %d\n" % (begun, ended), 0)
+
+
+class FilesTest(unittest.TestCase):
+    def setUp(self):
+        folder = tempfile.TemporaryDirectory(prefix="orv_test.")
+        self.addCleanup(folder.cleanup)
+        self.folder = pathlib.Path(folder.name)
+
+    def log(self, *writes, count=None):
+        path = self.folder / "log"
+        path.write_bytes(log_of(*writes, count=count))
+        return path
+
+    def replay(self, *writes):
+        disk = self.folder / "disk"
+        disk.write_bytes(b"")
+        replay = self.enterContext(Replay(disk, PARTS))
+        for entry in entries(self.log(*writes), DISK_BYTES):
+            replay.add(entry)
+        return replay
+
+    def enterContext(self, context):  # the one of Python 3.11
+        value = context.__enter__()
+        self.addCleanup(context.__exit__, None, None, None)
+        return value
+
+    def image(self, replay, part, dropped=()):
+        path = self.folder / "image"
+        path.touch()
+        replay.make_image(part, dropped, path)
+        return path.read_bytes()
+
+
+class LogTest(FilesTest):
+    def refused(self, content):
+        path = self.folder / "log"
+        path.write_bytes(content)
+        with self.assertRaises(BadLog):
+            list(entries(path, DISK_BYTES))
+
+    def test_what_is_not_a_log_is_refused(self):
+        good = log_of((SOURCE, b"data", 0))
+
+        self.refused(b"")
+        self.refused(b"\0" * 4096)
+        self.refused(b"x" + good[1:])
+        self.refused(good[:-1])
+        self.refused(log_of())
+        self.refused(log_of((SOURCE, b"data", 0), count=2))  # zeros follow
+        self.refused(log_of((SOURCE, b"data", 0), count=2) + b"\0" * 4096)
+        self.refused(log_of((SOURCE, b"", 0)))
+        self.refused(log_of((DISK_BYTES, b"data", 0)))
+        for flag in (4, 8, 16):
+            self.refused(log_of((SOURCE, b"data", flag)))
+
+    def test_a_log_without_marks_is_refused(self):
+        with self.assertRaisesRegex(Failure, "no call has marked the log"):
+            cut_points(self.log((SOURCE, b"data", 0), (0, b"table", 0)))
+
+    def test_the_power_is_cut_before_every_write_after_the_first_mark(self):
+        log = self.log((SOURCE, b"1", 0), mark(MOVE, 1, 0), (SOURCE, b"2", 0), (0, b"", FLUSH), mark(MOVE, 1, 1),
+                       (DESTINATION, b"3", 0))  # fmt: skip
+
+        self.assertEqual([2, 5, 6], cut_points(log))
+        self.assertEqual({2, 5}, choose([2, 5, 6], 2))
+        self.assertEqual({2, 5, 6}, choose([2, 5, 6], 9))
+
+
+class ReplayTest(FilesTest):
+    def test_each_part_gets_its_writes_in_order(self):
+        there = (DESTINATION + SECTOR, b"there", 0)
+        replay = self.replay((SOURCE, b"old", 0), there, (0, b"", FLUSH), (SOURCE, b"new", 0))
+
+        self.assertEqual(sectors(b"new"), self.image(replay, "source")[:SECTOR])
+        self.assertEqual(sectors(b"old"), self.image(replay, "source", {3})[:SECTOR])
+        self.assertEqual(sectors(b"there"), self.image(replay, "destination", {1})[SECTOR : 2 * SECTOR])
+        self.assertEqual({"source": 3, "destination": 1}, replay.latest)
+
+    def test_a_volatile_cache_loses_only_what_was_not_flushed(self):
+        later = [(DESTINATION + number * SECTOR, b"later", 0) for number in range(100)]
+        replay = self.replay((SOURCE, b"early", 0), (0, b"", FLUSH), (SOURCE, b"forced", FUA), mark(MOVE, 1, 0), *later)
+        lost = models(replay)["volatile"]
+
+        self.assertTrue(lost < set(range(4, 104)))
+        self.assertTrue(30 < len(lost) < 70)
+        self.assertEqual(lost, models(replay)["volatile"])
+        self.assertEqual(frozenset(), models(replay)["ordered"])
+        self.assertEqual((1, 0), power_cuts.read_marks(replay.disk, JOBS)[MOVE])
+
+
+class JudgeTest(unittest.TestCase):
+    def loses(self, cause, job, begun, ended, source=None, destination=None):
+        seen = {"source": source or {}, "destination": destination or {}}
+        self.assertEqual(cause, loss(job, (begun, ended), seen))
+
+    def test_a_call_that_has_returned_has_made_its_file(self):
+        whole = COPY.whole(2)
+        self.loses(None, COPY, 2, 2, {}, {"2": whole})
+        for cause, content in [("prefix", whole[:-1]), ("empty", b""), ("zeros", bytes(len(whole))),
+                               ("old", COPY.whole(1)),
+                               ("mixed", whole[:4096] + bytes(4096) + whole[8192:]), ("mixed", whole + b"\0"),
+                               ("unreadable", OSError()), ("missing", None)]:  # fmt: skip
+            self.loses(cause, COPY, 2, 2, {}, {"2": content})
+
+    def test_a_call_under_way_leaves_the_old_or_the_new_file(self):
+        for content in (COPY.whole(2), COPY.whole(3)):
+            self.loses(None, COPY, 3, 2, {}, {"2": content})
+        self.loses("old", COPY, 3, 2, {}, {"2": COPY.whole(1)})
+        self.loses("prefix", COPY, 3, 2, {}, {"2": COPY.whole(3)[:5000]})
+        self.loses("missing", COPY, 3, 2)
+        self.loses(None, COPY, 1, 0)
+
+    def test_a_moved_file_is_somewhere(self):
+        whole = {call: MOVE.whole(call) for call in range(1, 6)}
+        kept = {f"0.{call}": whole[call] for call in (2, 3, 4)}
+        self.loses(None, MOVE, 4, 4, {}, kept)
+        self.loses("missing", MOVE, 5, 4, {}, kept)
+        self.loses(None, MOVE, 5, 4, {"0.5": whole[5]}, kept)
+        self.loses("empty", MOVE, 5, 4, {"0.5": whole[5]}, {**kept, "0.5": b""})
+        self.loses("missing", MOVE, 4, 4, {"0.2": whole[2]}, {**kept, "0.2": None})
+        self.loses("old", REPLACING_MOVE, 3, 2, {}, {"1": REPLACING_MOVE.whole(2)})
+        self.loses(None, REPLACING_MOVE, 3, 2, {"1.3": REPLACING_MOVE.whole(3)}, {"1": REPLACING_MOVE.whole(2)})
+
+    def test_a_move_without_flushes_loses_only_content_that_is_nowhere(self):
+        job = MOVE._replace(way="library")
+        self.loses(None, job, 1, 1, {"0.1": job.whole(1)}, {"0.1": b""})
+        self.loses("empty", job, 1, 1, {}, {"0.1": b""})
+        self.loses("missing", job, 1, 1)
+
+    def test_pages_and_settings_have_their_own_form(self):
+        content = SETTINGS.whole(1)
+        self.assertTrue(content.startswith(b"mode=03-000001/03-000001/") and content.endswith(b"/\n"))
+        self.loses(None, NEAR_PAGE, 1, 1, {"4.1": b"<html>" + b"04-000001/" * 1600 + b"</html>"})
+        self.loses("prefix", NEAR_PAGE, 1, 1, {"4.1": b"<html>" + b"04-000001/" * 1600})
+
+    def test_losses_are_counted_by_way(self):
+        job = COPY._replace(way="control")
+        tally = Tally()
+        tally.add("state", {COPY: (1, 1), job: (1, 1)}, {"source": {}, "destination": {"2": b""}})
+
+        self.assertEqual((1, 1, 0), tuple(map(tally.lost, ("durable", "control", "library"))))
+        self.assertEqual(["state: copy, replaced: empty"], tally.unforgivable)
+
+    def test_a_durable_loss_is_a_problem_and_so_is_a_control_that_loses_nothing(self):
+        lost = {"source": {}, "destination": {}}
+        kept = {"source": {}, "destination": {"2": COPY.whole(1)}}
+        control = COPY._replace(way="control")
+        cuts, kills = Tally(), Tally()
+        cuts.add("cut", {COPY: (1, 1)}, kept)
+        kills.add("kill", {COPY: (1, 1), control: (1, 1)}, lost)
+        self.assertEqual(["kill: copy, replaced: missing", "the calls without flushes have lost nothing"],
+                         power_cuts.problems(cuts, kills))  # fmt: skip
+
+        cuts.add("cut", {control: (1, 1)}, lost)
+        self.assertEqual([], power_cuts.problems(cuts, Tally()))
+
+    def test_the_program_must_describe_its_jobs(self):
+        self.assertEqual([Job(0, "move", True, "library", PAGE)], read_jobs(b"move\treplaced\tlibrary\n" + PAGE))
+        for output in (b"", PAGE, b"move\tnew\tlibrary\n"):
+            with self.assertRaises(Failure):
+                read_jobs(output)
+
+
+if __name__ == "__main__":
+    unittest.main()
