@@ -159,6 +159,13 @@ class UsageTest(ToolTest):
             for option in ("-h,--help", "-q,--quiet", "--syslog"):
                 self.assertRegex(out.decode(), rf"(?m)^  {option} ")
 
+    def test_no_description_of_an_option_has_what_completion_would_have_to_quote(self):
+        _, out, _ = self.run_tool("completion", "zsh")
+        options = [line for line in out.decode().replace(r"'\''", "").splitlines() if line.lstrip().startswith("'(")]
+        self.assertGreater(len(options), 50)
+        for option in options:
+            self.assertRegex(option, r"^ *'[^][\\]+\[[^][\\]+\][^][\\]*' \\$")
+
     def test_quiet_may_be_before_and_after_the_command(self):
         for arguments in (["-q", "exists", "gone"], ["exists", "-q", "gone"], ["exists", "gone", "--quiet"]):
             self.assert_fails("", *arguments)
