@@ -32,22 +32,21 @@ std::string TypeName(mode_t mode)
 
 }  // namespace
 
-std::optional<Explanation> ExplainFailure(const std::vector<Report>& reports)
+Explanation ExplainFailure(const std::vector<Report>& reports)
 {
     for (const Report& report : reports) {
         std::optional<Explanation> explanation = Explain(report.text);
         if (explanation && !explanation->isNote) {
-            return explanation;
+            return *explanation;
         }
     }
-    return std::nullopt;
+    return {{}, {}, "read the lines above", {}, {}, {}, "the lines above say why"};
 }
 
 void FailByReports(const std::string& problem)
 {
-    const std::optional<Explanation> explanation = ExplainFailure(TakeReports());
-    throw explanation ? Failure(problem + ": " + explanation->reason, explanation->todo)
-                      : Failure(problem, "see the lines above");
+    const Explanation explanation = ExplainFailure(TakeReports());
+    throw Failure(problem + ": " + explanation.reason, explanation.todo);
 }
 
 void SetQuiet(bool wanted)

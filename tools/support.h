@@ -32,7 +32,7 @@ private:
 };
 
 // Explains the first of the lines that reports a failure and can be explained: later ones report what followed from it.
-std::optional<Explanation> ExplainFailure(const std::vector<Report>& reports);
+Explanation ExplainFailure(const std::vector<Report>& reports);
 
 // Throws Failure: "PROBLEM: REASON", and what to do. Both come from the lines since TakeReports() was called.
 [[noreturn]] void FailByReports(const std::string& problem);

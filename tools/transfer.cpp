@@ -9,6 +9,7 @@
 #include <LxFileUtils.h>
 #include <orv/safe.h>
 
+#include <algorithm>
 #include <cerrno>
 
 namespace {
@@ -85,12 +86,9 @@ std::string Problem(const Kind& kind, const Transfer& transfer)
 // The problem is about two paths, so the reason must say which of them it is about.
 [[noreturn]] void Fail(const std::string& problem, const std::vector<Report>& reports)
 {
-    const std::optional<Explanation> why = ExplainFailure(reports);
-    if (!why) {
-        throw Failure(problem, "see the lines above");
-    }
-    const bool isNumberOnly = why->reason == why->errorText;
-    throw Failure(problem + ": " + (isNumberOnly ? why->meaning + ": " : "") + why->reason, why->todo);
+    const Explanation why = ExplainFailure(reports);
+    const bool isNumberOnly = why.reason == why.errorText;
+    throw Failure(problem + ": " + (isNumberOnly ? why.meaning + ": " : "") + why.reason, why.todo);
 }
 
 // The content would not be lost, but one name of it would be, or two names of one file would become two files. Neither
@@ -160,7 +158,6 @@ void RunOne(const Kind& kind, const TransferOptions& options, const Transfer& tr
     }
     RequireReplaceable(transfer.destination);
     RefuseSameFile(transfer, source, &kind == &kMove);
-    (void)TakeReports();
     if (options.plain) {
         MovePlainly(transfer);
     } else {
@@ -171,7 +168,7 @@ void RunOne(const Kind& kind, const TransferOptions& options, const Transfer& tr
 // ---- All files
 
 // The files that this call has written. A later source of the same name must not replace one of them, because a move
-// would lose it. Two paths can be one file: some file systems do not distinguish capital letters.
+// would lose it. Paths are not compared: some file systems do not distinguish capital letters.
 class Written {
 public:
     explicit Written(std::size_t most)
@@ -182,28 +179,24 @@ public:
     void Refuse(const Transfer& transfer) const
     {
         const std::optional<struct stat> there = LinkStatusOf(transfer.destination);
-        for (const File& file : files_) {
-            if (file.path == transfer.destination || (file.status && there && IsSameFile(*file.status, *there))) {
-                throw Failure(Quoted(transfer.source) + " would replace " + Quoted(transfer.destination) +
-                                  ", which was written just before",
-                              "give the files different names, or move or copy them one by one");
-            }
+        const auto isThere = [&there](const struct stat& file) { return IsSameFile(file, *there); };
+        if (there && std::any_of(files_.begin(), files_.end(), isThere)) {
+            throw Failure(Quoted(transfer.source) + " would replace " + Quoted(transfer.destination) +
+                              ", which was written just before",
+                          "give the files different names, or move or copy them one by one");
         }
     }
 
-    // Needs no memory, because a failure would say that the file was not written. Keeps a reference to the path.
+    // Needs no memory, because a failure would say that the file was not written.
     void Add(const std::string& path)
     {
-        files_.push_back({path, LinkStatusOf(path)});
+        if (const std::optional<struct stat> status = LinkStatusOf(path)) {
+            files_.push_back(*status);
+        }
     }
 
 private:
-    struct File {
-        const std::string& path;
-        std::optional<struct stat> status;
-    };
-
-    std::vector<File> files_;
+    std::vector<struct stat> files_;
 };
 
 // A failure of one file does not keep others from being moved or copied.
