@@ -15,8 +15,8 @@
 
 namespace {
 
-const std::size_t kMostLineBytes =
-    1 << 16;  // a line of the libraries has two paths at most; longer ones pass unchanged
+// A line of the libraries has two paths at most; longer ones pass unchanged.
+const std::size_t kMostLineBytes = 1 << 16;
 const std::size_t kBlockBytes = 1 << 16;
 
 std::string AsText(const std::string& line, const Explanation& explanation)

@@ -102,9 +102,10 @@ public:
     {
     }
 
+    // Not after SkipBack() and TakeBack().
     bool Skip(const std::string& literal)
     {
-        if (end_ - begin_ < literal.size() || text_.compare(begin_, literal.size(), literal) != 0) {
+        if (text_.compare(begin_, literal.size(), literal) != 0) {
             return false;
         }
         begin_ += literal.size();

@@ -131,6 +131,8 @@ NOT_BY_DEFAULT = {"tools"}
 NEVER = "*LargeFile*"
 # A test that takes longer runs after all others; one that kills a mutant runs first on the next ones.
 SLOW_MILLISECONDS = 50
+# What the tests of the tool wait for, which a mutant may never do; a tool that works does it in two.
+PATIENCE_SECONDS = 12
 RECENT = 6
 
 LIBC = ctypes.CDLL(None)
@@ -303,6 +305,7 @@ class Build:
         environment = dict(os.environ, LD_LIBRARY_PATH=f"{directory}:{self.folder}/lib", **selection)
         environment.pop("ORV_NO_SKIP", None)
         environment["PYTHONPATH"] = os.path.join(ROOT, "tests", "support")
+        environment["ORV_PATIENCE"] = str(PATIENCE_SECONDS)
         environment["ORV_VERSION"] = self.version
         environment["ORV_ORACLE"] = os.path.join(self.folder, "tests", "oracle.json")
         command = ["unshare", "--mount", "--pid", "--fork", "--kill-child", "--mount-proc", "bash", "-c", SANDBOX,

@@ -363,7 +363,7 @@ class KindTest(ExplainTest):
     def test_other_words_are_not_lines_of_ours(self):
         processing = 'ReadNameValueFromFile: Error processing line {} in file "/a".  No delimiter \'{}\' found.'
         for line in (
-            processing.format("x", "="), processing.format("7", ""), processing.format("7", "=====x"),
+            processing.format("x", "="), processing.format("7", ""), processing.format("7", "====="),
             "RenameFileAcrossFs: chmod(/a_a1B2c3, 8) failed (5).", "RenameFileAcrossFs: chmod(/a_a1B2c3, 9) failed (5).",
             "RenameFileAcrossFs: write() failed (x, -1, 28).", "RenameFileAcrossFs: write() failed (1, x, 28).",
             f"PublishPage: the page in {PAGE} is torn (x of 7 bytes).",
@@ -411,6 +411,12 @@ class StreamTest(ExplainTest):
         process.stdin.flush()
         self.assertEqual((0, b"half a line\n", ""), self.finish(process, b"ne\n"))
 
+    def test_a_line_with_two_escaped_paths_of_any_length_is_explained(self):
+        path = "/a" + "\\x80" * 4096
+        line = f"CopyFile: what was written for {path} differs from {path} after byte 7."
+        self.assertLess(1 << 15, len(line))
+        self.assertIn("What", self.explained(line))
+
     def test_a_very_long_line_passes_unchanged_in_little_memory(self):
         # A sanitizer keeps what was freed.
         environment = {**os.environ, "ASAN_OPTIONS": "quarantine_size_mb=1:" + os.environ.get("ASAN_OPTIONS", "")}
@@ -429,6 +435,15 @@ class StreamTest(ExplainTest):
         line = b"MakeDirPath: can't make path of unusual size: 2000\n"
         status, out, _ = self.finish(process, b") failed (2, No such file or directory).\n" + line)
         self.assertEqual((0, 1), (status, out.count(b"What: ")))
+
+    def test_lines_of_up_to_64_kib_are_explained(self):
+        ours = b"CopyFile: open(/a) failed (2, x)."
+        for size, explained in ((1 << 16, 1), ((1 << 16) + 1, 0), (140000, 0)):
+            for end in (b"", b"\n"):
+                self.write("log", b"x" * (size - 1 - len(ours)) + b" " + ours + end)
+                with open(self.path("log"), "rb") as log:
+                    status, out, _ = self.run_tool("explain", stdin=log)
+                self.assertEqual((0, explained), (status, out.count(b"What: ")), size)
 
     def test_lines_may_be_arguments(self):
         lines = ["MakeDirPath: can't make path of unusual size: 1025", "other", "-q"]

@@ -21,7 +21,7 @@ from pages import text, without_capabilities
 
 SHIM = []
 PROGRAM = []
-PATIENCE_SECONDS = 60  # after this, a wait has failed
+PATIENCE_SECONDS = int(os.environ.get("ORV_PATIENCE", 60))  # after this, a wait has failed
 COMMANDS = ["exists", "move", "copy", "mkdir", "list", "row", "page", "get", "set", "unset", "explain",
             "completion"]
 

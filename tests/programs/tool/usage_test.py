@@ -6,6 +6,7 @@ import os
 import re
 import signal
 import socket
+import subprocess
 import unittest
 
 import orv_test
@@ -105,6 +106,7 @@ class UsageTest(ToolTest):
         self.assert_done("exists", "++", "--", "-b", "--bogus", "[a,b]", "++", "\x01\x01x", "exists")
         self.assert_done("exists", "-q", "\x01", "\x01\x01x", "[a,b]", "--", "--", "--include=", "-q")
         self.assert_done("exists", "++", "exists")
+        self.assert_done("exists", "++", "-q", "--", "-b")
         self.assert_fails(
             problem("'no': No such file or directory", "check the spelling of 'no', and check that its directory exists"),
             *("exists", "++", "--", "-b", "no"))  # fmt: skip
@@ -120,6 +122,31 @@ class UsageTest(ToolTest):
         self.assert_done("get", "f", "--comment", "--", out=b"name=value\n")
         self.assert_done("get", "--comment", "--", "--", "f", "name", out=b"value\n")
         self.assert_done("get", "--comment", "--", "f", "--", "name", out=b"value\n")
+        os.mkdir(self.path("--"))
+        self.assert_done("copy", "-t", "--", "f")
+        self.assertEqual(["f"], self.names(self.path("--")))
+
+    def test_double_dash_is_no_value_of_an_operand_that_is_called_like_one(self):
+        for name in ("PATH", "-b"):
+            self.write(name)
+
+        self.assert_done("exists", "PATH", "--", "-b")
+
+    def test_the_name_of_the_program_is_not_a_command(self):
+        self.write("--")
+        *emulator, program = tool.PROGRAM
+        command = [*emulator, "-0", "get", program] if emulator else ["get"]
+
+        process = subprocess.run([*command, "list", "--include", "--", "."], executable=None if emulator else program,
+                                 cwd=self.dir, stdout=subprocess.PIPE, check=True)  # fmt: skip
+
+        self.assertEqual(b"--\n", process.stdout)
+
+    def test_a_wrong_word_is_shown_whole(self):
+        for byte, shown in (("\r", "\\x0d"), ("\x02", "\\x02")):
+            self.assertEqual((2, b"", problem(f"unknown command or option 'a{shown}b'",
+                                              f"use one of {', '.join(COMMANDS)}; see orvfile --help")),
+                             self.run_tool(f"a{byte}b"))  # fmt: skip
 
     def test_version_and_help_fail_if_they_cannot_be_written(self):
         for arguments in (["--version"], ["--help"], ["exists", "--help"]):

@@ -125,6 +125,17 @@ class WatchTest(ToolTest):
 
         self.assertEqual((2, ""), self.stop(process, signal.SIGINT))
 
+    def test_changes_are_noticed_in_front_of_events_of_other_files(self):
+        process = self.watch(shim={"PATIENT": "1"})
+
+        process.send_signal(signal.SIGSTOP)
+        self.replace(b"second")
+        os.mkdir(self.path("other"))  # one event
+        process.send_signal(signal.SIGCONT)
+        self.wait_to_show(b"second", process)
+
+        self.assert_stops_without_warnings(process)
+
     def test_changes_are_noticed_when_events_were_lost(self):
         with open("/proc/sys/fs/inotify/max_queued_events", encoding="ascii") as limit:
             events = int(limit.read())
