@@ -18,18 +18,17 @@ namespace {
 constexpr std::chrono::milliseconds kInterval(1000);  // between two looks at a table that has not changed
 constexpr std::chrono::milliseconds kShortest(10);    // after a change
 
-typedef std::optional<struct stat> Status;
+const struct stat kMissing = {};
 
 bool IsSameTime(const struct timespec& one, const struct timespec& other)
 {
     return one.tv_sec == other.tv_sec && one.tv_nsec == other.tv_nsec;
 }
 
-bool IsUnchanged(const Status& before, const Status& now)
+bool IsUnchanged(const struct stat& before, const struct stat& now)
 {
-    return before && now ? IsSameFile(*before, *now) && before->st_size == now->st_size &&
-                               IsSameTime(before->st_mtim, now->st_mtim) && IsSameTime(before->st_ctim, now->st_ctim)
-                         : !before && !now;
+    return IsSameFile(before, now) && before.st_size == now.st_size && IsSameTime(before.st_mtim, now.st_mtim) &&
+           IsSameTime(before.st_ctim, now.st_ctim);
 }
 
 // Blocks SIGINT and SIGTERM. Returns a descriptor that is readable when one of them waits.
@@ -77,7 +76,7 @@ private:
     // Publishes the page if the table has changed and is whole.
     void Look()
     {
-        const Status now = StatusOf(options_.table);
+        const struct stat now = StatusOf(options_.table).value_or(kMissing);
         if (!IsUnchanged(seen_, now)) {
             seen_ = now;
             seenSince_ = Clock::now();
@@ -94,7 +93,7 @@ private:
         }
     }
 
-    void PublishIfWhole(const Status& now)
+    void PublishIfWhole(const struct stat& now)
     {
         const PageText text(options_);
         const ReadLease lease(text.File());
@@ -144,8 +143,8 @@ private:
     const Descriptor stop_;
     bool isDue_ = true;  // the page must be published
     std::chrono::milliseconds pause_ = kShortest;
-    Status published_;
-    Status seen_;
+    struct stat published_ = kMissing;
+    struct stat seen_ = kMissing;
     Clock::time_point seenSince_;
     std::string warned_;  // since the last success
 };

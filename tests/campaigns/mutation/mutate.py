@@ -194,6 +194,7 @@ class History:
 
     def __init__(self):
         self.recent = collections.deque(maxlen=RECENT)
+        self.last_kill = 0.0
         self.slow = []
         # How long a run may take, until the tests of the original have told how long they take: by the clock, and each
         # process by the processor, whose time does not depend on what else the machine does.
@@ -206,6 +207,7 @@ class History:
             if name in self.recent:
                 self.recent.remove(name)
             self.recent.append(name)
+            self.last_kill = time.monotonic()
 
     def first(self):
         with self.lock:
@@ -369,6 +371,7 @@ class Build:
                 return "="
             self.link(mutant, result, directory)
             suites = [(suite, self.histories[mutant.file, name]) for name, suite in self.suites(mutant.file, directory)]
+            suites.sort(key=lambda suite: suite[1].last_kill, reverse=True)  # neighbours fall to the same tests
             runs = [(suite, suite.only(history.first()), history) for suite, history in suites if history.recent]
             runs += [(suite, suite.but(history.slow), history) for suite, history in suites]
             runs += [(suite, suite.only(history.slow), history) for suite, history in suites if history.slow]

@@ -1,5 +1,6 @@
 // Is preloaded into a tested program, too, to take away what the system offers to programs that wait for changes:
 //   ORV_SHIM_PATIENT=1      polls of a second have no time limit, so only events end them
+//   ORV_SHIM_WAITS=FILE     the time limits of polls are appended to this file, a line each
 //   ORV_SHIM_POLL=ERRNO     the first poll fails with this error
 //   ORV_SHIM_BLIND=1        there are no events
 //   ORV_SHIM_DEAF=ERRNO     signals cannot be read
@@ -16,6 +17,7 @@
 
 #include <cerrno>
 #include <cstdarg>
+#include <cstdio>
 #include <cstdlib>
 
 namespace {
@@ -51,6 +53,15 @@ int FcntlBy(Fcntl* next, int descriptor, int command, void* argument)
     return command == F_SETLEASE && IsSet("ORV_SHIM_LEASE") ? -1 : next(descriptor, command, argument);
 }
 
+void Record(int timeout)
+{
+    if (const char* const path = std::getenv("ORV_SHIM_WAITS")) {
+        std::FILE* const file = std::fopen(path, "a");
+        (void)std::fprintf(file, "%d\n", timeout);
+        (void)std::fclose(file);
+    }
+}
+
 template <typename Status>
 int WithType(int result, Status* status)
 {
@@ -73,6 +84,7 @@ EXPORTED int poll(struct pollfd* descriptors, nfds_t count, int timeout)
         isFirst = false;
         return -1;
     }
+    Record(timeout);
     return Next(poll, "poll")(descriptors, count, timeout > 900 && IsSet("ORV_SHIM_PATIENT") ? -1 : timeout);
 }
 

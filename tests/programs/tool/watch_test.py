@@ -248,6 +248,49 @@ class WatchTest(ToolTest):
         remote = [{"LEASE": "11", "FS": type} for type in (nfs, cifs, smb2, unknown)]
         self.assert_only_whole_tables_are_published({"LEASE": "13"}, *remote, pauses=12)
 
+    def waits(self):
+        """The time limits of the waits, in milliseconds."""
+        return list(map(int, self.read(self.waits_file()).split())) if os.path.exists(self.waits_file()) else []
+
+    def waits_file(self):
+        return os.path.join(self.other, "waits")
+
+    def assert_waits(self, expected, waits):
+        """A wait is a little shorter than it should be, because it ends at a point in time."""
+        for most, wait in zip(expected, waits, strict=True):
+            self.assertTrue(most / 2 < wait + 1 <= most, (expected, waits))
+
+    def test_a_table_that_changes_is_looked_at_less_and_less_often(self):
+        os.mkdir(self.path("d"))
+        new = self.write("d/new", b"second:;\n")
+        waits = [10, 20, 40, 80, 160, 320, 640, 1000]  # until the table is quiet; then for a change
+        process = self.watch(shim={"LEASE": "13", "WAITS": self.waits_file(), "PATIENT": "1"})
+        self.wait_for(lambda: len(self.waits()) >= 8, process)
+        self.assert_waits(waits, self.waits())
+
+        before = len(self.waits())
+        os.rename(new, self.path("table"))  # one event
+        self.wait_to_show(b"second", process)
+        self.wait_for(lambda: len(self.waits()) >= before + 8, process)
+        self.assert_waits(waits, self.waits()[-8:])
+
+        self.assert_stops_without_warnings(process)
+
+    def test_a_page_that_cannot_be_published_is_tried_again_every_second(self):
+        process = self.start_watch(page="/gone/page.html", shim={"WAITS": self.waits_file()})
+        self.wait_for(lambda: len(self.waits()) >= 3, process)
+        self.assert_waits([1000] * 3, self.waits()[:3])
+        self.stop(process)
+
+    def test_a_writer_that_soon_closes_the_table_is_not_reported(self):
+        with open(self.path("table"), "wb", buffering=0) as table:
+            process = self.start_watch(shim={"WAITS": self.waits_file()})
+            self.wait_for(lambda: len(self.waits()) >= 3, process)
+            table.write(b"whole:;")
+        self.wait_to_show(b"whole", process)
+
+        self.assertEqual((1, ""), self.stop(process))
+
     def test_the_page_stays_while_the_table_cannot_be_read(self):
         process = self.watch()
 
