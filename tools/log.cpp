@@ -11,7 +11,6 @@
 #include <cerrno>
 #include <cstdarg>
 #include <cstdio>
-#include <mutex>
 #include <new>
 #include <sstream>
 #include <utility>
@@ -38,17 +37,10 @@ void SendLines(const std::string& lines)
     }
 }
 
-std::mutex mutex;  // guards the reports; the libraries may report on any thread
+// Not guarded, because orvfile has one thread.
 std::vector<Report> reports;
 bool areHeld = false;
-
 bool isLost = false;  // a report, because memory ran out
-
-void Keep(const Report& report)
-{
-    const std::lock_guard<std::mutex> lock(mutex);
-    reports.push_back(report);
-}
 
 void WriteAll(const char* bytes, std::size_t count)
 {
@@ -61,7 +53,6 @@ void Lose()
 {
     static const char kLine[] = "dlog: out of memory, a report was lost\n";
     WriteAll(kLine, sizeof kLine - 1);
-    const std::lock_guard<std::mutex> lock(mutex);
     isLost = true;
 }
 
@@ -69,7 +60,6 @@ void Lose()
 
 std::vector<Report> TakeReports()
 {
-    const std::lock_guard<std::mutex> lock(mutex);
     if (std::exchange(isLost, false)) {
         throw std::bad_alloc();
     }
@@ -125,7 +115,7 @@ void __dlog_printf(int severity, const char* sourceTag, const char* format, ...)
         if (!areHeld) {
             PrintLines((usesSyslog ? "" : "[" + std::to_string(severity) + "] ") + line + "\n");
         }
-        Keep(report);
+        reports.push_back(report);
     } catch (const std::bad_alloc&) {
         Lose();
     }

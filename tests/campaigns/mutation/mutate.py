@@ -80,9 +80,9 @@ STATUSBOARD = Product("statusboard", (), "tests/programs/statusboard/statusboard
 ORVFILE = {
     family: Product("orvfile", (), f"tests/programs/tool/{family}_test.py", "orvfile_shim")
     for family in ("usage", "transfer", "directories", "row", "encoding", "page", "watch", "settings",
-                   "explain")
+                   "explain", "resources")
 }
-# The sources of which one family of tests is meant; all families are meant for the others.
+# The families of tests that are meant for a source.
 ORVFILE_TESTS = {
     "completion.cpp": ["usage"],
     "csv_reader.cpp": ["row"],
@@ -95,8 +95,9 @@ ORVFILE_TESTS = {
     "json.cpp": ["directories", "settings"],
     "line_pattern.cpp": ["explain"],
     "list.cpp": ["directories"],
-    "log.cpp": ["usage", "transfer"],
+    "log.cpp": ["usage", "resources", "watch", "transfer"],
     "mkdir.cpp": ["directories"],
+    "orvfile.cpp": ["usage", "directories", "row", "settings", "page", "explain", "transfer"],
     "page.cpp": ["page", "watch"],
     "progress.cpp": ["transfer"],
     "quantity.cpp": ["directories"],
@@ -121,11 +122,12 @@ SUBJECTS = {
     "examples/statusboard.cpp": [STATUSBOARD],
     **{path: [Product("orv_safe_tests", tests=SAFE_TESTS[os.path.basename(path)])] for path in sources("safe")},
     **{
-        path: [ORVFILE[family] for family in ORVFILE_TESTS.get(os.path.basename(path), ORVFILE)]
+        path: [ORVFILE[family] for family in ORVFILE_TESTS[os.path.basename(path)]]
         for path in sources("tools")
     },
 }
 NOT_BY_DEFAULT = {"tools"}
+NOT_SANITIZED = {"tests/programs/tool/resources_test.py"}  # sanitizers have an allocator of their own
 
 # LargeFileTest needs more room than a mutant is given; its subject is the width of file offsets, which none changes.
 NEVER = "*LargeFile*"
@@ -229,8 +231,8 @@ class Build:
         self.objects = {name: [c[c.index("-o") + 1] for n, c in entries if n == name] for name in self.commands}
         self.links = self.built()
         # Sanitizers reserve terabytes.
-        sanitized = any("-fsanitize" in word for command in self.commands.values() for word in command)
-        self.memory = resource.RLIM_INFINITY if sanitized else MEMORY_BYTES
+        self.is_sanitized = any("-fsanitize" in word for command in self.commands.values() for word in command)
+        self.memory = resource.RLIM_INFINITY if self.is_sanitized else MEMORY_BYTES
         self.originals = originals
         self.histories = collections.defaultdict(History)
 
@@ -255,7 +257,7 @@ class Build:
     def suites(self, file, directory):
         """The tests of a source on what link() puts into `directory`."""
         for product in SUBJECTS[file]:
-            if product.target not in self.links:
+            if product.target not in self.links or (self.is_sanitized and product.script in NOT_SANITIZED):
                 continue
             path = os.path.join(directory, os.path.basename(self.output(self.links[product.target])))
             if product.script:

@@ -788,10 +788,11 @@ class ProgressTest(TransferTest):
 
             self.assertRegex(shown, rf"^\r\x1b\[K{verb}: \d+ %(\r\x1b\[K{verb}: \d+ %)*\r\x1b\[K$")
 
-    def test_progress_is_not_shown_for_short_work_or_with_quiet_or_for_a_plain_move(self):
+    def test_progress_is_not_shown_for_short_work_with_quiet_or_syslog_or_for_a_plain_move(self):
         self.assertEqual("", self.show("copy", size=1 << 20))
         self.assertEqual("", self.show("copy", "--quiet"))
         self.assertEqual("", self.show("move", "--plain"))
+        self.assertEqual("", self.show("copy", "--syslog"))
 
     def test_progress_is_shown_on_a_terminal_only(self):
         with open(self.path("a"), "wb") as file:

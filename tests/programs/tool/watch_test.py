@@ -319,6 +319,25 @@ class WatchTest(ToolTest):
         published, err = self.stop(process)
         self.assertEqual((1, 1, 1), (published, err.count("[3] orv_safe: PublishPage: open("), err.count("warning: ")))
 
+    def test_a_failure_after_a_success_is_reported_again_with_its_lines(self):
+        process = self.watch()
+        away = self.other + ".away"
+        self.addCleanup(shutil.rmtree, away, True)
+        for cell in (b"second", b"third", b"fourth"):
+            os.rename(self.other, away)
+            self.replace(cell)
+            self.wait_for(self.warned("; trying again"), process)
+            self.assertIn("[3] orv_safe: PublishPage: open(", self.read(self.warnings).decode())
+            os.rename(away, self.other)
+            self.wait_to_show(cell, process)
+            open(self.warnings, "wb").close()
+        self.stop(process)
+
+    def test_a_table_that_stays_is_published_once(self):
+        process = self.watch(shim={"WAITS": self.waits_file(), "BLIND": "1"})
+        self.wait_for(lambda: len(self.waits()) >= 3, process)
+        self.assertEqual((1, ""), self.stop(process))
+
     def test_each_new_failure_is_reported(self):
         process = self.watch()
 
