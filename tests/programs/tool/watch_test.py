@@ -338,6 +338,22 @@ class WatchTest(ToolTest):
         self.wait_for(lambda: len(self.waits()) >= 3, process)
         self.assertEqual((1, ""), self.stop(process))
 
+    def test_a_page_that_becomes_the_table_is_refused(self):
+        for directory in ("d1", "d2"):
+            os.mkdir(self.path(directory))
+        os.symlink("d2", self.path("link"))
+        self.replace(b"first", "d1/table")
+        self.page = self.path("link/table")
+        process = self.watch(table="d1/table")
+
+        os.symlink("d1", self.path("other"))
+        os.rename(self.path("other"), self.path("link"))
+        self.replace(b"second", "d1/table")
+        self.wait_for(self.warned(f"'d1/table' and '{self.page}' are the same file; trying again"), process)
+
+        self.assertEqual(b"second:;\n", self.read("d1/table"))
+        self.stop(process)
+
     def test_each_new_failure_is_reported(self):
         process = self.watch()
 
