@@ -6,6 +6,8 @@
 
 #include <cerrno>
 
+// No call is made again after EINTR: no command that uses this file catches a signal.
+
 namespace {
 
 const std::size_t kBlockBytes = 65536;
@@ -41,13 +43,13 @@ std::size_t ReadInput(char* block, std::size_t size)
     std::size_t have = 0;
     while (have < size) {
         const ssize_t got = read(STDIN_FILENO, block + have, size - have);
+        if (got == -1) {
+            throw Failure("cannot read standard input: " + ErrorText(errno), "redirect it from a file or a pipe");
+        }
         if (got == 0) {
             break;
         }
-        if (got == -1 && errno != EINTR) {
-            throw Failure("cannot read standard input: " + ErrorText(errno), "redirect it from a file or a pipe");
-        }
-        have += got == -1 ? 0 : static_cast<std::size_t>(got);
+        have += static_cast<std::size_t>(got);
     }
     return have;
 }
@@ -69,10 +71,10 @@ void WritePrivateFile(int file, const char* bytes, std::size_t size)
 {
     for (std::size_t done = 0; done < size;) {
         const ssize_t put = write(file, bytes + done, size - done);
-        if (put == -1 && errno != EINTR) {
+        if (put == -1) {
             FailForPrivateFile("write");
         }
-        done += put == -1 ? 0 : static_cast<std::size_t>(put);
+        done += static_cast<std::size_t>(put);
     }
 }
 
@@ -98,14 +100,14 @@ void Spool::Print()
     std::string block(file_ ? kBlockBytes : 0, '\0');
     for (off_t at = 0; file_;) {
         const ssize_t got = pread(*file_, block.data(), block.size(), at);
+        if (got == -1) {
+            FailForPrivateFile("read");
+        }
         if (got == 0) {
             break;
         }
-        if (got == -1 && errno != EINTR) {
-            FailForPrivateFile("read");
-        }
-        PrintResult(block.substr(0, got == -1 ? 0 : static_cast<std::size_t>(got)));
-        at += got == -1 ? 0 : got;
+        PrintResult(block.substr(0, static_cast<std::size_t>(got)));
+        at += got;
     }
     PrintResult(last_);
 }

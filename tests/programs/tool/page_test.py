@@ -284,11 +284,16 @@ class PipeTest(PageToolTest):
                 with self.environment(TMPDIR=temporary):
                     self.assert_published("-", "page.html", data=b"a:b;\n", shim=environment, tables=1, body=ONE_TABLE)
                 self.assertEqual([], self.names(temporary))
-        with self.environment(TMPDIR=self.path("gone")):
-            self.assert_fails(
-                problem(f"cannot create a temporary file in '{self.path('gone')}': No such file or directory",
-                        "set TMPDIR to a directory that is writable and has enough space"),
-                *("page", "-", "page.html"), data=b"a:b;\n")  # fmt: skip
+        gone = self.path("gone")
+        for temporary, shim, reason in ((gone, {}, "No such file or directory"),
+                                        (gone, {"UNNAMED": "95"}, "No such file or directory"),
+                                        (gone, {"UNNAMED": "95", "NAMED": "24"}, "Too many open files"),
+                                        (self.dir, {"UNNAMED": "13"}, "Permission denied")):  # fmt: skip
+            with self.environment(TMPDIR=temporary):
+                self.assert_fails(
+                    problem(f"cannot create a temporary file in '{temporary}': {reason}",
+                            "set TMPDIR to a directory that is writable and has enough space"),
+                    *("page", "-", "page.html"), data=b"a:b;\n", shim=shim)  # fmt: skip
 
     @contextlib.contextmanager
     def environment(self, **settings):

@@ -1,7 +1,11 @@
 #!/usr/bin/env python3
 """orvfile row."""
 
+import fcntl
 import os
+import subprocess
+import sys
+import termios
 
 import tool
 from tool import ToolTest, limited_to, problem
@@ -206,6 +210,19 @@ class EncodingTest(RowToolTest):
             problem("this system cannot convert from the encoding 'klingon': Invalid argument",
                     "check its name; iconv -l prints the names that are known, on a device often only a few"),
             *("row", "--csv", "--encoding", "klingon"), data=b"a,b\n")  # fmt: skip
+
+
+class InputTest(RowToolTest):
+    def test_input_that_comes_in_parts_is_read_whole(self):
+        process = self.start("row", "--csv", stdin=subprocess.PIPE, bufsize=0)
+        process.stdin.write(b"a")
+        self.wait_for(lambda: self.unread(process.stdin) == 0, process)
+        status, out, err = self.finish(process, b"b," * 20000 + b"c\n")
+
+        self.assertEqual((0, b"ab:" + b"b," * 19999 + b"c;", ""), (status, out, err))
+
+    def unread(self, pipe):
+        return int.from_bytes(fcntl.ioctl(pipe, termios.FIONREAD, bytes(4)), sys.byteorder)
 
 
 class SpoolTest(RowToolTest):

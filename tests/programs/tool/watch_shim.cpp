@@ -7,6 +7,7 @@
 //   ORV_SHIM_LEASE=ERRNO    leases fail with this error
 //   ORV_SHIM_FS=TYPE        all files are on a file system of this type; 0: the system does not tell the type
 //   ORV_SHIM_UNNAMED=ERRNO  files without a name cannot be made
+//   ORV_SHIM_NAMED=ERRNO    nor temporary files with one
 
 #include <dlfcn.h>
 #include <fcntl.h>
@@ -148,4 +149,14 @@ EXPORTED int fstatfs(int descriptor, struct statfs* status) noexcept
 EXPORTED int fstatfs64(int descriptor, struct statfs64* status) noexcept
 {
     return WithType(Next(fstatfs64, "fstatfs64")(descriptor, status), status);
+}
+
+EXPORTED int mkostemp(char* path, int flags)
+{
+    return IsSet("ORV_SHIM_NAMED") ? -1 : Next(mkostemp, "mkostemp")(path, flags);
+}
+
+EXPORTED int mkostemp64(char* path, int flags)
+{
+    return IsSet("ORV_SHIM_NAMED") ? -1 : Next(mkostemp64, "mkostemp64")(path, flags);
 }
