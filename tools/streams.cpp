@@ -97,17 +97,24 @@ void Spool::Flush()
 
 void Spool::Print()
 {
-    std::string block(file_ ? kBlockBytes : 0, '\0');
-    for (off_t at = 0; file_;) {
+    if (file_) {
+        PrintFile();
+    }
+    PrintResult(last_);
+}
+
+void Spool::PrintFile() const
+{
+    std::string block(kBlockBytes, '\0');
+    for (off_t at = 0;;) {
         const ssize_t got = pread(*file_, block.data(), block.size(), at);
         if (got == -1) {
             FailForPrivateFile("read");
         }
         if (got == 0) {
-            break;
+            return;
         }
         PrintResult(block.substr(0, static_cast<std::size_t>(got)));
         at += got;
     }
-    PrintResult(last_);
 }

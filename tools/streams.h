@@ -29,6 +29,7 @@ public:
 
 private:
     void Flush();
+    void PrintFile() const;
 
     std::string last_;  // what is not in the file yet
     std::optional<Descriptor> file_;

@@ -244,6 +244,18 @@ class SpoolTest(RowToolTest):
             problem("cannot write a temporary file in '/var/tmp': File too large", remedy),
             *("row", "--csv"), data=self.data, preexec_fn=limited_to(100000), **self.in_directory(""))  # fmt: skip
 
+    def test_a_short_write_of_the_temporary_file_goes_on(self):
+        trace = self.path("trace")
+        out = self.data.replace(b",", b":").replace(b"\n", b";")
+        self.assert_long_row(["--csv"], out, data=self.data, shim={"SHORT": "write:1:100", "TRACE": trace})
+        self.assertIn(b"short write", self.read(trace))
+
+    def test_a_temporary_file_that_cannot_be_read_is_reported(self):
+        self.assert_fails(
+            problem("cannot read a temporary file in '/var/tmp': Input/output error",
+                    "set TMPDIR to a directory that is writable and has enough space"),
+            *("row", "--csv"), data=self.data, shim={"FAIL": "pread:5"})  # fmt: skip
+
     def test_a_short_table_needs_no_temporary_file(self):
         self.assert_row(["--csv"], b"a:b;", data=b"a,b\n", **self.in_directory(self.path("gone")))
 

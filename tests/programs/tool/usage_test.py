@@ -79,6 +79,12 @@ class UsageTest(ToolTest):
             self.assertIn("Usage: orvfile " + "".join(arguments), out.decode())
             self.assertIn(b"Exit status: 0 success, 1 the operation failed, 2 wrong usage.", out)
 
+    def test_each_help_is_the_expected_one(self):
+        helps = [self.run_tool(*filter(None, [command]), "--help")[1].decode() for command in ["", *COMMANDS]]
+
+        self.assertEqual(orv_test.read("tests", "programs", "tool", "help.txt"), "".join(helps),
+                         "script/generate writes it anew")  # fmt: skip
+
     def test_a_full_standard_output_is_a_failure(self):
         self.write("f", b"a=1\n")
         for arguments in (["row", "a"], ["list", "."], ["get", "f"]):
