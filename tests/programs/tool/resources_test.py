@@ -6,6 +6,7 @@ import re
 import resource
 
 import tool
+from logged import LoggedTest
 from tool import ToolTest
 
 MEBIBYTE = 1 << 20
@@ -52,17 +53,28 @@ class MemoryTest(ToolTest):
                                  r"orvfile: cannot \w+ 'f': .+\n  Next: .+\n$")  # fmt: skip
                 self.assertEqual((settings, ["f"]), (self.read("f"), self.names()))
 
-    def test_a_report_that_is_lost_for_lack_of_memory_is_a_failure_that_says_so(self):
-        self.write("a")
-        escaped_to_15000_bytes = "/".join(["\x01" * 200] * 19)
-        self.assertEqual(
-            (1, b"", "dlog: out of memory, a report was lost\n"
-                     "orvfile: std::bad_alloc\n  Next: free memory, or use a smaller input\n"),
-            self.run_tool("copy", "a", escaped_to_15000_bytes, shim={"MEMORY": "10000"}))  # fmt: skip
-
     def peak_memory(self, process):
         with open(f"/proc/{process}/status", encoding="ascii") as status:
             return 1024 * int(re.search(r"(?m)^VmHWM:\s*(\d+) kB", status.read())[1])
+
+
+class LostReportTest(LoggedTest):
+    SHIM = {"MEMORY": "10000"}  # bytes of the first allocation that fails
+    ESCAPED_TO_15000_BYTES = "/".join(["\x01" * 200] * 19)
+
+    def test_a_report_that_is_lost_for_lack_of_memory_is_a_failure_that_says_so(self):
+        self.write("a")
+        self.assert_fails(
+            "dlog: out of memory, a report was lost\n"
+            "orvfile: std::bad_alloc\n  Next: free memory, or use a smaller input\n",
+            *("copy", "a", self.ESCAPED_TO_15000_BYTES), shim=self.SHIM)  # fmt: skip
+
+    def test_the_log_of_the_system_says_so_too(self):
+        self.write("a")
+        self.assertEqual(
+            (1, b"", "dlog: out of memory, a report was lost\n",
+             ["<11>std::bad_alloc", "<11>Next: free memory, or use a smaller input"]),
+            self.run_logged("copy", "--syslog", "a", self.ESCAPED_TO_15000_BYTES, shim=self.SHIM))  # fmt: skip
 
 
 if __name__ == "__main__":
