@@ -97,6 +97,7 @@ class RowTest(RowToolTest):
             (["--csv", "--delimiter", ";"], b'a;"b,;"\n'),
             (["--delimiter=|"], b"a|b,;\n"),
             (["--delimiter", "["], b"a[b,;\n"),
+            (["--delimiter", "~"], b"a~b,;\n"),
             (["--delimiter", " "], b"a b,;\n"),
             (["--delimiter", "\t"], b"a\tb,;\n"),
             (["--delimiter", ","], b'a,"b,;"\n'),

@@ -37,7 +37,7 @@ class UsageTest(ToolTest):
             (["mkdir"], "PATH is required", "mkdir"),
             *((["mkdir", "-m", mode, self.path("d")],
                f"--mode: '{mode}' is not an octal mode (one to four digits, such as 755)", "mkdir")
-              for mode in ("8", "u+x", "00755", "-1", "0x1")),
+              for mode in ("8", "7~", "u+x", "00755", "-1", "0x1")),
             (["list"], "DIRECTORY is required", "list"),
             (["list", ".", "--include"], "--include: 1 required PATTERN missing", "list"),
             (["list", ".", "-0", "--json"], "--null excludes --json", "list"),
