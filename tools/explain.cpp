@@ -231,11 +231,11 @@ std::string Unescaped(const std::string& text)
 {
     std::string plain;
     for (std::size_t i = 0; i < text.size(); ++i) {
-        const char next = text[i] == '\\' && i + 1 < text.size() ? text[i + 1] : '\0';
+        const char next = text[i] == '\\' ? text[i + 1] : '\0';  // at the end, that is '\0' as well
         if (next == '\\' || next == 'n') {
             plain += next == 'n' ? '\n' : '\\';
             ++i;
-        } else if (next == 'x' && i + 3 < text.size() && IsHexDigit(text[i + 2]) && IsHexDigit(text[i + 3])) {
+        } else if (next == 'x' && IsHexDigit(text[i + 2]) && IsHexDigit(text[i + 3])) {
             plain += static_cast<char>(std::strtol(text.substr(i + 2, 2).c_str(), nullptr, 16));
             i += 3;
         } else {

@@ -339,15 +339,18 @@ class PrefixTest(ExplainTest):
 
     def test_colours_do_not_matter(self):
         for line in ("\x1b[0;1;31mLxFileUtils.cpp: RenameFileAcrossFs: stat(/a) failed (2).\x1b[0m",
+                     "\x1b[7~RenameFileAcrossFs: stat(/a) failed (2).\x1b[0",
                      "RenameFileAcrossFs: \x1b[01;31m\x1b[Kstat\x1b[m\x1b[K(/a) failed (2)."):  # fmt: skip
             self.assert_explained(line, What="'/a', the file to move, cannot be looked up")
 
     def test_escapes_of_the_log_are_shown_as_escapes_once(self):
-        for path in ("/a\\nb", "/a\\x1b[31mb", "/a\\\\b", "/a\\\\nb", "/a\\x7f", "/a\\x80", "/a\\xc2\\x9bm", "caf\u00e9"):
+        for path in ("/a\\nb", "/a\\x1b[31mb", "/a\\\\b", "/a\\\\nb", "/a\\x7f", "/a\\x7fb", "/a\\x80", "/a\\xc2\\x9bm", "caf\u00e9"):
             self.assert_explained(f"[3] LxFileUtils.cpp: RenameFileAcrossFs: stat({path}) failed (2).",
                                   What=f"'{path}', the file to move, cannot be looked up")  # fmt: skip
-        self.assert_explained("RenameFileAcrossFs: stat(/a\x07\\q\\x1) failed (2).",
-                              What="'/a\\x07\\\\q\\\\x1', the file to move, cannot be looked up")  # fmt: skip
+        self.assert_explained("RenameFileAcrossFs: stat(/a\x07\\q\\xg1\\x1) failed (2).",
+                              What="'/a\\x07\\\\q\\\\xg1\\\\x1', the file to move, cannot be looked up")  # fmt: skip
+        for end in ("\\", "\\x", "\\x1"):
+            self.assertEqual({}, self.explained("RenameFileAcrossFs: stat(/a) failed (2)." + end))
 
     def test_a_name_of_a_function_within_a_word_is_none_of_ours(self):
         for line in ("MyCopyFile: open(/a) failed (2, No such file or directory).",
