@@ -1641,27 +1641,33 @@ TEST_F(SafeMoveTest, AStagedNameThatCannotBeMadeIsReported)
     destination_ = other_ / "source";
     WriteFile(source_, "abc");
     WriteFile(destination_, "old");
-    {
-        const ScopedCall taken("linkat", 1, FailWith(EEXIST), 100);
+    for (const FileOptions& options : {FileOptions(), Plain()}) {  // to flush the file, and to compare directories
+        {
+            const ScopedCall taken("linkat", 1, FailWith(EEXIST), 100);
 
-        EXPECT_FALSE(Move());
+            EXPECT_FALSE(Move(options));
+        }
+
+        ExpectSafeLines({SafeLine("MoveFile", "linkat", other_ / ".orv_*", EEXIST)});
+        EXPECT_EQ("abc", ReadFile(source_));
+        EXPECT_EQ("old", ReadFile(destination_));
     }
-
-    ExpectSafeLines({SafeLine("MoveFile", "linkat", other_ / ".orv_*", EEXIST)});
-    EXPECT_EQ("abc", ReadFile(source_));
-    EXPECT_EQ("old", ReadFile(destination_));
 }
 
 TEST_F(SafeMoveTest, StagedNamesThatAreTakenAreNotTouchedAndOthersAreTried)
 {
-    WriteFile(source_, "abc");
-    WriteFile(destination_, "old");
-    const ScopedCall taken("linkat", 1, FailWith(EEXIST), 99);
+    for (const bool durable : {true, false}) {
+        FileOptions options;
+        options.durable = durable;
+        WriteFile(source_, "abc");
+        WriteFile(destination_, "old");
+        const ScopedCall taken("linkat", durable ? 1 : 2, FailWith(EEXIST), 99);
 
-    EXPECT_TRUE(Move());
+        EXPECT_TRUE(Move(options));
 
-    EXPECT_EQ("abc", ReadFile(destination_));
-    EXPECT_THAT(other_.Names(), ElementsAre("destination"));
+        EXPECT_EQ("abc", ReadFile(destination_));
+        EXPECT_THAT(other_.Names(), ElementsAre("destination"));
+    }
 }
 
 TEST_F(SafeMoveTest, AFileIsCopiedIfItsFileSystemIsNotKnown)
