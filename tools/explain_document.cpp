@@ -16,9 +16,9 @@ std::string Named(const std::string& numbers)
 {
     std::istringstream stream(numbers);
     std::string named;
-    for (std::string number; std::getline(stream, number, ',');) {
+    for (std::string number; std::getline(stream >> std::ws, number, ',');) {
         const explain::Error* const error = explain::FindError(std::stoi(number));
-        named += (named.empty() ? "" : ", ") + std::to_string(error->number) + " (" + error->name + ")";
+        named += (named.empty() ? "" : ", ") + number + " (" + error->name + ")";
     }
     return named;
 }

@@ -64,7 +64,7 @@ const std::vector<Form>& LibraryForms()
          "nothing was changed",
          "check the path, and that the program may search the directories above it; if the program changes its working "
          "directory, use an absolute path",
-         "SOURCE", "2, 13"},
+         "", "2, 13"},
         {"RenameFileAcrossFs: /var/tmp/TextToHtml_PID.tmp is not a regular file (0xTYPE).",
          "another user has put TYPE in /var/tmp, under the name of the temporary page",
          "nothing was changed; what was put there is still in /var/tmp",
@@ -93,11 +93,11 @@ const std::vector<Form>& LibraryForms()
          "remove TEMPORARY. If the line before this one reports no failure of a move, TEMPORARY is not a temporary "
          "file "
          "but the source: its content was copied, so compare it with the destination before you remove it",
-         "TEMPORARY", "13, 30", IsTemporary},
+         "", "13, 30", IsTemporary},
         {"RenameFileAcrossFs: unlink(SOURCE) failed (ERRNO).",
          "the content was copied to the destination, but SOURCE could not be removed",
          "the content is at the destination; SOURCE is still there. The function returned true",
-         "remove SOURCE, and let the program write to its directory", "SOURCE", "1, 13, 30"},
+         "remove SOURCE, and let the program write to its directory", "", "1, 13, 30"},
         {"RenameFileAcrossFs: open(SOURCE) failed (ERRNO).",
          "SOURCE must be copied to another file system, but cannot be opened", "both files are unchanged", "", "SOURCE",
          "13, 24"},
@@ -122,7 +122,7 @@ const std::vector<Form>& LibraryForms()
          "both files are unchanged; TEMPORARY was removed, unless the next line says that this failed",
          "mount the destination so that the program may change owner and mode, or use CopyFile, which does not set "
          "modes. For 5 (EIO), check the kernel's log (dmesg) for errors of the medium",
-         "TEMPORARY", "1, 5"},
+         "", "1, 5"},
 
         {"DoMakeDirPath: malloc failure (dirCopy)", "memory ran out before a directory was made", "nothing was made",
          "free memory; look for a memory leak in the program"},
@@ -142,7 +142,7 @@ const std::vector<Form>& LibraryForms()
         {"MakeDirPath: Failed to chmod on 'PATH': errno: ERRNO",
          "the directory PATH is there, but its mode could not be set",
          "PATH has the mode that it had. The function returned true",
-         "set the mode as the owner of PATH, or call MakeDirPath without applyMode", "PATH", "1, 30"},
+         "set the mode as the owner of PATH, or call MakeDirPath without applyMode", "", "1, 30"},
 
         {"GetDirFileList: No directory specified.", "the program asked for a list of files without naming a directory",
          "nothing was changed", "name a directory; often a setting of the program is missing"},
@@ -154,7 +154,7 @@ const std::vector<Form>& LibraryForms()
          "nothing was changed",
          "discard the list, and read DIRECTORY again. If that fails, check the kernel's log (dmesg) for errors of the "
          "medium",
-         "DIRECTORY", "5"},
+         "", "5"},
 
         {"GenHtmlPagefromTextFile: RenameFileAcrossFs(/var/tmp/TextToHtml_PID.tmp, PAGE) failed.",
          "the finished page could not be moved to PAGE; the line of RenameFileAcrossFs before this one says why. "
@@ -193,31 +193,28 @@ const std::vector<Form>& NoteForms()
         {"FUNCTION: fchmod(DESTINATION) failed (ERROR): the mode is not kept.",
          "the file system of DESTINATION cannot record the mode, or the program may not set it",
          "DESTINATION has the content of the source, but another mode, unless a later line reports a failure",
-         "do nothing, unless the mode matters; then choose another file system, or run as the owner", "DESTINATION",
-         "1, 95"},
+         "do nothing, unless the mode matters; then choose another file system, or run as the owner", "", "1, 95"},
         {"FUNCTION: fchown(DESTINATION) failed (ERROR): owner and group are not kept.",
          "the file system of DESTINATION cannot record the owner, or the program may not set it",
          "DESTINATION has the content of the source, but belongs to the user of the program, unless a later line "
          "reports a failure",
-         "do nothing, unless the owner matters; then choose another file system, or run as root", "DESTINATION", "1"},
+         "do nothing, unless the owner matters; then choose another file system, or run as root", "", "1"},
         {"FUNCTION: CALL(DESTINATION) failed (ERROR): extended attributes are not kept.",
          "the extended attributes of the source could not be read",
          "DESTINATION has the content of the source, but none of the attributes, unless a later line reports a failure",
-         "do nothing, unless the attributes matter", "DESTINATION"},
+         "do nothing, unless the attributes matter"},
         {"FUNCTION: CALL(DESTINATION) failed (ERROR): the attribute NAME is not kept.",
          "the file system of DESTINATION cannot record the extended attribute NAME, or the program may not set it",
          "DESTINATION has the content of the source, but not this attribute, unless a later line reports a failure",
-         "do nothing, unless the attribute matters; then choose another file system, or run as root", "DESTINATION",
-         "1, 95"},
+         "do nothing, unless the attribute matters; then choose another file system, or run as root", "", "1, 95"},
         {"FUNCTION: CALL(DESTINATION) failed (ERROR): times are not kept.",
          "the file system of DESTINATION cannot record the times",
          "DESTINATION has the content of the source, but the time of the copy, unless a later line reports a failure",
-         "do nothing, unless the times matter", "DESTINATION"},
+         "do nothing, unless the times matter"},
         {"FUNCTION: fchown(PATH) failed (ERROR): the new file has another owner or group.",
          "the program may not give the new file the owner and the group of the old one",
          "PATH has the new content, and belongs to the user of the program",
-         "do nothing, unless the owner matters; then run the program as the owner of the file, or as root", "PATH",
-         "1"}};
+         "do nothing, unless the owner matters; then run the program as the owner of the file, or as root", "", "1"}};
     return forms;
 }
 
@@ -230,7 +227,7 @@ const std::vector<Form>& SafeForms()
          "the file is in place, but its directory DIRECTORY could not be flushed to the disk",
          "the new file is in place; a power cut can still undo that. After MoveFile to another file system, the source "
          "may also be there",
-         "run `sync`, and check the kernel's log (dmesg) for errors of the medium", "DIRECTORY", "5"},
+         "run `sync`, and check the kernel's log (dmesg) for errors of the medium", "", "5"},
         {"MoveFile: unlinkat(SOURCE) failed (116, TEXT): the content is in place, and the source is kept.",
          "SOURCE was changed or replaced while it was moved, so it was not removed",
          "the content that SOURCE had is at the destination; SOURCE is still there",
@@ -238,7 +235,7 @@ const std::vector<Form>& SafeForms()
         {"MoveFile: CALL(PATH) failed (ERROR): the content is in place, and the source is kept.",
          "the content was copied to the destination, but the source could not be removed (PATH)",
          "the content is at the destination; the source is still there",
-         "remove the source by hand, and let the program write to its directory", "PATH", "1, 13, 30"},
+         "remove the source by hand, and let the program write to its directory", "", "1, 13, 30"},
         {"MoveFile: fstatat(DESTINATION) failed (116, TEXT): another file is there, and the source is kept.",
          "another program replaced DESTINATION just after the content was put there, so the source was not removed",
          "DESTINATION is the file of the other program; the source is still there",
@@ -273,7 +270,7 @@ const std::vector<Form>& SafeForms()
          "", "1, 13"},
         {"FUNCTION: unlinkat(STAGED) failed (ERROR).", "the temporary file STAGED cannot be removed",
          "STAGED is left, and may be removed; what happened to the other files does not depend on it",
-         "remove STAGED by hand", "STAGED", "13, 30", IsStaged},
+         "remove STAGED by hand", "", "13, 30", IsStaged},
         {"FUNCTION: CALL(STAGED) failed (ERROR).",
          "the temporary file STAGED cannot be made, in which the new content would have been written", "", "", "STAGED",
          "13, 28, 30", IsStaged},
@@ -291,7 +288,7 @@ const std::vector<Form>& SafeForms()
         {"RemoveSettings: open(PATH) failed (116, TEXT).", "another program replaced PATH during the call",
          "PATH is the file of the other program", "run this again"},
         {"FUNCTION: new(PATH) failed (ERROR).", "memory ran out while PATH was read", "nothing was changed",
-         "give the program more memory, or the file fewer lines", "PATH", "12"},
+         "give the program more memory, or the file fewer lines", "", "12"},
         {"WriteSettings: set(PATH, NAME) failed (22, TEXT).",
          "the name NAME or its new value is refused, because a reader of PATH would not get it back: the name is "
          "empty, "

@@ -19,7 +19,7 @@ struct Form {
     const char* meaning;
     const char* disk;          // what is on the disk now
     const char* todo;          // empty: what the error number asks for
-    const char* subject = "";  // the placeholder of the path to which the error number applies
+    const char* subject = "";  // without `todo`: the placeholder of the path to which the error number applies
     const char* numbers = "";  // the frequent error numbers, such as "2, 13"; only the document names them
     bool (*condition)(const Values& values) = nullptr;  // what the paths must be like; nullptr: anything
     bool errorIsStale = false;                          // the number is that of an earlier call

@@ -184,7 +184,7 @@ class LineTest(ExplainTest):
     def test_the_name_decides_which_file_could_not_be_removed(self):
         unlink = "RenameFileAcrossFs: unlink({}) failed (30)."
         for source in ("/spool/new", "/spool/log_202611", "/spool/log_backup", "/spool/log_a1B2c", "_a1B2c3",
-                       "/spool/log-a1B2c3", "/spool/log_a1B.c3"):  # fmt: skip
+                       "/spool/log-a1B2c3", "/spool/log_a1B.c3", "/spool/log_.1B2c3"):  # fmt: skip
             self.assert_explained(unlink.format(source),
                                   Disk=f"the content is at the destination; '{source}' is still there. "
                                   "The function returned true")  # fmt: skip
@@ -268,7 +268,8 @@ class LineTest(ExplainTest):
                               "depend on it")  # fmt: skip
         self.assert_explained(safe("CopyFile", "openat", STAGED, 28), Disk="the destination is as it was",
                               Next=f"free space on the file system of '{STAGED}', then run this again")  # fmt: skip
-        for other in ("/usb/.orv_00c0ffee1234567", "/usb/.orv_00c0ffee1234567g", "/usb/xorv_00c0ffee12345678"):
+        for other in ("/usb/.orv_00c0ffee1234567", "/usb/.orv_00c0ffee1234567g", "/usb/.orv_g0c0ffee12345678",
+                      "/usb/xorv_00c0ffee12345678"):  # fmt: skip
             self.assert_explained(safe("CopyFile", "openat", other, 2), What=f"'{other}' cannot be opened")
         self.assertIn("temporary", self.explained(safe("CopyFile", "openat", ".orv_00c0ffee12345678", 28))["What"])
 
