@@ -181,6 +181,17 @@ class LineTest(ExplainTest):
             Disk="directories above '/a/b' that were made before stay",
             Next="a component of '/a/b' is not a directory: correct the path")  # fmt: skip
 
+    def test_the_remedy_of_an_error_names_the_path_of_which_the_error_is(self):
+        for line, path in (("RenameFileAcrossFs: open(/a) failed (13).", "/a"),
+                           ("RenameFileAcrossFs: mkstemp(/b_a1B2c3) failed (28).", "/b_a1B2c3"),
+                           ("RenameFileAcrossFs: rename(/b_a1B2c3, /b) failed (13).", "/b"),
+                           ("RenameFileAcrossFs: rename(/a, /b) failed (13).", "/b"),
+                           ("DoMakeDirPath: could not create subdirectory /a due to error: Permission denied", "/a"),
+                           ("GetDirFileList: Error opening directory folder '/a', errno: 13", "/a"),
+                           (safe("CopyFile", "openat", STAGED, 28), STAGED),
+                           (safe("CopyFile", "open", "/a", 13), "/a")):  # fmt: skip
+            self.assertIn(f"'{path}'", self.explained(line)["Next"], line)
+
     def test_the_name_decides_which_file_could_not_be_removed(self):
         unlink = "RenameFileAcrossFs: unlink({}) failed (30)."
         for source in ("/spool/new", "/spool/log_202611", "/spool/log_backup", "/spool/log_a1B2c", "_a1B2c3",
