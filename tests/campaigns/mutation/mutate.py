@@ -4,9 +4,9 @@
   mutate.py --build DIR [--sanitized DIR]... [FOLDER...] [--sample N] [--jobs N] [--report FILE]
   mutate.py --build DIR --list [FOLDER...]           prints the mutants and runs nothing
 
-The folders are all but tools, unless some are named. DIR holds a build of the project with its compile commands. Each
-mutant is compiled as that build compiles it, but at -O1, and linked as that build links it. Mutants that survive its
-tests go on to the sanitized builds.
+Without a folder, all are meant. DIR holds a build of the project with its compile commands. Each mutant is compiled as
+that build compiles it, but at -O1, and linked as that build links it. Mutants that survive its tests go on to the
+sanitized builds.
 
 The tests run in name spaces of their own, as root: the root file system and /dev read-only, /var/tmp and /dev/shm small
 ones in memory, every process ended with the mutant. So a mutant that loops, fills the disk or removes what it should
@@ -126,7 +126,6 @@ SUBJECTS = {
         for path in sources("tools")
     },
 }
-NOT_BY_DEFAULT = {"tools"}
 NOT_SANITIZED = {"tests/programs/tool/resources_test.py"}  # sanitizers have an allocator of their own
 
 # LargeFileTest needs more room than a mutant is given; its subject is the width of file offsets, which none changes.
@@ -456,7 +455,7 @@ def main():
 
     start = time.monotonic()
     builds = [Build(folder, {}) for folder in (options.build, *options.sanitized)]
-    mutants, codes = find(builds, options.folders or set(folders) - NOT_BY_DEFAULT)
+    mutants, codes = find(builds, options.folders or folders)
     keys = number(mutants, codes)
     equivalents = {key: reason for key, reason in read_equivalents().items() if key[0].split(" ")[0] in codes}
     problems = [show(key, "listed as equivalent, but there is no such mutant")
