@@ -86,7 +86,7 @@ ORVFILE = {
 ORVFILE_TESTS = {
     "completion.cpp": ["usage"],
     "csv_reader.cpp": ["row"],
-    "explain.cpp": ["explain", "transfer"],
+    "explain.cpp": ["explain", "transfer", "settings"],
     "explain_document.cpp": ["explain"],
     "explain_lines.cpp": ["explain"],
     "explain_table.cpp": ["explain"],
