@@ -141,6 +141,16 @@ EXPORTED int fcntl64(int descriptor, int command, ...)
     return FcntlBy(Next(static_cast<Fcntl*>(nullptr), "fcntl64"), descriptor, command, argument);
 }
 
+// On 32-bit machines with 64-bit times
+EXPORTED int __fcntl_time64(int descriptor, int command, ...)
+{
+    va_list arguments;
+    va_start(arguments, command);
+    void* const argument = va_arg(arguments, void*);
+    va_end(arguments);
+    return FcntlBy(Next(static_cast<Fcntl*>(nullptr), "__fcntl_time64"), descriptor, command, argument);
+}
+
 EXPORTED int fstatfs(int descriptor, struct statfs* status) noexcept
 {
     return WithType(Next(fstatfs, "fstatfs")(descriptor, status), status);
