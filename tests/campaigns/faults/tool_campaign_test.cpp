@@ -29,6 +29,7 @@ struct ToolScenario {
     std::map<std::string, std::string> before;  // files and their content
     std::string target;                         // must be as before or as after an undisturbed run
     std::string source;                         // of a move: must be there unless the target is new
+    std::string input{};                        // the file that is standard input; empty: no input
 };
 
 const std::string& Bytes()
@@ -52,6 +53,7 @@ const std::vector<ToolScenario>& Scenarios()
         {"plain move", {"move", "--plain", "a", "@b"}, {{"a", Bytes()}, {"@b", "old"}}, "@b", "a"},
         {"page", {"page", "t", "b"}, {{"t", "a:b;\n"}, {"b", "old"}}, "b", ""},
         {"page on another file system", {"page", "t", "@b"}, {{"t", "a:b;\n"}, {"@b", "old"}}, "@b", ""},
+        {"page of standard input", {"page", "-", "b"}, {{"t", "a:b;\n"}, {"b", "old"}}, "b", "", "t"},
         {"set", {"set", "f", "a=2"}, {{"f", "a=1\nb=3\n"}}, "f", ""},
         {"unset", {"unset", "f", "a"}, {{"f", "a=1\nb=3\n"}}, "f", ""},
     };
@@ -115,7 +117,8 @@ TracedRun ToolCampaignTest::Run(const ToolScenario& scenario, const std::vector<
     for (const std::string& argument : scenario.arguments) {
         command.push_back(argument[0] == '@' ? PathOf(argument) : argument);
     }
-    return RunTraced({command, ORV_BEGIN_MARK, dir_ / "", other_ / kOutput_, memory}, faults);
+    const std::string input = scenario.input.empty() ? "/dev/null" : PathOf(scenario.input);
+    return RunTraced({command, ORV_BEGIN_MARK, dir_ / "", other_ / kOutput_, memory, input}, faults);
 }
 
 std::vector<TracedCall> ToolCampaignTest::Undisturbed(const ToolScenario& scenario)
@@ -288,11 +291,16 @@ void CheckReader(const TracedRun& run, const std::string& output, const std::str
 
 TEST_F(ToolCampaignTest, EveryCallFailsAndNoOutputIsIncomplete)
 {
-    const std::map<std::string, std::string> files = {{"f", "a=1\nb=3\nb=4\n"}, {"g", "1"}};
+    const std::map<std::string, std::string> files = {{"f", "a=1\nb=3\nb=4\n"},
+                                                      {"g", "1"},
+                                                      {"table", std::string(70000, 'x') + "\ny\n"},  // needs a file
+                                                      {"log", "CopyFile: open(/a) failed (2, x).\n"}};
     const std::vector<ToolScenario> scenarios = {
         {"list", {"list", ".", "--recursive", "--sort", "size"}, files, "", ""},
         {"list as JSON", {"list", ".", "--larger-than", "1", "--json"}, files, "", ""},
         {"row", {"row", "--table-end", "a", "b", "<c>"}, files, "", ""},
+        {"row of standard input", {"row", "--csv"}, files, "", "", "table"},
+        {"explain", {"explain"}, files, "", "", "log"},
         {"get", {"get", "f"}, files, "", ""},
         {"get for a shell", {"get", "f", "--shell", "b", "a"}, files, "", ""},
         {"get as JSON", {"get", "f", "--json"}, files, "", ""},

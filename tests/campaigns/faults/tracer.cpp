@@ -227,7 +227,8 @@ void ReadReport(TracedRun& run)
     }
     arguments.push_back(nullptr);
     const int output = open(program.output.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0600);
-    if (chdir(program.directory.c_str()) != 0 || dup2(output, STDOUT_FILENO) == -1 ||
+    const int input = open(program.input.c_str(), O_RDONLY | O_CLOEXEC);
+    if (chdir(program.directory.c_str()) != 0 || dup2(input, STDIN_FILENO) == -1 || dup2(output, STDOUT_FILENO) == -1 ||
         dup2(output, STDERR_FILENO) == -1 || setenv("LD_PRELOAD", program.mark.c_str(), 1) != 0 ||
         setenv("ORV_NEW_FAILS", program.memory.c_str(), 1) != 0 || setenv("LC_ALL", "C", 1) != 0 ||
         ptrace(PTRACE_TRACEME, 0, nullptr, nullptr) != 0 || raise(SIGSTOP) != 0) {

@@ -91,6 +91,7 @@ struct TracedProgram {
     std::string directory;
     std::string output;
     std::string memory;  // ORV_NEW_FAILS of begin_mark.cpp
+    std::string input;   // the file that is its standard input
 };
 TracedRun RunTraced(const TracedProgram& program, const std::vector<Fault>& faults);
 
