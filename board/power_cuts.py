@@ -101,7 +101,7 @@ def read_marks(disk, jobs):
 # ---- What is left of it
 
 def identify(job, content, latest):
-    """Returns the number of the call that has written this content, 0 if there is no file, or what is wrong with it."""
+    """Returns the number of the call that has written this content; 0 without a file; a word for other content."""
     if content is None:
         return 0
     for call in range(latest, 0, -1):
