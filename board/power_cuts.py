@@ -1,7 +1,8 @@
 #!/usr/bin/env python3
 """Cuts the power of the emulated board at every write, and judges what is left; script/board calls this.
 
-Usage: power_cuts.py FOLDER PROGRAM [COUNT]    without COUNT, in the long form
+Usage: power_cuts.py FOLDER PROGRAM [COUNT]           without COUNT, in the long form
+       power_cuts.py FOLDER PROGRAM --again KEPT STATE
 
 PROGRAM is orv_device_work, which does what programs of the device do: with the library, with the durable companion, and
 as a control with the companion without its flushes. It runs on a disk with two file systems, whose writes QEMU logs.
@@ -13,6 +14,8 @@ The log is replayed up to each write (COUNT: up to that many, evenly chosen), in
 Each state is mounted, which needs root, and judged: a durable call that has returned is on the disk; of one that is
 under way, the old or the new file, whole; and the content of a file that is moved is somewhere. A loss is a failure; so
 it is if the control loses nothing. Besides, the board itself is killed at random times.
+
+After a failure, the folder KEPT is left, and --again judges one of its states again. STATE is a name from a message.
 """
 
 import collections
@@ -55,6 +58,7 @@ KILL_SECONDS = 6.0  # after the first call, at the latest
 PROGRAM_SECONDS = 1200
 MEMORY = "/dev/shm"
 BLKFLSBUF = 0x1261
+STATE = "{}, cut before write {}"
 KEPT_CALLS = 3  # of which the program leaves the new files
 MINIMUM = pathlib.Path(__file__).resolve().parent.parent / "script" / "minimum-tests.txt"
 
@@ -320,21 +324,28 @@ class Killed(Exception):
 
 
 class Trial:
-    """One kind of file system. `empty` is a disk with two of them; `kept` is the folder of everything."""
+    """One kind of file system. `kept` is the folder of everything: "empty" is a disk with two file systems, "log" has
+    the writes to it, "jobs" is the output of the program, and "kill N" is a disk that has a loss."""
 
-    def __init__(self, folder, program, kind, count):
-        self.folder, self.program, self.kind = folder, program, kind
-        self.cuts, self.kills = (count, 1) if count else LONG[kind]
-        self.rounds = ROUNDS_SHORT if count else ROUNDS
-        self.kept = pathlib.Path(tempfile.mkdtemp(prefix=f"power-cuts.{kind}.", dir=folder))
-        self.empty, self.log = self.kept / "empty", self.kept / "log"
-        make_disk(kind, self.empty)
+    def __init__(self, folder, kept):
+        self.folder, self.kept = folder, pathlib.Path(kept)
+        self.empty, self.log, self.jobs = self.kept / "empty", self.kept / "log", self.kept / "jobs"
+        self.kind = self.kept.resolve().name.split(".")[1]
+
+    @classmethod
+    def new(cls, folder, program, kind, count):
+        trial = cls(folder, tempfile.mkdtemp(prefix=f"power-cuts.{kind}.", dir=folder))
+        trial.program = program
+        trial.cuts, trial.kills = (count, 1) if count else LONG[kind]
+        trial.rounds = ROUNDS_SHORT if count else ROUNDS
+        make_disk(kind, trial.empty)
+        return trial
 
     def mounts(self):
         return BoardMounts(self.kind, self.folder) if self.kind == "xfs" else HostMounts(self.kind)
 
-    def new_disk(self):
-        disk = self.kept / "disk"
+    def new_disk(self, name="disk"):
+        disk = self.kept / name
         subprocess.run(["cp", "--sparse=always", self.empty, disk], check=True)
         return disk
 
@@ -358,11 +369,11 @@ class Trial:
             text = output.read()
         if status != 0:
             raise Failure(f"the program ended with {status}:\n{text.decode()}")
+        self.jobs.write_bytes(text)
         return read_jobs(text)
 
-    def kill(self, seconds):
-        """Runs the program, and kills the board some time after the first call has begun. Returns disk and jobs."""
-        disk = self.new_disk()
+    def kill(self, disk, seconds):
+        """Runs the program, and kills the board some time after the first call has begun. Returns the jobs."""
         with contextlib.suppress(Killed), self.board(disk) as board:
             job = board.begin([self.program, self.kind, DEVICE, ROUNDS])
             deadline = time.monotonic() + PROGRAM_SECONDS
@@ -375,7 +386,7 @@ class Trial:
             board.process.kill()
             board.process.wait()
             raise Killed
-        return disk, read_jobs(output)
+        return read_jobs(output)
 
     # ---- What is judged
 
@@ -387,7 +398,7 @@ class Trial:
             for entry in itertools.chain(entries(self.log, DISK_BYTES), [None]):
                 if replay.number in points:
                     for model, dropped in models(replay).items():
-                        tally.judge(f"{model}, cut before write {replay.number}", jobs, mounts, replay, dropped)
+                        tally.judge(STATE.format(model, replay.number), jobs, mounts, replay, dropped)
                 if entry:
                     replay.add(entry)
         return tally
@@ -410,10 +421,34 @@ class Trial:
         """Judges what boards leave that are killed at random times."""
         tally, chance = Tally(), random.Random(f"{SEED} {self.kind}")
         for number in range(self.kills):
-            disk, jobs = self.kill(chance.random() * KILL_SECONDS)
+            name = f"kill {number}"
+            disk = self.new_disk(name)
+            jobs = self.kill(disk, chance.random() * KILL_SECONDS)
             with self.mounts() as mounts, Replay(disk, PARTS) as replay:
-                tally.judge(f"kill {number}", jobs, mounts, replay)
+                tally.judge(name, jobs, mounts, replay)
+            if not any(text.startswith(f"{name}:") for text in tally.unforgivable):
+                disk.unlink()
         return tally
+
+    def state(self, name):
+        """Returns the disk in the state of this name, and the numbers of the writes that are lost."""
+        if re.fullmatch(r"kill \d+", name):
+            return Replay(self.kept / name, PARTS), ()
+        found = re.fullmatch(STATE.format("(ordered|volatile)", r"(\d+)"), name)
+        if not found:
+            raise Failure(f"unknown state: {name}")
+        replay = Replay(self.new_disk(), PARTS)
+        for entry in itertools.islice(entries(self.log, DISK_BYTES), int(found[2])):
+            replay.add(entry)
+        return replay, models(replay)[found[1]]
+
+    def again(self, name):
+        """Judges one state again. Returns the loss of each job, or None."""
+        jobs = read_jobs(self.jobs.read_bytes())
+        replay, dropped = self.state(name)
+        with self.mounts() as mounts, replay:
+            marks, seen = read_marks(replay.disk, jobs), mounts.seen(replay, dropped)
+        return {job: loss(job, marks[job], seen) for job in jobs}
 
     def can_mount(self):
         try:
@@ -470,7 +505,7 @@ def models(replay):
 def test(folder, program, kind, count):
     """Returns how many cuts and kills were judged, and whether all is well."""
     start = time.monotonic()
-    trial = Trial(folder, program, kind, count)
+    trial = Trial.new(folder, program, kind, count)
     wrong = []
     cuts = kills = 0
     try:
@@ -484,13 +519,26 @@ def test(folder, program, kind, count):
         print(f"FAILED: power cuts on {kind}: {what}")
     print(f"{kind}: {time.monotonic() - start:.0f} s", flush=True)
     if wrong:
-        print(f"kept: {trial.kept}, with the empty disk and the log; the seed is {SEED}", flush=True)
+        print(f"to judge a state again: script/board power-cuts --again {trial.kept} STATE", flush=True)
     else:
         shutil.rmtree(trial.kept)
     return cuts, kills, not wrong
 
 
-def main(folder, program, count=0):
+def judge_again(folder, kept, state):
+    """Prints what each job has lost in this state."""
+    try:
+        losses = Trial(folder, kept).again(state)
+    except (Failure, BadLog, OSError) as failure:
+        sys.exit(f"FAILED: {state}: {failure}")
+    for job, cause in losses.items():
+        print(f"{job.kind}, {'replaced' if job.replaced else 'new'}, {WAYS[job.way]}: {cause or 'kept'}")
+    return int(any(cause for job, cause in losses.items() if job.way == "durable"))
+
+
+def main(folder, program, count=0, *again):
+    if count == "--again":
+        return judge_again(folder, *again)
     results = [test(folder, program, kind, int(count)) for kind in FORMAT]
     cuts, kills, well = map(list, zip(*results))
     print(f"board: power cuts: {sum(cuts):,} cuts and {sum(kills)} kills judged")

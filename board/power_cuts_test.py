@@ -7,7 +7,8 @@ import unittest
 
 import power_cuts
 from machine import Failure
-from power_cuts import DISK_BYTES, MARKS_AT, PARTS, SECTOR, Job, Tally, choose, cut_points, loss, models, read_jobs
+from power_cuts import DISK_BYTES, MARKS_AT, MIB, PARTS, SECTOR, Job, Tally, Trial
+from power_cuts import choose, cut_points, loss, models, read_jobs
 from write_log import ENTRY, FLUSH, FUA, HEADER, MAGIC, VERSION, BadLog, Replay, entries
 
 SOURCE, DESTINATION = (part.offset for part in PARTS.values())
@@ -123,6 +124,79 @@ class ReplayTest(FilesTest):
         self.assertEqual(lost, models(replay)["volatile"])
         self.assertEqual(frozenset(), models(replay)["ordered"])
         self.assertEqual((1, 0), power_cuts.read_marks(replay.disk, JOBS)[MOVE])
+
+
+class RawMounts:
+    """Shows one file, which is all that the destination holds."""
+
+    def __init__(self, folder):
+        self.image = folder / "image"
+        self.image.touch()
+
+    def __enter__(self):
+        return self
+
+    def __exit__(self, *error):
+        pass
+
+    def seen(self, replay, dropped=()):
+        replay.make_image("destination", dropped, self.image)
+        with self.image.open("rb") as image:
+            content = image.read(MIB).rstrip(b"\0")
+        return {"source": {}, "destination": {"0": content} if content else {}}
+
+
+class AgainTest(FilesTest):
+    """A trial that has found losses; one durable call has returned before all of its file was written."""
+
+    def setUp(self):
+        super().setUp()
+        self.kept = self.folder / "power-cuts.ext4.test"
+        self.kept.mkdir()
+        self.job = Job(0, "copy", True, "durable", PAGE)
+        self.trial = self.opened()
+        self.trial.empty.touch()
+        self.trial.jobs.write_bytes(b"copy\treplaced\tdurable\n" + PAGE)
+        whole = self.job.whole(1)
+        writes = [(DESTINATION + at, whole[at : at + 512], 0) for at in range(0, len(whole), 512)]
+        self.trial.log.write_bytes(log_of(mark(self.job, 1, 0), *writes[:10], (0, b"", FLUSH), mark(self.job, 1, 1),
+                                          *writes[10:]))  # fmt: skip
+
+    def opened(self):
+        trial = Trial(self.folder, self.kept)
+        trial.mounts = lambda: RawMounts(self.folder)
+        return trial
+
+    def test_a_state_that_is_judged_again_has_the_same_loss(self):
+        self.trial.cuts = 1000
+        losses = {tuple(text.split(": ")[::2]) for text in self.trial.cut_log([self.job]).unforgivable}
+        names = [power_cuts.STATE.format(model, point) for point in cut_points(self.trial.log)
+                 for model in ("ordered", "volatile")]  # fmt: skip
+        again = {(name, self.opened().again(name)[self.job]) for name in names}
+
+        self.assertEqual(losses, {(name, cause) for name, cause in again if cause})
+        self.assertEqual({"prefix", "mixed"}, {cause for _, cause in losses})
+        self.assertTrue(len(losses) < len(names))
+
+    def test_the_disk_of_a_kill_is_kept_if_it_has_a_loss(self):
+        def kill(disk, _):
+            content = (DESTINATION, self.job.whole(1), 0) if disk.name == "kill 0" else (DESTINATION, b"0", 0)
+            with disk.open("wb") as file:
+                for place, data, _ in (mark(self.job, 1, 1), content):
+                    file.seek(place)
+                    file.write(data)
+            return [self.job]
+
+        self.trial.kills, self.trial.kill = 2, kill
+        self.assertEqual(["kill 1: copy, replaced: prefix"], self.trial.kill_boards().unforgivable)
+
+        self.assertEqual({self.job: "prefix"}, self.opened().again("kill 1"))
+        self.assertFalse((self.kept / "kill 0").exists())
+
+    def test_an_unknown_state_is_refused(self):
+        for name in ("", "kill", "ordered", "other, cut before write 1"):
+            with self.assertRaisesRegex(Failure, "unknown state"):
+                self.trial.again(name)
 
 
 class JudgeTest(unittest.TestCase):
