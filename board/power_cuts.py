@@ -5,8 +5,9 @@ Usage: power_cuts.py FOLDER PROGRAM [COUNT]           without COUNT, in the long
        power_cuts.py FOLDER PROGRAM --again KEPT STATE
 
 PROGRAM is orv_device_work, which does what programs of the device do: with the library, with the durable companion, and
-as a control with the companion without its flushes. It runs on a disk with two file systems, whose writes QEMU logs.
-The log is replayed up to each write (COUNT: up to that many, evenly chosen), in two models of the disk:
+as a control with the companion without its flushes. It runs on a disk with two file systems, or on a flash with two
+UBIFS, whose writes QEMU logs. The log is replayed up to each write (COUNT: up to that many, evenly chosen), in two
+models of the disk; a flash has no cache, so there is only the first:
 
   ordered    all writes before the cut are on the disk
   volatile   all writes before the last flush are, and a random half of those that came after it
@@ -24,6 +25,7 @@ import ctypes
 import fcntl
 import functools
 import itertools
+import json
 import os
 import pathlib
 import random
@@ -36,13 +38,16 @@ import tempfile
 import time
 
 from machine import Failure, Machine, quoted
-from write_log import BadLog, Part, Replay, entries, inside
+from write_log import FLUSH, BadLog, Part, Replay, entries, inside
 
 MIB = 1 << 20
 SECTOR = 512
 MARKS_AT = 4096
 PARTS = {"source": Part(MIB, 128 * MIB), "destination": Part(129 * MIB, 128 * MIB)}
 DISK_BYTES = 257 * MIB
+FLASH = {"flash": Part(MIB, 32 * MIB)}
+FLASH_BYTES = 33 * MIB
+ERASED = 0xFF
 FORMAT = {
     "ext4": ["mke2fs", "-q", "-F", "-t", "ext4", "-b", "4096", "-J", "size=4", "-E", "lazy_itable_init=0"],
     "btrfs": ["mkfs.btrfs", "-q"],
@@ -53,7 +58,7 @@ DEVICE = "/dev/vdc"
 TABLE_AT, LINUX = 446, 0x83  # of the partitions
 SEED = 22
 ROUNDS, ROUNDS_SHORT = 30, 4
-LONG = {"ext4": (2600, 25), "btrfs": (2600, 25), "xfs": (200, 5)}  # cuts and kills
+LONG = {"ext4": (2600, 25), "btrfs": (2600, 25), "xfs": (200, 5), "ubifs": (400, 5)}  # cuts and kills
 KILL_SECONDS = 6.0  # after the first call, at the latest
 PROGRAM_SECONDS = 1200
 MEMORY = "/dev/shm"
@@ -191,9 +196,28 @@ class Tally:
 BOARD_DEVICES = {"source": "/dev/vdc", "destination": "/dev/vdd"}
 SHOW = "mkdir -p /tmp/m && mount -t {} {} /tmp/m && cp -r /tmp/m /host/shown && umount /tmp/m"
 
+# Attaches a flash of this name to UBI.
+ATTACH = "ubiattach -m $(grep '{}' /proc/mtd | sed 's/^mtd//; s/:.*//') /dev/ubi_ctrl >/dev/null"
+# QEMU cannot exchange the content of a flash while it runs. So each state is a disk that the kernel takes as a flash.
+MAKE_FLASH = f"echo {BOARD_DEVICES['source']},64KiB >/sys/module/block2mtd/parameters/block2mtd"
+SHOW_FLASH = f"""set -e
+{ATTACH.format('block2mtd')}
+mkdir -p /tmp/m /host/shown
+for volume in source destination; do
+    mount -t ubifs ubi0:$volume /tmp/m
+    cp -r /tmp/m /host/shown/$volume
+    umount /tmp/m
+done
+ubidetach -d 0 /dev/ubi_ctrl
+sync
+echo 3 >/proc/sys/vm/drop_caches # the next state is read from the disk
+"""
+
 
 class Mounts:
     """Shows the files of states, whose images are in memory. A class below mounts them."""
+
+    parts = PARTS
 
     def __init__(self, kind):
         self.kind = kind
@@ -202,10 +226,10 @@ class Mounts:
     def __enter__(self):
         folder = tempfile.TemporaryDirectory(prefix="orv_cuts.", dir=MEMORY)  # pylint: disable=consider-using-with
         self.folder = pathlib.Path(self.stack.enter_context(folder))
-        for part in PARTS:
-            image = self.folder / part
+        for name, part in self.parts.items():
+            image = self.folder / name
             image.write_bytes(b"\0" * SECTOR)
-            os.truncate(image, PARTS[part].size)
+            os.truncate(image, part.size)
         try:
             self.attach()
         except BaseException:
@@ -267,22 +291,42 @@ class BoardMounts(Mounts):
 
     def attach(self):
         options = []
-        for part in PARTS:
+        for part in self.parts:
             drive = f"if=none,id={part},format=raw,cache=unsafe,file={quoted(self.folder / part)}"
             options += ["-drive", drive, "-device", f"virtio-blk-pci,drive={part}"]
         self.board = self.stack.enter_context(Machine(self.made, files="tmpfs", options=options))
 
     def files(self, part):
-        shown = self.board.shared / "shown"
-        device = BOARD_DEVICES[part]
+        return self.shown(part, SHOW.format(self.kind, BOARD_DEVICES[part]), files_in)
+
+    def shown(self, part, command, read):
+        """Returns what is read from the folder that a command has shown."""
         with tempfile.TemporaryFile() as output:
-            status = self.board.run(["sh", "-c", SHOW.format(self.kind, device)], output=output, errors=output)
+            status = self.board.run(["sh", "-c", command], output=output, errors=output)
             output.seek(0)
             if status != 0:
                 raise Failure(f"the board cannot show the {part}: {output.read().decode()}")
-        files = files_in(shown)
+        shown = self.board.shared / "shown"
+        files = read(shown)
         shutil.rmtree(shown)
         return files
+
+
+class FlashMounts(BoardMounts):
+    """Mounts both volumes of a flash."""
+
+    parts = FLASH
+
+    def attach(self):
+        super().attach()
+        if self.board.run(["sh", "-c", MAKE_FLASH]) != 0:
+            self.board.fail("the board cannot take a disk as a flash")
+
+    def seen(self, replay, dropped=()):
+        return self.mounted(replay, "flash", replay.latest["flash"], dropped)
+
+    def files(self, part):
+        return self.shown(part, SHOW_FLASH, lambda shown: {volume: files_in(shown / volume) for volume in PARTS})
 
 
 def files_in(folder):
@@ -327,10 +371,13 @@ class Trial:
     """One kind of file system. `kept` is the folder of everything: "empty" is a disk with two file systems, "log" has
     the writes to it, "jobs" is the output of the program, and "kill N" is a disk that has a loss."""
 
+    parts, disk_bytes = PARTS, DISK_BYTES
+    devices = ["-device", "virtio-blk-pci,drive=cut,discard=off,write-zeroes=off"]
+
     def __init__(self, folder, kept):
         self.folder, self.kept = folder, pathlib.Path(kept)
         self.empty, self.log, self.jobs = self.kept / "empty", self.kept / "log", self.kept / "jobs"
-        self.kind = self.kept.resolve().name.split(".")[1]
+        self.kind = kind_of(self.kept)
 
     @classmethod
     def new(cls, folder, program, kind, count):
@@ -338,8 +385,26 @@ class Trial:
         trial.program = program
         trial.cuts, trial.kills = (count, 1) if count else LONG[kind]
         trial.rounds = ROUNDS_SHORT if count else ROUNDS
-        make_disk(kind, trial.empty)
+        trial.make_empty()
         return trial
+
+    def make_empty(self):
+        make_disk(self.kind, self.empty)
+
+    def entries(self):
+        return entries(self.log, self.disk_bytes)
+
+    def replay(self, disk):
+        return Replay(disk, self.parts)
+
+    def models(self, replay):
+        return models(replay)
+
+    def is_lost(self, entry, beginning, job, _found):
+        return beginning in entry.data and inside(self.parts[job.directory], entry.offset)
+
+    def command(self, rounds):
+        return [self.program, self.kind, DEVICE, rounds]
 
     def mounts(self):
         return BoardMounts(self.kind, self.folder) if self.kind == "xfs" else HostMounts(self.kind)
@@ -357,14 +422,12 @@ class Trial:
             log.touch()
             options += ["-blockdev", f"{file},node-name=log,filename={quoted(log)}", "-blockdev",
                         f"driver=blklogwrites,node-name=cut,file=disk,log=log,log-sector-size={SECTOR}"]  # fmt: skip
-        options += ["-device", "virtio-blk-pci,drive=cut,discard=off,write-zeroes=off"]
-        return Machine(self.folder, files="tmpfs", options=options)
+        return Machine(self.folder, files="tmpfs", options=options + self.devices)
 
     def work(self):
         """Runs the program to its end, and logs the writes. Returns the jobs."""
         with self.board(self.new_disk(), self.log) as board, tempfile.TemporaryFile() as output:
-            command = [self.program, self.kind, DEVICE, self.rounds]
-            status = board.run(command, seconds=PROGRAM_SECONDS, output=output, errors=output)
+            status = board.run(self.command(self.rounds), seconds=PROGRAM_SECONDS, output=output, errors=output)
             output.seek(0)
             text = output.read()
         if status != 0:
@@ -375,7 +438,7 @@ class Trial:
     def kill(self, disk, seconds):
         """Runs the program, and kills the board some time after the first call has begun. Returns the jobs."""
         with contextlib.suppress(Killed), self.board(disk) as board:
-            job = board.begin([self.program, self.kind, DEVICE, ROUNDS])
+            job = board.begin(self.command(ROUNDS))
             deadline = time.monotonic() + PROGRAM_SECONDS
             while not disk_is_marked(disk):
                 if time.monotonic() > deadline or board.process.poll() is not None:
@@ -392,12 +455,12 @@ class Trial:
 
     def cut_log(self, jobs):
         """Judges the states of the disk at the chosen points of the log."""
-        points = choose(cut_points(self.log), self.cuts)
+        points = choose(cut_points(self.entries()), self.cuts)
         tally = Tally()
-        with self.mounts() as mounts, Replay(self.new_disk(), PARTS) as replay:
-            for entry in itertools.chain(entries(self.log, DISK_BYTES), [None]):
+        with self.mounts() as mounts, self.replay(self.new_disk()) as replay:
+            for entry in itertools.chain(self.entries(), [None]):
                 if replay.number in points:
-                    for model, dropped in models(replay).items():
+                    for model, dropped in self.models(replay).items():
                         tally.judge(STATE.format(model, replay.number), jobs, mounts, replay, dropped)
                 if entry:
                     replay.add(entry)
@@ -408,9 +471,9 @@ class Trial:
         job = next(job for job in jobs if (job.kind, job.replaced, job.way) == ("copy", True, "durable"))
         beginning = job.whole(self.rounds)[:SECTOR]
         found = 0
-        with self.mounts() as mounts, Replay(self.new_disk(), PARTS) as replay:
-            for entry in entries(self.log, DISK_BYTES):
-                is_lost = beginning in entry.data and inside(PARTS[job.directory], entry.offset)
+        with self.mounts() as mounts, self.replay(self.new_disk()) as replay:
+            for entry in self.entries():
+                is_lost = self.is_lost(entry, beginning, job, found)
                 replay.add(entry._replace(data=b"") if is_lost else entry)
                 found += is_lost
             marks, seen = read_marks(replay.disk, jobs)[job], mounts.seen(replay)
@@ -424,7 +487,7 @@ class Trial:
             name = f"kill {number}"
             disk = self.new_disk(name)
             jobs = self.kill(disk, chance.random() * KILL_SECONDS)
-            with self.mounts() as mounts, Replay(disk, PARTS) as replay:
+            with self.mounts() as mounts, self.replay(disk) as replay:
                 tally.judge(name, jobs, mounts, replay)
             if not any(text.startswith(f"{name}:") for text in tally.unforgivable):
                 disk.unlink()
@@ -433,14 +496,14 @@ class Trial:
     def state(self, name):
         """Returns the disk in the state of this name, and the numbers of the writes that are lost."""
         if re.fullmatch(r"kill \d+", name):
-            return Replay(self.kept / name, PARTS), ()
+            return self.replay(self.kept / name), ()
         found = re.fullmatch(STATE.format("(ordered|volatile)", r"(\d+)"), name)
         if not found:
             raise Failure(f"unknown state: {name}")
-        replay = Replay(self.new_disk(), PARTS)
-        for entry in itertools.islice(entries(self.log, DISK_BYTES), int(found[2])):
+        replay = self.replay(self.new_disk())
+        for entry in itertools.islice(self.entries(), int(found[2])):
             replay.add(entry)
-        return replay, models(replay)[found[1]]
+        return replay, self.models(replay)[found[1]]
 
     def again(self, name):
         """Judges one state again. Returns the loss of each job, or None."""
@@ -452,7 +515,7 @@ class Trial:
 
     def can_mount(self):
         try:
-            with self.mounts() as mounts, Replay(self.new_disk(), PARTS) as replay:
+            with self.mounts() as mounts, self.replay(self.new_disk()) as replay:
                 mounts.seen(replay)
         except Failure as failure:
             print(f"SKIPPED: power cuts on {self.kind}: {failure}")
@@ -472,6 +535,43 @@ class Trial:
         return cuts.states, kills.states, problems(cuts, kills)
 
 
+class FlashTrial(Trial):
+    """UBIFS on a flash, which is a part of the disk. The log has a write for each block that the board erases, and for
+    the bytes that it programs at once. The flash has ended one before the next one begins."""
+
+    parts, disk_bytes = FLASH, FLASH_BYTES
+    node = json.dumps({"driver": "raw", "file": "cut", **FLASH["flash"]._asdict()})
+    devices = ["-blockdev", f"driver=raw,node-name=marks,size={MIB},file=cut",
+               "-device", "virtio-blk-pci,drive=marks,share-rw=on,discard=off,write-zeroes=off",
+               "-drive", f"if=pflash,file=json:{quoted(node)}"]  # fmt: skip
+
+    def make_empty(self):
+        self.empty.write_bytes(bytes(MIB) + bytes([ERASED]) * FLASH["flash"].size)
+
+    def can_mount(self):
+        return True  # the board can
+
+    def mounts(self):
+        return FlashMounts(self.kind, self.folder)
+
+    def entries(self):
+        return (entry._replace(flags=entry.flags | FLUSH) for entry in super().entries())
+
+    def models(self, replay):
+        return {"ordered": frozenset()}
+
+    def is_lost(self, entry, beginning, _job, found):
+        """A hole in the log of UBIFS would be noticed, so all that follows is lost."""
+        return inside(self.parts["flash"], entry.offset) and (found or beginning in entry.data)
+
+
+KINDS = {"ext4": Trial, "btrfs": Trial, "xfs": Trial, "ubifs": FlashTrial}
+
+
+def kind_of(kept):
+    return (pathlib.Path(kept).resolve().name + ".").split(".")[1]
+
+
 def problems(cuts, kills):
     """Returns what durable calls have lost. If the calls without flushes have lost nothing, no loss can be seen."""
     blind = [] if cuts.lost("control") else ["the calls without flushes have lost nothing"]
@@ -481,7 +581,7 @@ def problems(cuts, kills):
 def cut_points(log):
     """Returns the numbers of the writes to the parts after the first mark, and that of the end."""
     points, marked, number = [], False, 0
-    for number, entry in enumerate(entries(log, DISK_BYTES)):
+    for number, entry in enumerate(log):
         marked = marked or MARKS_AT <= entry.offset < MIB
         if marked and entry.data and entry.offset >= MIB:
             points.append(number)
@@ -505,7 +605,7 @@ def models(replay):
 def test(folder, program, kind, count):
     """Returns how many cuts and kills were judged, and whether all is well."""
     start = time.monotonic()
-    trial = Trial.new(folder, program, kind, count)
+    trial = KINDS[kind].new(folder, program, kind, count)
     wrong = []
     cuts = kills = 0
     try:
@@ -527,8 +627,10 @@ def test(folder, program, kind, count):
 
 def judge_again(folder, kept, state):
     """Prints what each job has lost in this state."""
+    if kind_of(kept) not in KINDS:
+        sys.exit(f"FAILED: {kept} was not left by power-cuts")
     try:
-        losses = Trial(folder, kept).again(state)
+        losses = KINDS[kind_of(kept)](folder, kept).again(state)
     except (Failure, BadLog, OSError) as failure:
         sys.exit(f"FAILED: {state}: {failure}")
     for job, cause in losses.items():
@@ -539,7 +641,7 @@ def judge_again(folder, kept, state):
 def main(folder, program, count=0, *again):
     if count == "--again":
         return judge_again(folder, *again)
-    results = [test(folder, program, kind, int(count)) for kind in FORMAT]
+    results = [test(folder, program, kind, int(count)) for kind in KINDS]
     cuts, kills, well = map(list, zip(*results))
     print(f"board: power cuts: {sum(cuts):,} cuts and {sum(kills)} kills judged")
     minimum = int(re.search(r"(?m)^board-power (\d+)$", MINIMUM.read_text(encoding="utf-8"))[1])

@@ -7,7 +7,7 @@ import unittest
 
 import power_cuts
 from machine import Failure
-from power_cuts import DISK_BYTES, MARKS_AT, MIB, PARTS, SECTOR, Job, Tally, Trial
+from power_cuts import DISK_BYTES, MARKS_AT, MIB, PARTS, SECTOR, FlashTrial, Job, Tally, Trial
 from power_cuts import choose, cut_points, loss, models, read_jobs
 from write_log import ENTRY, FLUSH, FUA, HEADER, MAGIC, VERSION, BadLog, Replay, entries
 
@@ -93,13 +93,13 @@ class LogTest(FilesTest):
 
     def test_a_log_without_marks_is_refused(self):
         with self.assertRaisesRegex(Failure, "no call has marked the log"):
-            cut_points(self.log((SOURCE, b"data", 0), (0, b"table", 0)))
+            cut_points(entries(self.log((SOURCE, b"data", 0), (0, b"table", 0)), DISK_BYTES))
 
     def test_the_power_is_cut_before_every_write_after_the_first_mark(self):
         log = self.log((SOURCE, b"1", 0), mark(MOVE, 1, 0), (SOURCE, b"2", 0), (0, b"", FLUSH), mark(MOVE, 1, 1),
                        (DESTINATION, b"3", 0))  # fmt: skip
 
-        self.assertEqual([2, 5, 6], cut_points(log))
+        self.assertEqual([2, 5, 6], cut_points(entries(log, DISK_BYTES)))
         self.assertEqual({2, 5}, choose([2, 5, 6], 2))
         self.assertEqual({2, 5, 6}, choose([2, 5, 6], 9))
 
@@ -124,6 +124,28 @@ class ReplayTest(FilesTest):
         self.assertEqual(lost, models(replay)["volatile"])
         self.assertEqual(frozenset(), models(replay)["ordered"])
         self.assertEqual((1, 0), power_cuts.read_marks(replay.disk, JOBS)[MOVE])
+
+
+class FlashTest(FilesTest):
+    def test_a_flash_keeps_each_write_from_the_next_one_on(self):
+        kept = self.folder / "power-cuts.ubifs.test"
+        kept.mkdir()
+        trial = FlashTrial(self.folder, kept)
+        trial.make_empty()
+        trial.log.write_bytes(log_of(mark(COPY, 1, 0), (SOURCE, b"1", 0), (SOURCE, b"2", 0), mark(COPY, 1, 1)))
+        image = self.folder / "image"
+        image.touch()
+
+        found = []
+        for point in range(5):
+            replay, dropped = trial.state(f"ordered, cut before write {point}")
+            with replay:
+                replay.make_image("flash", dropped, image)
+                self.assertEqual(["ordered"], list(trial.models(replay)))
+                self.assertTrue(len(replay.pending) <= 1)
+                found.append((image.read_bytes()[:1], power_cuts.read_marks(replay.disk, JOBS)[COPY]))
+        self.assertEqual([(b"\xff", (0, 0)), (b"\xff", (1, 0)), (b"1", (1, 0)), (b"2", (1, 0)), (b"2", (1, 1))], found)
+        self.assertEqual(32 * MIB, image.stat().st_size)
 
 
 class RawMounts:
@@ -170,7 +192,7 @@ class AgainTest(FilesTest):
     def test_a_state_that_is_judged_again_has_the_same_loss(self):
         self.trial.cuts = 1000
         losses = {tuple(text.split(": ")[::2]) for text in self.trial.cut_log([self.job]).unforgivable}
-        names = [power_cuts.STATE.format(model, point) for point in cut_points(self.trial.log)
+        names = [power_cuts.STATE.format(model, point) for point in cut_points(self.trial.entries())
                  for model in ("ordered", "volatile")]  # fmt: skip
         again = {(name, self.opened().again(name)[self.job]) for name in names}
 

@@ -3,12 +3,12 @@
 //
 // Usage: orv_device_work FILE-SYSTEM DISK ROUNDS
 //
-// The first partition of DISK becomes /var/tmp, the second one /media. Each round calls every job once, in random
-// order: with the library, with the durable companion, and with the companion without its flushes. Call N of job J
-// makes the file "J.N", or replaces the file "J". What it moves or copies is /var/tmp/J.N, which was flushed. Its
-// content tells both numbers. Directly before and after each call, both are written to a sector of the disk, in front
-// of the partitions: as a text "orv BEGUN ENDED", with the numbers of the last call that has begun and of the last that
-// ended.
+// The first partition of DISK becomes /var/tmp, the second one /media; with ubifs, these are two volumes that it makes
+// on the first flash of the board. Each round calls every job once, in random order: with the library, with the durable
+// companion, and with the companion without its flushes. Call N of job J makes the file "J.N", or replaces the file
+// "J". What it moves or copies is /var/tmp/J.N, which was flushed. Its content tells both numbers. Directly before and
+// after each call, both are written to a sector of the disk, in front of the partitions: as a text "orv BEGUN ENDED",
+// with the numbers of the last call that has begun and of the last that ended.
 //
 // Output: a line "KIND <tab> new or replaced <tab> WAY" for each job; at last a page, with "@" for the content. A call
 // that fails ends the program.
@@ -18,6 +18,9 @@
 #include "safe.h"
 
 #include <fcntl.h>
+#include <linux/blkpg.h>
+#include <mtd/mtd-user.h>
+#include <sys/ioctl.h>
 #include <sys/mount.h>
 #include <sys/stat.h>
 #include <unistd.h>
@@ -252,9 +255,25 @@ void WriteEarly()
 
 void Mount(const std::string& partition, const std::string& path, const std::string& type)
 {
+    const std::map<std::string, const char*> options = {
+        {"ext4", "commit=1"}, {"btrfs", "commit=1"}, {"xfs", ""}, {"ubifs", "compr=none"}};
     (void)mkdir(path.c_str(), 0755);
-    const char* const options = type == "xfs" ? "" : "commit=1";
-    Require(mount(partition.c_str(), path.c_str(), type.c_str(), 0, options) == 0, partition);
+    Require(mount(partition.c_str(), path.c_str(), type.c_str(), 0, options.at(type)) == 0, partition);
+}
+
+// UBI takes only a partition of a NOR flash, because the whole could have blocks of several sizes.
+void MakeVolumes()
+{
+    const int flash = open("/dev/mtd0", O_RDWR | O_CLOEXEC);
+    struct mtd_info_user info = {};
+    Require(flash != -1 && ioctl(flash, MEMGETINFO, &info) == 0 && info.type == MTD_NORFLASH, "flash");
+    struct blkpg_partition partition = {0, info.size, 0, "volumes", ""};
+    struct blkpg_ioctl_arg argument = {BLKPG_ADD_PARTITION, 0, sizeof partition, &partition};
+    Require(ioctl(flash, BLKPG, &argument) == 0, "partition");
+    const char* const commands =
+        "ubiattach -m $(grep volumes /proc/mtd | sed 's/^mtd//; s/:.*//') /dev/ubi_ctrl &&"
+        "ubimkvol /dev/ubi0 -N source -s 14MiB && ubimkvol /dev/ubi0 -N destination -m";
+    Require(std::system((std::string("{ ") + commands + "; } >/dev/null").c_str()) == 0, commands);
 }
 
 void Describe(const std::vector<Job>& jobs)
@@ -278,8 +297,14 @@ int main(int, char** arguments)
     const std::vector<Job> jobs = Jobs();
     Describe(jobs);
     WriteEarly();
-    Mount(device + "1", kNear, type);
-    Mount(device + "2", kFar, type);
+    if (type == "ubifs") {
+        MakeVolumes();
+        Mount("ubi0:source", kNear, type);
+        Mount("ubi0:destination", kFar, type);
+    } else {
+        Mount(device + "1", kNear, type);
+        Mount(device + "2", kFar, type);
+    }
     const Disk disk(device);
     std::vector<std::size_t> order(jobs.size());
     for (std::size_t i = 0; i < order.size(); ++i) {
