@@ -41,6 +41,7 @@ declare -rA packages=(
     [browser]="$tests $tool $campaigns chromium nodejs npm fonts-dejavu-core"
     [powerpc]="$target $tool $artifacts python3-kconfiglib"
     [board]="$board"
+    [board-quick]="$target" # script/board installs the others, if the kernel is kept
     [board-faults]="$board"
     [board-power]="$board"
     [board-costs]="$board"

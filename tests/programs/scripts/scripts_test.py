@@ -5,6 +5,7 @@ Their PATH has the commands that every Debian system has, an apt-get that writes
 fails, and an id that reports root.
 """
 
+import hashlib
 import os
 import pathlib
 import re
@@ -154,6 +155,12 @@ class ScriptsTest(unittest.TestCase):
         self.assertTrue(self.installed())
         self.assertFalse({"nodejs", "npm", "g++"} & self.installed())
 
+    def test_to_ask_for_a_kept_kernel_installs_nothing(self):
+        run = self.call("board", "kept")
+
+        self.assertEqual((1, "", ""), (run.returncode, run.stdout, run.stderr))
+        self.assertFalse(self.asked.exists())
+
     def test_an_ordinary_user_reads_what_to_install(self):
         self.add_command("id", "#!/bin/sh\necho 1000\n")
 
@@ -283,6 +290,110 @@ class CountingTest(unittest.TestCase):
         self.assertEqual(0, self.count(*cases, user=1000)[0])
 
 
+BOARD = """#!/bin/sh
+echo "$@" >>'{log}'
+[ "$1" != '{failing}' ]
+"""
+
+
+class QuickBoardTest(unittest.TestCase):
+    """The step board-quick of script/test and `script/board kept`, in a copy of script/ and board/."""
+
+    def setUp(self):
+        folder = tempfile.TemporaryDirectory(prefix="orv_test.")
+        self.addCleanup(folder.cleanup)
+        self.folder = pathlib.Path(folder.name)
+        self.log = self.folder / "called"
+        for name in ("script", "board"):
+            shutil.copytree(TOP / name, self.folder / name)
+        (self.folder / "script" / "packages.sh").write_text("declare -A packages=([board-quick]=)\n", encoding="utf-8")
+        (self.folder / "commands").mkdir()
+
+    def add_command(self, path, text):
+        command = self.folder / path
+        command.write_text(text, encoding="utf-8")
+        command.chmod(0o755)
+
+    def call(self, *command, **environment):
+        kept = {name: value for name, value in os.environ.items() if name != "ORV_NO_SKIP"}
+        path = f"{self.folder}/commands:{os.environ['PATH']}"
+        run = subprocess.run(command, cwd=self.folder, env={**kept, "PATH": path, **environment}, check=False,
+                             stdout=subprocess.PIPE, stderr=subprocess.STDOUT, text=True)  # fmt: skip
+        return run.returncode, run.stdout
+
+    def step(self, failing="nothing", user=0, **environment):
+        """Returns the exit status and the output of the step, and how it called script/board, which fails one action."""
+        self.log.unlink(missing_ok=True)
+        self.add_command("script/board", BOARD.format(log=self.log, failing=failing))
+        self.add_command("commands/id", f"#!/bin/sh\necho {user}\n")
+        return *self.call("script/test", "board-quick", **environment), self.log.read_text(encoding="utf-8").splitlines()
+
+    def test_runs_tests_and_power_cuts(self):
+        status, said, calls = self.step()
+
+        self.assertEqual((0, ["kept", "quick", "power-cuts 3"]), (status, calls), said)
+        self.assertTrue(said.endswith("\n2 passed, 0 failed\n"), said)
+
+    def test_each_part_can_fail(self):
+        for failing in ("quick", "power-cuts"):
+            status, said, _ = self.step(failing)
+
+            self.assertEqual(1, status)
+            self.assertTrue(said.endswith("\n1 passed, 1 failed\n"), said)
+
+    def test_says_how_to_make_the_kernel_if_it_is_not_kept(self):
+        reason = "the kernel of the board must be compiled first, which takes ten minutes: script/board build"
+
+        status, said, calls = self.step("kept")
+
+        self.assertEqual((0, ["kept"]), (status, calls), said)
+        self.assertIn(f"SKIPPED: board-quick: {reason}\n", said)
+        self.assertIn(f"\nSkipped:\n  board-quick: {reason}\n\n0 passed, 0 failed\n", said)
+
+    def test_the_caller_may_demand_the_kernel(self):
+        status, said, _ = self.step("kept", ORV_NO_SKIP="1")
+
+        self.assertEqual(1, status)
+        self.assertTrue(said.endswith("\n0 passed, 1 failed\n"), said)
+
+    def test_the_long_form_compiles_the_kernel(self):
+        self.add_command("script/board", BOARD.format(log=self.log, failing="kept"))
+
+        self.call("script/test", "--full", "board-quick")
+
+        self.assertIn("quick", self.log.read_text(encoding="utf-8").splitlines())
+
+    def test_an_ordinary_user_skips_the_power_cuts(self):
+        status, said, calls = self.step(user=1000)
+
+        self.assertEqual((0, ["kept", "quick"]), (status, calls), said)
+        self.assertIn("SKIPPED: board-quick: power cuts need root\n", said)
+
+    def test_a_kernel_is_kept_for_one_configuration_and_compiler(self):
+        made = self.folder / "build" / "board-machine"
+        made.mkdir(parents=True)
+        self.add_command("commands/dpkg-query", "#!/bin/sh\nprintf 6.1.1")
+        self.add_command("commands/powerpc-linux-gnu-gcc", "#!/bin/sh\necho gcc 12\n")
+        self.assertEqual((1, ""), self.call("script/board", "kept"))
+        for name, config in (("kernel", "kernel.config"), ("busybox", "busybox.config")):
+            text = (TOP / "board" / config).read_bytes() + b"gcc 12\n6.1.1"
+            (made / f"{name}-{hashlib.sha256(text).hexdigest()[:16]}").mkdir()
+        self.assertEqual((1, ""), self.call("script/board", "kept"), "a folder is no kernel")
+        kernel = next(made.glob("kernel-*"))
+        kernel.rmdir()
+        kernel.touch()
+        self.assertEqual((0, ""), self.call("script/board", "kept"))
+
+        for path, text in (("commands/powerpc-linux-gnu-gcc", "#!/bin/sh\necho gcc 13\n"), ("board/kernel.config", "#\n")):
+            before = (self.folder / path).read_text(encoding="utf-8")
+            self.add_command(path, text)
+            self.assertEqual((1, ""), self.call("script/board", "kept"), path)
+            self.add_command(path, before)
+        self.assertEqual((0, ""), self.call("script/board", "kept"))
+        next(made.glob("busybox-*")).rmdir()
+        self.assertEqual((1, ""), self.call("script/board", "kept"))
+
+
 BOARD_OUTPUT = """[ RUN      ] MoveTest.Moves
 [       OK ] MoveTest.Moves (3 ms)
 [ RUN      ] MoveTest.Fails/one
@@ -333,9 +444,18 @@ class BoardTest(unittest.TestCase):
         self.assertEqual({"MoveTest.Moves", "MoveTest.Skips", "MoveTest.Crashes"}, set(wrong))
         self.assertEqual([], skipped)
 
-        wrong, skipped = suite.judge("ext4", "nobody", self.results)
+        del self.results["MoveTest.Fails/one"]
+        self.assertIn("MoveTest.Fails/one", suite.judge("ext4", "root", self.results)[0])
+        self.assertNotIn("MoveTest.Fails/one", suite.judge("ext4", "root", self.results, is_quick=True)[0])
+
+        wrong, skipped = suite.judge("ext4", "nobody", suite.results_in(BOARD_OUTPUT))
         self.assertEqual({"MoveTest.Fails/one", "MoveTest.Crashes"}, set(wrong))
         self.assertEqual(["MoveTest.Skips"], skipped)
+
+    def test_a_quick_run_leaves_out_what_is_slow_and_demands_less(self):
+        self.assertIn(suite.SLOW[0], suite.filter_for("tmpfs", "root", is_quick=True))
+        self.assertNotIn(suite.SLOW[0], suite.filter_for("tmpfs", "root"))
+        self.assertGreater(suite.minimum(False), suite.minimum(True))
 
 
 if __name__ == "__main__":
