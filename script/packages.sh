@@ -11,7 +11,7 @@ campaigns="manpages-dev e2fsprogs dosfstools xfsprogs btrfs-progs squashfs-tools
 campaigns="$campaigns python3-html5lib"
 emulated="$tests googletest qemu-user"
 target="$emulated g++-powerpc-linux-gnu"
-board="$target $tool $artifacts manpages-dev linux-source-6.1 flex bison bc libelf-dev libssl-dev cpio kmod"
+board="$target $tool $artifacts manpages-dev linux-source-6.1 flex bison bc libelf-dev libssl-dev cpio kmod bzip2 xz-utils"
 board="$board qemu-system-ppc qemu-system-data e2fsprogs xfsprogs btrfs-progs dosfstools"
 
 # shellcheck disable=SC2034  # need_packages reads it

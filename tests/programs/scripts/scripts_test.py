@@ -126,6 +126,11 @@ class ScriptsTest(unittest.TestCase):
                 self.assertEqual(packages, self.installed())
                 self.assertIn("apt-get could not install:", run.stderr)
 
+    def test_the_board_installs_what_unpacks_its_sources(self):
+        self.call("board", "build")
+
+        self.assertLessEqual({"linux-source-6.1", "xz-utils", "bzip2"}, self.installed())
+
     def test_every_step_knows_its_packages(self):
         for step in self.steps():
             with self.subTest(step=step):
