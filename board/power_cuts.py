@@ -7,7 +7,7 @@ Usage: power_cuts.py FOLDER PROGRAM [COUNT]           without COUNT, in the long
 PROGRAM is orv_device_work, which does what programs of the device do: with the library, with the durable companion, and
 as a control with the companion without its flushes. It runs on a disk with two file systems, or on a flash with two
 UBIFS, whose writes QEMU logs. The log is replayed up to each write (COUNT: up to that many, evenly chosen), in two
-models of the disk; a flash has no cache, so there is only the first:
+models of the disk. A flash has no cache, so there is only the first, but also with half of the last write:
 
   ordered    all writes before the cut are on the disk
   volatile   all writes before the last flush are, and a random half of those that came after it
@@ -38,7 +38,7 @@ import tempfile
 import time
 
 from machine import Failure, Machine, quoted
-from write_log import FLUSH, BadLog, Part, Replay, entries, inside
+from write_log import FLUSH, BadLog, Entry, Part, Replay, entries, inside
 
 MIB = 1 << 20
 SECTOR = 512
@@ -537,7 +537,7 @@ class Trial:
 
 class FlashTrial(Trial):
     """UBIFS on a flash, which is a part of the disk. The log has a write for each block that the board erases, and for
-    the bytes that it programs at once. The flash has ended one before the next one begins."""
+    the bytes that it programs at once. Each is on the flash before the next one begins."""
 
     parts, disk_bytes = FLASH, FLASH_BYTES
     node = json.dumps({"driver": "raw", "file": "cut", **FLASH["flash"]._asdict()})
@@ -555,7 +555,13 @@ class FlashTrial(Trial):
         return FlashMounts(self.kind, self.folder)
 
     def entries(self):
-        return (entry._replace(flags=entry.flags | FLUSH) for entry in super().entries())
+        """Yields each write in two parts, because the power can fail in the middle of one."""
+        chance = random.Random(SEED)
+        for entry in super().entries():
+            first = chance.randrange(1, len(entry.data)) if inside(self.parts["flash"], entry.offset) else 0
+            if first:
+                yield entry._replace(data=entry.data[:first], flags=FLUSH)
+            yield Entry(entry.offset + first, entry.data[first:], FLUSH)
 
     def models(self, replay):
         return {"ordered": frozenset()}

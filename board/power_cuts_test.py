@@ -127,25 +127,30 @@ class ReplayTest(FilesTest):
 
 
 class FlashTest(FilesTest):
-    def test_a_flash_keeps_each_write_from_the_next_one_on(self):
+    def test_the_power_of_a_flash_fails_before_and_in_the_middle_of_each_write(self):
         kept = self.folder / "power-cuts.ubifs.test"
         kept.mkdir()
         trial = FlashTrial(self.folder, kept)
         trial.make_empty()
-        trial.log.write_bytes(log_of(mark(COPY, 1, 0), (SOURCE, b"1", 0), (SOURCE, b"2", 0), mark(COPY, 1, 1)))
+        writes = [(SOURCE, b"1" * SECTOR, 0), (SOURCE, b"2" * SECTOR, 0)]
+        trial.log.write_bytes(log_of(mark(COPY, 1, 0), *writes, mark(COPY, 1, 1)))
         image = self.folder / "image"
         image.touch()
 
         found = []
-        for point in range(5):
+        for point in range(7):
             replay, dropped = trial.state(f"ordered, cut before write {point}")
             with replay:
                 replay.make_image("flash", dropped, image)
                 self.assertEqual(["ordered"], list(trial.models(replay)))
                 self.assertTrue(len(replay.pending) <= 1)
-                found.append((image.read_bytes()[:1], power_cuts.read_marks(replay.disk, JOBS)[COPY]))
-        self.assertEqual([(b"\xff", (0, 0)), (b"\xff", (1, 0)), (b"1", (1, 0)), (b"2", (1, 0)), (b"2", (1, 1))], found)
+                marks = power_cuts.read_marks(replay.disk, JOBS)[COPY]
+            content = image.read_bytes()
+            found.append((content[0:1] + content[SECTOR - 1 : SECTOR], *marks))
+        self.assertEqual([(b"\xff\xff", 0, 0), (b"\xff\xff", 1, 0), (b"1\xff", 1, 0), (b"11", 1, 0), (b"21", 1, 0),
+                          (b"22", 1, 0), (b"22", 1, 1)], found)  # fmt: skip
         self.assertEqual(32 * MIB, image.stat().st_size)
+        self.assertEqual([1, 2, 3, 4, 6], cut_points(trial.entries()))
 
 
 class RawMounts:
