@@ -497,13 +497,15 @@ class Trial:
         """Returns the disk in the state of this name, and the numbers of the writes that are lost."""
         if re.fullmatch(r"kill \d+", name):
             return self.replay(self.kept / name), ()
-        found = re.fullmatch(STATE.format("(ordered|volatile)", r"(\d+)"), name)
-        if not found:
-            raise Failure(f"unknown state: {name}")
         replay = self.replay(self.new_disk())
-        for entry in itertools.islice(self.entries(), int(found[2])):
+        number = int(re.sub(r"\D", "", name) or 0)
+        for entry in itertools.islice(self.entries(), number):
             replay.add(entry)
-        return replay, self.models(replay)[found[1]]
+        for model, dropped in self.models(replay).items():
+            if name == STATE.format(model, replay.number):
+                return replay, dropped
+        replay.disk.close()
+        raise Failure("unknown state")
 
     def again(self, name):
         """Judges one state again. Returns the loss of each job, or None."""

@@ -221,7 +221,9 @@ class AgainTest(FilesTest):
         self.assertFalse((self.kept / "kill 0").exists())
 
     def test_an_unknown_state_is_refused(self):
-        for name in ("", "kill", "ordered", "other, cut before write 1"):
+        last = cut_points(self.trial.entries())[-1]
+        self.trial.again(power_cuts.STATE.format("ordered", last))
+        for name in ("", "kill", "ordered", "other, cut before write 1", f"ordered, cut before write {last + 1}"):
             with self.assertRaisesRegex(Failure, "unknown state"):
                 self.trial.again(name)
 
