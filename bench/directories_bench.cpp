@@ -363,7 +363,7 @@ std::string Text(const FoundNames& found)
 
 void AddListing(const std::string& name, std::size_t files, const Filter& filter)
 {
-    const Workload workload = {"list/" + name + ':' + std::to_string(files),
+    const Workload workload = {name + ':' + std::to_string(files),
                                static_cast<double>(files),
                                "entry",
                                /*calls=*/files >= 1000000 ? 1 : 0,
@@ -410,12 +410,13 @@ void AddDirectories()
     AddMakePath(32, 200);
     AddMakePath(400, 20);
     for (const std::size_t files : {100U, 10000U, 200000U, 1000000U}) {
-        AddListing("plain", files, {});
-        AddListing("include", files, {"*.log", "", false});
-        AddListing("exclude", files, {"", "tmp_*", false});
-        AddListing("both", files, {"*.log", "tmp_*", false});
-        AddListing("with_path", files, {"", "", true});
+        AddListing("list/plain", files, {});
+        AddListing("list/include", files, {"*.log", "", false});
+        AddListing("list/exclude", files, {"", "tmp_*", false});
+        AddListing("list/both", files, {"*.log", "tmp_*", false});
+        AddListing("list/with_path", files, {"", "", true});
     }
+    ForEachSize(1000000, [](std::size_t files) { AddListing("growth/list", files, {}); });
 }
 
 }  // namespace bench

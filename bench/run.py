@@ -5,12 +5,13 @@ The floor is the least possible cost: code written by hand for one purpose, with
 process of its own. A round measures every contender once, those of a workload one after the other, so that other load
 on the machine affects them alike. The results are medians of the ratios of each round. All figures are CPU time. Files
 are in memory: below /dev/shm and, if a second file system is needed, in /var/tmp. If mounting is allowed, that is a
-tmpfs for this run only.
+tmpfs for this run only. The files of copy/disk are below the directory of the results.
 """
 
 import argparse
 import collections
 import concurrent.futures
+import datetime
 import json
 import os
 import pathlib
@@ -34,6 +35,8 @@ PRIVATE = "ORV_BENCH_PRIVATE"  # set in the environment if /var/tmp is mounted f
 OPTIONAL_PEERS = {"Abseil": "libabsl-dev", "Boost": "libboost-filesystem-dev", "GLib": "libglib2.0-dev",
                   "inih": "libinih-dev"}
 
+OTHERS = ["coreutils", "findutils", *OPTIONAL_PEERS.values()]
+
 # Workloads, the aim for ours/floor, and aims for ours/peer by a pattern of the peer's name.
 AIMS = [
     (r"^move/same$", 1.02, {}),
@@ -41,12 +44,14 @@ AIMS = [
     (r"^exists/", 1.02, {"GLib": 1.0, "std::": 1.0}),
     (r"^make_path/", 1.04, {"std::": 1.0, "Boost": 1.0}),
     (r"^copy/file:(0|4096)$", 1.45, {}),
+    (r"^copy/file:64MiB$", 1.10, {".": 1.30}),
+    (r"^copy/disk:", 1.10, {".": 1.40}),
     (r"^copy/", 1.10, {}),
     (r"^list/.*:100$", 1.12, {".": 0.80}),
-    (r"^list/.*:10000$", 1.15, {".": 0.75}),
+    (r"^list/.*:10000$", 1.15, {".": 0.85}),
     (r"^list/.*:200000$", 1.4, {".": 0.80}),
     (r"^list/", 1.4, {".": 0.85}),
-    (r"^match/typical$", 1.1, {"GPatternSpec": 0.65, "fnmatch": 1.0}),
+    (r"^match/typical$", None, {"GPatternSpec": 0.65, "fnmatch": 1.0}),
     (r"^match/", None, {".": 1.0}),
     (r"^split/pieces:8$", 1.2, {"Abseil": 0.6}),
     (r"^split/", 1.5, {"Abseil": 0.6}),
@@ -54,14 +59,18 @@ AIMS = [
     (r"^row/cells:8$", 1.0, {"Abseil": 0.55}),
     (r"^row/", 1.0, {}),
     (r"^publish/", 1.30, {}),
-    (r"^page/rows:10$", 1.35, {".": 0.60}),
+    (r"^page/rows:10$", 1.35, {".": 0.85}),
+    (r"^page/rows:50000$", 2.2, {".": 0.70}),
     (r"^page/", 2.2, {".": 0.60}),
-    (r"^name_value/.*:100$", 1.75, {"inih": 1.0, "GKeyFile": 1.0}),
+    (r"^name_value/.*:100$", 1.75, {".": 1.10, "inih": 1.0}),
+    (r"^name_value/random:10000$", 1.4, {".": 1.30, "inih": 1.0}),
     (r"^name_value/sorted", 1.1, {"inih": 1.0, "GKeyFile": 1.0}),
+    (r"^name_value/repeating:1000000$", 1.65, {".": 1.05, "inih": 1.0, "GKeyFile": 1.0}),
     (r"^name_value/repeating", 1.65, {"inih": 1.0, "GKeyFile": 1.0}),
     (r"^name_value/distinct", 1.15, {"inih": 1.0}),
-    (r"^name_value/", 1.4, {"inih": 1.0}),
+    (r"^growth/", None, {}),
 ]
+OF_THE_PROJECT = "orv_safe"  # contenders whose names begin so are this project's own, not peers
 
 
 def fail(message):
@@ -87,7 +96,8 @@ class Workload:
         self.contenders = contenders
         self.ours = self.find("ours")
         self.floor = self.find("floor")
-        self.peers = [c for c in contenders if c not in (self.ours, self.floor)]
+        self.peers = [c for c in contenders
+                      if c not in (self.ours, self.floor) and not c.contender.startswith(OF_THE_PROJECT)]
         self.aim, self.peer_aims = next((floor, peers) for pattern, floor, peers in AIMS if re.search(pattern, name))
 
     def find(self, name):
@@ -117,11 +127,13 @@ def spread(values):
 class Runner:
     """Starts the benchmark program in the directories of this run."""
 
-    def __init__(self, program):
+    def __init__(self, program, output):
         self.program = program
         self.directories = []
         self.environment = dict(os.environ)
-        for variable, parent in (("ORV_BENCH_DIR", "/dev/shm"), ("ORV_BENCH_OTHER_DIR", OTHER_PARENT)):
+        output.mkdir(parents=True, exist_ok=True)
+        for variable, parent in (("ORV_BENCH_DIR", "/dev/shm"), ("ORV_BENCH_OTHER_DIR", OTHER_PARENT),
+                                 ("ORV_BENCH_DISK_DIR", output)):
             directory = tempfile.mkdtemp(prefix="orv-bench-", dir=parent)
             self.directories.append(directory)
             self.environment[variable] = directory
@@ -151,9 +163,10 @@ class Runner:
         return result["real_time" if manual else "cpu_time"]
 
     def filesystems(self):
-        return [f"{kind} ({parent})" for kind, parent in zip(
-            (subprocess.check_output(["stat", "-f", "-c", "%T", d], text=True).strip() for d in self.directories),
-            ("/dev/shm", OTHER_PARENT))]
+        return [f"{kind} {place}" for kind, place in zip(
+            (subprocess.check_output(["findmnt", "-n", "-o", "FSTYPE", "-T", d], text=True).strip()
+             for d in self.directories),
+            ("in /dev/shm", f"in {OTHER_PARENT}", "for copy/disk"))]
 
 
 def host(runner):
@@ -163,8 +176,20 @@ def host(runner):
         "processor": f"{model.group(1) if model else platform.machine()}, {os.cpu_count()} of them",
         "system": f"{platform.system()} {platform.release().split('-')[0]}, {' '.join(platform.libc_ver())}",
         "compiler": compiler,
+        "others": versions(OTHERS),
         "file systems": ", ".join(runner.filesystems()),
+        "date": datetime.date.today().isoformat(),
     }
+
+
+def versions(packages):
+    """Returns the versions of the Debian packages, on a system that has these."""
+    command = ["dpkg-query", "-W", "-f", "${Package} ${Version}\\n", *packages]
+    try:
+        return ", ".join(subprocess.run(command, stdout=subprocess.PIPE, stderr=subprocess.DEVNULL, text=True,
+                                        check=False).stdout.splitlines())
+    except FileNotFoundError:
+        return "versions unknown"
 
 
 def measure_all(runner, workloads, rounds, heavy_rounds, seconds):
@@ -210,7 +235,7 @@ def with_mark(value, aim):
 def summary(workloads):
     rows = []
     for workload in workloads:
-        to_floor = ratios(workload.ours, workload.floor)
+        to_floor = ratios(workload.ours, workload.floor) if workload.floor else []
         peer = workload.best_peer()
         aims = [f"{p.contender} {with_mark(ratio(workload.ours, p), aim)} ({aim:.2f})"
                 for pattern, aim in workload.peer_aims.items() if pattern != "." for p in workload.peers
@@ -218,8 +243,9 @@ def summary(workloads):
         best_aim = workload.peer_aims.get(".")
         rows.append((
             workload.name, in_words(statistics.median(workload.ours.nanoseconds)),
-            with_mark(statistics.median(to_floor), workload.aim), "" if workload.aim is None else workload.aim,
-            f"{100 * spread(to_floor):.1f} %", with_mark(ratio(workload.ours, peer), best_aim) if peer else "",
+            with_mark(statistics.median(to_floor), workload.aim) if to_floor else "",
+            "" if workload.aim is None else workload.aim,
+            f"{100 * spread(to_floor or workload.ours.nanoseconds):.1f} %", with_mark(ratio(workload.ours, peer), best_aim) if peer else "",
             f"{best_aim:.2f}" if best_aim else "", peer.contender if peer else "", "; ".join(aims)))
     return table(("workload", "ours", "ours/floor", "aim", "spread", "ours/best peer", "aim", "which peer",
                   "named peers (aim)"), rows)
@@ -243,7 +269,7 @@ def growth(workloads):
     for name, sizes in series.items():
         if len(sizes) > 1:
             costs = [", ".join(f"{w.name.split(':')[1]}: {statistics.median(c.nanoseconds) / c.units:.3g}"
-                               for w, c in ((w, w.find(who)) for w in sizes)) for who in ("ours", "floor")]
+                               for w, c in ((w, w.find(who)) for w in sizes) if c) for who in ("ours", "floor")]
             rows.append((name, f"ns per {sizes[0].ours.unit}", *costs))
     return table(("series", "unit", "ours, by size", "floor, by size"), rows) if rows else ""
 
@@ -254,14 +280,13 @@ def memory(workloads):
     return table(("workload", "growth of peak memory in one call"), rows) if rows else ""
 
 
-def write_results(workloads, facts, directory):
+def write_results(workloads, facts, directory, name="results"):
     parts = [("", "\n".join(f"- {name}: {value}" for name, value in facts.items())), ("Summary", summary(workloads)),
              ("Growth", growth(workloads)), ("Memory", memory(workloads)), ("All contenders", details(workloads))]
     text = "\n\n".join((f"## {title}\n\n" if title else "# Benchmark results\n\n") + body
                        for title, body in parts if body)
-    directory.mkdir(parents=True, exist_ok=True)
-    (directory / "results.md").write_text(text + "\n")
-    (directory / "results.json").write_text(json.dumps({
+    (directory / f"{name}.md").write_text(text + "\n")
+    (directory / f"{name}.json").write_text(json.dumps({
         "facts": facts,
         "workloads": {
             w.name: {
@@ -279,7 +304,7 @@ def write_results(workloads, facts, directory):
         },
     }, indent=1) + "\n")
     print(text.split("\n\n## All contenders")[0])
-    print(f"\nEvery contender: {directory / 'results.md'}, {directory / 'results.json'}. "
+    print(f"\nEvery contender: {directory / name}.md, {directory / name}.json. "
           "\"!\" marks ratios that miss their aim.")
 
 
@@ -288,7 +313,7 @@ def missing_peers(contenders):
             if not any(c.contender.startswith(peer) for c in contenders)]
 
 
-def choose(runner, arguments):
+def choose(runner, arguments, growing=False):
     contenders = [Contender(line) for line in runner.run("--list").splitlines()]
     missing = missing_peers(contenders)
     if missing:
@@ -298,7 +323,8 @@ def choose(runner, arguments):
         print(message, file=sys.stderr)
     by_workload = {}
     for contender in contenders:
-        if re.search(arguments.filter, contender.workload) and not (arguments.quick and contender.heavy):
+        if (contender.workload.startswith("growth/") == growing and re.search(arguments.filter, contender.workload)
+                and not (arguments.quick and contender.heavy)):
             by_workload.setdefault(contender.workload, []).append(contender)
     if not by_workload:
         fail(f"no workload matches {arguments.filter}")
@@ -320,10 +346,21 @@ def check_and_measure(runner, workloads, arguments):
     measure_peaks(runner, workloads)
 
 
+def measure_growth(runner, arguments):
+    """Measures the workloads that show how the cost grows: twice, the longest once."""
+    workloads = choose(runner, arguments, growing=True)
+    runner.run("--check", f"--filter={exactly([w for w in workloads if not w.ours.heavy])}")
+    rounds = min(arguments.rounds, 2)
+    measure_all(runner, workloads, rounds, 1, arguments.seconds)
+    facts = host(runner)
+    facts["rounds"] = f"{rounds}, of the longest workloads 1"
+    write_results(workloads, facts, arguments.output, "growth")
+
+
 def benchmark(runner, arguments):
     workloads = choose(runner, arguments)
     if arguments.quick:  # its times are not used
-        with Runner(arguments.program) as other, concurrent.futures.ThreadPoolExecutor() as pool:
+        with Runner(arguments.program, arguments.output) as other, concurrent.futures.ThreadPoolExecutor() as pool:
             halves = [(runner, workloads[::2]), (other, workloads[1::2])]
             list(pool.map(lambda half: check_and_measure(*half, arguments), halves))
     else:
@@ -405,10 +442,10 @@ def instructions(runner, arguments):
     grown = []
     for name in (w.name for w in workloads if w.ours.name in dumps):
         count = counts[name] = dumps[name + "/ours"].total
-        floor = dumps[name + "/floor"].total
+        floor = dumps.get(name + "/floor")
         before = stored.get(name)
         change = "new" if before is None else f"{100 * (count / before - 1):+.1f} %"
-        rows.append((name, count, f"{count / floor:.2f}", before or "", change))
+        rows.append((name, count, f"{count / floor.total:.2f}" if floor else "", before or "", change))
         if before is not None and count > before * GROWN:
             grown.append(name)
     print(table(("workload", "instructions", "ours/floor", "stored", "change"), rows))
@@ -451,6 +488,8 @@ def parse():
     parser.add_argument("--rounds", type=int, default=None, metavar="N", help="number of rounds (default 5)")
     parser.add_argument("--quick", action="store_true",
                         help="one short round, without the longest workloads; takes a minute")
+    parser.add_argument("--growth", action="store_true",
+                        help="measure only how the cost grows with the size; results in growth.md and growth.json")
     parser.add_argument("--list", action="store_true", help="list the contenders")
     parser.add_argument("--instructions", action="store_true",
                         help="count instructions and compare them with bench/instructions.txt")
@@ -467,12 +506,14 @@ def parse():
 def main():
     arguments = parse()
     be_private()
-    with Runner(arguments.program) as runner:
+    with Runner(arguments.program, arguments.output) as runner:
         if arguments.list:
             for workload in choose(runner, arguments):
                 print(f"{workload.name}: {', '.join(c.contender for c in workload.contenders)}")
         elif arguments.instructions:
             instructions(runner, arguments)
+        elif arguments.growth:
+            measure_growth(runner, arguments)
         else:
             benchmark(runner, arguments)
 

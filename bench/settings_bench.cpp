@@ -212,11 +212,12 @@ void AddReading(const std::string& name, std::size_t lines, std::size_t names, O
     const std::size_t heavyLines = 1000000;
 
     const std::string fullName = name + ':' + std::to_string(lines);
-    const Workload workload = {"name_value/" + fullName, static_cast<double>(lines), "line",
+    const Workload workload = {fullName, static_cast<double>(lines), "line",
                                /*calls=*/lines >= heavyLines ? 1 : 0, /*heavy=*/lines >= heavyLines};
     const auto makeWith = [=](const char* kind, const char* firstLine) {
         Settings settings;
-        settings.file = Shared("settings_" + fullName + kind,
+        settings.file = Shared("settings_" + std::to_string(lines) + '_' + std::to_string(names) +
+                                   (order == Order::kRandom ? "_random" : "_sorted") + kind,
                                [=](const std::string& path) { MakeSettings(path, lines, names, order, firstLine); });
         return settings;
     };
@@ -227,7 +228,7 @@ void AddReading(const std::string& name, std::size_t lines, std::size_t names, O
         return map;
     });
     Add(workload, "floor", make, FloorRead);
-    Add(workload, "streams", make, StreamRead);
+    Add(workload, "by hand (getline, find, map)", make, StreamRead);
 #ifdef ORV_BENCH_INIH
     Add(workload, "inih", make, [](const Settings& settings) {
         Map map;
@@ -251,13 +252,14 @@ void AddReading(const std::string& name, std::size_t lines, std::size_t names, O
 
 void AddSettings()
 {
-    AddReading("random", 100, 100, Order::kRandom);
-    AddReading("random", 10000, 10000, Order::kRandom);
-    AddReading("sorted", 100, 100, Order::kSorted);
-    AddReading("sorted", 10000, 10000, Order::kSorted);
-    AddReading("repeating", 10000, 1000, Order::kRandom);
-    AddReading("repeating", 1000000, 1000, Order::kRandom);
-    AddReading("distinct", 1000000, 1000000, Order::kRandom);
+    AddReading("name_value/random", 100, 100, Order::kRandom);
+    AddReading("name_value/random", 10000, 10000, Order::kRandom);
+    AddReading("name_value/sorted", 100, 100, Order::kSorted);
+    AddReading("name_value/sorted", 10000, 10000, Order::kSorted);
+    AddReading("name_value/repeating", 10000, 1000, Order::kRandom);
+    AddReading("name_value/repeating", 1000000, 1000, Order::kRandom);
+    AddReading("name_value/distinct", 1000000, 1000000, Order::kRandom);
+    ForEachSize(10000000, [](std::size_t lines) { AddReading("growth/name_value", lines, lines, Order::kRandom); });
 }
 
 }  // namespace bench

@@ -62,9 +62,9 @@ std::string FloorRow(const std::vector<std::string>& cells)
     return row;
 }
 
-void AddRow(std::size_t count)
+void AddRow(const std::string& name, std::size_t count)
 {
-    const Workload workload = {"row/cells:" + std::to_string(count), static_cast<double>(count), "cell"};
+    const Workload workload = {name + std::to_string(count), static_cast<double>(count), "cell"};
     const auto make = [count] { return Cells(count); };
     Add(workload, "ours", make, [](Cells& row) { return orv_fileutils::AddTextFileFormattedRow(row.cells); });
     Add(workload, "floor", make, [](const Cells& row) { return FloorRow(row.cells); });
@@ -102,11 +102,15 @@ const char kFooter[] = "</body></html></KPX_PLD>";
 // A table file, and a path for the page on the file system of the temporary page, so that the page is renamed.
 struct Page : Fixture {
     std::string textFile;
-    std::string page = "/var/tmp/orv-bench-page-" + std::to_string(getpid());
-    std::string temp = page + ".new";
+    std::string page;
+    std::string temp;
 
     explicit Page(std::string file) : textFile(std::move(file))
     {
+        char path[64];  // always of one length, because a longer path takes more instructions
+        (void)std::snprintf(path, sizeof path, "/var/tmp/orv-bench-page-%07d", static_cast<int>(getpid()));
+        page = path;
+        temp = page + ".new";
     }
 
     Page(Page&&) = default;
@@ -294,24 +298,39 @@ void StringStreamTable(std::ostream& page, const std::string& line)
     page << "</table>";
 }
 
-// ... or std::string::find does, and views avoid copies.
-void ViewTable(std::ostream& page, std::string_view line)
+// ... or std::string::find does, and views avoid copies. The page is a stream or a string.
+void Put(std::ostream& page, std::string_view text)
 {
-    page << "<table  BORDER=2>";
+    page << text;
+}
+
+void Put(std::string& page, std::string_view text)
+{
+    page += text;
+}
+
+template <typename PageSink>
+void ViewTable(PageSink& page, std::string_view line)
+{
+    Put(page, "<table  BORDER=2>");
     while (!line.empty()) {
         const std::string_view row = line.substr(0, line.find(';'));
         line.remove_prefix(std::min(line.size(), row.size() + 1));
         const std::size_t colon = row.find(':');
-        page << "<tr><td>" << row.substr(0, colon) << "</td>";
+        Put(page, "<tr><td>");
+        Put(page, row.substr(0, colon));
+        Put(page, "</td>");
         std::string_view rest = colon == std::string_view::npos ? row : row.substr(colon + 1);
         do {
             const std::string_view cell = rest.substr(0, rest.find(','));
             rest.remove_prefix(std::min(rest.size(), cell.size() + 1));
-            page << "<td>" << cell << "</td>";
+            Put(page, "<td>");
+            Put(page, cell);
+            Put(page, "</td>");
         } while (!rest.empty());
-        page << "</tr>";
+        Put(page, "</tr>");
     }
-    page << "</table>";
+    Put(page, "</table>");
 }
 
 template <typename WriteTable>
@@ -332,49 +351,127 @@ bool StreamPage(const Page& paths, const WriteTable& writeTable)
     return page && std::rename(paths.temp.c_str(), paths.page.c_str()) == 0;
 }
 
+// The whole text in one string, and the whole page in another, which one write(2) writes.
+bool ReadWhole(const std::string& path, std::string& text)
+{
+    const int file = open(path.c_str(), O_RDONLY);
+    struct stat status;
+    if (file == -1 || fstat(file, &status) != 0) {
+        return false;
+    }
+    text.resize(static_cast<std::size_t>(status.st_size));
+    std::size_t done = 0;
+    ssize_t got = 1;
+    while (done < text.size() && got > 0) {  // one read takes at most 2 GiB
+        got = read(file, text.data() + done, text.size() - done);
+        done += got > 0 ? static_cast<std::size_t>(got) : 0;
+    }
+    (void)close(file);
+    return done == text.size();
+}
+
+bool WriteWhole(const std::string& path, const std::string& page)
+{
+    const int file = open(path.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0666);
+    std::size_t done = 0;
+    ssize_t put = 1;
+    while (file != -1 && done < page.size() && put > 0) {
+        put = write(file, page.data() + done, page.size() - done);
+        done += put > 0 ? static_cast<std::size_t>(put) : 0;
+    }
+    return file != -1 && close(file) == 0 && done == page.size();
+}
+
+bool WholePage(const Page& paths)
+{
+    std::string text;
+    if (!ReadWhole(paths.textFile, text)) {
+        return false;
+    }
+    std::string page = kHeader;
+    for (std::string_view rest = text; !rest.empty();) {
+        const std::string_view line = rest.substr(0, rest.find('\n'));
+        rest.remove_prefix(std::min(rest.size(), line.size() + 1));
+        if (line.empty()) {
+            page += "<p></p>";
+        } else {
+            ViewTable(page, line);
+        }
+    }
+    page += kFooter;
+    return WriteWhole(paths.temp, page) && std::rename(paths.temp.c_str(), paths.page.c_str()) == 0;
+}
+
 bool Generate(const Page& paths)
 {
     orv_fileutils::GenHtmlPagefromTextFile(paths.textFile.c_str(), paths.page.c_str());
     return true;
 }
 
-void AddPage(const std::string& name, std::size_t tables, std::size_t rows, std::size_t cells)
-{
-    const std::size_t heavyTables = 20000;
+// A page of tables, and its text file.
+struct PageSize {
+    std::size_t tables;
+    std::size_t rows;  // of each table
 
-    const auto workloadOf = [=](const char* family) {
-        return Workload{family + name,
-                        static_cast<double>(tables * rows),
+    [[nodiscard]] Workload As(const std::string& family) const
+    {
+        const bool heavy = tables >= 20000;
+
+        const std::size_t all = tables * rows;
+        return Workload{family + std::to_string(all),
+                        static_cast<double>(all),
                         "row",
-                        /*calls=*/tables >= heavyTables ? 1 : 0,
-                        /*heavy=*/tables >= heavyTables,
+                        /*calls=*/heavy ? 1 : 0,
+                        heavy,
                         /*inMemory=*/true};
-    };
-    const auto make = [=] {
-        return Page(Shared("tables_" + name, [=](const std::string& path) { MakeTables(path, tables, rows, cells); }));
-    };
-    // The floor of a page that is checked is the page that is not.
-    const Workload published = workloadOf("publish/");
-    Add(published, "ours", make, [](const Page& paths) { return orv_safe::PublishPage(paths.textFile, paths.page); });
-    Add(published, "floor", make, Generate);
+    }
 
-    const Workload workload = workloadOf("page/");
+    [[nodiscard]] Page Make() const
+    {
+        const PageSize size = *this;
+        return Page(Shared("tables_" + std::to_string(tables) + '_' + std::to_string(rows),
+                           [size](const std::string& path) { MakeTables(path, size.tables, size.rows, 8); }));
+    }
+};
+
+void AddPage(const std::string& family, PageSize size)
+{
+    const Workload workload = size.As(family);
+    const auto make = [size] { return size.Make(); };
     Add(workload, "ours", make, Generate);
     Add(workload, "floor", make, FloorPage);
     Add(workload, "streams", make, [](const Page& paths) { return StreamPage(paths, StringStreamTable); });
-    Add(workload, "streams with views", make, [](const Page& paths) { return StreamPage(paths, ViewTable); });
+    Add(workload, "streams with views", make,
+        [](const Page& paths) { return StreamPage(paths, ViewTable<std::ofstream>); });
+    Add(workload, "one string, one write", make, WholePage);
+}
+
+// The floor of a page that is checked is the page that is not.
+void AddPublished(PageSize size)
+{
+    const Workload workload = size.As("publish/rows:");
+    const auto make = [size] { return size.Make(); };
+    Add(workload, "ours", make, [](const Page& paths) { return orv_safe::PublishPage(paths.textFile, paths.page); });
+    Add(workload, "floor", make, Generate);
 }
 
 }  // namespace
 
 void AddTables()
 {
-    AddRow(1);
-    AddRow(8);
-    AddRow(64);
-    AddPage("rows:10", 1, 10, 8);
-    AddPage("rows:50000", 1000, 50, 8);
-    AddPage("rows:1300000", 26000, 50, 8);  // 100 MB of text
+    AddRow("row/cells:", 1);
+    AddRow("row/cells:", 8);
+    AddRow("row/cells:", 64);
+    for (const PageSize size :
+         {PageSize{1, 10}, PageSize{1000, 50}, PageSize{26000, 50}}) {  // the last: 100 MB of text
+        AddPage("page/rows:", size);
+        AddPublished(size);
+    }
+    ForEachSize(10000000, [](std::size_t cells) { AddRow("growth/row:", cells); });
+    ForEachSize(10000000, [](std::size_t rows) {
+        const std::size_t rowsOfATable = std::min<std::size_t>(rows, 50);
+        AddPage("growth/page:", {rows / rowsOfATable, rowsOfATable});
+    });
 }
 
 }  // namespace bench

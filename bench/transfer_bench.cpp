@@ -244,7 +244,7 @@ struct Copy : Fixture {
     std::string from;
     std::string to;
 
-    explicit Copy(std::size_t bytes) : from(dir / "source"), to(dir / "copy")
+    Copy(std::size_t bytes, const std::string& parent) : dir(parent), from(dir / "source"), to(dir / "copy")
     {
         WriteFile(from, SomeBytes(bytes));
         WriteFile(to, "an earlier copy");
@@ -277,12 +277,12 @@ bool CopyAndRename(const Copy& files)
            chmod(temp.c_str(), status.st_mode & 0777U) == 0 && rename(temp.c_str(), files.to.c_str()) == 0;
 }
 
-void AddCopy(std::size_t bytes)
+void AddCopy(const std::string& name, std::size_t bytes, const std::string& (*parent)() = WorkDir)
 {
     constexpr std::size_t kStreamBlockBytes = BUFSIZ - 1;  // the size of a read of a file stream
 
-    const Workload workload = {"copy/file:" + SizeName(bytes), static_cast<double>(bytes), "byte"};
-    const auto make = [bytes] { return Copy(bytes); };
+    const Workload workload = {name, static_cast<double>(bytes), "byte"};
+    const auto make = [bytes, parent] { return Copy(bytes, parent()); };
     Add(workload, "ours", make, [](const Copy& files) { return orv_fileutils::CopyFile(files.from, files.to) == 0; });
     Add(workload, "floor", make, [](const Copy& files) { return CopyFileBy(files, CopyByBlocks<kStreamBlockBytes>); });
     Add(workload, "blocks of 64 KiB", make, [](const Copy& files) { return CopyFileBy(files, CopyByBlocks<65536>); });
@@ -364,11 +364,15 @@ void AddTransfers()
         AddMoveAcross(bytes);
     }
     for (const std::size_t bytes : {0U, 4096U, 1U << 20U, 64U << 20U}) {
-        AddCopy(bytes);
+        AddCopy("copy/file:" + SizeName(bytes), bytes);
+    }
+    for (const std::size_t bytes : {1U << 20U, 64U << 20U}) {
+        AddCopy("copy/disk:" + SizeName(bytes), bytes, DiskDir);
     }
     AddFileTest("regular", "file");
     AddFileTest("directory", "");
     AddFileTest("missing", "nothing");
+    ForEachSize(100000000, [](std::size_t bytes) { AddCopy("growth/copy:" + std::to_string(bytes), bytes); });
 }
 
 }  // namespace bench

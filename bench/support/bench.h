@@ -1,6 +1,7 @@
 /// @file
 /// The common code of the benchmarks. A workload ("move/across:4096") is one piece of work. Its contenders do it in
-/// different ways: this library ("ours"), the least possible cost ("floor"), and what a program could call instead.
+/// different ways: this library ("ours"), the least possible cost ("floor"), and what a program could call instead. A
+/// workload may have no floor.
 #ifndef ORV_BENCH_H
 #define ORV_BENCH_H
 
@@ -23,7 +24,7 @@ namespace bench {
 
 /// A piece of work, for all contenders.
 struct Workload {
-    std::string name;       // FAMILY/WORK, or FAMILY/WORK:SIZE if there are several sizes
+    std::string name;       // FAMILY/WORK, or FAMILY/WORK:SIZE if there are several sizes; growth/FAMILY:SIZE
     double units = 1;       // of work in one call
     std::string unit;       // "call", "byte", "entry" or "line"
     long calls = 0;         // number of calls in one measurement; 0: as many as fit into the time
@@ -188,6 +189,16 @@ void AddProcess(const Workload& workload, const std::string& name, Make make, Ru
             state.SetIterationTime(ChildSeconds() - before);
         }
     };
+}
+
+/// Calls `add(size)` for each power of ten up to `most`: the sizes of the workloads growth/FAMILY:SIZE, which show how
+/// the cost of a call grows.
+template <typename AddSize>
+void ForEachSize(std::size_t most, const AddSize& add)
+{
+    for (std::size_t size = 1; size <= most; size *= 10) {
+        add(size);
+    }
 }
 
 /// Adds the contenders of one family.

@@ -90,7 +90,13 @@ const std::string& OtherDir()
     return dir.Path();
 }
 
-ScratchDir::ScratchDir() : path_(MakeTempDir(WorkDir()))
+const std::string& DiskDir()
+{
+    static const RootDir dir("ORV_BENCH_DISK_DIR", ".");
+    return dir.Path();
+}
+
+ScratchDir::ScratchDir(const std::string& parent) : path_(MakeTempDir(parent))
 {
 }
 

@@ -16,10 +16,13 @@ const std::string& WorkDir();
 /// The same on another file system: ORV_BENCH_OTHER_DIR, or below /var/tmp. The program fails if it is the same one.
 const std::string& OtherDir();
 
-/// A new, empty directory below WorkDir(). The destructor removes it with everything in it.
+/// The same on a disk: ORV_BENCH_DISK_DIR, or below the working directory.
+const std::string& DiskDir();
+
+/// A new, empty directory below another one. The destructor removes it with everything in it.
 class ScratchDir {
 public:
-    ScratchDir();
+    explicit ScratchDir(const std::string& parent = WorkDir());
     ~ScratchDir();
     ScratchDir(ScratchDir&& other) noexcept;
     ScratchDir(const ScratchDir&) = delete;
