@@ -67,16 +67,27 @@ const char* FindSegment(const char* segment, std::size_t bytes, const char* text
     return nullptr;
 }
 
+// Returns the number of delimiters. memchr, because std::count looks at one byte at a time.
+std::size_t Count(const char* at, const char* end, char delimiter)
+{
+    std::size_t count = 0;
+    while (const void* const found = std::memchr(at, delimiter, static_cast<std::size_t>(end - at))) {
+        at = static_cast<const char*>(found) + 1;
+        ++count;
+    }
+    return count;
+}
+
 }  // namespace
 
 void Split(const std::string& text, char delimiter, std::vector<std::string>& pieces)
 {
-    if (pieces.capacity() == 0) {  // so that a new vector does not grow step by step
-        const std::size_t count = static_cast<std::size_t>(std::count(text.begin(), text.end(), delimiter)) + 1;
-        pieces.reserve(std::min(count, pieces.max_size()));  // more would throw length_error instead of bad_alloc
-    }
     const char* const begin = text.data();
     const char* const end = begin + text.size();
+    if (pieces.capacity() == 0) {  // so that a new vector does not grow step by step
+        const std::size_t count = Count(begin, end, delimiter) + 1;
+        pieces.reserve(std::min(count, pieces.max_size()));  // more would throw length_error instead of bad_alloc
+    }
     const char* start = begin;
     while (const void* const found = std::memchr(start, delimiter, static_cast<std::size_t>(end - start))) {
         const char* const pieceEnd = static_cast<const char*>(found);
