@@ -277,8 +277,8 @@ void GenHtmlPagefromTextFile(const char* textFilePath, const char* pagePath) __a
 ///   "ReadNameValueFromFile: Error processing line NUMBER in file "PATH".  No delimiter 'C' found."   only when memory
 ///                                                          runs out; NUMBER counts every line of the file, from 1
 /// Disk: not changed. Threads: any. Exceptions: `std::bad_alloc`; the map keeps the entries of earlier lines, and may
-/// contain the name of the current line with an empty value. If memory runs out while a line or a value is read, the
-/// reading ends, or the value is empty.
+/// contain the name of the current line with an empty value. If memory runs out while a line is read, the reading ends
+/// like at the end of the file.
 /// @code
 /// std::map<std::string, std::string> settings;
 /// if (!orv_fileutils::ReadNameValueFromFile("/etc/app.conf", settings, '=', "#")) return;

@@ -32,7 +32,7 @@
 #include <fstream>
 #include <iostream>  // for the standard stream initialiser, the only static object of this library
 #include <new>
-#include <sstream>
+#include <streambuf>
 
 // Deliberate: a reserved name; the device's log service has it, and the program supplies it.
 #define LOG_FAILURE(...) __dlog_printf(kSeverityError, kSourceTag, __VA_ARGS__)
@@ -597,11 +597,21 @@ void GenHtmlPagefromTextFile(const char* textFilePath, const char* pagePath)
 
 namespace {
 
+// Lets a stream read a line in place.
+class LineBuffer : public std::streambuf {
+public:
+    void Show(const std::string& line)
+    {
+        char* const begin = const_cast<char*>(line.data());  // only for the type of setg; nothing is written
+        setg(begin, begin, begin + line.size());
+    }
+};
+
 // Stores the entries of lines in a map. All lines share one stream, because building one costs more than reading a
 // line.
 class EntryReader {
 public:
-    explicit EntryReader(std::map<std::string, std::string>& nameValues) : nameValues_(nameValues)
+    explicit EntryReader(std::map<std::string, std::string>& nameValues) : nameValues_(nameValues), entry_(&line_)
     {
     }
 
@@ -610,15 +620,15 @@ public:
     bool Store(const std::string& line, char delimiter)
     {
         entry_.clear();
-        entry_.str(line);
+        line_.Show(line);
         if (!std::getline(entry_, name_, delimiter)) {
             return false;
         }
+        const std::size_t valueStart = std::min(name_.size() + 1, line.size());  // the end if there is no delimiter
+        value_.assign(line, valueStart, std::string::npos);
         LxStringUtils::Trim(name_);
-        if (std::getline(entry_, value_)) {
+        if (!value_.empty()) {
             LxStringUtils::Trim(value_);
-        } else {
-            value_.clear();  // no delimiter, or nothing after it; the failed extraction may have left an old value
         }
         Assign();
         return true;
@@ -628,9 +638,10 @@ private:
     // nameValues_[name_] = value_, but without a search when the names come sorted.
     void Assign()
     {
-        const bool isLast = nameValues_.empty() || nameValues_.rbegin()->first < name_;
+        const bool isLast = wasLast_ && (nameValues_.empty() || nameValues_.rbegin()->first < name_);
         auto place = isLast ? nameValues_.end() : nameValues_.lower_bound(name_);
-        if (isLast || name_ < place->first) {
+        wasLast_ = place == nameValues_.end();
+        if (wasLast_ || name_ < place->first) {
             // A copy of the bytes: with shared strings, a copy of name_ would keep the whole buffer alive.
             place = nameValues_.emplace_hint(place, std::string(name_.data(), name_.size()), std::string());
         }
@@ -638,9 +649,11 @@ private:
     }
 
     std::map<std::string, std::string>& nameValues_;
-    std::istringstream entry_;
+    LineBuffer line_;
+    std::istream entry_;
     std::string name_;
     std::string value_;
+    bool wasLast_ = true;  // the entry before this one was put at the end of the map
 };
 
 }  // namespace

@@ -667,54 +667,30 @@ protected:
     std::string file_;
 };
 
-TEST_F(NameValueExhaustionTest, ReadNameValueFromFileThrowsOrReportsTheLineOrEndsEarlyOrLosesAValue)
+TEST_F(NameValueExhaustionTest, ReadNameValueFromFileThrowsOrReportsTheLineOrEndsEarly)
 {
-    const Outcomes opening =
-        kStreamsUseStdio ? Outcomes{"threw ", "not opened ", "true VVV"} : Outcomes{"not opened ", "threw "};
-    const Outcomes rest = {"true ",      // the first entry's line was not read
-                           "threw ",     // the line was not copied
-                           "line 3 ",    // its name was not extracted
-                           "true EVV",   // its value was not extracted
-                           "threw ",     // no room in the map
-                           "threw E",    // the value was not copied into the map
-                           "true V",     // the same with the second entry
-                           "threw V",    //
-                           "line 4 V",   //
-                           "true VEV",   //
-                           "threw V",    //
-                           "threw VE",   //
-                           "true VV",    // and with the third
-                           "threw VV",   //
-                           "line 6 VV",  //
-                           "true VVE",   //
-                           "threw VV",   //
-                           "threw VVE",  //
-                           "without failure: true VVV"};
+    const auto expected = [](const Outcomes& opening) {
+        const Outcomes rest = {"true ",      // the first entry's line was not read
+                               "line 3 ",    // its name was not extracted
+                               "threw ",     // no memory for its value, or no room in the map
+                               "threw E",    // the value was not copied into the map
+                               "true V",     // the same with the second entry
+                               "line 4 V",   //
+                               "threw V",    //
+                               "threw VE",   //
+                               "true VV",    // and with the third
+                               "line 6 VV",  //
+                               "threw VV",   //
+                               "threw VVE",  //
+                               "without failure: true VVV"};
+        return WhereCopied(Joined(opening, rest));
+    };
 
-    EXPECT_EQ(WhereCopied(Joined(opening, rest)), SweepReading(Failing::kOnce));
-}
-
-TEST_F(NameValueExhaustionTest, ReadNameValueFromFileThrowsWhereItWouldLoseAValueWhenNoMemoryComesBack)
-{
-    const Outcomes opening = kStreamsUseStdio ? Outcomes{"threw ", "not opened "} : Outcomes{"not opened ", "threw "};
-    const Outcomes rest = {"true ",      // the first entry's line was not read
-                           "threw ",     // the line was not copied
-                           "line 3 ",    // its name was not extracted
-                           "threw ",     // its value was not extracted, or no room in the map
-                           "threw E",    // the value was not copied into the map
-                           "true V",     // the same with the second entry
-                           "threw V",    //
-                           "line 4 V",   //
-                           "threw V",    //
-                           "threw VE",   //
-                           "true VV",    // and with the third
-                           "threw VV",   //
-                           "line 6 VV",  //
-                           "threw VV",   //
-                           "threw VVE",  //
-                           "without failure: true VVV"};
-
-    EXPECT_EQ(WhereCopied(Joined(opening, rest)), SweepReading(Failing::kFromThereOn));
+    EXPECT_EQ(
+        expected(kStreamsUseStdio ? Outcomes{"threw ", "not opened ", "true VVV"} : Outcomes{"not opened ", "threw "}),
+        SweepReading(Failing::kOnce));
+    EXPECT_EQ(expected(kStreamsUseStdio ? Outcomes{"threw ", "not opened "} : Outcomes{"not opened ", "threw "}),
+              SweepReading(Failing::kFromThereOn));
 }
 
 }  // namespace
