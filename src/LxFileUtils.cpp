@@ -481,6 +481,25 @@ const char kHeadSeparator = ':';
 const char kCellSeparator = ',';
 const char kRowTerminator = ';';
 
+// The sum of two sizes. If it is too high for the type: npos, of which the standard library makes no string.
+std::size_t Sum(std::size_t bytes, std::size_t more)
+{
+    return bytes + std::min(more, std::string::npos - bytes);
+}
+
+// Copies bytes to `at`, and returns the place after them.
+char* Put(char* at, const char* bytes, std::size_t count)
+{
+    std::memcpy(at, bytes, count);
+    return at + count;
+}
+
+template <std::size_t kBytes>
+char* Put(char* at, const char (&text)[kBytes])
+{
+    return Put(at, text, kBytes - 1);
+}
+
 const char kTempPageDirectory[] = "/var/tmp";
 const std::size_t kTempPagePathBytes = 100;  // at most 34 characters are needed
 
@@ -491,6 +510,12 @@ const char kPageHeader[] =
     "<html><head><meta content=\"text/html; charset=utf-8\" http-equiv=\"Content-Type\" >"
     "<meta http-equiv=\"refresh\" content=\"10\" > </head><body>";  // reloads every 10 seconds
 const char kPageFooter[] = "</body></html></KPX_PLD>";
+
+const char kRowStart[] = "<tr><td>";
+const char kNextCell[] = "</td><td>";
+const char kRowEnd[] = "</td></tr>";
+const std::size_t kRowMarkupBytes = sizeof kRowStart + sizeof kRowEnd - 2;  // without the NULs
+const std::size_t kCellMarkupBytes = sizeof kNextCell - 1;
 
 // Renders tables as markup, each in one string: streaming each piece costs more than copying it. The buffers are
 // members, so that all rows and tables reuse them.
@@ -518,13 +543,25 @@ private:
         rest_.assign(row, colon + 1, std::string::npos);
         cells_.clear();
         LxStringUtils::Split(rest_, kCellSeparator, cells_);
-        markup_ += "<tr><td>";
-        markup_.append(row, 0, colon);
+        AppendRow(row.data(), std::min(colon, row.size()));
+    }
+
+    // Appends the head cell and the cells in one step: a call for each piece costs more than copying its bytes.
+    void AppendRow(const char* head, std::size_t headBytes)
+    {
+        std::size_t bytes = kRowMarkupBytes + headBytes;
         for (const std::string& cell : cells_) {
-            markup_ += "</td><td>";
-            markup_ += cell;
+            bytes = Sum(bytes, kCellMarkupBytes + cell.size());
         }
-        markup_ += "</td></tr>";
+        const std::size_t start = markup_.size();
+        markup_.append(bytes, ' ');
+        char* at = Put(&markup_[start], kRowStart);
+        at = Put(at, head, headBytes);
+        for (const std::string& cell : cells_) {
+            at = Put(at, kNextCell);
+            at = Put(at, cell.data(), cell.size());
+        }
+        (void)Put(at, kRowEnd);
     }
 
     std::string markup_;
@@ -564,20 +601,18 @@ std::string AddTextFileFormattedRow(std::vector<std::string>& cells)
 {
     std::size_t rowBytes = 0;
     for (const std::string& cell : cells) {
-        rowBytes += cell.size() + 1;
+        rowBytes = Sum(rowBytes, cell.size() + 1);
     }
-    std::string row;
-    row.reserve(rowBytes);
-    for (std::size_t i = 0; i < cells.size(); ++i) {
-        row += cells[i];
-        if (i == 0) {
-            row += kHeadSeparator;  // Deliberate: comes first, so a row of one cell ends in ":" without a ";".
-        } else if (i + 1 == cells.size()) {
-            row += kRowTerminator;
-        } else {
-            row += kCellSeparator;
-        }
+    std::string row(rowBytes, kCellSeparator);
+    if (cells.empty()) {
+        return row;
     }
+    char* at = &row[0];
+    for (const std::string& cell : cells) {
+        at = Put(at, cell.data(), cell.size()) + 1;
+    }
+    row[rowBytes - 1] = kRowTerminator;
+    row[cells[0].size()] = kHeadSeparator;  // Deliberate: comes last, so a row of one cell ends in ":" without a ";".
     return row;
 }
 
