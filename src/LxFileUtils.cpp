@@ -15,6 +15,7 @@
 
 #include <alloca.h>
 #include <dirent.h>
+#include <endian.h>
 #include <fcntl.h>
 #include <libgen.h>
 #include <limits.h>
@@ -332,20 +333,37 @@ bool IsGiven(const char* text)
     return text != nullptr && text[0] != '\0';
 }
 
-// True when the name matches the include pattern and not the exclude pattern; an empty pattern does not count.
-bool IsWanted(const std::string& name, const std::string& include, const std::string& exclude)
-{
-    return (include.empty() || LxStringUtils::WildcardedStringMatch(name, include)) &&
-           (exclude.empty() || !LxStringUtils::WildcardedStringMatch(name, exclude));
-}
+// The patterns of a listing. A pattern that is null or empty does not count.
+class Filter {
+public:
+    Filter(const char* include, const char* exclude)
+        : include_(IsGiven(include) ? include : ""), exclude_(IsGiven(exclude) ? exclude : "")
+    {
+    }
+
+    // True when the name matches the include pattern and not the exclude pattern.
+    bool Wants(const char* name)
+    {
+        if (include_.empty() && exclude_.empty()) {
+            return true;  // without a string of the name
+        }
+        name_ = name;
+        return (include_.empty() || LxStringUtils::WildcardedStringMatch(name_, include_)) &&
+               (exclude_.empty() || !LxStringUtils::WildcardedStringMatch(name_, exclude_));
+    }
+
+private:
+    const std::string include_;
+    const std::string exclude_;
+    std::string name_;
+};
 
 // Puts `prefix` and the name of each wanted entry at the front of `fileList`, where callers find the new names after a
 // failed read, and counts them in `newNames`. Returns 0 at the end of the directory, or the errno number of the read.
-int ReadNames(DIR* directory, const std::string& prefix, const std::string& include, const std::string& exclude,
-              std::list<std::string>& fileList, std::size_t& newNames)
+int ReadNames(DIR* directory, const std::string& prefix, Filter& filter, std::list<std::string>& fileList,
+              std::size_t& newNames)
 {
-    std::string name;
-    std::string element;
+    std::string element(prefix);
     for (;;) {
         struct dirent buffer;
         struct dirent* entry;
@@ -357,9 +375,9 @@ int ReadNames(DIR* directory, const std::string& prefix, const std::string& incl
         if (entry->d_type != DT_REG) {
             continue;
         }
-        name = entry->d_name;
-        if (IsWanted(name, include, exclude)) {
-            element.assign(prefix).append(name);
+        if (filter.Wants(entry->d_name)) {
+            element.resize(prefix.size());
+            element += entry->d_name;
             fileList.push_front(element);
             ++newNames;
         }
@@ -381,10 +399,8 @@ bool operator<(const KeyedName& left, const KeyedName& right)
 std::uint64_t KeyOf(const std::string& name, std::size_t start)
 {
     std::uint64_t key = 0;
-    for (std::size_t i = start; i < start + sizeof key; ++i) {
-        key = (key << 8U) | (i < name.size() ? static_cast<unsigned char>(name[i]) : 0U);
-    }
-    return key;
+    std::memcpy(&key, name.data() + start, std::min(name.size() - start, sizeof key));
+    return be64toh(key);
 }
 
 // Sorts names that are equal up to `start` and contain no NUL: by their next eight bytes, then names that are equal
@@ -454,14 +470,13 @@ bool GetDirFileList(const char* dirPath, const char* includePattern, const char*
         return false;
     }
     // Deliberate: when memory runs out below, the directory stays open; the list keeps the names it has.
-    const std::string include(IsGiven(includePattern) ? includePattern : "");
-    const std::string exclude(IsGiven(excludePattern) ? excludePattern : "");
+    Filter filter(includePattern, excludePattern);
     std::string prefix(withDirPath ? dirPath : "");
     if (withDirPath && prefix[prefix.size() - 1] != '/') {
         prefix += '/';
     }
     std::size_t newNames = 0;
-    const int error = ReadNames(directory, prefix, include, exclude, fileList, newNames);
+    const int error = ReadNames(directory, prefix, filter, fileList, newNames);
     if (error == 0) {
         SortList(fileList, newNames, prefix.size());
     } else {
