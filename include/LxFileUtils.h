@@ -110,6 +110,7 @@ bool RenameFileAcrossFs(const std::string& source, const std::string& destinatio
 ///         -3  `destination` could not be opened for writing; nothing was touched
 /// Diagnostics: none. Threads: any; two copies at once to one destination corrupt it. Exceptions: `std::bad_alloc` when
 /// a stream cannot be constructed; if memory runs out during the copy, the copy ends early with result 0.
+/// Memory: a buffer of 64 KiB during the call; if it cannot be had, the copy goes on without it and is slower.
 /// @code
 /// if (orv_fileutils::CopyFile("/etc/hostname", "/tmp/hostname") != 0) return;
 /// @endcode

@@ -44,7 +44,7 @@ TEST_P(CopyFileSizeTest, CopiesEveryByteAndKeepsTheSource)
 }
 
 INSTANTIATE_TEST_SUITE_P(Sizes, CopyFileSizeTest,
-                         ::testing::Values(0, 1, 4095, 4096, 4097, 8190, 8191, 8192, 100000, 1 << 20));
+                         ::testing::Values(0, 1, 4095, 4096, 4097, 8191, 8192, 65535, 65536, 65537, 100000, 1 << 20));
 
 TEST_F(CopyFileTest, CopiesNulBytesAndCarriageReturnsWithoutTranslation)
 {
