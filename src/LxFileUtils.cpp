@@ -415,10 +415,14 @@ std::uint64_t KeyOf(const std::string& name, std::size_t start)
 // there by the bytes that follow. Numbers in an array compare much faster than strings all over the heap.
 void SortByKeys(KeyedName* begin, KeyedName* end, std::size_t start)
 {
+    bool areEqual = true;
     for (KeyedName* each = begin; each != end; ++each) {
         each->key = KeyOf(*each->name, start);
+        areEqual = areEqual && each->key == begin->key;
     }
-    std::sort(begin, end);
+    if (!areEqual) {
+        std::sort(begin, end);
+    }
     while (begin != end) {
         KeyedName* groupEnd = begin;
         while (groupEnd != end && groupEnd->key == begin->key) {
