@@ -24,6 +24,9 @@ import sys
 import tempfile
 import time
 
+import document
+from document import in_words, spread
+
 ROOT = pathlib.Path(__file__).resolve().parent.parent
 STORED_COUNTS = ROOT / "bench" / "instructions.txt"
 GROWN = 1.02  # a count that grows by more than this factor is reported
@@ -116,14 +119,6 @@ def ratio(ours, other):
     return statistics.median(ratios(ours, other))
 
 
-def spread(values):
-    """Half the width of the middle half of the values, relative to their median."""
-    if len(values) < 2:
-        return 0.0
-    low, middle, high = statistics.quantiles(values, n=4, method="inclusive")
-    return (high - low) / 2 / middle
-
-
 class Runner:
     """Starts the benchmark program in the directories of this run."""
 
@@ -210,13 +205,6 @@ def measure_peaks(runner, workloads):
             if contender.in_memory:
                 output = runner.run("--peak", f"--only={contender.name}")
                 contender.peak = int(output.split("\t")[1])
-
-
-def in_words(nanoseconds):
-    for limit, divisor, unit in ((1e3, 1, "ns"), (1e6, 1e3, "us"), (1e9, 1e6, "ms")):
-        if nanoseconds < limit:
-            return f"{nanoseconds / divisor:.3g} {unit}"
-    return f"{nanoseconds / 1e9:.3g} s"
 
 
 def table(header, rows):
@@ -490,6 +478,10 @@ def parse():
                         help="one short round, without the longest workloads; takes a minute")
     parser.add_argument("--growth", action="store_true",
                         help="measure only how the cost grows with the size; results in growth.md and growth.json")
+    parser.add_argument("--document", action="store_true",
+                        help="measure everything, then write the tables and pictures of docs/performance.md")
+    parser.add_argument("--last", action="store_true",
+                        help="with --document: measure nothing, write the last results")
     parser.add_argument("--list", action="store_true", help="list the contenders")
     parser.add_argument("--instructions", action="store_true",
                         help="count instructions and compare them with bench/instructions.txt")
@@ -497,8 +489,10 @@ def parse():
     parser.add_argument("--profile", action="store_true",
                         help="with --instructions: print the functions that execute them")
     arguments = parser.parse_args()
+    if arguments.document and (arguments.quick or arguments.filter):
+        parser.error("--document needs the results of all workloads: not with --quick or --filter")
     if arguments.rounds is None:
-        arguments.rounds = 1 if arguments.quick else 5
+        arguments.rounds = 1 if arguments.quick else 3 if arguments.document else 5
     arguments.seconds = 0.001 if arguments.quick else 0.05
     return arguments
 
@@ -514,8 +508,15 @@ def main():
             instructions(runner, arguments)
         elif arguments.growth:
             measure_growth(runner, arguments)
-        else:
+        elif not arguments.last:
             benchmark(runner, arguments)
+            if arguments.document:
+                measure_growth(runner, arguments)
+    if arguments.document:
+        try:
+            document.write(arguments.output)
+        except (OSError, ValueError) as error:
+            fail(f"the document cannot be written: {error}")
 
 
 if __name__ == "__main__":

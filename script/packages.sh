@@ -11,6 +11,8 @@ campaigns="manpages-dev e2fsprogs dosfstools xfsprogs btrfs-progs squashfs-tools
 campaigns="$campaigns python3-html5lib"
 emulated="$tests googletest qemu-user"
 target="$emulated g++-powerpc-linux-gnu"
+benchmarks="$build libbenchmark-dev pkg-config libabsl-dev libboost-filesystem-dev libglib2.0-dev libinih-dev"
+benchmarks="$benchmarks valgrind gnuplot-nox"
 board="$target $tool $artifacts manpages-dev linux-source-6.1 flex bison bc libelf-dev libssl-dev cpio kmod bzip2 xz-utils"
 board="$board qemu-system-ppc qemu-system-data e2fsprogs xfsprogs btrfs-progs dosfstools"
 
@@ -37,7 +39,7 @@ declare -rA packages=(
     [coverage]="$tests clang-19 llvm-19 libclang-rt-19-dev"
     [mutate]="$tests $tool $campaigns python3-clang-19"
     [fuzz]="$tests clang libclang-rt-14-dev"
-    [bench]="$build libbenchmark-dev pkg-config libabsl-dev libboost-filesystem-dev libglib2.0-dev libinih-dev valgrind"
+    [bench]="$benchmarks"
     [browser]="$tests $tool $campaigns chromium nodejs npm fonts-dejavu-core"
     [powerpc]="$target $tool $artifacts python3-kconfiglib"
     [board]="$board"
@@ -53,4 +55,4 @@ declare -rA packages=(
     [size]="cmake ninja-build g++-powerpc-linux-gnu"
     [package]="$build git dpkg-dev fakeroot lintian $tool g++-powerpc-linux-gnu"
 )
-unset build tests tool artifacts campaigns emulated target board
+unset build tests tool artifacts campaigns emulated target benchmarks board
