@@ -154,7 +154,7 @@ set ylabel "CPU time of one call" textcolor rgb "#767676"
 
 
 def series(results, family):
-    """Returns {contender: {size: nanoseconds}} of ours, the floor and the two best others at the largest common size."""
+    """Returns {contender: {size: nanoseconds}} of ours, the floor and the two best others at the largest size of all."""
     sizes = {int(name.split(":")[1]): contenders
              for name, contenders in of_family(results["workloads"], f"growth/{family}:").items()}
     common = max(size for size, contenders in sizes.items() if len(contenders) == max(map(len, sizes.values())))
@@ -172,7 +172,8 @@ def plot(family, curves):
              '"#767676" title "in proportion"']
     for number, ((who, points), colour) in enumerate(zip(curves.items(), COLOURS)):
         lines += [f"$data{number} << EOD", *(f"{size} {cost / 1e9:.6g}" for size, cost in points.items()), "EOD"]
-        plots.append(f'$data{number} with linespoints pointtype 7 pointsize 0.4 linewidth {2 if who == "ours" else 1.2} '
+        width = 2 if who == "ours" else 1.2
+        plots.append(f'$data{number} with linespoints pointtype 7 pointsize 0.4 linewidth {width} '
                      f'linecolor rgb "{colour}" title "{who}"')
     return "\n".join([*lines, "plot " + ", \\\n  ".join(plots), ""])
 

@@ -9,7 +9,6 @@ tmpfs for this run only. The files of copy/disk are below the directory of the r
 """
 
 import argparse
-import collections
 import concurrent.futures
 import datetime
 import json
@@ -24,12 +23,11 @@ import sys
 import tempfile
 import time
 
+import counts
 import document
 from document import in_words, spread
 
 ROOT = pathlib.Path(__file__).resolve().parent.parent
-STORED_COUNTS = ROOT / "bench" / "instructions.txt"
-GROWN = 1.02  # a count that grows by more than this factor is reported
 PROFILED = 0.03  # functions with a smaller share of the instructions are not printed
 OTHER_PARENT = "/var/tmp"
 PRIVATE = "ORV_BENCH_PRIVATE"  # set in the environment if /var/tmp is mounted for this run only
@@ -140,9 +138,10 @@ class Runner:
         for directory in self.directories:
             shutil.rmtree(directory, ignore_errors=True)
 
-    def run(self, *arguments, prefix=()):
+    def run(self, *arguments, prefix=(), environment=None):
         done = subprocess.run(
-            [*prefix, self.program, *arguments], env=self.environment, stdout=subprocess.PIPE, text=True, check=False,
+            [*prefix, f"./{self.program.name}", *arguments], cwd=self.program.parent,
+            env=environment or self.environment, stdout=subprocess.PIPE, text=True, check=False,
             stderr=subprocess.PIPE)
         if done.returncode != 0:
             fail(f"orv_bench {' '.join(arguments)}: status {done.returncode}\n{done.stderr}")
@@ -233,7 +232,8 @@ def summary(workloads):
             workload.name, in_words(statistics.median(workload.ours.nanoseconds)),
             with_mark(statistics.median(to_floor), workload.aim) if to_floor else "",
             "" if workload.aim is None else workload.aim,
-            f"{100 * spread(to_floor or workload.ours.nanoseconds):.1f} %", with_mark(ratio(workload.ours, peer), best_aim) if peer else "",
+            f"{100 * spread(to_floor or workload.ours.nanoseconds):.1f} %",
+            with_mark(ratio(workload.ours, peer), best_aim) if peer else "",
             f"{best_aim:.2f}" if best_aim else "", peer.contender if peer else "", "; ".join(aims)))
     return table(("workload", "ours", "ours/floor", "aim", "spread", "ours/best peer", "aim", "which peer",
                   "named peers (aim)"), rows)
@@ -337,7 +337,8 @@ def check_and_measure(runner, workloads, arguments):
 def measure_growth(runner, arguments):
     """Measures the workloads that show how the cost grows: twice, the longest once."""
     workloads = choose(runner, arguments, growing=True)
-    runner.run("--check", f"--filter={exactly([w for w in workloads if not w.ours.heavy])}")
+    if light := [w for w in workloads if not w.ours.heavy]:
+        runner.run("--check", f"--filter={exactly(light)}")
     rounds = min(arguments.rounds, 2)
     measure_all(runner, workloads, rounds, 1, arguments.seconds)
     facts = host(runner)
@@ -361,93 +362,74 @@ def benchmark(runner, arguments):
 # ---- Instruction counts
 
 
-class Dump:
-    """The counts of callgrind for one call: instructions by function, without those of called functions."""
-
-    def __init__(self, text, names):
-        self.name = re.search(r"^desc: Trigger: Client Request: (.*)$", text, re.MULTILINE).group(1)
-        self.functions = collections.Counter()
-        function = None
-        of_a_call = False  # the next figure counts a called function, which has its own entry
-        for line in text.splitlines():
-            if match := re.match(r"c?fn=\((\d+)\)(?: (.*))?$", line):
-                if match.group(2):
-                    names[match.group(1)] = match.group(2)
-                if line.startswith("fn"):
-                    function = match.group(1)
-            elif line.startswith("calls="):
-                of_a_call = True
-            elif match := re.match(r"(?:[+-]?\d+|\*) (\d+)$", line):
-                if not of_a_call:
-                    self.functions[function] += int(match.group(1))
-                of_a_call = False
-        self.total = sum(self.functions.values())
-
-
-def count_instructions(runner, pattern, directory):
-    """Returns the dumps by contender, and the names of functions; only the first dump with a function names it."""
-    directory.mkdir(parents=True, exist_ok=True)
-    for old in directory.glob("callgrind.out*"):
-        old.unlink()
-    runner.run("--count", f"--filter={pattern}",
+def count_contender(runner, contender, directory):
+    """Counts one contender in a process of its own, whose heap and stack are always the same before the call."""
+    output = directory / ("callgrind.out." + re.sub(r"\W", "_", contender.name))
+    environment = {**counts.ENVIRONMENT, **{name: value for name, value in runner.environment.items()
+                                            if name in ("ORV_BENCH_DIR", "ORV_BENCH_OTHER_DIR")}}
+    runner.run("--count", f"--only={contender.name}", environment=environment,
                prefix=("valgrind", "--quiet", "--tool=callgrind", "--instr-atstart=no",
-                       f"--callgrind-out-file={directory}/callgrind.out"))
-    names = {}
-    files = sorted(directory.glob("callgrind.out.*"), key=lambda file: int(file.suffix[1:]))
-    texts = [file.read_text() for file in files]
-    dumps = [Dump(text, names) for text in texts if "Client Request: " in text]
-    return {dump.name: dump for dump in dumps}, names
+                       f"--callgrind-out-file={output}"))
+    return counts.from_callgrind(output.with_name(output.name + ".1").read_text())
 
 
-def print_profile(dump, names):
-    print(f"\n{dump.name}: {dump.total}")
-    for function, count in dump.functions.most_common():
-        if count < PROFILED * dump.total:
-            break
-        name = re.sub(r"std::(__cxx11::)?basic_string<char, std::char_traits<char>, std::allocator<char> ?>", "string",
-                      names[function])
-        print(f"  {100 * count / dump.total:4.1f} %  {name[:100]}")
+def count_all(runner, contenders, arguments):
+    """Returns {name of a contender: its count}. Two processes count, each in directories of its own."""
+    directory = arguments.output / "callgrind"
+    shutil.rmtree(directory, ignore_errors=True)
+    directory.mkdir()
+    with Runner(arguments.program, arguments.output) as other, concurrent.futures.ThreadPoolExecutor() as pool:
+        halves = [(runner, contenders[::2]), (other, contenders[1::2])]
+        found = pool.map(lambda half: {c.name: count_contender(half[0], c, directory) for c in half[1]}, halves)
+        return {name: count for half in found for name, count in half.items()}
 
 
-def stored_counts():
-    lines = STORED_COUNTS.read_text().splitlines() if STORED_COUNTS.exists() else []
-    return {name: int(count) for name, count in (line.split() for line in lines if not line.startswith("#"))}
+def is_counted(workload, quick):
+    """On a disk, a copy executes the same instructions. The quick form leaves out what takes seconds."""
+    slow = r"^list/(?!plain).*:10000$|:200000$|:64MiB$|^publish/rows:50000$"
+    return (not workload.ours.heavy and not workload.name.startswith("copy/disk:")
+            and not (quick and re.search(slow, workload.name)))
 
 
-def store_counts(counts, facts):
-    header = ["# Instructions of one call of each workload, counted by callgrind; written by script/bench --instructions",
-              f"# --store. {facts['compiler']}, {facts['system']}"]
-    STORED_COUNTS.write_text("\n".join(header + [f"{name} {count}" for name, count in counts.items()]) + "\n")
-    print(f"{STORED_COUNTS} holds {len(counts)} figures.")
+def print_profile(name, count):
+    print(f"\n{name}: {count.total}")
+    for function, instructions in count.functions.most_common():
+        if instructions >= PROFILED * count.total:
+            print(f"  {100 * instructions / count.total:4.1f} %  {function}")
 
 
 def instructions(runner, arguments):
-    workloads = choose(runner, arguments)
-    dumps, names = count_instructions(runner, exactly(workloads), arguments.output / "callgrind")
-    stored = stored_counts()
-    counts = {}
+    workloads = [w for w in choose(runner, arguments) if is_counted(w, arguments.quick)]
+    contenders = [c for w in workloads for c in (w.ours, None if arguments.quick else w.floor) if c]
+    counted = count_all(runner, contenders, arguments)
+    stored, made_by = counts.from_text(arguments.stored.read_text()) if arguments.stored.exists() else ({}, "")
+    # What has grown is counted again: the names of temporary files are random, and few of them take more instructions.
+    grown = [w.ours for w in workloads if counts.problems(stored, {w.name: counted[w.ours.name]}) and w.name in stored]
+    for name, again in count_all(runner, grown, arguments).items():
+        counted[name] = min(counted[name], again, key=lambda count: count.total)
     rows = []
-    grown = []
-    for name in (w.name for w in workloads if w.ours.name in dumps):
-        count = counts[name] = dumps[name + "/ours"].total
-        floor = dumps.get(name + "/floor")
-        before = stored.get(name)
-        change = "new" if before is None else f"{100 * (count / before - 1):+.1f} %"
-        rows.append((name, count, f"{count / floor.total:.2f}" if floor else "", before or "", change))
-        if before is not None and count > before * GROWN:
-            grown.append(name)
+    for workload in workloads:
+        count = counted[workload.ours.name].total
+        floor = counted.get(workload.floor.name) if workload.floor else None
+        before = stored.get(workload.name)
+        change = f"{100 * (count / before.total - 1):+.1f} %" if before else "new"
+        rows.append((workload.name, count, f"{count / floor.total:.2f}" if floor else "",
+                     before.total if before else "", change))
     print(table(("workload", "instructions", "ours/floor", "stored", "change"), rows))
-    left_out = [w.name for w in workloads if w.name not in counts]
-    if left_out:
-        print("Not counted, because they take too long: " + ", ".join(left_out))
     if arguments.profile:
-        for dump in dumps.values():
-            print_profile(dump, names)
+        for name, count in sorted(counted.items()):
+            print_profile(name, count)
+    now = {w.name: counted[w.ours.name] for w in workloads}
     if arguments.store:
-        store_counts({**stored, **counts}, host(runner))
+        everything = now if not arguments.filter else {**stored, **now}
+        arguments.stored.write_text(counts.to_text(everything, counts.tools()))
+        print(f"{arguments.stored} holds the counts of {len(everything)} calls.")
+    elif reason := counts.why_not_comparable(made_by, counts.tools()):
+        print("Not compared: " + reason)
+    elif found := counts.problems(stored, now):
+        sys.exit("\n".join(found))
     else:
-        print("Grown: " + (", ".join(grown) if grown else "none"))
-        sys.exit(1 if grown else 0)
+        print(f"None of the {len(now)} calls has grown by more than {100 * (counts.GROWN - 1):.0f} %.")
 
 
 # ---- The command line
@@ -485,10 +467,16 @@ def parse():
     parser.add_argument("--list", action="store_true", help="list the contenders")
     parser.add_argument("--instructions", action="store_true",
                         help="count instructions and compare them with bench/instructions.txt")
+    parser.add_argument("--stored", default=counts.STORED, type=pathlib.Path, metavar="FILE",
+                        help="with --instructions: another file with stored counts")
     parser.add_argument("--store", action="store_true", help="with --instructions: write that file")
     parser.add_argument("--profile", action="store_true",
                         help="with --instructions: print the functions that execute them")
     arguments = parser.parse_args()
+    if arguments.store and arguments.quick:
+        parser.error("--store counts all calls: not with --quick")
+    arguments.program = arguments.program.resolve()
+    arguments.output = arguments.output.resolve()
     if arguments.document and (arguments.quick or arguments.filter):
         parser.error("--document needs the results of all workloads: not with --quick or --filter")
     if arguments.rounds is None:
