@@ -158,7 +158,7 @@ class Runner:
 
     def filesystems(self):
         return [f"{kind} {place}" for kind, place in zip(
-            (subprocess.check_output(["findmnt", "-n", "-o", "FSTYPE", "-T", d], text=True).strip()
+            (subprocess.check_output(["findmnt", "-n", "-o", "FSTYPE", "-T", d], text=True).split()[-1]
              for d in self.directories),
             ("in /dev/shm", f"in {OTHER_PARENT}", "for copy/disk"))]
 
