@@ -279,13 +279,13 @@ bool CopyAndRename(const Copy& files)
 
 void AddCopy(const std::string& name, std::size_t bytes, const std::string& (*parent)() = WorkDir)
 {
-    constexpr std::size_t kStreamBlockBytes = BUFSIZ - 1;  // the size of a read of a file stream
+    constexpr std::size_t kReadBytes = 65536;  // of the input stream of CopyFile
 
     const Workload workload = {name, static_cast<double>(bytes), "byte"};
     const auto make = [bytes, parent] { return Copy(bytes, parent()); };
     Add(workload, "ours", make, [](const Copy& files) { return orv_fileutils::CopyFile(files.from, files.to) == 0; });
-    Add(workload, "floor", make, [](const Copy& files) { return CopyFileBy(files, CopyByBlocks<kStreamBlockBytes>); });
-    Add(workload, "blocks of 64 KiB", make, [](const Copy& files) { return CopyFileBy(files, CopyByBlocks<65536>); });
+    Add(workload, "floor", make, [](const Copy& files) { return CopyFileBy(files, CopyByBlocks<kReadBytes>); });
+    Add(workload, "blocks of 8 KiB", make, [](const Copy& files) { return CopyFileBy(files, CopyByBlocks<8192>); });
     Add(workload, "sendfile(2)", make, [](const Copy& files) { return CopyFileBy(files, CopyBySendfile); });
     Add(workload, "sendfile(2), rename(2)", make, CopyAndRename);
     Add(workload, "orv_safe, not durable", make,
