@@ -205,7 +205,7 @@ bool RenameFileAcrossFs(const std::string& source, const std::string& destinatio
 
 int CopyFile(const std::string& source, const std::string& destination)
 {
-    const std::size_t kBufferBytes = (1U << 16U) + 1;  // a stream reads one byte less: 64 KiB, which are whole pages
+    const std::size_t kBufferBytes = 65537;  // a stream reads one byte less: 64 KiB, which are whole pages
 
     const int kCopied = 0;
     const int kNoSource = -1;

@@ -409,6 +409,21 @@ TEST_F(DirListTest, NamesThatAllBeginAlikeAreSorted)
     EXPECT_THAT(names_, ElementsAreArray(names));
 }
 
+TEST_F(DirListTest, ManyNamesOfTwoBeginningsAreSorted)
+{
+    std::vector<std::string> names;
+    for (int i = 100; i < 200; ++i) {
+        names.push_back("beginning " + std::to_string(i));
+        names.push_back("the other " + std::to_string(i));
+    }
+    WriteAll(names);
+    std::sort(names.begin(), names.end());
+
+    EXPECT_TRUE(List(dir_.Path()));
+
+    EXPECT_THAT(names_, ElementsAreArray(names));
+}
+
 TEST_F(DirListTest, OldElementsWithANulOrAMegabyteAreSortedIn)
 {
     using std::string_literals::operator""s;
