@@ -26,10 +26,11 @@ RUNTIME = re.compile(
     r"|mem(chr|cmp|cpy|move|set)|str(cmp|len)|abort|__libc_single_threaded"
 )
 RUNTIME_LIBRARIES = re.compile(r"lib(stdc\+\+|gcc_s|c|m)\.so\.\d+|ld.*\.so\.\d+")
-# Objects in writable sections that every shared library has.
+# Objects in writable sections that every shared library has, and the tables of classes (_ZTI, _ZTV), which are constant
+# once the loader has written the addresses into them.
 COMPILERS_OBJECTS = re.compile(
     r"completed\.\d+|__dso_handle|__TMC_END__|DW\.ref\.__gxx_personality_v0|_DYNAMIC|_GLOBAL_OFFSET_TABLE_|_SDA_BASE_"
-    r"|__frame_dummy_init_array_entry|__do_global_dtors_aux_fini_array_entry"
+    r"|__frame_dummy_init_array_entry|__do_global_dtors_aux_fini_array_entry|_ZT[IV].*"
 )
 # What readelf prints for the processor that CMake names.
 MACHINES = {
