@@ -545,7 +545,7 @@ void AddCopies(std::vector<Scenario>& scenarios, const TempDir& disk, const Temp
     const std::string source = disk / "source";
     const std::string target = disk / "target";
     const std::string copy = memory / "copy";
-    for (const std::size_t bytes : {0U, 1U, 4096U, 8191U, 8192U, 20000U}) {
+    for (const std::size_t bytes : {0U, 1U, 4096U, 65536U, 65537U, 140000U}) {
         scenarios.push_back(Copy(std::to_string(bytes) + ", new", source, copy, BytesOfLength(bytes),
                                  [=] { WriteFile(source, BytesOfLength(bytes)); }));
         scenarios.push_back(

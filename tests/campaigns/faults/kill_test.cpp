@@ -516,7 +516,7 @@ TEST_F(KillCopyTest, ACopyKilledAtAnyCallLeavesPartOfTheFileAndTheSourceAndCanBe
     const ScopedMask mask(kMask);
     const std::string shortOne = kOld;
     const std::string longOne(100000, 'o');
-    for (const std::size_t bytes : {0U, 1U, 4095U, 8191U, 8192U, 100000U}) {
+    for (const std::size_t bytes : {0U, 1U, 4096U, 65536U, 65537U, 300000U}) {
         for (const std::string* const old : {static_cast<const std::string*>(nullptr), &shortOne, &longOne}) {
             SCOPED_TRACE(bytes);
             KillCopies(BytesOfLength(bytes), old);
