@@ -686,7 +686,8 @@ public:
         if (!std::getline(entry_, name_, delimiter)) {
             return false;
         }
-        const std::size_t valueStart = std::min(name_.size() + 1, line.size());  // the end if there is no delimiter
+        // Without a delimiter, the name is the whole line, and the value is empty.
+        const std::size_t valueStart = std::min(name_.size() + 1, line.size());
         value_.assign(line, valueStart, std::string::npos);
         LxStringUtils::Trim(name_);
         if (!value_.empty()) {

@@ -383,7 +383,7 @@ class QuickBoardTest(unittest.TestCase):
         for name, config in (("kernel", "kernel.config"), ("busybox", "busybox.config")):
             text = (TOP / "board" / config).read_bytes() + b"gcc 12\n6.1.1"
             (made / f"{name}-{hashlib.sha256(text).hexdigest()[:16]}").mkdir()
-        self.assertEqual((1, ""), self.call("script/board", "kept"), "a folder is no kernel")
+        self.assertEqual((1, ""), self.call("script/board", "kept"), "a folder is not a kernel")
         kernel = next(made.glob("kernel-*"))
         kernel.rmdir()
         kernel.touch()
